@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+// Time: "now", sleeping and bounded waits. Every wait of the program goes through here, so that tests can put a
+// hand-driven clock in place and pass a 300-second wait in no time.
+#pragma once
+
+#include <ctime>
+
+namespace mirador {
+
+// Seconds since the epoch.
+std::time_t clock_now();
+
+// Sleeps for whole seconds; an interrupted sleep resumes with the time that remains.
+void clock_sleep(unsigned seconds);
+
+// A clock that a test drives: while one lives, clock_now() reads it and clock_sleep() moves it forward at once. One at
+// a time; construct and destroy it on the test's main thread.
+class manual_clock_t {
+  public:
+    explicit manual_clock_t(std::time_t now);
+    ~manual_clock_t();
+    manual_clock_t(const manual_clock_t&) = delete;
+    manual_clock_t& operator=(const manual_clock_t&) = delete;
+
+    void advance(std::time_t seconds);
+    // Seconds that clock_sleep() was asked for since construction.
+    std::time_t slept() const;
+};
+
+}  // namespace mirador

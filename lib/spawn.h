@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+// Child processes: start with optional pipes, bounded wait, liveness, kill. The command line joined with blanks is the
+// text of every error. Any thread may start and wait for children; each waits for its own only.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "lib/errdesc.h"
+
+namespace mirador {
+
+enum spawn_flags_t : unsigned {
+    SPAWN_PIPE_FROM_CHILD = 2,  // *out_fd becomes the read end of the child's standard output
+    SPAWN_PIPE_TO_CHILD = 4,    // *in_fd becomes the write end of the child's standard input
+    SPAWN_WAIT = 8,             // wait for the child with the time limit given
+    SPAWN_NO_STDERR = 32,       // the child closes its standard error
+    SPAWN_CALLER_FDS = 64,      // *out_fd and *in_fd become the child's standard output and input and are closed here
+};
+
+// The usual time limit of an external tool, in seconds.
+inline constexpr int spawn_tool_timeout = 120;
+
+// Runs argv[0] (a path; no search) with the arguments. `envp` null: the parent's environment. Errors: errno with the
+// command line; with SPAWN_WAIT those of spawn_wait. A program that cannot be run exits with errno as its status.
+[[nodiscard]] errdesc_t* spawn_env(const std::vector<std::string>& argv, unsigned flags, int* out_fd, int* in_fd,
+                                   pid_t* pid, int timeout_s, const std::vector<std::string>* envp);
+[[nodiscard]] errdesc_t* spawn(const std::vector<std::string>& argv, unsigned flags, int* out_fd, int* in_fd, pid_t* pid,
+                               int timeout_s);
+
+// Runs a tool and waits for its end, `timeout_s` seconds at most.
+[[nodiscard]] errdesc_t* spawn_tool(const std::vector<std::string>& argv, int timeout_s = spawn_tool_timeout);
+
+// Waits for `pid`, looking once a second. Errors: the conversion of its exit status (errdesc_exit_status), errno of the
+// wait, or ETIME (62) after `timeout_s` seconds, when it is killed and reaped if that is possible at once. A time limit
+// of 0 blocks until the child ends and then reports ETIME as well, so callers pass a positive one. `options` are
+// waitpid's, added to the poll.
+[[nodiscard]] errdesc_t* spawn_wait(pid_t pid, int options, const std::string& text, int timeout_s);
+
+// Whether `pid` is a child that has not exited; leaves an exited child to be reaped.
+bool spawn_is_alive(pid_t pid);
+
+// Sends a signal; always reports success.
+errdesc_t* spawn_kill(pid_t pid, int signal);
+
+// Part of the interface, not usable: calling either is a fatal assertion.
+[[noreturn]] void spawn_write();
+[[noreturn]] void spawn_read();
+
+}  // namespace mirador
