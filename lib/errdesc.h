@@ -57,12 +57,12 @@ enum errdesc_status_t : std::uint32_t {
 enum : int { ERRDESC_ERROR = 3, ERRDESC_WARNING = 4, ERRDESC_NOTICE = 5, ERRDESC_INFO = 6, ERRDESC_DEBUG = 7 };
 
 struct errdesc_t {
-    pthread_t tid;           // the thread that raised it
-    timeval timestamp;       // wall clock at raising
-    std::uint32_t status;    // errdesc_status_t bits
-    char hostname[1024];     // this machine's name at raising
-    errnum_t number;         //
-    char string[1024];       // the message
+    pthread_t tid;             // the thread that raised it
+    timeval timestamp;         // wall clock at raising
+    std::uint32_t status;      // errdesc_status_t bits
+    char hostname[1024];       // this machine's name at raising
+    errnum_t number;           //
+    char string[1024];         // the message
     std::uint32_t linenumber;  // where it was raised
     char filename[4096];
     std::uint64_t sequence;  // errors raised on this thread so far
@@ -90,8 +90,8 @@ errdesc_t* _errdesc_exit_status(int status, const std::string& str, unsigned lin
 // where it publishes nothing, `number` with `path`; with an empty path `number` alone.
 errdesc_t* _errdesc_set_extended_err(errnum_t number, const std::string& path, unsigned line, const char* file);
 
-// Writes "<time>: <LEVEL> [thread:…, where:<file>:<line>, error:<number>] <text>" to a stream, to standard output, or to
-// standard output and the system log. Levels are the ERRDESC_* priorities. Marks the descriptor printed (logged).
+// Writes "<time>: <LEVEL> [thread:…, where:<file>:<line>, error:<number>] <text>" to a stream, to standard output, or
+// to standard output and the system log. Levels are the ERRDESC_* priorities. Marks the descriptor printed (logged).
 void _errdesc_fprint(std::FILE* stream, errdesc_t* e, int level);
 void _errdesc_print(errdesc_t* e, int level);
 void _errdesc_log(errdesc_t* e, int level);
@@ -105,12 +105,11 @@ errdesc_t* _errdesc_copy_to_thr(const errdesc_t* e);
 #define errdesc_set_str(number, str) ::mirador::_errdesc_set_str(number, str, __LINE__, __FILE__)
 #define errdesc_set_fmt(number, ...) ::mirador::_errdesc_set_fmt(number, __LINE__, __FILE__, __VA_ARGS__)
 #define errdesc_exit_status(status, str) ::mirador::_errdesc_exit_status(status, str, __LINE__, __FILE__)
-#define errdesc_set_extended_err(number, path) \
-    ::mirador::_errdesc_set_extended_err(number, path, __LINE__, __FILE__)
+#define errdesc_set_extended_err(number, path) ::mirador::_errdesc_set_extended_err(number, path, __LINE__, __FILE__)
 
 // Passes an error of `call` up to the caller.
-#define RETURN_IF_ERROR(call)                        \
-    do {                                             \
-        if (::mirador::errdesc_t* _raised = (call))  \
-            return _raised;                          \
+#define RETURN_IF_ERROR(call)                       \
+    do {                                            \
+        if (::mirador::errdesc_t* _raised = (call)) \
+            return _raised;                         \
     } while (false)

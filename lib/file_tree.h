@@ -14,9 +14,9 @@ namespace mirador {
 // meanwhile; one mutex keeps concurrent calls from mixing their masks). 0, also when it exists; -1 with errno.
 [[nodiscard]] int mkdirp(const std::string& path, mode_t mode);
 
-// Removes a tree; a missing `path` is success. Names that begin with two dots are left in place, and then the last step,
-// removing `path` itself, fails, which is printed and not reported. Errors (also logged at level 3): errno with `path`
-// when it cannot be opened, "rmdirr(…): unlink(…) failed: …" for an entry; the first one stops the removal.
+// Removes a tree; a missing `path` is success. Names that begin with two dots are left in place, and then the last
+// step, removing `path` itself, fails, which is printed and not reported. Errors (also logged at level 3): errno with
+// `path` when it cannot be opened, "rmdirr(…): unlink(…) failed: …" for an entry; the first one stops the removal.
 [[nodiscard]] errdesc_t* rmdirr(const std::string& path);
 
 }  // namespace mirador

@@ -27,8 +27,8 @@ inline constexpr int spawn_tool_timeout = 120;
 // command line; with SPAWN_WAIT those of spawn_wait. A program that cannot be run exits with errno as its status.
 [[nodiscard]] errdesc_t* spawn_env(const std::vector<std::string>& argv, unsigned flags, int* out_fd, int* in_fd,
                                    pid_t* pid, int timeout_s, const std::vector<std::string>* envp);
-[[nodiscard]] errdesc_t* spawn(const std::vector<std::string>& argv, unsigned flags, int* out_fd, int* in_fd, pid_t* pid,
-                               int timeout_s);
+[[nodiscard]] errdesc_t* spawn(const std::vector<std::string>& argv, unsigned flags, int* out_fd, int* in_fd,
+                               pid_t* pid, int timeout_s);
 
 // Runs a tool and waits for its end, `timeout_s` seconds at most.
 [[nodiscard]] errdesc_t* spawn_tool(const std::vector<std::string>& argv, int timeout_s = spawn_tool_timeout);
