@@ -194,4 +194,13 @@ errdesc_t* _errdesc_copy_to_thr(const errdesc_t* e) {
     return own;
 }
 
+errdesc_keeper_t::errdesc_keeper_t() : kept_(std::make_unique<errdesc_t>(*thread_descriptor())) {}
+
+errdesc_keeper_t::~errdesc_keeper_t() {
+    errdesc_t* own = thread_descriptor();
+    const std::uint64_t sequence = own->sequence;
+    *own = *kept_;
+    own->sequence = sequence;
+}
+
 }  // namespace mirador

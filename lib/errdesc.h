@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 
 #include "lib/stacktrace.h"
@@ -98,6 +99,19 @@ void _errdesc_log(errdesc_t* e, int level);
 
 // Copies a whole descriptor, place and time included, over the calling thread's and returns that.
 errdesc_t* _errdesc_copy_to_thr(const errdesc_t* e);
+
+// While one lives, errors may be raised and logged on the way (by clean-up, say); at its end the calling thread's
+// descriptor is again what it was, but for `sequence`, which goes on counting.
+class errdesc_keeper_t {
+  public:
+    errdesc_keeper_t();
+    ~errdesc_keeper_t();
+    errdesc_keeper_t(const errdesc_keeper_t&) = delete;
+    errdesc_keeper_t& operator=(const errdesc_keeper_t&) = delete;
+
+  private:
+    std::unique_ptr<const errdesc_t> kept_;
+};
 
 }  // namespace mirador
 
