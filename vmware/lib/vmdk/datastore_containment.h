@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: Apache-2.0
+// Which files a descriptor on a datastore may name: regular files on some datastore, and nothing else of this machine.
+//
+// Paths are compared resolved, because mount roots, datastore names and files may all be symbolic links. A file lies
+// on a datastore when it resolves below a directory that one of the mount roots (datastore_mount_points) lists.
+#pragma once
+
+#include <string>
+
+#include "lib/errdesc.h"
+
+namespace mirador {
+
+// Whether the path is below a mount root by name, or resolves onto a datastore.
+bool is_on_datastore(const std::string& path);
+
+// Asks that `path`, named by the descriptor `descriptor` (or that descriptor itself), is a regular file on a datastore.
+// A descriptor that lies on no datastore may name any file: nothing is asked then.
+// Errors: errno with the path when it cannot be resolved; EINVAL "%s is outside every datastore and is refused" or
+// "%s is not a regular file and is refused".
+[[nodiscard]] errdesc_t* datastore_check_contained(const std::string& descriptor, const std::string& path);
+
+}  // namespace mirador
