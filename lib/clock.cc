@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 
 #include "lib/cor_assert.h"
 
@@ -13,10 +14,24 @@ std::atomic<bool> _manual = false;
 std::atomic<std::time_t> _manual_now = 0;
 std::atomic<std::time_t> _manual_slept = 0;
 
+constexpr std::int64_t second_ns = 1'000'000'000;
+
+std::atomic<std::int64_t> _factor = 1;
+std::atomic<std::int64_t> _fast_since_ns = 0;
+
+std::int64_t machine_now_ns() {
+    timespec now{};
+    cor_assert(clock_gettime(CLOCK_REALTIME, &now) == 0);
+    return now.tv_sec * second_ns + now.tv_nsec;
+}
+
 }  // namespace
 
 std::time_t clock_now() {
-    return _manual ? _manual_now.load() : std::time(nullptr);
+    if (_manual)
+        return _manual_now;
+    const std::int64_t now_ns = machine_now_ns();
+    return (now_ns + (_factor - 1) * (now_ns - _fast_since_ns)) / second_ns;
 }
 
 void clock_sleep(unsigned seconds) {
@@ -25,13 +40,14 @@ void clock_sleep(unsigned seconds) {
         _manual_slept += seconds;
         return;
     }
-    timespec rest{static_cast<std::time_t>(seconds), 0};
+    const std::int64_t rest_ns = seconds * second_ns / _factor;
+    timespec rest{rest_ns / second_ns, rest_ns % second_ns};
     while (nanosleep(&rest, &rest) != 0)
         cor_assert(errno == EINTR);
 }
 
 manual_clock_t::manual_clock_t(std::time_t now) {
-    cor_assert(!_manual);
+    cor_assert(!_manual && _factor == 1);
     _manual_now = now;
     _manual_slept = 0;
     _manual = true;
@@ -47,6 +63,17 @@ void manual_clock_t::advance(std::time_t seconds) {
 
 std::time_t manual_clock_t::slept() const {
     return _manual_slept;
+}
+
+fast_clock_t::fast_clock_t(unsigned factor) {
+    cor_assert(factor >= 1);
+    cor_assert(!_manual && _factor == 1);
+    _fast_since_ns = machine_now_ns();
+    _factor = factor;
+}
+
+fast_clock_t::~fast_clock_t() {
+    _factor = 1;
 }
 
 }  // namespace mirador

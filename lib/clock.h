@@ -27,4 +27,14 @@ class manual_clock_t {
     std::time_t slept() const;
 };
 
+// Runs the clock `factor` (at least 1) times as fast as the machine's while one lives: for tests whose waits are for
+// something real, a child process say, which a manual clock would outrun. One at a time, not beside a manual clock.
+class fast_clock_t {
+  public:
+    explicit fast_clock_t(unsigned factor);
+    ~fast_clock_t();
+    fast_clock_t(const fast_clock_t&) = delete;
+    fast_clock_t& operator=(const fast_clock_t&) = delete;
+};
+
 }  // namespace mirador
