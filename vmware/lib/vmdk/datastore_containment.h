@@ -16,8 +16,8 @@ bool is_on_datastore(const std::string& path);
 
 // Asks that `path`, named by the descriptor `descriptor` (or that descriptor itself), is a regular file on a datastore.
 // A descriptor that lies on no datastore may name any file: nothing is asked then.
-// Errors: errno with the path when it cannot be resolved; EINVAL "%s is outside every datastore and is refused" or
-// "%s is not a regular file and is refused".
+// Errors: errno with the path when it cannot be resolved; EINVAL "Refused, outside every datastore: %s" or
+// "Refused, not a regular file: %s".
 [[nodiscard]] errdesc_t* datastore_check_contained(const std::string& descriptor, const std::string& path);
 
 }  // namespace mirador
