@@ -21,6 +21,8 @@ struct tool_paths_t {
 
     // Files and directories.
     std::string mount_table = "/etc/mtab";
+    std::string mount_info = "/proc/self/mountinfo";
+    std::string fuse_connections = "/sys/fs/fuse/connections";
     std::string tmp_dir = "/tmp";
     std::string cache_dir = "/var/corvantis/vm_proxy_cache";
     std::string lock_file = "/run/mirador.lock";

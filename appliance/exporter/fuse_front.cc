@@ -1,0 +1,250 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "appliance/exporter/fuse_front.h"
+
+#define FUSE_USE_VERSION 26
+#include <dirent.h>
+#include <fcntl.h>
+#include <fuse.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "appliance/exporter/call_tracker.h"
+#include "appliance/exporter/controller_thr.h"
+#include "appliance/exporter/options.h"
+#include "appliance/exporter/vm_proxy_api.h"
+#include "appliance/exporter/vm_proxy_attr.h"
+#include "appliance/exporter/vm_proxy_read.h"
+#include "appliance/lib/registry.h"
+#include "lib/cor_string.h"
+#include "lib/error_hash.h"
+#include "lib/log.h"
+
+namespace mirador {
+namespace {
+
+constexpr int call_level = 2;   // debug level of the line for each call
+constexpr int entry_level = 3;  // and of the line for each directory entry
+constexpr const char* lock_file_name = ".corvantis.lck";
+
+call_tracker_t _getattr_tracker("mirador_getattr", "opened", "INITIAL GETATTR");
+call_tracker_t _open_tracker("mirador_open", "opened", "INITIAL OPEN");
+call_tracker_t _close_tracker("mirador_release", "closed", "INITIAL CLOSE");
+
+// The debug level above which calls in a row are counted and failed look-ups are logged.
+bool tracks_calls() {
+    return get_reg_settings()->debug_level > 1;
+}
+
+// The shadow path of an exported path. A result that does not fit a path buffer is a fatal assertion.
+std::string translate_path(const char* path) {
+    const char* rest = path[0] == '/' ? path + 1 : path;
+    return cor_format_path("%s/%s", cnt_thr_namespaceroot().c_str(), rest[0] == '\0' ? "." : rest);
+}
+
+// Names that desktop file browsers probe for in every directory.
+bool is_hidden(std::string_view path) {
+    for (const std::string_view name : {"folder.jpg", "folder.gif", "Thumbs.db", "desktop.ini"})
+        if (path.find(name) != std::string_view::npos)
+            return true;
+    return false;
+}
+
+// Logs an error, remembers it for the path and gives FUSE's reply.
+int reply_error(const char* path, errdesc_t* e) {
+    const int number = e->number;
+    error_hash_save(path, e);
+    _errdesc_log(e, ERRDESC_ERROR);
+    return -number;
+}
+
+DIR* handle_dir(const fuse_file_info* fi) {
+    return reinterpret_cast<DIR*>(fi->fh);
+}
+
+fuse_fh_t* handle_file(const fuse_file_info* fi) {
+    return reinterpret_cast<fuse_fh_t*>(fi->fh);
+}
+
+const void* as_pointer(const void* p) {
+    return p;
+}
+
+int mirador_getattr(const char* path, struct stat* st) {
+    if (is_hidden(path))
+        return -ENOENT;
+    ts_dprintf(call_level, "mirador_getattr(path %s, st_data %p)\n", path, as_pointer(st));
+    if (tracks_calls())
+        _getattr_tracker.track(path);
+    errdesc_t* e = vm_proxy_getattr(path, translate_path(path), st);
+    if (e == nullptr)
+        return 0;
+    const int number = e->number;
+    error_hash_save(path, e);
+    if (tracks_calls())
+        _errdesc_log(e, ERRDESC_ERROR);
+    return -number;
+}
+
+int mirador_getxattr(const char* path, const char* name, char* value, std::size_t size) {
+    ts_dprintf(call_level, "mirador_getxattr(path %s, name %s, size %zd)\n", path, name, static_cast<ssize_t>(size));
+    errdesc_t* e = vm_proxy_getxattr(path, translate_path(path), name, value, &size);
+    if (e == nullptr)
+        return static_cast<int>(size);
+    _errdesc_log(e, ERRDESC_ERROR);
+    return -1;
+}
+
+int mirador_setxattr(const char* path, const char* name, const char*, std::size_t size, int flags) {
+    ts_dprintf(call_level, "mirador_setxattr(path %s, name %s, size %zd, flags %d)\n", path, name,
+               static_cast<ssize_t>(size), flags);
+    errdesc_t* e = vm_proxy_setxattr(path, name);
+    if (e == nullptr)
+        return 0;
+    _errdesc_log(e, ERRDESC_ERROR);
+    return -1;
+}
+
+int mirador_opendir(const char* path, fuse_file_info* fi) {
+    ts_dprintf(call_level, "mirador_opendir(path %s, fuse_file_info %p)\n", path, as_pointer(fi));
+    DIR* dir = opendir(translate_path(path).c_str());
+    if (dir == nullptr)
+        return reply_error(path, errdesc_set_str(errno, path));
+    fi->fh = reinterpret_cast<std::uintptr_t>(dir);
+    return 0;
+}
+
+int mirador_releasedir(const char* path, fuse_file_info* fi) {
+    ts_dprintf(call_level, "mirador_releasedir(path %s, fuse_file_info %p)\n", path, as_pointer(fi));
+    DIR* dir = handle_dir(fi);
+    fi->fh = ~std::uint64_t{0};
+    return closedir(dir) == 0 ? 0 : reply_error(path, errdesc_set_str(errno, path));
+}
+
+// Passes one entry to FUSE; one whose attributes cannot be had is left out. False when FUSE takes no more.
+bool fill_entry(const char* path, const char* name, void* buf, fuse_fill_dir_t filler) {
+    const char* directory = path[0] == '/' && path[1] == '\0' ? "" : path;  // one slash in front of the root's entries
+    const std::string entry_path = cor_format("%s/%s", directory, name);
+    struct stat st {};
+    if (errdesc_t* e = vm_proxy_getattr(entry_path, translate_path(entry_path.c_str()), &st)) {
+        _errdesc_log(e, ERRDESC_ERROR);
+        return true;
+    }
+    return filler(buf, name, &st, 0) == 0;
+}
+
+int mirador_readdir(const char* path, void* buf, fuse_fill_dir_t filler, off_t offset, fuse_file_info* fi) {
+    ts_dprintf(call_level, "mirador_readdir(path %s, buf %p, filler %p, offset %jd, fuse_file_info %p)\n", path, buf,
+               reinterpret_cast<void*>(filler), static_cast<std::intmax_t>(offset), as_pointer(fi));
+    DIR* dir = handle_dir(fi);
+    rewinddir(dir);
+    errno = 0;
+    const dirent* entry = readdir(dir);  // NOLINT(concurrency-mt-unsafe): the stream belongs to this handle
+    if (entry == nullptr)
+        return reply_error(path, errdesc_set_str(errno, path));
+    for (; entry != nullptr; entry = readdir(dir)) {  // NOLINT(concurrency-mt-unsafe)
+        ts_dprintf(entry_level, "    mirador_readdir(%s): got %s\n", path, entry->d_name);
+        if (std::string_view(entry->d_name) == lock_file_name)
+            continue;
+        if (!fill_entry(path, entry->d_name, buf, filler))
+            return -ENOMEM;
+    }
+    return 0;
+}
+
+int mirador_open(const char* path, fuse_file_info* fi) {
+    constexpr int writing = O_WRONLY | O_RDWR | O_CREAT | O_EXCL | O_TRUNC | O_APPEND;
+    if (tracks_calls())
+        _open_tracker.track(path);
+    ts_dprintf(call_level, "mirador_open(path %s, fuse_file_info %p)\n", path, as_pointer(fi));
+    if (fs_options().is_readonly != 0 && (fi->flags & writing) != 0)
+        return -EROFS;
+    std::unique_ptr<fuse_fh_t> fh;
+    errdesc_t* e = vm_proxy_open(path, translate_path(path), &fh);
+    if (e != nullptr)
+        _errdesc_log(e, ERRDESC_ERROR);
+    ts_dprintf(call_level, "mirador_open (path %s) completed successfully\n", path);
+    if (e != nullptr)
+        return -EIO;
+    fi->fh = reinterpret_cast<std::uintptr_t>(fh.release());
+    return 0;
+}
+
+int mirador_read(const char* path, char* buf, std::size_t size, off_t offset, fuse_file_info* fi) {
+    std::size_t bytes_read = 0;
+    errdesc_t* e = vm_proxy_read(buf, size, offset, handle_file(fi), &bytes_read);
+    return e == nullptr ? static_cast<int>(bytes_read) : reply_error(path, e);
+}
+
+int mirador_statfs(const char* path, struct statvfs* st) {
+    ts_dprintf(call_level, "mirador_statfs(path %s, st_buf %p)\n", path, as_pointer(st));
+    errdesc_t* e = vm_proxy_statvfs(translate_path(path), st);
+    return e == nullptr ? 0 : reply_error(path, e);
+}
+
+int mirador_release(const char* path, fuse_file_info* fi) {
+    ts_dprintf(call_level, "mirador_release(path %s, fuse_file_info %p)\n", path, as_pointer(fi));
+    if (tracks_calls())
+        _close_tracker.track(path);
+    std::unique_ptr<fuse_fh_t> fh(handle_file(fi));
+    fi->fh = 0;
+    errdesc_t* e = vm_proxy_release(path, std::move(fh));
+    return e == nullptr ? 0 : reply_error(path, e);
+}
+
+fuse_operations mirador_oper() {
+    fuse_operations oper{};
+    oper.getattr = mirador_getattr;
+    oper.open = mirador_open;
+    oper.read = mirador_read;
+    oper.statfs = mirador_statfs;
+    oper.release = mirador_release;
+    oper.setxattr = mirador_setxattr;
+    oper.getxattr = mirador_getxattr;
+    oper.opendir = mirador_opendir;
+    oper.readdir = mirador_readdir;
+    oper.releasedir = mirador_releasedir;
+    return oper;
+}
+
+}  // namespace
+
+bool fuse_wants_foreground(const fuse_args& args) {
+    fuse_args copy = FUSE_ARGS_INIT(0, nullptr);
+    char* mountpoint = nullptr;
+    int multithreaded = 0;
+    int foreground = 0;
+    for (int i = 0; i < args.argc; i++)
+        if (fuse_opt_add_arg(&copy, args.argv[i]) != 0)
+            return false;
+    const bool parsed = fuse_parse_cmdline(&copy, &mountpoint, &multithreaded, &foreground) == 0;
+    std::free(mountpoint);  // NOLINT(cppcoreguidelines-no-malloc): FUSE's allocation
+    fuse_opt_free_args(&copy);
+    return parsed && foreground != 0;
+}
+
+bool fuse_serve(fuse_args* args, const std::function<void()>& on_serving) {
+    static const fuse_operations oper = mirador_oper();
+    char* mountpoint = nullptr;
+    int multithreaded = 0;
+    if (fuse_opt_add_arg(args, "-f") != 0)
+        return false;
+    fuse* handle = fuse_setup(args->argc, args->argv, &oper, sizeof oper, &mountpoint, &multithreaded, nullptr);
+    if (handle == nullptr) {
+        std::fprintf(stderr, "mirador: cannot mount on %s\n", fs_options().proxy_mount_point);
+        return false;
+    }
+    on_serving();
+    if (multithreaded != 0)
+        fuse_loop_mt(handle);
+    else
+        fuse_loop(handle);
+    fuse_teardown(handle, mountpoint);
+    return true;
+}
+
+}  // namespace mirador

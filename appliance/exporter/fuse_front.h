@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+// The FUSE front end: turns file-system calls into calls of the export engine on pairs of exported and shadow path, and
+// their error descriptors into replies. Its source is the only one that knows FUSE. All exported files are read-only.
+//
+// FUSE calls the operations on its worker threads, side by side; the engine does the locking.
+#pragma once
+
+#include <fuse_opt.h>
+
+#include <functional>
+
+namespace mirador {
+
+// Whether the arguments ask FUSE to stay in the foreground or to print its debug output.
+bool fuse_wants_foreground(const fuse_args& args);
+
+// Mounts and serves until the file system is unmounted or a signal ends it; `on_serving` runs once the mount stands.
+// The process must be in the background already if it is to be: no fork happens here. False, with a line on standard
+// error, when the mount fails.
+[[nodiscard]] bool fuse_serve(fuse_args* args, const std::function<void()>& on_serving);
+
+}  // namespace mirador

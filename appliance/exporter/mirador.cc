@@ -1,0 +1,216 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "appliance/exporter/mirador.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "appliance/exporter/controller_thr.h"
+#include "appliance/exporter/crash.h"
+#include "appliance/exporter/daemonize.h"
+#include "appliance/exporter/dm_tool.h"
+#include "appliance/exporter/fuse_front.h"
+#include "appliance/exporter/options.h"
+#include "appliance/exporter/vm_proxy_evict.h"
+#include "lib/cor_assert.h"
+#include "lib/cor_string.h"
+#include "lib/instance_lock.h"
+#include "lib/startup.h"
+#include "lib/tmpfs.h"
+#include "lib/tool_paths.h"
+
+namespace mirador {
+namespace {
+
+struct args_guard_t {
+    fuse_args args;
+    ~args_guard_t() { fuse_opt_free_args(&args); }
+};
+
+// An option's path as it reads from any working directory; the daemon leaves the one it is started in.
+char* absolute_copy(const char* path) {
+    std::error_code failed;
+    const std::filesystem::path absolute = std::filesystem::absolute(path, failed);
+    char* copy = strdup(failed ? path : absolute.c_str());
+    cor_assert(copy != nullptr);
+    return copy;
+}
+
+void make_absolute(char** path) {
+    if (*path == nullptr)
+        return;
+    char* relative = *path;
+    *path = absolute_copy(relative);
+    std::free(relative);
+}
+
+// Makes the mount point absolute in the options and in FUSE's arguments.
+void make_mount_point_absolute(fuse_args* args) {
+    const std::string given = fs_options().proxy_mount_point;
+    make_absolute(&fs_options().proxy_mount_point);
+    for (int i = 1; i < args->argc; i++) {
+        if (given != args->argv[i])
+            continue;
+        std::free(args->argv[i]);
+        args->argv[i] = strdup(fs_options().proxy_mount_point);
+        cor_assert(args->argv[i] != nullptr);
+        return;
+    }
+}
+
+void start_logging(const char* argv0) {
+    cordesc_t desc;
+    desc.name = last_component(argv0);
+    if (fs_options().log_dir != nullptr)
+        desc.logdir = fs_options().log_dir;
+    cor_assert(cor_startup(&desc) == nullptr);
+}
+
+// Answers the options that end the program at once; their order is part of the command line. Returns the exit status.
+int check_options(const char* progname, bool* goes_on) {
+    mirador_options_t& options = fs_options();
+    *goes_on = false;
+    if (options.proxy_mount_point == nullptr) {
+        std::fprintf(stderr, "Mount point must be provided\n");
+        usage(progname);
+        return 1;
+    }
+    if (options.show_version != 0) {
+        std::printf("MIRADOR version %s\n", mirador_version);
+        return 0;
+    }
+    if (options.show_help != 0) {
+        usage(progname);
+        return 0;
+    }
+    if (options.is_readonly == 0) {
+        std::fprintf(stderr, "The ``--writable'' option is not currently supported.\n");
+        return 1;
+    }
+    *goes_on = true;
+    return 0;
+}
+
+void set_tmpfs_mount_point() {
+    mirador_options_t& options = fs_options();
+    if (options.tmpfs_mount_point != nullptr) {
+        make_absolute(&options.tmpfs_mount_point);
+        return;
+    }
+    options.tmpfs_mount_point = strdup(cor_format_path("%s.shadow", options.proxy_mount_point).c_str());
+    cor_assert(options.tmpfs_mount_point != nullptr);
+}
+
+// Whether FUSE can mount here, as far as can be told before; a mount point behind which a daemon died counts, for
+// recovery clears it.
+bool can_mount() {
+    const char* mount_point = fs_options().proxy_mount_point;
+    struct stat st {};
+    const bool stat_failed = stat(mount_point, &st) != 0;
+    if (stat_failed && errno != ENOTCONN) {
+        std::fprintf(stderr, "mirador: %s: %s\n", mount_point, errnum_text(errno).c_str());
+        return false;
+    }
+    if (!stat_failed && !S_ISDIR(st.st_mode)) {
+        std::fprintf(stderr, "mirador: %s: %s\n", mount_point, errnum_text(ENOTDIR).c_str());
+        return false;
+    }
+    if (access(tool_paths().fuse_device.c_str(), R_OK | W_OK) != 0) {
+        std::fprintf(stderr, "mirador: %s: %s\n", tool_paths().fuse_device.c_str(), errnum_text(errno).c_str());
+        return false;
+    }
+    return true;
+}
+
+bool take_instance_lock() {
+    errdesc_t* e = instance_lock_take();
+    if (e != nullptr)
+        std::fprintf(stderr, "mirador: %s\n", e->string);
+    return e == nullptr;
+}
+
+// The shadow tree: a directory of the user's, checked, or a tmpfs of its own.
+bool prepare_tmpfs() {
+    const mirador_options_t& options = fs_options();
+    const char* mount_point = options.tmpfs_mount_point;
+    if (options.use_existing_dir != 0) {
+        const int wanted = R_OK | X_OK | (options.is_readonly == 0 ? W_OK : 0);
+        if (access(cor_format_path("%s/.", mount_point).c_str(), wanted) == 0)
+            return true;
+        std::perror(mount_point);
+        return false;
+    }
+    const char* mount_options = options.tmpfs_mount_options;
+    errdesc_t* e =
+        tmpfs_create(mount_point, mount_options == nullptr ? std::nullopt : std::optional<std::string>(mount_options));
+    if (e == nullptr)
+        return true;
+    const errdesc_t raised = *e;
+    std::printf("tmpfs_create(%s, %s) returned an error\n", mount_point,
+                mount_options == nullptr ? "(null)" : mount_options);
+    _errdesc_print(_errdesc_copy_to_thr(&raised), ERRDESC_ERROR);
+    return false;
+}
+
+bool remove_tmpfs() {
+    if (fs_options().use_existing_dir != 0)
+        return true;
+    errdesc_t* e = tmpfs_remove(fs_options().tmpfs_mount_point);
+    if (e == nullptr)
+        return true;
+    std::printf("tmpfs_remove(%s) returned an error\n", fs_options().tmpfs_mount_point);
+    _errdesc_print(e, ERRDESC_ERROR);
+    return false;
+}
+
+// From recovery to the end; what has been started is stopped in the reverse order.
+int serve(fuse_args* args, background_t* background) {
+    const mirador_options_t& options = fs_options();
+    if (!take_instance_lock())
+        return 1;
+    choose_dmsetup();
+    vm_proxy_crash_recover(options.proxy_mount_point, options.tmpfs_mount_point, options.use_existing_dir != 0);
+    if (!prepare_tmpfs())
+        return 1;
+    cnt_thr_set_up(options.tmpfs_mount_point, options.use_existing_dir != 0);
+    (void)fuse_serve(args, [&] { background->serving(options.log_dir != nullptr); });  // it has told its failure
+    if (!remove_tmpfs())
+        return 1;
+    vm_proxy_release_all();
+    cor_assert(cor_exit() == nullptr);
+    return 0;
+}
+
+}  // namespace
+
+int mirador_main(int argc, char** argv) {
+    args_guard_t guard{FUSE_ARGS_INIT(argc, argv)};
+    if (!mirador_parse_options(&guard.args)) {
+        std::fprintf(stderr, "Invalid arguments\n");
+        usage(argv[0]);
+        return 1;
+    }
+    make_absolute(&fs_options().log_dir);
+    start_logging(argv[0]);
+    bool goes_on = false;
+    const int status = check_options(argv[0], &goes_on);
+    if (!goes_on)
+        return status;
+    make_mount_point_absolute(&guard.args);
+    set_tmpfs_mount_point();
+    if (!can_mount())
+        return 1;
+    background_t background;
+    if (!fuse_wants_foreground(guard.args))
+        if (const std::optional<int> outcome = background.enter())
+            return *outcome;
+    return serve(&guard.args, &background);
+}
+
+}  // namespace mirador

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "appliance/exporter/options.h"
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "lib/cor_assert.h"
+
+namespace mirador {
+namespace {
+
+fuse_opt text_option(const char* templ, unsigned long offset) {
+    return {templ, offset, 0};
+}
+
+fuse_opt flag_option(const char* templ, unsigned long offset, int value) {
+    return {templ, offset, value};
+}
+
+const fuse_opt mirador_opts[] = {
+    text_option("-L %s", offsetof(mirador_options_t, log_dir)),
+    text_option("--log-dir %s", offsetof(mirador_options_t, log_dir)),
+    text_option("-P %s", offsetof(mirador_options_t, tmpfs_mount_point)),
+    text_option("--tmpfs-path=%s", offsetof(mirador_options_t, tmpfs_mount_point)),
+    text_option("-O %s", offsetof(mirador_options_t, tmpfs_mount_options)),
+    text_option("--tmpfs-opts=%s", offsetof(mirador_options_t, tmpfs_mount_options)),
+    flag_option("-W", offsetof(mirador_options_t, is_readonly), 0),
+    flag_option("--writable", offsetof(mirador_options_t, is_readonly), 0),
+    flag_option("-D", offsetof(mirador_options_t, use_existing_dir), 1),
+    flag_option("--use-dir", offsetof(mirador_options_t, use_existing_dir), 1),
+    flag_option("--no-threads", offsetof(mirador_options_t, start_cnt_threads), 0),
+    flag_option("-h", offsetof(mirador_options_t, show_help), 1),
+    flag_option("--help", offsetof(mirador_options_t, show_help), 1),
+    flag_option("-V", offsetof(mirador_options_t, show_version), 1),
+    flag_option("--version", offsetof(mirador_options_t, show_version), 1),
+    FUSE_OPT_END,
+};
+
+// What no template matches: the first plain argument is the mount point, and everything stays FUSE's as well.
+int mirador_parse_opt(void* data, const char* arg, int key, fuse_args* outargs) {
+    constexpr int keep = 1;
+    auto* options = static_cast<mirador_options_t*>(data);
+    switch (key) {
+        case FUSE_OPT_KEY_NONOPT:
+            if (options->proxy_mount_point == nullptr) {
+                options->proxy_mount_point = strdup(arg);
+                cor_assert(options->proxy_mount_point != nullptr);
+            }
+            return keep;
+        case FUSE_OPT_KEY_OPT:
+            return keep;
+        default:
+            std::fprintf(stderr, "Unknown option: %s\n", arg);
+            usage(outargs->argv[0]);
+            std::exit(1);
+    }
+}
+
+}  // namespace
+
+mirador_options_t& fs_options() {
+    static mirador_options_t options{
+        .proxy_mount_point = nullptr,
+        .tmpfs_mount_point = nullptr,
+        .tmpfs_mount_options = nullptr,
+        .log_dir = nullptr,
+        .start_cnt_threads = 1,
+        .is_readonly = 1,
+        .use_existing_dir = 0,
+        .show_help = 0,
+        .show_version = 0,
+    };
+    return options;
+}
+
+bool mirador_parse_options(fuse_args* args) {
+    return fuse_opt_parse(args, &fs_options(), mirador_opts, mirador_parse_opt) == 0;
+}
+
+void usage(const char* progname) {
+    std::printf(
+        "usage: %s [-L log-dir] [-P tmpfs-mount-point] [-O tmpfs-mount-options] [-W] [-D] mountpoint [options]\n\n"
+        "   Exports a newly-created tmpfs file system\n\n"
+        "general options:\n"
+        "   -L log-dir          log directory\n"
+        "   -P path             tmpfs-mount-point (default: \"mountpoint\".shadow)\n"
+        "   --tmpfs-path=path   tmpfs-mount-point (default: \"mountpoint\".shadow)\n"
+        "   -O options          tmpfs-mount-options\n"
+        "   -W --writable       allow write operations\n"
+        "   -D --use-dir        use an existing tmpfs-mount-point\n"
+        "   -o opt,[opt...]     (FUSE) mount options\n"
+        "   -h  --help          print help\n"
+        "   -V  --version       print version\n\n",
+        progname);
+}
+
+}  // namespace mirador

@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "appliance/exporter/vm_proxy_api.h"
+
+#include <cerrno>
+#include <utility>
+
+#include "appliance/exporter/export_names.h"
+#include "appliance/exporter/vm_proxy_open.h"
+#include "lib/clock.h"
+#include "lib/cor_assert.h"
+#include "lib/error_hash.h"
+
+namespace mirador {
+namespace {
+
+// The cookie of a path that is the export name of a file, or its loop-file name.
+errdesc_t* get_cookie_by_any_name(const std::string& path, const std::string& shadow_path, cookie_ptr* cookie) {
+    errdesc_t* e = vm_proxy_get_cookie(path, shadow_path, cookie);
+    if (e == nullptr)
+        return nullptr;
+    std::string export_path;
+    std::string export_shadow;
+    if (losetup_file_to_export(path, &export_path) != nullptr ||
+        losetup_file_to_export(shadow_path, &export_shadow) != nullptr)
+        return vm_proxy_get_cookie(path, shadow_path, cookie);
+    return vm_proxy_get_cookie(export_path, export_shadow, cookie);
+}
+
+errdesc_t* open_by_type(vm_proxy_cookie_t& cookie, unique_fd* fd) REQUIRES(cookie.mutex) {
+    switch (cookie.header.type) {
+        case VM_PROXY_HEADER_VMDK_FLAT:
+            return vm_proxy_open_vmdk_flat(cookie, fd);
+        case VM_PROXY_HEADER_VMDK_ASCII:
+        case VM_PROXY_HEADER_VMX:
+            return vm_proxy_open_real_file(cookie, fd);
+        case VM_PROXY_HEADER_CFG:
+            return vm_proxy_open_cfg_file(cookie, fd);
+        case VM_PROXY_HEADER_VMDK_CORCBT:
+            return errdesc_set_str(ERR_NOT_SUPPORTED, cookie.path);
+        default:
+            cor_assert_failed("type is a known header type", __FILE__, __LINE__, __func__);
+    }
+}
+
+// The path whose extended attributes tell the real error of a failed read.
+std::string extended_error_path(const vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
+    if (cookie.vdskdesc != nullptr && !cookie.vdskdesc->vdsk_extent_path.empty())
+        return cookie.vdskdesc->vdsk_extent_path;
+    return cookie.header.path;
+}
+
+std::unique_ptr<fuse_fh_t> fuse_fh_new(unique_fd fd, const cookie_ptr& shared, const vm_proxy_cookie_t& cookie)
+    REQUIRES(cookie.mutex) {
+    auto fh = std::make_unique<fuse_fh_t>();
+    fh->fd = std::move(fd);
+    fh->buffered_data = cookie.buffered_data;
+    fh->path = cookie.path;
+    fh->extended_error_path = extended_error_path(cookie);
+    fh->vdskdesc = cookie.vdskdesc;
+    fh->cookie = shared;
+    return fh;
+}
+
+// Opens on one cookie. *retry: it left the table before it could be locked, and the path has another one by now.
+errdesc_t* open_cookie(const cookie_ptr& shared, std::unique_ptr<fuse_fh_t>* fh, bool* retry) {
+    vm_proxy_cookie_t& cookie = *shared;
+    const mutex_lock_t lock(cookie.mutex);
+    *retry = cookie.detached;
+    if (*retry)
+        return nullptr;
+    cookie.ref++;
+    cookie.stamp = clock_now();
+    unique_fd fd;
+    errdesc_t* e = open_by_type(cookie, &fd);
+    cookie.publish_info();
+    if (e == nullptr)
+        *fh = fuse_fh_new(std::move(fd), shared, cookie);
+    else
+        vm_proxy_remove_cookie(cookie);
+    return e;
+}
+
+errdesc_t* open_locked(const std::string& path, const std::string& shadow_path, std::unique_ptr<fuse_fh_t>* fh) {
+    cookie_ptr cookie;
+    bool retry = true;
+    while (retry) {
+        RETURN_IF_ERROR(get_cookie_by_any_name(path, shadow_path, &cookie));
+        RETURN_IF_ERROR(open_cookie(cookie, fh, &retry));
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+errdesc_t* vm_proxy_open(const std::string& path, const std::string& shadow_path, std::unique_ptr<fuse_fh_t>* fh) {
+    const mutex_lock_t lock(vm_proxy_open_list().mutex);
+    errdesc_t* e = open_locked(path, shadow_path, fh);
+    if (e == nullptr)
+        return nullptr;
+    _errdesc_log(e, ERRDESC_ERROR);
+    error_hash_save(path, e);
+    return errdesc_set_str(ENOENT, path);
+}
+
+errdesc_t* vm_proxy_release(const std::string& path, std::unique_ptr<fuse_fh_t> fh) {
+    if (fh == nullptr) {
+        _errdesc_log(errdesc_set_fmt(ESTALE, "NULL fh for %s\n", path.c_str()), ERRDESC_ERROR);
+        return nullptr;
+    }
+    cor_assert(fh->magic == fuse_fh_t::magic_value);
+    cor_assert(fh->version == fuse_fh_t::version_value);
+    fh->fd.reset();
+
+    const mutex_lock_t lock(vm_proxy_open_list().mutex);
+    vm_proxy_cookie_t& cookie = *fh->cookie;
+    const mutex_lock_t cookie_lock(cookie.mutex);
+    if (!cookie.detached) {
+        cookie.ref--;
+        cor_assert(cookie.ref >= 0);
+        cookie.stamp = clock_now();
+    }
+    return nullptr;
+}
+
+}  // namespace mirador

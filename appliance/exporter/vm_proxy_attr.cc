@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "appliance/exporter/vm_proxy_attr.h"
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "appliance/exporter/controller_thr.h"
+#include "appliance/exporter/export_names.h"
+#include "appliance/exporter/vm_proxy_open.h"
+#include "appliance/exporter/vm_proxy_table.h"
+#include "appliance/lib/registry.h"
+#include "lib/cor_assert.h"
+#include "lib/error_hash.h"
+#include "lib/fs_info.h"
+#include "lib/log.h"
+
+namespace mirador {
+namespace {
+
+constexpr blksize_t preferred_block_size = 131072;
+
+// The status of a shadow path, or, where that fails, of the export that it is the loop-file name of; *shadow_path
+// becomes the name that was found.
+errdesc_t* stat_shadow(const std::string& path, std::string* shadow_path, struct stat* st) {
+    if (stat(shadow_path->c_str(), st) == 0)
+        return nullptr;
+    const int number = errno;
+    std::string export_path;
+    std::string export_shadow;
+    if (losetup_file_to_export(path, &export_path) != nullptr ||
+        losetup_file_to_export(*shadow_path, &export_shadow) != nullptr)
+        return errdesc_set_fmt(number, "lstat failed: %s", shadow_path->c_str());
+    if (lstat(export_shadow.c_str(), st) != 0)
+        return errdesc_set_fmt(errno, "lstat failed: %s", shadow_path->c_str());
+    *shadow_path = export_shadow;
+    return nullptr;
+}
+
+// What "devicemapper_path" and "vm_uuid" tell of a flat disk that has been opened; empty for everything else.
+errdesc_t* cookie_value(const std::string& path, const std::string& shadow_path, std::string cookie_info_t::*field,
+                        std::string* value) {
+    cookie_ptr cookie;
+    RETURN_IF_ERROR(vm_proxy_get_cookie(path, shadow_path, &cookie));
+    const cookie_info_t info = cookie->info();
+    if (info.type == VM_PROXY_HEADER_VMDK_FLAT && !info.devicemapper_path.empty())
+        *value = info.*field;
+    return nullptr;
+}
+
+// The error saved for a path or, if it is a loop-file name, for its export name; null if there is none.
+const errdesc_t* saved_error(const std::string& path) {
+    std::string export_path;
+    return error_hash_get(losetup_file_to_export(path, &export_path) == nullptr ? export_path : path);
+}
+
+// The value of an attribute; *length counts its terminator, and is 0 for a value that is not there at all.
+errdesc_t* attribute_value(const std::string& path, const std::string& shadow_path, const std::string& name,
+                           std::string* value, std::size_t* length) {
+    const errdesc_t* saved = nullptr;
+    *length = 0;
+    if (name == "devicemapper_path") {
+        RETURN_IF_ERROR(cookie_value(path, shadow_path, &cookie_info_t::devicemapper_path, value));
+    } else if (name == "vm_uuid") {
+        RETURN_IF_ERROR(cookie_value(path, shadow_path, &cookie_info_t::vm_uuid, value));
+    } else if (name == "smartread_lvm_enabled") {
+        *value = get_reg_settings()->smartread_lvm_enabled ? "1" : "0";
+    } else if (name == "user.err_num") {
+        saved = saved_error(path);
+        *value = std::to_string(saved == nullptr ? 0 : saved->number);
+    } else if (name == "user.err_string") {
+        saved = saved_error(path);
+        *value = saved == nullptr ? "" : saved->string;
+        *length = 1;
+    }
+    if (!value->empty())
+        *length = value->size() + 1;
+    return nullptr;
+}
+
+}  // namespace
+
+errdesc_t* vm_proxy_getattr(const std::string& path, const std::string& shadow_path, struct stat* stbuf) {
+    std::string found = shadow_path;
+    RETURN_IF_ERROR(stat_shadow(path, &found, stbuf));
+    if (!S_ISDIR(stbuf->st_mode)) {
+        std::unique_ptr<vm_proxy_header_t> header;
+        RETURN_IF_ERROR(vm_proxy_read_header_checked(found, &header));
+        *stbuf = cor_statb_to_stat(header->statb);
+        if (header->type == VM_PROXY_HEADER_CFG)
+            stbuf->st_size += static_cast<off_t>(cfg_trailer_size);
+    }
+    stbuf->st_ino = fs_ino_hash(path);
+    stbuf->st_blksize = preferred_block_size;
+    return nullptr;
+}
+
+errdesc_t* vm_proxy_getxattr(const std::string& path, const std::string& shadow_path, const std::string& name,
+                             char* value, std::size_t* size) {
+    ts_dprintf(2, "vm_proxy_getxattr : path %s, name %s, size %zd\n", path.c_str(), name.c_str(),
+               static_cast<ssize_t>(*size));
+    std::string text;
+    std::size_t length = 0;
+    RETURN_IF_ERROR(attribute_value(path, shadow_path, name, &text, &length));
+    const std::size_t room = *size;
+    *size = length;
+    if (value == nullptr || room == 0)
+        return nullptr;
+    if (room < length)
+        return errdesc_set_fmt(ERANGE, "The value buffer is too small (%zd bytes needed.)",
+                               static_cast<ssize_t>(length + 1));
+    std::memcpy(value, text.c_str(), length);
+    return nullptr;
+}
+
+errdesc_t* vm_proxy_setxattr(const std::string& path, const std::string& name) {
+    if (name == "user.err_reset")
+        error_hash_save(path, nullptr);
+    return nullptr;
+}
+
+errdesc_t* vm_proxy_statvfs(const std::string& shadow_path, struct statvfs* stbuf) {
+    const vm_proxy_open_list_t& table = vm_proxy_open_list();
+    cor_assert(table.magic == vm_proxy_open_list_t::magic_value);
+    cor_assert(table.version == vm_proxy_open_list_t::version_value);
+    if (statvfs(shadow_path.c_str(), stbuf) != 0)
+        return errdesc_set_str(errno, shadow_path);
+    stbuf->f_files -= stbuf->f_ffree;
+    stbuf->f_ffree = 0;
+    stbuf->f_favail = 0;
+    stbuf->f_blocks = static_cast<fsblkcnt_t>(get_fs_blocks_used());
+    stbuf->f_bfree = 0;
+    stbuf->f_bavail = 0;
+    return nullptr;
+}
+
+}  // namespace mirador

@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+// Reading an exported file: the bytes of its source, with the overlay laid over them.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+
+#include "appliance/exporter/vm_proxy_table.h"
+#include "lib/errdesc.h"
+
+namespace mirador {
+
+// Reads up to `size` bytes at `offset` (bytes) into `buf`; *bytes_read never exceeds `size` and is less only at the end
+// of the file. Takes no lock; any number of threads may read one handle. Errors: ESTALE (116) for a null handle; the
+// source's number with what the datastore side publishes for the handle's extended-error path. A failure that the
+// overlay covers from the read's first byte on is no error.
+[[nodiscard]] errdesc_t* vm_proxy_read(char* buf, std::size_t size, off_t offset, const fuse_fh_t* fh,
+                                       std::size_t* bytes_read);
+
+}  // namespace mirador
