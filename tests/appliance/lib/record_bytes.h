@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: Apache-2.0
+// On-disk records as plain bytes at plain offsets, written without the program's own structs, and a directory to keep
+// them in.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <string_view>
+
+namespace mirador {
+
+class record_bytes_t {
+  public:
+    explicit record_bytes_t(std::size_t size) : bytes_(size, '\0') {}
+
+    // Puts a little-endian number of `width` bytes.
+    record_bytes_t& number(std::size_t offset, std::size_t width, std::uint64_t value) {
+        for (std::size_t i = 0; i < width; i++)
+            bytes_.at(offset + i) = static_cast<char>(value >> (8 * i));
+        return *this;
+    }
+    record_bytes_t& text(std::size_t offset, std::string_view text) {
+        bytes_.replace(offset, text.size(), text);
+        return *this;
+    }
+    record_bytes_t& fill(std::size_t offset, std::size_t count, char c) { return text(offset, std::string(count, c)); }
+
+    const std::string& bytes() const { return bytes_; }
+    template <typename Record>
+    Record as() const {
+        Record record;
+        bytes_.copy(reinterpret_cast<char*>(&record), sizeof record);
+        return record;
+    }
+
+  private:
+    std::string bytes_;
+};
+
+template <typename Record>
+std::string bytes_of(const Record& record) {
+    return {reinterpret_cast<const char*>(&record), sizeof record};
+}
+
+// A directory of its own that goes with the object.
+class scratch_dir_t {
+  public:
+    scratch_dir_t() {
+        std::string name = std::filesystem::temp_directory_path() / "mirador_test.XXXXXX";
+        path_ = mkdtemp(name.data());
+    }
+    ~scratch_dir_t() { std::filesystem::remove_all(path_); }
+    scratch_dir_t(const scratch_dir_t&) = delete;
+    scratch_dir_t& operator=(const scratch_dir_t&) = delete;
+
+    std::string file(const std::string& name) const { return path_ / name; }
+    // Makes a file with this content; the path of it.
+    std::string make(const std::string& name, std::string_view content) const {
+        std::ofstream(file(name), std::ios::binary) << content;
+        return file(name);
+    }
+
+  private:
+    std::filesystem::path path_;
+};
+
+inline std::string file_content(const std::string& path) {
+    std::ifstream stream(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+// What `print` writes to the stream it is given.
+template <typename Print>
+std::string printed(Print print) {
+    char* text = nullptr;
+    std::size_t size = 0;
+    std::FILE* stream = open_memstream(&text, &size);
+    print(stream);
+    std::fclose(stream);
+    std::string result(text, size);
+    std::free(text);
+    return result;
+}
+
+}  // namespace mirador
