@@ -8,14 +8,19 @@
 #include <string>
 
 #include "lib/errdesc.h"
+#include "vmware/lib/vmdk/descriptor_check.h"
 #include "vmware/lib/vmdk/vmdkdesc.h"
 
 namespace mirador {
 
 // Reads the descriptor `path` through its datastore's preferred mount and opens the record: `filename`, `dirname`,
 // `datastore_direct` and `magic` are set. On an error the record is closed. Errors: those of
-// get_preferred_datastore_path and vmdk_parse_file_contents; EINVAL with "%s is not a regular file".
+// get_preferred_datastore_path and vmdk_parse_file_contents, with its assertions.
 [[nodiscard]] errdesc_t* vmdk_open(const std::string& path, vmdkdesc_t* vmdkdesc);
+
+// The same for a descriptor that somebody else may have written: it is read by vmdk_check_descriptor, whose errors take
+// the place of assertions.
+[[nodiscard]] errdesc_t* vmdk_open_checked(const std::string& path, descriptor_role_t role, vmdkdesc_t* vmdkdesc);
 
 // Closes extent files and frees grain directories, the grain-table buffer, ancestors and the descriptor's contents; the
 // record is as new afterwards. Closing one that is not open is allowed.

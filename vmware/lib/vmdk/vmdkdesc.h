@@ -85,8 +85,10 @@ struct extentdesc_t {
         cowdiskhdr_t cow;
     } hdr{};
     graindir_t graindir;
+    std::uint32_t hdr_size = 0;  // bytes of hdr that the file had; 0: not read yet
     unique_fd fd;
-    std::string loopdev;  // loop device bound to the file; empty: none
+    std::uint64_t file_sectors = 0;  // whole sectors of the opened file
+    std::string loopdev;             // loop device bound to the file; empty: none
 };
 
 // The disk database: the "ddb." values.
