@@ -51,6 +51,19 @@ TEST(errdesc, OneDescriptorPerThreadCountsItsErrors) {
     }).join();
 }
 
+TEST(errdesc, KeeperBringsBackTheErrorOnItsWayUp) {
+    const errdesc_t* e = errdesc_set_str(EIO, "disk");
+    const errdesc_t before = *e;
+    {
+        const errdesc_keeper_t keep;
+        errdesc_set_str(ENOENT, "clean-up");
+    }
+    EXPECT_EQ(e->number, EIO);
+    EXPECT_STREQ(e->string, "disk: Input/output error");
+    EXPECT_EQ(e->linenumber, before.linenumber);
+    EXPECT_EQ(e->sequence, before.sequence + 1);
+}
+
 TEST(errdesc, LongTextsAreCut) {
     EXPECT_EQ(std::string(errdesc_set_fmt(EIO, "%s", std::string(600, 'x').c_str())->string), std::string(511, 'x'));
     EXPECT_EQ(std::string(errdesc_set_str(EIO, std::string(2000, 'y'))->string), std::string(1023, 'y'));
@@ -72,8 +85,9 @@ TEST(errdesc, PrintedLineNamesLevelPlaceAndNumber) {
     _errdesc_print(e, ERRDESC_WARNING);
     _errdesc_print(e, ERRDESC_NOTICE);
     const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_THAT(out, MatchesRegex("[-0-9]+ [:0-9]+\\.[0-9]+: WARNING \\[thread:[0-9]+, where:.*errdesc_test\\.cc:[0-9]+, "
-                                  "error:5\\] disk: Input/output error\n[-0-9]+ [:.0-9]+ ERROR .*\n"));
+    EXPECT_THAT(out,
+                MatchesRegex("[-0-9]+ [:0-9]+\\.[0-9]+: WARNING \\[thread:[0-9]+, where:.*errdesc_test\\.cc:[0-9]+, "
+                             "error:5\\] disk: Input/output error\n[-0-9]+ [:.0-9]+ ERROR .*\n"));
     EXPECT_EQ(e->status, ERRDESC_ALLOCATED | ERRDESC_PRINTED);
 }
 

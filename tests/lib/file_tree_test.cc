@@ -1,0 +1,131 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "lib/file_tree.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <thread>
+#include <vector>
+
+#include "tests/lib/in_child.h"
+#include "tests/lib/temp_dir.h"
+
+namespace mirador {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+bool exists(const std::string& path) {
+    struct stat st {};
+    return lstat(path.c_str(), &st) == 0;
+}
+
+mode_t mode_of(const std::string& path) {
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+TEST(file_tree, MkdirpMakesEveryLevelWithTheModeGiven) {
+    temp_dir_t dir;
+    const mode_t previous = umask(077);
+    for (const char* path : {"a/b/c/", "a/b/c", "a//d", "a"})
+        EXPECT_EQ(mkdirp(dir / path, 0775), 0) << path;
+    EXPECT_EQ(umask(previous), 077U);
+    for (const char* path : {"a", "a/b", "a/b/c", "a/d"})
+        EXPECT_EQ(mode_of(dir / path), 0775U) << path;
+    EXPECT_EQ(mkdirp("/", 0755), 0);
+}
+
+TEST(file_tree, MkdirpReportsWhatStandsInTheWay) {
+    temp_dir_t dir;
+    write_file(dir / "file", "");
+    EXPECT_EQ(mkdirp(dir / "file/below/it", 0755), -1);
+    EXPECT_EQ(errno, ENOTDIR);
+    EXPECT_EQ(mkdirp("", 0755), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(mkdirp(dir / std::string(300, 'x') + "/y", 0755), -1);
+    EXPECT_EQ(errno, ENAMETOOLONG);
+}
+
+TEST(file_tree, ConcurrentMkdirpKeepsTheProcessMask) {
+    temp_dir_t dir;
+    const mode_t previous = umask(027);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([&dir, t] {
+            for (int i = 0; i < 200; i++)
+                EXPECT_EQ(mkdirp(dir / std::to_string(i) + "/" + std::to_string(t), 0777), 0);
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(umask(previous), 027U);
+    EXPECT_EQ(mode_of(dir / "199/3"), 0777U);
+}
+
+TEST(file_tree, RmdirrRemovesATreeAndNothingBehindLinks) {
+    temp_dir_t dir;
+    write_file(dir / "outside", "kept");
+    ASSERT_EQ(mkdirp(dir / "other", 0755), 0);
+    write_file(dir / "other/file", "kept");
+    ASSERT_EQ(mkdirp(dir / "tree/a/b", 0755), 0);
+    write_file(dir / "tree/a/.hidden", "");
+    ASSERT_EQ(symlink((dir / "other").c_str(), (dir / "tree/a/b/dir link").c_str()), 0);
+    ASSERT_EQ(symlink((dir / "outside").c_str(), (dir / "tree/file link").c_str()), 0);
+    ASSERT_EQ(mkfifo((dir / "tree/fifo").c_str(), 0600), 0);
+    EXPECT_EQ(rmdirr(dir / "tree"), nullptr);
+    EXPECT_FALSE(exists(dir / "tree"));
+    EXPECT_TRUE(exists(dir / "outside"));
+    EXPECT_TRUE(exists(dir / "other/file"));
+    EXPECT_EQ(rmdirr(dir / "tree"), nullptr);
+}
+
+TEST(file_tree, RmdirrLeavesNamesWithTwoDots) {
+    temp_dir_t dir;
+    ASSERT_EQ(mkdirp(dir / "tree/sub", 0755), 0);
+    write_file(dir / "tree/..keep", "");
+    write_file(dir / "tree/gone", "");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(rmdirr(dir / "tree"), nullptr);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                HasSubstr("rmdirr(" + (dir / "tree") + "): rmdir failed: Directory not empty\n"));
+    EXPECT_TRUE(exists(dir / "tree/..keep"));
+    EXPECT_FALSE(exists(dir / "tree/gone"));
+    EXPECT_FALSE(exists(dir / "tree/sub"));
+}
+
+TEST(file_tree, RmdirrReportsAndLogsTheFirstFailure) {
+    temp_dir_t dir;
+    const std::string file = write_file(dir / "file", "");
+    testing::internal::CaptureStdout();
+    const errdesc_t* e = rmdirr(file);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("ERROR"));
+    EXPECT_EQ(e->string, file + ": Not a directory");
+    // Nobody, root included, unlinks from here.
+    e = rmdirr("/proc/self/fdinfo");
+    ASSERT_NE(e, nullptr);
+    EXPECT_THAT(e->string, StartsWith("rmdirr(/proc/self/fdinfo): unlink(/proc/self/fdinfo/0) failed: "));
+    EXPECT_TRUE(e->number == EPERM || e->number == EACCES);
+}
+
+TEST(file_tree, DeepTreesNeedNoDescriptorForEachLevel) {
+    temp_dir_t dir;
+    std::string deep = dir / "deep";
+    for (int level = 0; level < 500; level++)
+        deep += "/d";
+    ASSERT_EQ(mkdirp(deep, 0755), 0);
+    EXPECT_EQ(in_child([&dir] {
+                  const rlimit few{32, 32};
+                  return setrlimit(RLIMIT_NOFILE, &few) == 0 && rmdirr(dir / "deep") == nullptr ? 0 : 1;
+              }),
+              0);
+    EXPECT_FALSE(exists(dir / "deep"));
+}
+
+}  // namespace
+}  // namespace mirador

@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "lib/tmpfs.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "lib/clock.h"
+#include "lib/file_tree.h"
+#include "lib/tool_paths.h"
+#include "tests/lib/temp_dir.h"
+
+namespace mirador {
+namespace {
+
+using testing::StartsWith;
+
+// The programs are scripts that note their arguments; nothing is mounted.
+class tmpfs_test : public testing::Test {
+  protected:
+    ~tmpfs_test() override { tool_paths() = deployed_; }
+
+    // A script that notes its arguments, then runs `then`.
+    std::string tool(const std::string& name, const std::string& then) {
+        return write_script(dir / name, "echo \"" + name + " $*\" >> " + (dir / "calls") + "\n" + then + "\n");
+    }
+    std::string calls() const { return read_file(dir / "calls"); }
+
+    const temp_dir_t dir;
+    const std::string shadow = dir / "x/export.shadow";
+    fast_clock_t clock{50};
+
+  private:
+    const tool_paths_t deployed_ = tool_paths();
+};
+
+TEST_F(tmpfs_test, CreateMountsOnANewDirectory) {
+    tool_paths().mount = tool("mount", "test -d " + shadow);
+    EXPECT_EQ(tmpfs_create(shadow), nullptr);
+    EXPECT_EQ(calls(), "mount -t tmpfs -o size=50M,nr_inodes=50000,mode=0755 tmpfs " + shadow + "\n");
+    EXPECT_TRUE(std::filesystem::is_directory(shadow));
+    EXPECT_EQ(tmpfs_create(shadow, "size=1M"), nullptr);
+    EXPECT_THAT(calls(), testing::EndsWith("mount -t tmpfs -o size=1M tmpfs " + shadow + "\n"));
+}
+
+TEST_F(tmpfs_test, FailedMountIsReportedAndTheDirectoryGoes) {
+    tool_paths().mount = tool("mount", "exit 32");
+    const errdesc_t* e = tmpfs_create(shadow);
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->number, 32);
+    EXPECT_THAT(e->string, StartsWith(tool_paths().mount + " -t tmpfs -o "));
+    EXPECT_FALSE(std::filesystem::exists(shadow));
+}
+
+TEST_F(tmpfs_test, FirstErrorSurvivesAFailedRemoval) {
+    const std::string into_a_file = "rmdir " + shadow + "; touch " + shadow + "; exit 32";
+    tool_paths().mount = tool("mount", into_a_file);
+    tool_paths().umount = tool("umount", into_a_file);
+    EXPECT_EQ(tmpfs_create(shadow)->number, 32);
+    ASSERT_EQ(tmpfs_create(dir / "x/export.shadow/below")->number, ENOTDIR);
+    EXPECT_EQ(tmpfs_remove(shadow)->number, 32);
+}
+
+TEST_F(tmpfs_test, RemoveUnmountsAndRemovesInAnyCase) {
+    for (const char* outcome : {"exit 0", "exit 1"}) {
+        tool_paths().umount = tool("umount", outcome);
+        ASSERT_EQ(mkdirp(shadow + "/vm", 0755), 0);
+        const errdesc_t* e = tmpfs_remove(shadow);
+        EXPECT_EQ(e == nullptr ? 0 : e->number, outcome[5] - '0');
+        EXPECT_FALSE(std::filesystem::exists(shadow));
+    }
+    EXPECT_THAT(calls(), StartsWith("umount -f -l -t tmpfs " + shadow + "\n"));
+}
+
+TEST_F(tmpfs_test, FuseUmountNeedsItsProgram) {
+    tool_paths().fusermount = dir / "missing";
+    EXPECT_EQ(std::string(fuse_umount("/mnt/x")->string), "/mnt/x: No such file or directory");
+    tool_paths().fusermount = tool("fusermount", "exit 0");
+    EXPECT_EQ(fuse_umount("/mnt/x"), nullptr);
+    EXPECT_EQ(calls(), "fusermount -uz /mnt/x\n");
+}
+
+}  // namespace
+}  // namespace mirador
