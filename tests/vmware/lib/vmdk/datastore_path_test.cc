@@ -1,0 +1,213 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "vmware/lib/vmdk/datastore_path.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "tests/lib/temp_dir.h"
+#include "vmware/lib/vmdk/datastore_containment.h"
+
+namespace mirador {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+// Stands for the machine: the direct mount root is a directory of the test, the other one is not touched.
+class datastore_test : public testing::Test {
+  protected:
+    datastore_test() { datastore_mount_points = {make_directory("direct"), "/vmfs/volumes"}; }
+    ~datastore_test() override { datastore_mount_points = deployed; }
+
+    std::string make_directory(const std::string& name) const {
+        fs::create_directories(temp / name);
+        return temp / name;
+    }
+
+    const std::vector<std::string> deployed = datastore_mount_points;
+    temp_dir_t temp;
+};
+
+TEST(datastore_path, PathsAreSplit) {
+    struct {
+        const char* path;
+        bool is_fs_path;
+        const char* rest;
+        const char* ds_name;
+        const char* dir;
+        const char* base;
+    } const cases[] = {
+        {"/vmfs/volumes/ds1/vm1/vm1.vmdk", true, "ds1/vm1/vm1.vmdk", "ds1", "vm1", "vm1.vmdk"},
+        {"/vmfs/volumes/ds1/a/b/c.vmdk", true, "ds1/a/b/c.vmdk", "ds1", "a/b", "c.vmdk"},
+        {"/vmfs.direct/volumes/ds1/vm1/f", false, "ds1/vm1/f", "ds1", "vm1", "f"},
+        {"/vmfs/volumes/ds1/f.vmdk", true, "ds1/f.vmdk", "ds1", ".", "f.vmdk"},
+        {"/vmfs/volumes///ds1/f", true, "ds1/f", "ds1", ".", "f"},
+        {"/vmfs/volumes/ds1", true, "ds1", "ds1", "", ""},
+        {"/vmfs/volumes/ds1/", true, "ds1/", "ds1", ".", "."},
+        {"/vmfs/volumes/ds1//f", true, "ds1//f", "ds1", "/", "f"},
+        {"/vmfs/volumes/ds1/vm1/", true, "ds1/vm1/", "ds1", ".", "vm1"},
+        {"/vmfs/volumes", false, "", "", "", ""},
+        {"/vmfs/volumes/", true, "", "", "", ""},
+        {"/vmfs/volumesX/a", false, "X/a", "X", ".", "a"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        const std::string path = c.path;
+        EXPECT_EQ(is_datastore_fs_path(path), c.is_fs_path);
+        std::string_view rest;
+        ASSERT_EQ(remove_datastore_mount_point(path, &rest), nullptr);
+        EXPECT_EQ(rest, c.rest);
+        std::string ds_name, dir, base;
+        ASSERT_EQ(parse_datastore_path(path, &ds_name, &dir, &base), nullptr);
+        EXPECT_EQ(ds_name, c.ds_name);
+        EXPECT_EQ(dir, c.dir);
+        EXPECT_EQ(base, c.base);
+        EXPECT_EQ(parse_datastore_path(path, &ds_name, nullptr, nullptr), nullptr);
+    }
+}
+
+TEST(datastore_path, APathUnderNoRootIsAnErrorOrStaysAsItIs) {
+    const std::string path = "/tmp/%s/x";
+    std::string_view rest = path;
+    errdesc_t* e = remove_datastore_mount_point(path, &rest);
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->number, EINVAL);
+    EXPECT_STREQ(e->string, "Invalid datastore path /tmp/%s/x");
+    EXPECT_EQ(rest.data(), nullptr);
+
+    std::string ds_name = "untouched";
+    e = parse_datastore_path(path, &ds_name, nullptr, nullptr);
+    ASSERT_NE(e, nullptr);
+    EXPECT_STREQ(e->string, "Invalid datastore path /tmp/%s/x");
+    EXPECT_EQ(ds_name, "untouched");
+
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(translate_to_datastore_fs_path(path), path);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("WARNING"));
+    std::string preferred;
+    ASSERT_EQ(get_preferred_datastore_path(path, &preferred), nullptr);
+    EXPECT_EQ(preferred, path);
+}
+
+TEST(datastore_path, TheHypervisorsNameOfAFile) {
+    EXPECT_EQ(translate_to_datastore_fs_path("/vmfs.direct/volumes/ds1/vm/f"), "/vmfs/volumes/ds1/vm/f");
+    EXPECT_EQ(translate_to_datastore_fs_path("/vmfs/volumes//ds1/f"), "/vmfs/volumes/ds1/f");
+    EXPECT_EQ(translate_to_datastore_fs_path("/vmfs/volumes"), "/vmfs/volumes/");
+}
+
+TEST_F(datastore_test, ThePreferredRootIsTheFirstThatHasTheDatastore) {
+    make_directory("direct/ds1");
+    write_file(temp / "direct/file", "not a datastore");
+    const std::string direct = temp / "direct";
+    const std::string long_name(5000, 'x');
+    const std::pair<std::string, std::string> cases[] = {
+        {"/vmfs/volumes/ds1/vm/f", direct + "/ds1/vm/f"},
+        {"/vmfs/volumes//ds1/vm/f", direct + "/ds1/vm/f"},
+        {"/vmfs/volumes/ds1", direct + "/ds1"},
+        {"/vmfs/volumes/absent/f", "/vmfs/volumes/absent/f"},
+        {"/vmfs/volumes/file/f", "/vmfs/volumes/file/f"},
+        {"/vmfs/volumes/" + long_name + "/f", "/vmfs/volumes/" + long_name + "/f"},
+        {direct + "/ds1/vm/f", direct + "/ds1/vm/f"},
+    };
+    for (const auto& [path, expected] : cases) {
+        std::string preferred;
+        ASSERT_EQ(get_preferred_datastore_path(path, &preferred), nullptr) << path;
+        EXPECT_EQ(preferred, expected);
+    }
+}
+
+TEST(datastore_path_death, ResultsMustHaveAPlace) {
+    EXPECT_DEATH(static_cast<void>(remove_datastore_mount_point("/", nullptr)),
+                 "ds_name_path != \\(\\(void \\*\\)0\\)");
+    EXPECT_DEATH(static_cast<void>(get_preferred_datastore_path("/", nullptr)),
+                 "preferred_path != \\(\\(void \\*\\)0\\)");
+}
+
+// Two roots, one of them a link; "linked" is a datastore mounted elsewhere.
+class containment_test : public datastore_test {
+  protected:
+    containment_test() {
+        for (const char* name : {"direct/ds1/vm", "real_root/ds2", "elsewhere/store", "etc", "home"})
+            make_directory(name);
+        fs::create_symlink("real_root", temp / "volumes");
+        datastore_mount_points = {temp / "direct", temp / "volumes"};
+        write_file(temp / "direct/ds1/vm/disk-flat.vmdk", "data");
+        write_file(temp / "real_root/ds2/base.vmdk", "text");
+        write_file(temp / "elsewhere/store/far.vmdk", "text");
+        fs::create_symlink(temp / "elsewhere/store", temp / "real_root/linked");
+        secret = write_file(temp / "etc/shadow", "secret");
+        descriptor = write_file(temp / "direct/ds1/vm/disk.vmdk", "text");
+    }
+
+    // The outcome in one word.
+    std::string outcome(const std::string& by, const std::string& path) const {
+        errdesc_t* e = datastore_check_contained(by, path);
+        if (!e)
+            return "allowed";
+        const std::string text = e->string;
+        if (e->number == EINVAL && text == "Refused, outside every datastore: " + path)
+            return "outside";
+        if (e->number == EINVAL && text == "Refused, not a regular file: " + path)
+            return "irregular";
+        return text;
+    }
+
+    std::string secret, descriptor;
+};
+
+TEST_F(containment_test, ADescriptorOnADatastoreNamesOnlyFilesOfDatastores) {
+    fs::create_symlink(secret, temp / "direct/ds1/vm/link-out");
+    fs::create_symlink("disk-flat.vmdk", temp / "direct/ds1/vm/link-in");
+    fs::create_symlink(temp / "etc", temp / "direct/ds1/vm/dir-out");
+    make_directory("direct/ds1/vm/directory");
+    write_file(temp / "direct/stray", "a file beside the datastores");
+    ASSERT_EQ(mkfifo((temp / "direct/ds1/vm/fifo").c_str(), 0600), 0);
+    const std::pair<const char*, const char*> cases[] = {
+        {"direct/ds1/vm/disk-flat.vmdk", "allowed"},
+        {"direct/ds1/vm/../vm/./disk-flat.vmdk", "allowed"},
+        {"direct/ds1/vm/link-in", "allowed"},
+        {"volumes/ds2/base.vmdk", "allowed"},
+        {"real_root/ds2/base.vmdk", "allowed"},
+        {"volumes/linked/far.vmdk", "allowed"},
+        {"elsewhere/store/far.vmdk", "allowed"},
+        {"direct/ds1/vm/link-out", "outside"},
+        {"direct/ds1/vm/dir-out/shadow", "outside"},
+        {"direct/ds1/vm/../../../etc/shadow", "outside"},
+        {"etc/shadow", "outside"},
+        {"direct/stray", "outside"},
+        {"direct/ds1", "outside"},
+        {"direct/ds1/vm/directory", "irregular"},
+        {"direct/ds1/vm/fifo", "irregular"},
+    };
+    for (const auto& [path, expected] : cases)
+        EXPECT_EQ(outcome(descriptor, temp / path), expected) << path;
+    EXPECT_EQ(outcome(descriptor, "/dev/null"), "outside");
+    EXPECT_THAT(outcome(descriptor, temp / "direct/ds1/absent"), StartsWith(temp / "direct/ds1/absent: No such"));
+    // A descriptor that leads out by a link still lies where its name says.
+    EXPECT_EQ(outcome(temp / "direct/ds1/vm/link-out", secret), "outside");
+}
+
+TEST_F(containment_test, TheRuleHoldsForDescriptorsOnDatastoresOnly) {
+    const std::string own = write_file(temp / "home/disk.vmdk", "text");
+    fs::create_symlink(descriptor, temp / "home/link.vmdk");
+    EXPECT_FALSE(is_on_datastore(own));
+    EXPECT_FALSE(is_on_datastore(temp / "directory"));
+    EXPECT_FALSE(is_on_datastore(temp / "direct"));
+    EXPECT_TRUE(is_on_datastore(temp / "direct/ds1/absent"));
+    EXPECT_TRUE(is_on_datastore(temp / "home/link.vmdk"));
+    EXPECT_TRUE(is_on_datastore(temp / "elsewhere/store/far.vmdk"));
+    EXPECT_EQ(outcome(own, secret), "allowed");
+    EXPECT_EQ(outcome(temp / "home/link.vmdk", secret), "outside");
+}
+
+}  // namespace
+}  // namespace mirador
