@@ -31,7 +31,8 @@ inline constexpr int loopdev_timeout = 600;
 // bound to nothing is released already: both are success. Errors: errno with `loopdev`.
 [[nodiscard]] errdesc_t* vdsk_release_loop_dev(const std::string& loopdev);
 
-// The same two with log lines: bind read-only within the usual bound; release, where a failure is logged at level 3.
+// The same two for changed-block exports, with log lines while their debugging is on: bind read-only within the usual
+// bound, and release.
 [[nodiscard]] errdesc_t* define_loop_dev(const std::string& path, std::string* loopdev);
 [[nodiscard]] errdesc_t* release_loop_dev(const std::string& loopdev);
 

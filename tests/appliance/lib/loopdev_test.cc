@@ -1,0 +1,180 @@
+// SPDX-License-Identifier: Apache-2.0
+// Real loop devices, so only for root; every device that a test binds is released by the test, by its number.
+#include "appliance/lib/loopdev.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/loop.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <limits>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "lib/cor_string.h"
+#include "lib/file_io.h"
+#include "lib/tool_paths.h"
+#include "tests/lib/in_child.h"
+#include "tests/lib/temp_dir.h"
+
+namespace mirador {
+namespace {
+
+using testing::StartsWith;
+
+constexpr std::size_t file_size = 4096;
+
+// The first number the kernel has no device for.
+int first_unused_number() {
+    int number = 0;
+    while (std::filesystem::exists(cor_format("/sys/block/loop%d", number)))
+        ++number;
+    return number;
+}
+
+// What the kernel says a loop device is bound to; empty: to nothing.
+std::string backing_file(const std::string& loopdev) {
+    const std::string number = loopdev.substr(loopdev.find_first_of("0123456789", loopdev.rfind('/')));
+    std::string text = read_file("/sys/block/loop" + number + "/loop/backing_file");
+    while (text.ends_with('\n'))
+        text.pop_back();
+    return text;
+}
+
+class loopdev : public testing::Test {
+  protected:
+    void SetUp() override {
+        if (geteuid() != 0 || access(tool_paths().loop_control.c_str(), R_OK | W_OK) != 0)
+            GTEST_SKIP() << "needs root and " << tool_paths().loop_control;
+        write_file(file_, std::string(file_size, 'x'));
+        first_new_ = first_unused_number();
+    }
+    void TearDown() override {
+        for (const std::string& device : bound_)
+            EXPECT_EQ(vdsk_release_loop_dev(device), nullptr) << device;
+        tool_paths() = tool_paths_t();
+        remove_new_devices();
+    }
+    // Takes back the devices that the kernel made for this test; one that somebody else uses by now stays.
+    void remove_new_devices() const {
+        const unique_fd control(open(tool_paths().loop_control.c_str(), O_RDWR | O_CLOEXEC));
+        for (int number = first_unused_number() - 1; number >= first_new_; --number)
+            ioctl(control.get(), LOOP_CTL_REMOVE, number);
+    }
+    std::string bind(bool readonly) {
+        std::string device;
+        EXPECT_EQ(vdsk_assign_next_loop_dev(file_, readonly, loopdev_timeout, &device), nullptr);
+        bound_.push_back(device);
+        return device;
+    }
+
+    temp_dir_t dir_;
+    const std::string file_ = dir_ / "extent";
+    std::vector<std::string> bound_;
+    int first_new_ = std::numeric_limits<int>::max();
+};
+
+TEST_F(loopdev, ReadonlyBindingReadsRefusesWritesAndIsReleased) {
+    const std::string device = bind(true);
+    EXPECT_EQ(backing_file(device), file_);
+    EXPECT_EQ(read_file(device), std::string(file_size, 'x'));
+    unique_fd writable(open(device.c_str(), O_WRONLY | O_CLOEXEC));
+    EXPECT_TRUE(!writable || write(writable.get(), "y", 1) < 0 || fsync(writable.get()) != 0);
+    writable.reset();
+    EXPECT_EQ(read_file(file_), std::string(file_size, 'x'));
+
+    ASSERT_EQ(vdsk_release_loop_dev(device), nullptr);
+    EXPECT_EQ(backing_file(device), "");
+}
+
+TEST_F(loopdev, WritableBindingWritesThrough) {
+    const std::string device = bind(false);
+    const unique_fd fd(open(device.c_str(), O_WRONLY | O_CLOEXEC));
+    std::size_t done = 0;
+    ASSERT_EQ(cor_pwrite(fd.get(), "y", 1, 0, &done), nullptr);
+    ASSERT_EQ(fsync(fd.get()), 0);
+    EXPECT_EQ(read_file(file_).front(), 'y');
+}
+
+TEST_F(loopdev, MissingNodeIsMade) {
+    tool_paths().loop_prefix = dir_ / "node";
+    const std::string device = bind(true);
+    EXPECT_THAT(device, StartsWith(dir_ / "node"));
+    struct stat st {};
+    ASSERT_EQ(stat(device.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISBLK(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0600U);
+    EXPECT_EQ(read_file(device), std::string(file_size, 'x'));
+}
+
+TEST_F(loopdev, ReleaseOfADeviceInUseTakesEffectAtItsLastClose) {
+    const std::string device = bind(true);
+    unique_fd user(open(device.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(user);
+    EXPECT_EQ(vdsk_release_loop_dev(device), nullptr);
+    user.reset();
+    EXPECT_EQ(backing_file(device), "");
+}
+
+TEST_F(loopdev, RacersGetADeviceEach) {
+    constexpr std::size_t racers = 8;
+    constexpr std::size_t rounds = 4;
+    std::vector<std::string> devices(racers * rounds);
+    std::vector<std::string*> slots;
+    {
+        std::vector<std::jthread> threads;
+        for (std::size_t i = 0; i < racers; ++i)
+            threads.emplace_back([&, i] {
+                for (std::size_t k = 0; k < rounds; ++k) {
+                    if (vdsk_assign_next_loop_dev(file_, true, loopdev_timeout, &devices[i * rounds + k]) != nullptr)
+                        return;
+                }
+            });
+    }
+    std::set<std::string> distinct;
+    for (const std::string& device : devices) {
+        if (device.empty())
+            continue;
+        bound_.push_back(device);
+        distinct.insert(device);
+        EXPECT_EQ(backing_file(device), file_);
+    }
+    EXPECT_EQ(distinct.size(), racers * rounds);
+}
+
+TEST_F(loopdev, Failures) {
+    std::string device = "unchanged";
+    errdesc_t* e = vdsk_assign_next_loop_dev(dir_ / "missing", true, 1, &device);
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->number, ENOENT);
+    EXPECT_THAT(e->string, StartsWith(dir_ / "missing"));
+
+    // Descriptors run out: no device may be left behind.
+    const int status = in_child([&] {
+        const unique_fd fd(open(file_.c_str(), O_RDONLY));
+        while (open("/dev/null", O_RDONLY) >= 0)
+            continue;
+        e = vdsk_assign_next_loop_dev_fd(fd.get(), file_, true, 1, &device);
+        return e == nullptr ? 0 : e->number;
+    });
+    EXPECT_EQ(status, EMFILE);
+    EXPECT_EQ(device, "unchanged");
+
+    // A node that is no loop device.
+    tool_paths().loop_prefix = dir_ / "node";
+    for (int i = 0; i < 256; ++i)
+        write_file(cor_format("%s%d", (dir_ / "node").c_str(), i), "");
+    e = vdsk_assign_next_loop_dev(file_, true, 1, &device);
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->number, ENOTTY);
+    EXPECT_EQ(device, "unchanged");
+}
+
+}  // namespace
+}  // namespace mirador
