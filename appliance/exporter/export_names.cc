@@ -37,4 +37,11 @@ errdesc_t* losetup_file_to_export(const std::string& losetup_file, std::string* 
     return nullptr;
 }
 
+bool losetup_paths_to_export(const std::string& path, const std::string& shadow_path, std::string* export_path,
+                             std::string* export_shadow) {
+    const errdesc_keeper_t keep;
+    return losetup_file_to_export(path, export_path) == nullptr &&
+           losetup_file_to_export(shadow_path, export_shadow) == nullptr;
+}
+
 }  // namespace mirador

@@ -23,6 +23,11 @@ namespace mirador {
 // The loop-file name of an exported path: its last extension replaced. "Invalid export vmdk path".
 [[nodiscard]] errdesc_t* export_to_losetup_file(const std::string& export_flat, std::string* losetup_file);
 
+// Translates an exported path and its shadow path from loop-file names to export names; false, with nothing raised,
+// when they are none.
+[[nodiscard]] bool losetup_paths_to_export(const std::string& path, const std::string& shadow_path,
+                                           std::string* export_path, std::string* export_shadow);
+
 // The export name of a loop-file name. "Invalid export vmdk path" for any other name.
 [[nodiscard]] errdesc_t* losetup_file_to_export(const std::string& losetup_file, std::string* export_path);
 

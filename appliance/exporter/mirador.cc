@@ -151,10 +151,9 @@ bool prepare_tmpfs() {
         tmpfs_create(mount_point, mount_options == nullptr ? std::nullopt : std::optional<std::string>(mount_options));
     if (e == nullptr)
         return true;
-    const errdesc_t raised = *e;
     std::printf("tmpfs_create(%s, %s) returned an error\n", mount_point,
                 mount_options == nullptr ? "(null)" : mount_options);
-    _errdesc_print(_errdesc_copy_to_thr(&raised), ERRDESC_ERROR);
+    _errdesc_print(e, ERRDESC_ERROR);
     return false;
 }
 

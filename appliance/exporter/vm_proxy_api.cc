@@ -20,9 +20,8 @@ errdesc_t* get_cookie_by_any_name(const std::string& path, const std::string& sh
         return nullptr;
     std::string export_path;
     std::string export_shadow;
-    if (losetup_file_to_export(path, &export_path) != nullptr ||
-        losetup_file_to_export(shadow_path, &export_shadow) != nullptr)
-        return vm_proxy_get_cookie(path, shadow_path, cookie);
+    if (!losetup_paths_to_export(path, shadow_path, &export_path, &export_shadow))
+        return e;
     return vm_proxy_get_cookie(export_path, export_shadow, cookie);
 }
 

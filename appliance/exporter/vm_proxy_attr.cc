@@ -28,8 +28,7 @@ errdesc_t* stat_shadow(const std::string& path, std::string* shadow_path, struct
     const int number = errno;
     std::string export_path;
     std::string export_shadow;
-    if (losetup_file_to_export(path, &export_path) != nullptr ||
-        losetup_file_to_export(*shadow_path, &export_shadow) != nullptr)
+    if (!losetup_paths_to_export(path, *shadow_path, &export_path, &export_shadow))
         return errdesc_set_fmt(number, "lstat failed: %s", shadow_path->c_str());
     if (lstat(export_shadow.c_str(), st) != 0)
         return errdesc_set_fmt(errno, "lstat failed: %s", shadow_path->c_str());

@@ -141,10 +141,10 @@ errdesc_t* vm_proxy_open_vmdk_flat(vm_proxy_cookie_t& cookie, unique_fd* fd) {
     errdesc_t* e = open_flat(cookie, fd);
     if (e == nullptr)
         return nullptr;
-    const errdesc_t raised = *e;  // the teardown may raise others
+    const errdesc_keeper_t keep;
     if (errdesc_t* failed = vm_proxy_do_evict(cookie, false))
         _errdesc_log(failed, ERRDESC_ERROR);
-    return _errdesc_copy_to_thr(&raised);
+    return e;
 }
 
 errdesc_t* vm_proxy_open_real_file(vm_proxy_cookie_t& cookie, unique_fd* fd) {
