@@ -1,0 +1,212 @@
+"""The process that takes away whatever a sandbox made, however the sandbox ends.
+
+It is nobody's child and belongs to no namespace of the sandbox, so that it outlives the death of the others. It learns
+the sandbox's mounts as they are made; when the sandbox's first process or the keeper is gone it
+
+1. aborts the sandbox's FUSE connections: a server killed while a loop device reads from its own mount leaves threads
+   that no signal ends,
+2. kills every process of the sandbox,
+3. removes its device-mapper devices, detaches its loop devices,
+4. lets go of the mount namespace, with which the mounts vanish, and waits for the loop devices to be unbound.
+"""
+
+import json
+import os
+import select
+import signal
+import subprocess
+import sys
+import time
+
+from . import cover, kernel, loops
+
+DONE = "done"  # the last line of the guardian's report
+_KILL_SECONDS = 20  # for every process to end after abort and kill
+_DETACH_SECONDS = 10  # for the loop devices to be unbound
+_HELPER_SECONDS = 5  # for one look at a loop device, which waits for whoever serves the file behind it
+
+
+class Guardian:
+    """Watches the sandbox whose first process is `first` (a process id of the caller's namespace), once that process
+    stands in its final root."""
+
+    def __init__(self, first, writable):
+        self._process = os.pidfd_open(first)
+        self._table = os.open(f"/proc/{first}/mountinfo", os.O_RDONLY)  # holds the mount namespace, too
+        self._namespace = os.readlink(f"/proc/{first}/ns/mnt")
+        self._root = os.open(f"/proc/{first}/root", os.O_PATH | os.O_DIRECTORY)
+        self._dev = self._open("dev")
+        self._connections = self._open("sys/fs/fuse/connections")
+        self._owner = loops.Owner((), (mount.device for mount in kernel.mounts()), writable)
+        self._owner.note(self._mounts())
+        # An overlay gives files of a lower layer that it can't number itself a device of their own.
+        for path in ("etc/passwd", "usr/bin/env"):
+            device = os.stat(path, dir_fd=self._root).st_dev
+            self._owner.own |= {(os.major(device), os.minor(device))} - self._owner.foreign
+        self._seen_fuse = set()
+        self._save_state()
+
+    def _open(self, path):
+        return os.open(path, os.O_RDONLY | os.O_DIRECTORY, dir_fd=self._root)
+
+    def _mounts(self):
+        os.lseek(self._table, 0, os.SEEK_SET)
+        text = b""
+        while part := os.read(self._table, 1 << 16):
+            text += part
+        return kernel.parse_mounts(os.fsdecode(text))
+
+    def _save_state(self):
+        """For the cover of losetup. A command that removed the directory does without."""
+        try:
+            name = loops.STATE_FILE.lstrip("/")
+            new = os.open(name + ".new", os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o644, dir_fd=self._root)
+            with open(new, "w") as file:
+                json.dump(self._owner.to_json(), file)
+            os.rename(name + ".new", name, src_dir_fd=self._root, dst_dir_fd=self._root)
+        except OSError:
+            pass
+
+    def _note_mounts(self):
+        """The devices of the FUSE mounts there are now."""
+        mounts = self._mounts()
+        if self._owner.note(mounts):
+            self._save_state()
+        fuse = {m.device for m in mounts if m.kind.split(".")[0] == "fuse"} - self._owner.foreign
+        self._seen_fuse |= fuse
+        return fuse
+
+    def watch(self, keeper, first):
+        """Returns when `keeper` or `first`, descriptors whose other ends only those processes hold, reach their end."""
+        poll = select.poll()
+        poll.register(self._table, select.POLLPRI | select.POLLERR)
+        poll.register(keeper, select.POLLIN | select.POLLHUP)
+        poll.register(first, select.POLLIN | select.POLLHUP)
+        while True:
+            ready = {descriptor for descriptor, _ in poll.poll()}
+            if ready - {self._table}:
+                return
+            self._note_mounts()
+
+    def clean(self):
+        """Takes everything away; returns one line per thing that would not go."""
+        problems = self._end_processes()
+        self._remove_mapped()
+        bound = self._detach_loops()
+        for descriptor in (self._table, self._dev, self._connections, self._root):
+            os.close(descriptor)
+        return problems + _wait_unbound(bound)
+
+    def _end_processes(self):
+        poll = select.poll()
+        poll.register(self._process, select.POLLIN)
+        deadline = time.monotonic() + _KILL_SECONDS
+        while True:
+            self._abort_connections()
+            try:
+                signal.pidfd_send_signal(self._process, signal.SIGKILL)
+            except ProcessLookupError:
+                return []
+            if poll.poll(20):
+                return []
+            if time.monotonic() > deadline:
+                return [f"a process would not end within {_KILL_SECONDS} s"]
+
+    def _abort_connections(self):
+        """Also of those that were unmounted lazily, unless their number belongs to somebody else by now."""
+        current = self._note_mounts()
+        gone = self._seen_fuse - current
+        if gone:
+            gone -= _mounted_elsewhere(self._namespace)
+        for _, minor in current | gone:
+            try:
+                abort = os.open(f"{minor}/abort", os.O_WRONLY, dir_fd=self._connections)
+                os.write(abort, b"1")
+                os.close(abort)
+            except OSError:
+                pass  # it ended by itself
+
+    def _remove_mapped(self):
+        if not kernel.has_device_mapper():
+            return
+        for _ in range(3):  # a device that another one uses goes in a later pass
+            try:
+                names = cover.mapped_names(f"/proc/self/fd/{self._dev}/mapper")
+            except OSError:
+                return
+            for name in names:
+                subprocess.run(["dmsetup", "remove", "-f", name], timeout=10, capture_output=True, check=False)
+
+    def _detach_loops(self):
+        """Detaches the sandbox's loop devices and returns their numbers."""
+        dev = f"/proc/self/fd/{self._dev}"
+        bound = [number for number in loops.nodes(dev) if loops.backing_file(number) is not None]
+        return [number for number in bound if _in_helper(lambda number=number: self._detach_own(number, dev))]
+
+    def _detach_own(self, number, dev):
+        if not self._owner.owns(number, dev, f"/proc/self/fd/{self._root}"):
+            return False
+        loops.detach(number, dev)
+        return True
+
+
+def _mounted_elsewhere(namespace):
+    """Devices of all file systems that are mounted in other mount namespaces than this one."""
+    devices, seen = set(), {namespace}
+    for entry in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            name = os.readlink(f"/proc/{entry}/ns/mnt")
+            if name not in seen:
+                seen.add(name)
+                devices |= {mount.device for mount in kernel.mounts(f"/proc/{entry}/mountinfo")}
+        except OSError:
+            pass
+    return devices
+
+
+def _in_helper(action):
+    """The action's result, computed in a process that is left behind when it takes too long."""
+    helper = os.fork()
+    if helper == 0:
+        try:
+            os._exit(0 if action() else 1)
+        except OSError:
+            os._exit(1)
+    descriptor = os.pidfd_open(helper)
+    ended, _, _ = select.select([descriptor], [], [], _HELPER_SECONDS)
+    os.close(descriptor)
+    return bool(ended) and os.waitpid(helper, 0)[1] == 0
+
+
+def _wait_unbound(numbers):
+    deadline = time.monotonic() + _DETACH_SECONDS
+    while numbers and time.monotonic() < deadline:
+        numbers = [number for number in numbers if loops.backing_file(number) is not None]
+        time.sleep(0.01 if numbers else 0)
+    return [f"/dev/loop{number} is still bound" for number in numbers]
+
+
+def run(keeper, first, done, writable):
+    """The guardian's whole life. It reads the sandbox's first process id, one line, from `keeper`, waits on the socket
+    `first` until that process is ready, tells it to go on, and in the end writes what would not go, and DONE, to
+    `done`."""
+    kernel.prctl(kernel.PR_SET_NAME, b"sandbox-guard")
+    line = keeper.readline()
+    if not line or not first.recv(1):
+        _report(done, [DONE])
+        return
+    guardian = Guardian(int(line), writable)
+    try:
+        first.send(b"g")
+        guardian.watch(keeper.fileno(), first.fileno())
+    except OSError as error:
+        print(f"script/sandbox: {error}", file=sys.stderr)
+    _report(done, [*guardian.clean(), DONE])
+
+
+def _report(done, lines):
+    try:
+        os.write(done, "".join(f"{line}\n" for line in lines).encode())
+    except BrokenPipeError:  # the keeper is dead
+        for line in lines[:-1]:
+            print(f"script/sandbox: {line}", file=sys.stderr)

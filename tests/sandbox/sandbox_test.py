@@ -1,0 +1,258 @@
+"""script/sandbox: what runs in it touches nothing outside and leaves nothing behind, however it ends."""
+
+import json
+import os
+import pathlib
+import pty
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+HERE = pathlib.Path(__file__).resolve().parent
+SANDBOX = str(HERE.parent.parent / "script" / "sandbox")
+PRIVATE = ["/export", "/export.shadow", "/vmfs", "/vmfs.direct", "/usr/local/corvantis", "/var/corvantis",
+           "/inuse_bitmap"]
+BIND_TMP_FILE = "truncate -s 1M /tmp/disk; losetup -f --show -r /tmp/disk"
+
+
+def sandbox(script, *options, env=None, **more):
+    """Runs a shell script in a sandbox."""
+    return subprocess.run([SANDBOX, *options, "sh", "-c", script], env={**os.environ, **(env or {})}, text=True,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=120, check=False, **more)
+
+
+def start(*command):
+    return subprocess.Popen([SANDBOX, *command], text=True, stdout=subprocess.PIPE)
+
+
+def is_bound(number):
+    return os.path.exists(f"/sys/block/loop{number}/loop/backing_file")
+
+
+def descendants(process):
+    """Process ids below a process, itself included."""
+    parents = {}
+    for entry in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            parents[int(entry)] = int(pathlib.Path(f"/proc/{entry}/stat").read_text().rpartition(")")[2].split()[1])
+        except OSError:
+            pass
+    found = [process]
+    for parent in found:
+        found += [child for child, its in parents.items() if its == parent]
+    return found
+
+
+def kill_all(processes):
+    for process in processes:
+        try:
+            os.kill(process, signal.SIGKILL)
+        except ProcessLookupError:  # the kernel was faster: it ends with the one before it
+            pass
+
+
+def wait_until(condition, seconds=30):
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.02)
+    return True
+
+
+class Isolation(unittest.TestCase):
+    def test_host_keeps_its_mounts_and_files(self):
+        before = pathlib.Path("/proc/self/mountinfo").read_text()
+        absent = [path for path in PRIVATE if not os.path.exists(path)]
+        made = sandbox("set -e; mkdir -p %s /mnt/x; echo x >/etc/left; rm -rf /etc/passwd; echo x >/usr/local/left;"
+                       "mount -t tmpfs x /mnt/x; touch /tmp/left /run/left /dev/mapper/left" % " ".join(PRIVATE))
+        self.assertEqual((made.returncode, made.stderr), (0, ""))
+        self.assertEqual(pathlib.Path("/proc/self/mountinfo").read_text(), before)
+        left = ["/etc/left", "/usr/local/left", "/tmp/left", "/run/left", "/dev/mapper/left", "/mnt/x", *absent]
+        self.assertEqual([path for path in left if os.path.exists(path)], [])
+        self.assertTrue(os.path.exists("/etc/passwd"))
+
+    def test_shows_the_checkout_but_none_of_the_hosts_own(self):
+        with tempfile.TemporaryDirectory(dir="/tmp") as hidden:
+            seen = sandbox(f"cat /proc/mounts; ls -d {SANDBOX} {hidden} {' '.join(PRIVATE)} /dev/loop[0-9]*; ls /tmp")
+        self.assertNotRegex(seen.stdout, r"(?m)^\S+ \S*/mnt")
+        self.assertEqual(seen.stdout.splitlines()[-1], SANDBOX)
+
+    def test_kernel_file_systems_are_its_own(self):
+        seen = sandbox("echo $$; ls /proc | grep -c '^[0-9]*$'; ls -d /sys/fs/fuse/connections/ /dev/pts/ptmx; ipcs -s")
+        self.assertEqual(seen.returncode, 0, seen.stderr)
+        self.assertLess(int(seen.stdout.splitlines()[1]), 8)
+
+    def test_writes_last_only_where_asked(self):
+        with tempfile.TemporaryDirectory(dir="/tmp") as kept, tempfile.TemporaryDirectory(dir="/tmp") as shown:
+            pathlib.Path(shown, "old").write_text("old")
+            done = sandbox(f"cat {shown}/old; echo new >{shown}/old; echo yes >{kept}/new",
+                           env={"SANDBOX_WRITE": kept, "SANDBOX_SHOW": shown})
+            self.assertEqual((done.stdout, done.returncode), ("old", 0), done.stderr)
+            self.assertEqual(pathlib.Path(shown, "old").read_text(), "old")
+            self.assertEqual(pathlib.Path(kept, "new").read_text(), "yes\n")
+
+    def test_tree_without_an_overlay(self):
+        seen = sandbox(f"{BIND_TMP_FILE}; ls -d {' '.join(PRIVATE)}; touch /export /etc/x /usr/local/corvantis &&"
+                       "echo ok", "--no-overlay")
+        self.assertRegex(seen.stdout, r"^/dev/loop\d+\nok\n$", seen.stderr)
+        self.assertFalse(is_bound(re.search(r"\d+", seen.stdout)[0]))
+        self.assertFalse(os.path.exists("/usr/local/corvantis"))
+
+
+class Covers(unittest.TestCase):
+    def test_losetup_leaves_other_sandboxes_devices_alone(self):
+        other = start("sh", "-c", f"{BIND_TMP_FILE}; sleep 60")
+        try:
+            device = other.stdout.readline().strip()
+            number = re.search(r"\d+", device)[0]
+            done = sandbox(f"mknod {device} b 7 {number}; losetup -d {device} || echo refused; losetup -D; losetup -a;"
+                           f"losetup {device} /etc/passwd || echo refused; losetup -l; losetup -J")
+            self.assertEqual(done.stdout.splitlines()[:2], ["refused", "refused"], done.stdout)
+            self.assertNotIn(device, done.stdout)
+            self.assertIn(f"losetup: {device}: not made in this sandbox", done.stderr)
+            self.assertTrue(is_bound(number))
+        finally:
+            other.terminate()
+            other.communicate()
+        self.assertFalse(is_bound(number))
+
+    def test_losetup_handles_its_own(self):
+        done = sandbox(f"set -e; d=$({BIND_TMP_FILE}); losetup -a; losetup $d; losetup -j /tmp/disk; losetup -J; losetup -d $d;"
+                       f"losetup -f --show /tmp/disk; losetup -D; losetup -a")
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertEqual(done.stdout.count("(/tmp/disk)"), 3, done.stdout)
+        self.assertEqual(done.stdout.count('"/tmp/disk"'), 1, done.stdout)
+
+    def test_device_of_an_unmounted_file_system_is_its_own(self):
+        done = sandbox("mkdir /mnt/d; mount -t tmpfs x /mnt/d; truncate -s 1M /mnt/d/f; d=$(losetup -f --show /mnt/d/f);"
+                       "sleep 0.2; umount -l /mnt/d; losetup -d $d && ! losetup $d")
+        self.assertEqual(done.returncode, 0, done.stderr)
+
+    def test_exportfs_only_notes_its_call(self):
+        done = sandbox("/usr/sbin/exportfs -ua && /usr/sbin/exportfs -a && cat /run/sandbox/exportfs.log")
+        self.assertEqual([json.loads(line) for line in done.stdout.splitlines()], [["-ua"], ["-a"]], done.stderr)
+
+
+class Ends(unittest.TestCase):
+    def test_status_is_the_commands(self):
+        for script, status in (("exit 7", 7), ("kill -9 $$", 137), ("sleep 100 & exit 0", 0)):
+            with self.subTest(script):
+                self.assertEqual(sandbox(script).returncode, status)
+        self.assertEqual(subprocess.run([SANDBOX, "no-such"], stderr=subprocess.PIPE, check=False).returncode, 127)
+
+    def test_signal_reaches_the_command_first(self):
+        running = start("sh", "-c", "trap 'echo told; exit 3' TERM; echo up; sleep 60 & wait")
+        running.stdout.readline()
+        running.terminate()
+        output, _ = running.communicate(timeout=20)
+        self.assertEqual((output, running.returncode), ("told\n", 3))
+
+    def test_second_signal_ends_a_deaf_command(self):
+        running = start("sh", "-c", "trap '' INT TERM; echo up; while :; do sleep 1; done")
+        running.stdout.readline()
+        running.terminate()
+        time.sleep(0.3)
+        running.terminate()
+        running.communicate(timeout=5)
+        self.assertEqual(running.returncode, 137)
+
+    def test_interrupt_from_a_terminal_arrives_once(self):
+        program = "import signal, time; signal.signal(2, lambda *_: print('told', flush=True))\n" \
+                  "print('up', flush=True)\ntime.sleep(1)"
+        command, terminal = pty.fork()
+        if command == 0:
+            os.execv(SANDBOX, [SANDBOX, sys.executable, "-c", program])
+        output = b""
+        with open(terminal, "r+b", buffering=0) as typed:
+            while b"up" not in output:
+                output += typed.read(100)
+            typed.write(b"\x03")
+            try:
+                while part := typed.read(100):
+                    output += part
+            except OSError:  # what a terminal says when nobody is left
+                pass
+        _, status = os.waitpid(command, 0)
+        self.assertEqual((output.count(b"told"), status), (1, 0), output)
+
+    def _check_kill(self, choose):
+        """Kills the processes chosen among the sandbox's and expects its loop device to go."""
+        running = start("sh", "-c", f"{BIND_TMP_FILE}; sleep 1000 & wait")
+        number = re.search(r"\d+", running.stdout.readline())[0]
+        self.assertTrue(is_bound(number))
+        family = descendants(running.pid)
+        kill_all(choose(family))
+        running.wait(timeout=30)
+        self.assertTrue(wait_until(lambda: not is_bound(number)))
+        self.assertTrue(wait_until(lambda: not any(os.path.exists(f"/proc/{process}") for process in family)))
+
+    def test_kill_of_any_process_leaves_nothing(self):
+        choices = {"the keeper": lambda family: family[:1], "the first process": lambda family: family[1:2],
+                   "the command": lambda family: family[2:3], "all": lambda family: family}
+        for name, choose in choices.items():
+            with self.subTest(name):
+                self._check_kill(choose)
+
+    def test_hung_fuse_server_is_freed(self):
+        """Its threads wait for itself; only an abort of the connection ends them. Mounted or lazily unmounted."""
+        for unmount in ("", "umount -l /hung;"):
+            for kill in (False, True):
+                with self.subTest(unmount=unmount, kill=kill):
+                    running = start("sh", "-c", f"mkdir /hung; {sys.executable} {HERE}/hung_server.py /hung &"
+                                    f"sleep 1; {unmount} sleep 1000")
+                    number = int(running.stdout.readline())
+                    time.sleep(1.2 if unmount else 0)
+                    family = descendants(running.pid)
+                    if kill:
+                        kill_all(family)
+                    else:
+                        running.terminate()
+                    running.communicate(timeout=30)
+                    self.assertTrue(wait_until(lambda: not is_bound(number)))
+                    self.assertTrue(wait_until(lambda: not any(os.path.exists(f"/proc/{p}") for p in family)))
+
+    def test_mounted_loop_device_goes_with_the_mount(self):
+        done = sandbox("truncate -s 16M /tmp/fs; mkfs.ext2 -q /tmp/fs; d=$(losetup -f --show /tmp/fs); mkdir /x;"
+                       "mount $d /x && echo $d")
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertFalse(is_bound(re.search(r"\d+", done.stdout)[0]))
+
+    def test_loop_device_over_a_writable_directory_goes(self):
+        with tempfile.TemporaryDirectory(dir="/var/tmp") as kept:
+            done = sandbox(f"truncate -s 1M {kept}/disk; losetup -f --show {kept}/disk", env={"SANDBOX_WRITE": kept})
+            self.assertEqual(done.returncode, 0, done.stderr)
+            self.assertFalse(is_bound(re.search(r"\d+", done.stdout)[0]))
+
+    def test_many_at_once(self):
+        running = [start("sh", "-c", f"{BIND_TMP_FILE}; sleep 1") for _ in range(8)]
+        numbers = [re.search(r"\d+", each.communicate(timeout=60)[0])[0] for each in running]
+        self.assertEqual([each.returncode for each in running], [0] * 8)
+        self.assertEqual([number for number in set(numbers) if is_bound(number)], [])
+
+
+class Refusals(unittest.TestCase):
+    def _refused(self, command, text, **more):
+        done = subprocess.run(command, text=True, stderr=subprocess.PIPE, stdout=subprocess.PIPE, check=False, **more)
+        self.assertEqual((done.returncode, done.stdout), (125, ""))
+        self.assertRegex(done.stderr, rf"\Ascript/sandbox: .*{text}.*\n\Z")
+
+    def test_one_clear_line(self):
+        dev = "mount -t tmpfs x /dev; mknod /dev/null c 1 3; "
+        self._refused(["setpriv", "--reuid", "12345", SANDBOX, "true"], "needs root")
+        self._refused(["unshare", "-m", "sh", "-c", f"{dev} exec {SANDBOX} true"], "needs FUSE")
+        self._refused(["unshare", "-m", "sh", "-c", f"{dev} mknod /dev/fuse c 10 229; exec {SANDBOX} true"],
+                      "needs loop devices")
+        self._refused([SANDBOX, "true"], "/no/such: no such directory", env={**os.environ, "SANDBOX_WRITE": "/no/such"})
+
+    def test_a_checkout_that_recovery_would_unmount(self):
+        script = f"mkdir -p /mnt/c && mount --bind {HERE.parent.parent} /mnt/c && exec /mnt/c/script/sandbox true"
+        self._refused([SANDBOX, "sh", "-c", script], '"/mnt"')
+
+
+if __name__ == "__main__":
+    unittest.main()
