@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "lib/cor_assert.h"
+#include "lib/cor_string.h"
 #include "lib/file_io.h"
 
 namespace mirador {
@@ -74,6 +75,11 @@ bool is_terminated(const char (&text)[N]) {
 template <std::size_t N>
 std::string_view text_of(const char (&text)[N]) {
     return {text, strnlen(text, N)};
+}
+
+// The fault stands before the path, so that a long path cannot push it out of the text.
+errdesc_t* refuse(const std::string& path, const std::string& fault) {
+    return errdesc_set_fmt(EINVAL, "Proxy header refused, %s: %s", fault.c_str(), path.c_str());
 }
 
 errdesc_t* write_record(const vm_proxy_header_t& header, const std::string& path) {
@@ -142,17 +148,16 @@ errdesc_t* vm_proxy_read_header_checked(const std::string& shadow_path, std::uni
 }
 
 errdesc_t* vm_proxy_header_check(const vm_proxy_header_t& header, const std::string& path) {
-    const char* file = path.c_str();
     if (header.magic != vm_proxy_header_t::magic_value)
-        return errdesc_set_fmt(EINVAL, "%s: no proxy header: wrong magic 0x%x", file, header.magic);
+        return refuse(path, cor_format("wrong magic 0x%x", header.magic));
     if (header.version != vm_proxy_header_t::version_value)
-        return errdesc_set_fmt(EINVAL, "%s: proxy header has unknown version %u", file, header.version);
+        return refuse(path, cor_format("unknown version %u", header.version));
     if (!is_known_type(header.type))
-        return errdesc_set_fmt(EINVAL, "%s: proxy header has unusable type %u", file, std::uint32_t{header.type});
+        return refuse(path, cor_format("unusable type %u", std::uint32_t{header.type}));
     if (!is_terminated(header.path) || !is_terminated(header.vm_uuid) || !is_terminated(header.hv_name))
-        return errdesc_set_fmt(EINVAL, "%s: proxy header has a text without end", file);
+        return refuse(path, "a text without end");
     if (header.statb.size < 0)
-        return errdesc_set_fmt(EINVAL, "%s: proxy header has negative size %jd", file, intmax_t{header.statb.size});
+        return refuse(path, cor_format("negative size %jd", std::intmax_t{header.statb.size}));
     return nullptr;
 }
 

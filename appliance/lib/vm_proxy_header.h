@@ -72,8 +72,8 @@ vm_proxy_header_t vm_proxy_header_make(vm_proxy_header_type_t type);
 [[nodiscard]] errdesc_t* vm_proxy_read_header_checked(const std::string& shadow_path,
                                                       std::unique_ptr<vm_proxy_header_t>* out);
 
-// Whether 960 bytes are a header that the program may act on. EINVAL with "<path>: <fault>": wrong magic or version, a
-// type that is unknown or out of range, a text without terminator, a negative size.
+// Whether 960 bytes are a header that the program may act on. EINVAL with "Proxy header refused, <fault>: <path>":
+// wrong magic or version, a type that is unknown or out of range, a text without terminator, a negative size.
 [[nodiscard]] errdesc_t* vm_proxy_header_check(const vm_proxy_header_t& header, const std::string& path);
 
 // Writes "<shadow_path>.tmp" (mode 0600) and renames it over the shadow file; the temporary file is gone on every path

@@ -10,6 +10,7 @@
 #include "appliance/lib/vdsk_header_build.h"
 #include "lib/file_io.h"
 #include "tests/appliance/lib/record_bytes.h"
+#include "tests/lib/temp_dir.h"
 
 namespace mirador {
 namespace {
@@ -195,11 +196,11 @@ TEST(cor_vdsk_header, DumpOfWhatIsNotWhole) {
 }
 
 TEST(cor_vdsk_header, ReadFromADisk) {
-    const scratch_dir_t dir;
+    const temp_dir_t dir;
     record_bytes_t disk(2048 * 512);
     disk.number(510, 2, 0xAA55).number(450, 1, 0x83).number(454, 4, 63);
     const auto read = [&](cor_vdsk_header_t* h) {
-        const unique_fd fd(open(dir.make("disk", disk.bytes()).c_str(), O_RDONLY | O_CLOEXEC));
+        const unique_fd fd(open(write_file(dir / "disk", disk.bytes()).c_str(), O_RDONLY | O_CLOEXEC));
         return read_cor_vdsk_header(fd.get(), h);
     };
     cor_vdsk_header_t h{};

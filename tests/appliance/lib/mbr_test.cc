@@ -11,6 +11,7 @@
 
 #include "lib/file_io.h"
 #include "tests/appliance/lib/record_bytes.h"
+#include "tests/lib/temp_dir.h"
 
 namespace mirador {
 namespace {
@@ -20,8 +21,8 @@ using testing::StartsWith;
 constexpr std::size_t disk_bytes = std::size_t{8} << 20;
 
 // A disk image partitioned by sfdisk.
-std::string partitioned(const scratch_dir_t& dir, const std::string& script) {
-    const std::string path = dir.make("disk", "");
+std::string partitioned(const temp_dir_t& dir, const std::string& script) {
+    const std::string path = write_file(dir / "disk", "");
     EXPECT_EQ(truncate(path.c_str(), disk_bytes), 0);
     const std::string command = "printf '" + script + "' | /sbin/sfdisk -q " + path;
     EXPECT_EQ(std::system(command.c_str()), 0) << command;
@@ -51,7 +52,7 @@ found_t find(const std::string& path) {
 }
 
 TEST(mbr, FirstPartitionDecidesWhetherThereIsRoom) {
-    const scratch_dir_t dir;
+    const temp_dir_t dir;
     struct {
         const char* script;
         std::uint32_t sector;
@@ -78,7 +79,7 @@ TEST(mbr, FirstPartitionDecidesWhetherThereIsRoom) {
 }
 
 TEST(mbr, FirstSectorThatNothingUsesWins) {
-    const scratch_dir_t dir;
+    const temp_dir_t dir;
     const auto disk = [&](const char* start) {
         return partitioned(dir, "label: dos\n start=" + std::string(start) + ", size=100, type=83\n");
     };
@@ -104,13 +105,14 @@ TEST(mbr, FirstSectorThatNothingUsesWins) {
 }
 
 TEST(mbr, DisksWithoutRecordOrTooShort) {
-    const scratch_dir_t dir;
-    EXPECT_EQ(find(dir.make("disk", std::string(511, '\0'))).number, ENODATA);
-    EXPECT_EQ(find(dir.make("disk", "")).number, ENODATA);
-    EXPECT_THAT(find(dir.make("disk", std::string(8192, '\0'))).text, StartsWith("unknown partition format"));
+    const temp_dir_t dir;
+    EXPECT_EQ(find(write_file(dir / "disk", std::string(511, '\0'))).number, ENODATA);
+    EXPECT_EQ(find(write_file(dir / "disk", "")).number, ENODATA);
+    EXPECT_THAT(find(write_file(dir / "disk", std::string(8192, '\0'))).text, StartsWith("unknown partition format"));
     // Only the record itself: no sector behind it can be read.
-    EXPECT_EQ(find(dir.make("disk", record_bytes_t(1024 + 511).number(510, 2, 0xAA55).bytes())).sector, no_sector);
-    EXPECT_EQ(find(dir.make("disk", record_bytes_t(1024 + 512).number(510, 2, 0xAA55).bytes())).sector, 2U);
+    EXPECT_EQ(find(write_file(dir / "disk", record_bytes_t(1024 + 511).number(510, 2, 0xAA55).bytes())).sector,
+              no_sector);
+    EXPECT_EQ(find(write_file(dir / "disk", record_bytes_t(1024 + 512).number(510, 2, 0xAA55).bytes())).sector, 2U);
 }
 
 TEST(mbr, DumpDecodesEntries) {

@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// On-disk records as plain bytes at plain offsets, written without the program's own structs, and a directory to keep
-// them in.
+// On-disk records as plain bytes at plain offsets, written without the program's own structs.
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -44,33 +41,6 @@ class record_bytes_t {
 template <typename Record>
 std::string bytes_of(const Record& record) {
     return {reinterpret_cast<const char*>(&record), sizeof record};
-}
-
-// A directory of its own that goes with the object.
-class scratch_dir_t {
-  public:
-    scratch_dir_t() {
-        std::string name = std::filesystem::temp_directory_path() / "mirador_test.XXXXXX";
-        path_ = mkdtemp(name.data());
-    }
-    ~scratch_dir_t() { std::filesystem::remove_all(path_); }
-    scratch_dir_t(const scratch_dir_t&) = delete;
-    scratch_dir_t& operator=(const scratch_dir_t&) = delete;
-
-    std::string file(const std::string& name) const { return path_ / name; }
-    // Makes a file with this content; the path of it.
-    std::string make(const std::string& name, std::string_view content) const {
-        std::ofstream(file(name), std::ios::binary) << content;
-        return file(name);
-    }
-
-  private:
-    std::filesystem::path path_;
-};
-
-inline std::string file_content(const std::string& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
 }
 
 // What `print` writes to the stream it is given.

@@ -12,10 +12,12 @@
 
 #include "lib/file_io.h"
 #include "tests/appliance/lib/record_bytes.h"
+#include "tests/lib/temp_dir.h"
 
 namespace mirador {
 namespace {
 
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -80,10 +82,10 @@ TEST(statb, ValuesBeyondTheRecordBecomeTheNearest) {
 }
 
 TEST(vm_proxy_header, FilesHoldTheLayout) {
-    const scratch_dir_t dir;
-    const std::string path = dir.file("disk-flat.vmdk");
+    const temp_dir_t dir;
+    const std::string path = dir / "disk-flat.vmdk";
     ASSERT_EQ(vm_proxy_write_header(golden_header(), path), nullptr);
-    EXPECT_EQ(file_content(path), golden_bytes().bytes());
+    EXPECT_EQ(read_file(path), golden_bytes().bytes());
 
     std::unique_ptr<vm_proxy_header_t> read;
     ASSERT_EQ(vm_proxy_read_header(path, &read), nullptr);
@@ -94,25 +96,25 @@ TEST(vm_proxy_header, FilesHoldTheLayout) {
 }
 
 TEST(vm_proxy_header, WriteReplacesTheFileAndLeavesNothingBeside) {
-    const scratch_dir_t dir;
-    const std::string path = dir.make("disk", "old content");
-    dir.make("disk.tmp", std::string(2000, 'x'));  // what a killed writer left
+    const temp_dir_t dir;
+    const std::string path = write_file(dir / "disk", "old content");
+    write_file(dir / "disk.tmp", std::string(2000, 'x'));  // what a killed writer left
     const unique_fd old(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     ASSERT_EQ(vm_proxy_write_header(golden_header(), path), nullptr);
 
-    EXPECT_EQ(file_content(path).size(), 960U);
-    EXPECT_EQ(file_content("/proc/self/fd/" + std::to_string(old.get())), "old content");
+    EXPECT_EQ(read_file(path).size(), 960U);
+    EXPECT_EQ(read_file("/proc/self/fd/" + std::to_string(old.get())), "old content");
     EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
 
-    ASSERT_EQ(vm_proxy_write_header(golden_header(), dir.file("new")), nullptr);
+    ASSERT_EQ(vm_proxy_write_header(golden_header(), dir / "new"), nullptr);
     struct stat st = {};
-    ASSERT_EQ(stat(dir.file("new").c_str(), &st), 0);
+    ASSERT_EQ(stat((dir / "new").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777U & ~0600U, 0U);
 }
 
 TEST(vm_proxy_header, FailedWritesLeaveNothingBeside) {
-    const scratch_dir_t dir;
-    const std::string blocked = dir.file("directory");
+    const temp_dir_t dir;
+    const std::string blocked = dir / "directory";
     std::filesystem::create_directory(blocked);
     const errdesc_t* e = vm_proxy_write_header(golden_header(), blocked);
     ASSERT_NE(e, nullptr);
@@ -120,25 +122,25 @@ TEST(vm_proxy_header, FailedWritesLeaveNothingBeside) {
     EXPECT_EQ(std::string(e->string), "rename " + blocked + ".tmp to " + blocked + " failed");
     EXPECT_FALSE(std::filesystem::exists(blocked + ".tmp"));
 
-    e = vm_proxy_write_header(golden_header(), dir.file("absent/disk"));
+    e = vm_proxy_write_header(golden_header(), dir / "absent/disk");
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->number, ENOENT);
 
-    std::filesystem::create_symlink("/dev/full", dir.file("disk.tmp"));
-    e = vm_proxy_write_header(golden_header(), dir.file("disk"));
+    std::filesystem::create_symlink("/dev/full", dir / "disk.tmp");
+    e = vm_proxy_write_header(golden_header(), dir / "disk");
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->number, ENOSPC);
-    EXPECT_FALSE(std::filesystem::is_symlink(dir.file("disk.tmp")));
-    EXPECT_FALSE(std::filesystem::exists(dir.file("disk")));
+    EXPECT_FALSE(std::filesystem::is_symlink(dir / "disk.tmp"));
+    EXPECT_FALSE(std::filesystem::exists(dir / "disk"));
 }
 
 TEST(vm_proxy_header, UnreadableFilesAreErrors) {
-    const scratch_dir_t dir;
-    const std::string fifo = dir.file("fifo");
+    const temp_dir_t dir;
+    const std::string fifo = dir / "fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const std::string missing = dir.file("missing");
-    const std::string folder = dir.file("");
-    const std::string shorter = dir.make("short", golden_bytes().bytes().substr(0, 959));
+    const std::string missing = dir / "missing";
+    const std::string folder = dir / "";
+    const std::string shorter = write_file(dir / "short", golden_bytes().bytes().substr(0, 959));
     struct {
         std::string path;
         errnum_t number;
@@ -160,7 +162,7 @@ TEST(vm_proxy_header, UnreadableFilesAreErrors) {
 }
 
 TEST(vm_proxy_header, GarbageIsTurnedDownWithFileAndFault) {
-    const scratch_dir_t dir;
+    const temp_dir_t dir;
     struct {
         record_bytes_t bytes;
         const char* fault;
@@ -176,13 +178,14 @@ TEST(vm_proxy_header, GarbageIsTurnedDownWithFileAndFault) {
         {golden_bytes().number(56, 8, ~0ULL), "negative size -1"},
     };
     for (const auto& c : cases) {
-        const std::string path = dir.make("header", c.bytes.bytes());
+        const std::string path = write_file(dir / "header", c.bytes.bytes());
         std::unique_ptr<vm_proxy_header_t> out;
         const errdesc_t* e = vm_proxy_read_header_checked(path, &out);
         ASSERT_NE(e, nullptr) << c.fault;
         EXPECT_EQ(e->number, EINVAL);
-        EXPECT_THAT(e->string, StartsWith(path + ": "));
-        EXPECT_THAT(e->string, HasSubstr(c.fault));
+        EXPECT_THAT(std::string(e->string), StartsWith("Proxy header refused, "));
+        EXPECT_THAT(std::string(e->string), EndsWith(": " + path));
+        EXPECT_THAT(std::string(e->string), HasSubstr(c.fault));
         EXPECT_EQ(out, nullptr);
     }
     for (const vm_proxy_header_type_t type : {VM_PROXY_HEADER_VMDK_FLAT, VM_PROXY_HEADER_CFG})
@@ -190,10 +193,10 @@ TEST(vm_proxy_header, GarbageIsTurnedDownWithFileAndFault) {
 }
 
 TEST(vm_proxy_header_death_test, PlainReaderAssertsOnMagicAndVersion) {
-    const scratch_dir_t dir;
+    const temp_dir_t dir;
     std::unique_ptr<vm_proxy_header_t> out;
     for (const std::size_t offset : {0U, 4U}) {
-        const std::string path = dir.make("header", golden_bytes().number(offset, 4, 7).bytes());
+        const std::string path = write_file(dir / "header", golden_bytes().number(offset, 4, 7).bytes());
         EXPECT_DEATH(static_cast<void>(vm_proxy_read_header(path, &out)), "ASSERT: header\\.(magic|version)");
     }
     out = std::make_unique<vm_proxy_header_t>();
