@@ -1,0 +1,342 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tools/mirador-inspect/inspect.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <json-c/json.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "tests/appliance/lib/record_bytes.h"
+#include "tests/lib/temp_dir.h"
+#include "tools/mirador-inspect/inspect_json.h"
+
+namespace mirador {
+namespace {
+
+using namespace std::string_literals;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+constexpr std::size_t sector = 512;
+const char* const kinds[] = {"vmdk", "extent", "proxy", "vdsk", "mbr"};
+
+struct result_t {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+result_t inspect(const std::vector<std::string>& args) {
+    result_t result;
+    result.err = printed([&](std::FILE* err) {
+        result.out = printed([&](std::FILE* out) { result.status = inspect_main(args, out, err); });
+    });
+    return result;
+}
+
+json_ptr parsed(const result_t& result) {
+    json_ptr json(json_tokener_parse(result.out.c_str()));
+    EXPECT_NE(json, nullptr) << result.out << result.err;
+    return json;
+}
+
+// The value at a JSON pointer.
+json_object* at(const json_ptr& json, const std::string& pointer) {
+    json_object* value = nullptr;
+    EXPECT_EQ(json_pointer_get(json.get(), pointer.c_str(), &value), 0) << pointer;
+    return value;
+}
+
+std::uint64_t number_at(const json_ptr& json, const std::string& pointer) {
+    return json_object_get_uint64(at(json, pointer));
+}
+
+std::string text_at(const json_ptr& json, const std::string& pointer) {
+    const char* text = json_object_get_string(at(json, pointer));
+    return text != nullptr ? text : "(null)";
+}
+
+record_bytes_t proxy_bytes() {
+    record_bytes_t b(960);
+    b.number(0, 4, 0xffffffff).number(4, 4, 1).number(8, 4, 5).number(56, 8, 5'000'000'000).number(84, 4, 77);
+    b.number(112, 4, 1).text(116, "/vmfs/volumes/ds/vm/vm.cfg").text(629, "uuid").text(693, "esx1");
+    return b;
+}
+
+// A disk with a partition at sector 63 and a virtual disk header in sector 4.
+record_bytes_t disk_bytes() {
+    record_bytes_t b(64 * sector);
+    b.number(440, 4, 0xdeadbeef).number(446, 1, 0x80).number(450, 1, 0x83).number(454, 4, 63).number(510, 2, 0xAA55);
+    b.text(2 * sector, "boot").text(3 * sector, "loader");
+    b.text(4 * sector, "KVDH")
+        .number(4 * sector + 4, 1, 2)
+        .number(4 * sector + 5, 1, 1)
+        .number(4 * sector + 10, 4, 4096);
+    b.text(4 * sector + 88, "vm one\0\0esx1\0vm \xe9\0"s).text(4 * sector + 508, "KVDH");
+    return b;
+}
+
+// A copy-on-write extent of 12,288 one-sector grains: tables of 4,096 entries at sectors 8 and 40, the third not there.
+record_bytes_t cow_bytes() {
+    record_bytes_t b(80 * sector);
+    b.text(0, "COWD").number(4, 4, 1).number(8, 4, 3).number(12, 4, 12288).number(16, 4, 1).number(20, 4, 4);
+    b.number(24, 4, 3).number(28, 4, 80);
+    b.number(4 * sector, 4, 8).number(4 * sector + 4, 4, 40);
+    b.number(8 * sector + 4 * 7, 4, 72).number(40 * sector, 4, 73);
+    return b;
+}
+
+record_bytes_t sparse_bytes() {
+    record_bytes_t b(80 * sector);
+    b.text(0, "KDMV").number(4, 4, 1).number(8, 4, 1).number(12, 8, 1024).number(20, 8, 8).number(44, 4, 64);
+    b.number(56, 8, 4).number(64, 8, 16).text(73, "\n \r\n");
+    b.number(4 * sector, 4, 8).number(4 * sector + 4, 4, 9).number(8 * sector, 4, 16).number(9 * sector + 4, 4, 24);
+    return b;
+}
+
+const char* const descriptor =
+    "version=1\nCID=12345678\nparentCID=ffffffff\ncreateType=\"vmfs\"\nRW 64 VMFS \"d-flat.vmdk\"\n"
+    "changeTrackPath=\"d-ctk.vmdk\"\nddb.uuid = \"60 00\"\n";
+
+TEST(inspect, TextIsTheDumpOfTheFormat) {
+    const temp_dir_t dir;
+    setenv("TZ", "UTC", 1);
+    tzset();
+    const std::string proxy = write_file(dir / "proxy", proxy_bytes().bytes());
+    const std::string disk = write_file(dir / "disk", disk_bytes().bytes());
+    const std::string vmdk = write_file(dir / "disk.vmdk", descriptor);
+    const std::string cow = write_file(dir / "cow", cow_bytes().bytes());
+    struct {
+        std::vector<std::string> args;
+        std::string begin;
+        std::string end;
+    } const cases[] = {
+        {{"proxy", proxy}, proxy + "\nvm_proxy_header->magic = ffffffff\n", "vm_proxy_header->can_optimize = FALSE\n"},
+        {{"vdsk", disk}, "type: VMDK\nversion: 2\n", "HV: esx1\nVM: vm \xe9\nDS: \npath: vm one\n"},
+        {{"--sector", "4", "vdsk", disk}, "type: VMDK\nversion: 2\n", "path: vm one\n"},
+        {{"mbr", "--", disk}, "Disk Signature:      deadbeef\nPartition Table  #1  :      bootable, type: 83", ")\n"},
+        {{"vmdk", vmdk}, "---------------dump------------\nvmdkdesc.version = 1\n", "longcontentid = \n"},
+        {{"extent", cow}, "magicnumber = 44574f43\n", "gde[0] = 8\nextent[0].gde[1] = 40\nextent[0].gde[2] = 0\n"},
+        {{"extent", cow, "--grains"},
+         "magicnumber = 44574f43\n",
+         "extent[0].gde[0] = 8\nextent[0].gde[0].gte[7] = 72\nextent[0].gde[1] = 40\nextent[0].gde[1].gte[0] = 73\n"
+         "extent[0].gde[2] = 0\n"},
+    };
+    for (const auto& c : cases) {
+        const result_t result = inspect(c.args);
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(result.err, "");
+        EXPECT_THAT(result.out, StartsWith(c.begin));
+        EXPECT_THAT(result.out, EndsWith(c.end));
+    }
+}
+
+TEST(inspect, JsonHasTheFields) {
+    const temp_dir_t dir;
+    json_ptr json = parsed(inspect({"--json", "proxy", write_file(dir / "proxy", proxy_bytes().bytes())}));
+    EXPECT_EQ(text_at(json, "/type"), "CFG");
+    EXPECT_EQ(number_at(json, "/statb/size"), 5'000'000'000U);
+    EXPECT_EQ(number_at(json, "/statb/mtime/sec"), 77U);
+    EXPECT_EQ(text_at(json, "/can_snapshot"), "true");
+    EXPECT_EQ(text_at(json, "/hv_name"), "esx1");
+
+    const std::string disk = write_file(dir / "disk", disk_bytes().bytes());
+    json = parsed(inspect({"vdsk", disk, "--json"}));
+    EXPECT_EQ(number_at(json, "/sector"), 4U);
+    EXPECT_EQ(number_at(json, "/size"), 4096U);
+    EXPECT_EQ(text_at(json, "/vm"), "vm \xef\xbf\xbd");  // a byte that is no character
+    EXPECT_EQ(text_at(json, "/path"), "vm one");
+    json = parsed(inspect({"mbr", disk, "--json"}));
+    EXPECT_EQ(number_at(json, "/disk_signature"), 0xdeadbeefU);
+    EXPECT_EQ(number_at(json, "/partitions/0/first_sector_lba"), 63U);
+
+    json = parsed(inspect({"--json", "vmdk", write_file(dir / "disk.vmdk", descriptor)}));
+    EXPECT_EQ(number_at(json, "/cid"), 0x12345678U);
+    EXPECT_EQ(text_at(json, "/extents/0/extentname"), "d-flat.vmdk");
+    EXPECT_EQ(text_at(json, "/parentfilenamehint"), "(null)");
+    EXPECT_EQ(text_at(json, "/change_track_path"), "\"d-ctk.vmdk\"");
+}
+
+// A file that somebody else wrote: every grain that the tool names must hold what was written there.
+TEST(inspect, GrainsOfAnImageByAnotherProgram) {
+    const temp_dir_t dir;
+    const std::string image = dir / "image.vmdk";
+    const std::string make = "qemu-img create -q -f vmdk -o subformat=monolithicSparse " + image +
+                             " 100M && qemu-io -f vmdk -c 'write -P 0x5a 3M 64k' -c 'write -P 0x5b 77M 128k' " + image +
+                             " >/dev/null";
+    ASSERT_EQ(std::system(make.c_str()), 0);
+    const json_ptr json = parsed(inspect({"extent", "--json", "--grains", image}));
+    EXPECT_EQ(number_at(json, "/header/capacity"), 204800U);
+    const std::uint64_t grainsize = number_at(json, "/header/grainsize");
+    const std::uint64_t per_table = number_at(json, "/header/numgtespergt");
+    const std::string content = read_file(image);
+    std::vector<std::pair<std::uint64_t, char>> found;  // where in the disk, and the grain's first byte
+    const json_object* tables = at(json, "/tables");
+    for (std::size_t t = 0; t < json_object_array_length(tables); t++) {
+        const std::string table = "/tables/" + std::to_string(t);
+        const json_object* entries = at(json, table + "/gte");
+        for (std::size_t i = 0; i < json_object_array_length(entries); i++) {
+            const std::uint64_t grain = json_object_get_uint64(json_object_array_get_idx(entries, i));
+            if (grain != 0)
+                found.emplace_back((number_at(json, table + "/gde") * per_table + i) * grainsize * sector,
+                                   content.at(grain * sector));
+        }
+    }
+    const std::uint64_t mib = 1 << 20;
+    EXPECT_THAT(found, testing::ElementsAre(std::pair(3 * mib, 0x5a), std::pair(77 * mib, 0x5b),
+                                            std::pair(77 * mib + 65536, 0x5b)));
+}
+
+// What is wrong with a file is one line, after whatever could be printed of it.
+TEST(inspect, FaultsAreOneLine) {
+    const temp_dir_t dir;
+    struct {
+        std::vector<std::string> args;
+        std::string content;
+        const char* error;
+        const char* out;  // begins the output; empty: nothing at all
+    } const cases[] = {
+        {{"vmdk"}, "", "no descriptor text", ""},
+        {{"vmdk"}, "some other\ntext file\n", "no extents", ""},
+        {{"vmdk"}, "version=1\nRW 64 ZERO \"\"\n", "", "---------------dump"},
+        {{"vmdk"},
+         descriptor + "RW 5 FLAT \""s + std::string(1024, 'n') + "\"\n",
+         "file name of more than 1023",
+         "----"},
+        {{"extent"}, "KDMV", "no sparse", ""},
+        {{"extent"}, cow_bytes().bytes().substr(0, 512), "no sparse", ""},
+        {{"extent"}, cow_bytes().number(16, 4, 0).bytes(), "grain size out of range", "magicnumber"},
+        {{"extent"}, cow_bytes().number(20, 4, 80).bytes(), "directory beyond the end", "magicnumber"},
+        {{"extent"}, sparse_bytes().number(44, 4, 0).bytes(), "grain table out of range", "magicnumber"},
+        {{"extent"}, sparse_bytes().number(12, 8, ~0ULL).bytes(), "capacity out of range", "magicnumber"},
+        {{"extent"}, sparse_bytes().text(74, "\n").bytes(), "text-mode transfer", "line-end characters are damaged\n"},
+        {{"extent", "--grains"}, sparse_bytes().number(8 * sector, 4, 1000).bytes(), "beyond the end", "magicnumber"},
+        {{"extent", "--grains"}, cow_bytes().number(4 * sector + 8, 4, 40).bytes(), "tables overlap", "magicnumber"},
+        {{"proxy"}, proxy_bytes().bytes().substr(0, 959), "short read 959", ""},
+        {{"proxy"}, proxy_bytes().fill(693, 257, 'h').bytes(), "text without end", ""},
+        {{"vdsk"}, disk_bytes().number(4 * sector, 1, 0).bytes(), "sector 5 holds no virtual disk header", ""},
+        {{"vdsk"}, disk_bytes().number(454, 4, 1).bytes(), "partition start at 1", ""},
+        {{"vdsk", "--sector", "4294967295"}, disk_bytes().bytes(), "sector 4294967295 holds no", ""},
+        {{"mbr"}, disk_bytes().number(510, 2, 0).bytes(), "wrong signature", ""},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> args = c.args;
+        args.push_back(write_file(dir / "file", c.content));
+        const result_t result = inspect(args);
+        EXPECT_EQ(result.status, 1) << c.error;
+        EXPECT_THAT(result.err, StartsWith("mirador-inspect: "));
+        EXPECT_THAT(result.err, HasSubstr(c.error));
+        EXPECT_THAT(result.err, HasSubstr(dir / "file"));
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+        EXPECT_THAT(result.out, StartsWith(c.out));
+        EXPECT_EQ(result.out.empty(), c.out[0] == '\0') << result.out;
+        args.push_back("--json");
+        EXPECT_EQ(inspect(args).status, 1);
+    }
+}
+
+TEST(inspect, WhatIsNoFileIsRefusedAtOnce) {
+    const temp_dir_t dir;
+    const std::string fifo = dir / "fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    for (const char* kind : kinds)
+        for (const std::string& path : {fifo, dir.path(), "/dev/zero"s, dir / "absent"}) {
+            const result_t result = inspect({kind, path});
+            EXPECT_EQ(result.status, 1) << kind << " " << path;
+            EXPECT_EQ(result.out, "");
+            EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+        }
+}
+
+// Every byte that matters at its extremes, and files cut anywhere: something is printed or refused, nothing ends the
+// program.
+TEST(inspect, DamagedFilesNeverEndTheProgram) {
+    const temp_dir_t dir;
+    const struct {
+        const char* kind;
+        const char* option;
+        record_bytes_t bytes;
+        std::size_t first;
+        std::size_t count;
+    } files[] = {
+        {"extent", "--grains", cow_bytes(), 0, 32},          {"extent", "--grains", sparse_bytes(), 0, 78},
+        {"extent", "--json", sparse_bytes(), 4 * sector, 8}, {"proxy", "--json", proxy_bytes(), 0, 120},
+        {"vdsk", "--json", disk_bytes(), 4 * sector, 120},   {"mbr", "--json", disk_bytes(), 440, 72},
+    };
+    const std::string path = dir / "file";
+    const auto survives = [&](const char* kind, const char* option, const std::string& content) {
+        unlink(path.c_str());  // overwriting one would wait for the disk
+        EXPECT_LE(inspect({kind, write_file(path, content), option}).status, 1);
+    };
+    for (const auto& f : files) {
+        for (std::size_t offset = f.first; offset < f.first + f.count; offset++)
+            for (const std::uint64_t value : {0x00U, 0x80U, 0xffU}) {
+                record_bytes_t damaged = f.bytes;
+                survives(f.kind, f.option, damaged.number(offset, 1, value).bytes());
+            }
+        for (std::size_t size = 0; size < f.bytes.bytes().size(); size += 509)
+            survives(f.kind, f.option, f.bytes.bytes().substr(0, size));
+    }
+}
+
+TEST(inspect, WrongCommandLines) {
+    const std::vector<std::string> cases[] = {
+        {},
+        {"mbr"},
+        {"mbr", "a", "b"},
+        {"disk", "a"},
+        {"--yaml", "mbr", "a"},
+        {"mbr", "--grains", "a"},
+        {"mbr", "--sector", "1", "a"},
+        {"vdsk", "a", "--sector"},
+        {"vdsk", "--sector", "1x", "a"},
+        {"vdsk", "--sector", "-1", "a"},
+    };
+    for (const auto& args : cases) {
+        const result_t result = inspect(args);
+        EXPECT_EQ(result.status, 2) << testing::PrintToString(args);
+        EXPECT_THAT(result.err, EndsWith("see mirador-inspect --help\n"));
+        EXPECT_EQ(result.out, "");
+    }
+}
+
+TEST(inspect, JsonTextIsUtf8) {
+    struct {
+        const char* text;
+        const char* json;
+    } const cases[] = {
+        {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x92\xbe", "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x92\xbe"},
+        {"\xe9", "\xef\xbf\xbd"},
+        {"\xc3", "\xef\xbf\xbd"},
+        {"\xc0\xaf", "\xef\xbf\xbd\xef\xbf\xbd"},                                  // overlong
+        {"\xed\xa0\x80", "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd"},                  // surrogate
+        {"\xf4\x90\x80\x80", "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd"},  // beyond the last
+        {"\x80 a", "\xef\xbf\xbd a"},
+    };
+    for (const auto& c : cases)
+        EXPECT_STREQ(json_object_get_string(json_text(c.text).get()), c.json);
+}
+
+TEST(inspect, ProgramReportsThroughItsExitStatus) {
+    const temp_dir_t dir;
+    const std::string program = MIRADOR_INSPECT;
+    const std::string disk = write_file(dir / "disk", disk_bytes().bytes());
+    const auto status = [&](const std::string& command) { return WEXITSTATUS(std::system(command.c_str())); };
+    EXPECT_EQ(status(program + " mbr " + disk + " >" + (dir / "out") + " 2>" + (dir / "err")), 0);
+    EXPECT_THAT(read_file(dir / "out"), StartsWith("Disk Signature:      deadbeef\n"));
+    EXPECT_EQ(read_file(dir / "err"), "");
+    EXPECT_EQ(status(program + " mbr " + disk + " >/dev/full 2>" + (dir / "err")), 1);
+    EXPECT_THAT(read_file(dir / "err"), HasSubstr("standard output"));
+    EXPECT_EQ(status(program + " --help >" + (dir / "out")), 0);
+    for (const char* kind : kinds)
+        EXPECT_THAT(read_file(dir / "out"), HasSubstr("\n  "s + kind + " "));
+}
+
+}  // namespace
+}  // namespace mirador

@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <algorithm>
+#include <charconv>
+
+#include "tools/mirador-inspect/inspect.h"
+
+namespace mirador {
+namespace {
+
+bool parse_sector(const std::string& text, std::optional<std::uint32_t>* sector) {
+    std::uint32_t value = 0;
+    const char* end = text.data() + text.size();
+    const auto [stopped, error] = std::from_chars(text.data(), end, value);
+    if (error != std::errc() || stopped != end)
+        return false;
+    *sector = value;
+    return true;
+}
+
+const inspect_kind_t* find_kind(const std::string& name) {
+    const auto& kinds = inspect_kinds();
+    const auto found = std::find_if(kinds.begin(), kinds.end(), [&](const auto& kind) { return kind.name == name; });
+    return found == kinds.end() ? nullptr : &*found;
+}
+
+// What the options and the words between them say as a whole; empty when it makes sense.
+std::string check(const std::vector<std::string>& words, inspect_options_t* options) {
+    if (options->help)
+        return "";
+    if (words.size() != 2)
+        return "a kind and a file are needed";
+    options->kind = find_kind(words[0]);
+    options->path = words[1];
+    if (options->kind == nullptr)
+        return "unknown kind \"" + words[0] + "\"";
+    if (options->grains && !options->kind->takes_grains)
+        return "--grains is not for " + words[0];
+    if (options->sector.has_value() && !options->kind->takes_sector)
+        return "--sector is not for " + words[0];
+    return "";
+}
+
+}  // namespace
+
+bool inspect_parse_options(const std::vector<std::string>& args, inspect_options_t* options, std::string* fault) {
+    std::vector<std::string> words;
+    bool only_words = false;
+    for (auto arg = args.begin(); arg != args.end(); ++arg) {
+        if (only_words || arg->empty() || arg->front() != '-') {
+            words.push_back(*arg);
+        } else if (*arg == "--") {
+            only_words = true;
+        } else if (*arg == "--json") {
+            options->json = true;
+        } else if (*arg == "--grains") {
+            options->grains = true;
+        } else if (*arg == "--help" || *arg == "-h") {
+            options->help = true;
+        } else if (*arg == "--sector") {
+            if (++arg == args.end() || !parse_sector(*arg, &options->sector)) {
+                *fault = "--sector needs a number";
+                return false;
+            }
+        } else {
+            *fault = "unknown option \"" + *arg + "\"";
+            return false;
+        }
+    }
+    *fault = check(words, options);
+    return fault->empty();
+}
+
+}  // namespace mirador
