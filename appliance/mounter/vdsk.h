@@ -11,20 +11,12 @@
 #include <vector>
 
 #include "appliance/mounter/vdsk_partitions.h"
+#include "appliance/mounter/vdsk_stats.h"
 #include "lib/cor_uuid.h"
 #include "lib/errdesc.h"
 #include "vmware/lib/vmdk/vmdkdesc.h"
 
 namespace mirador {
-
-// What the mapping of a disk is made of. Sizes are in 512-byte sectors.
-struct vdsk_stats_t {
-    std::uint32_t chain_length = 0;   // disks that supply data
-    std::uint64_t lines = 0;          // lines of the table
-    std::uint64_t sectors = 0;        // size of the mapped disk
-    std::uint64_t child_sectors = 0;  // of these supplied by the disk itself
-    std::uint64_t zero_sectors = 0;   // of these supplied by no disk: they read as zeros
-};
 
 struct vdskdesc_t {
     static constexpr std::uint32_t magic_value = 0xd15cd15c;
@@ -50,8 +42,9 @@ struct vdskdesc_t {
 // Opens the disk whose descriptor is `path`, maps its chain read-only and loads the mapping under a name of its own;
 // *vdskdesc must be empty and owns the result. On an error nothing stays behind: no device, loop device, file or open
 // descriptor. Errors: EINVAL with file and fault for a chain that cannot be mapped as it stands (descriptor_check.h,
-// chain_check.h); EIO for a flat extent that is too short; EMFILE (24) when descriptors or loop devices run out; errno
-// with the path for a file that cannot be opened or read; that of the tool that loads the table.
+// chain_check.h, vmdk_graindir.h, datastore_containment.h); EIO for a flat extent that is too short; EMFILE (24) when
+// descriptors or loop devices run out; errno with the path for a file that cannot be opened, read or written; EFBIG for
+// a disk in too many pieces; that of the tool that loads the table.
 [[nodiscard]] errdesc_t* vdsk_setup(const std::string& path, std::unique_ptr<vdskdesc_t>* vdskdesc);
 
 // Releases volume groups, partitions, mapping, loop devices and chain, in this order, also of a disk built in part, and
