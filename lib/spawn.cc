@@ -117,7 +117,7 @@ void child_restore_signals() {
         sigaction(signo, &defaults, nullptr);
     sigset_t none;
     sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
+    pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
 // A copy of `fd` above the standard streams, so that putting one stream in place cannot overwrite the other's source.

@@ -88,6 +88,7 @@ TEST(list, WalksStopWhenToldTo) {
 
 // An element's destructor may use the list that it just left.
 struct parting_t {
+    explicit parting_t(list_t<std::unique_ptr<parting_t>>& left) : list(left) {}
     list_t<std::unique_ptr<parting_t>>& list;
     ~parting_t() {
         if (list_count(list) < 2)

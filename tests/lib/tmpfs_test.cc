@@ -29,7 +29,7 @@ class tmpfs_test : public testing::Test {
 
     const temp_dir_t dir;
     const std::string shadow = dir / "x/export.shadow";
-    fast_clock_t clock{50};
+    fast_clock_t clock{20};
 
   private:
     const tool_paths_t deployed_ = tool_paths();
