@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "appliance/exporter/export_names.h"
+
+#include <gtest/gtest.h>
+
+namespace mirador {
+namespace {
+
+using name_function_t = errdesc_t* (*)(const std::string&, std::string*);
+
+errdesc_t* corcbt_to_flat(const std::string& path, std::string* out) {
+    return corcbt_to_export_file(path, "-flat.vmdk", out);
+}
+
+TEST(export_names, EachNameFollowsFromAnother) {
+    struct {
+        name_function_t function;
+        const char* from;
+        const char* to;  // or the error's text
+    } const cases[] = {
+        {corcbt_to_flat, "/vm/disk-corcbt.vmdk", "/export/vm/disk-flat.vmdk"},
+        {corcbt_to_flat, "/vm/disk-flat.vmdk", "Invalid corcbt vmdk path: invalid argument"},
+        {export_to_losetup_file, "/vm/disk-flat.vmdk", "/vm/disk-flat.vmdk-cbt-losetup"},
+        {export_to_losetup_file, "/vm.1/disk", "/vm.vmdk-cbt-losetup"},
+        {export_to_losetup_file, "/vm/disk", "Invalid export vmdk path: invalid argument"},
+        {losetup_file_to_export, "/vm/disk-flat.vmdk-cbt-losetup", "/vm/disk-flat.vmdk"},
+        {losetup_file_to_export, "/vm/disk.vmdk-cbt-losetup.vmdk", "Invalid export vmdk path: invalid argument"},
+        {losetup_file_to_export, "/vm/disk.vmdk-cbt-losetupx", "Invalid export vmdk path: invalid argument"},
+        {losetup_file_to_export, "", "Invalid export vmdk path: invalid argument"},
+    };
+    for (const auto& c : cases) {
+        std::string name;
+        const errdesc_t* e = c.function(c.from, &name);
+        EXPECT_EQ(e == nullptr ? name : e->string, c.to) << c.from;
+        EXPECT_TRUE(e == nullptr || e->number == ERR_INVALID_ARG);
+    }
+}
+
+}  // namespace
+}  // namespace mirador

@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "appliance/exporter/options.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "appliance/exporter/mirador.h"
+
+namespace mirador {
+namespace {
+
+std::vector<char*> argument_vector(std::vector<std::string>& words) {
+    std::vector<char*> argv;
+    for (std::string& word : words)
+        argv.push_back(word.data());
+    argv.push_back(nullptr);
+    return argv;
+}
+
+// What the parser makes of a command line, for a child process to print.
+void print_parsed(std::vector<std::string> words) {
+    std::vector<char*> argv = argument_vector(words);
+    fuse_args args = FUSE_ARGS_INIT(static_cast<int>(words.size()), argv.data());
+    if (!mirador_parse_options(&args))
+        std::exit(9);
+    const mirador_options_t& o = fs_options();
+    const auto text = [](const char* value) { return value == nullptr ? "-" : value; };
+    std::fprintf(stderr, "mount=%s tmpfs=%s opts=%s log=%s threads=%u ro=%u dir=%u help=%u version=%u fuse=",
+                 text(o.proxy_mount_point), text(o.tmpfs_mount_point), text(o.tmpfs_mount_options), text(o.log_dir),
+                 o.start_cnt_threads, o.is_readonly, o.use_existing_dir, o.show_help, o.show_version);
+    for (int i = 1; i < args.argc; i++)
+        std::fprintf(stderr, "%s,", args.argv[i]);
+    std::exit(0);
+}
+
+void run_main(std::vector<std::string> words) {
+    std::vector<char*> argv = argument_vector(words);
+    std::exit(mirador_main(static_cast<int>(words.size()), argv.data()));
+}
+
+TEST(options, CommandLinesAreParsed) {
+    struct {
+        std::vector<std::string> words;
+        const char* parsed;
+    } const cases[] = {
+        {{"mirador", "/x"}, "mount=/x tmpfs=- opts=- log=- threads=1 ro=1 dir=0 help=0 version=0 fuse=/x,"},
+        {{"mirador", "/x", "/y"}, "mount=/x tmpfs=-.*fuse=/x,/y,"},
+        {{"mirador", "-L", "/log", "-P/sh", "-O", "size=1M", "/x"}, "mount=/x tmpfs=/sh opts=size=1M log=/log "},
+        {{"mirador", "--log-dir", "/log", "--tmpfs-path=/sh", "--tmpfs-opts=size=1M", "/x"},
+         "tmpfs=/sh opts=size=1M log=/log "},
+        {{"mirador", "-W", "-D", "--no-threads", "-h", "-V", "/x"}, "threads=0 ro=0 dir=1 help=1 version=1 fuse=/x,"},
+        {{"mirador", "--writable", "--use-dir", "--help", "--version"}, "mount=- .* ro=0 dir=1 help=1 version=1"},
+        {{"mirador", "-o", "allow_other", "-f", "/x"}, "fuse=-o,allow_other,-f,/x,"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EXIT(print_parsed(c.words), testing::ExitedWithCode(0), c.parsed);
+}
+
+// Only command lines that end the program before it touches the machine.
+TEST(options, CommandLinesThatEndAtOnce) {
+    EXPECT_EXIT(run_main({"mirador", "-V"}), testing::ExitedWithCode(1), "Mount point must be provided");
+    EXPECT_EXIT(run_main({"mirador", "-W", "/x"}), testing::ExitedWithCode(1),
+                "The ``--writable'' option is not currently supported.");
+    EXPECT_EXIT(run_main({"mirador", "-h", "-W", "/x"}), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(run_main({"mirador", "/nowhere/at/all"}), testing::ExitedWithCode(1),
+                "mirador: /nowhere/at/all: No such file or directory");
+    EXPECT_EXIT(run_main({"mirador", "/proc/version"}), testing::ExitedWithCode(1),
+                "mirador: /proc/version: Not a directory");
+}
+
+}  // namespace
+}  // namespace mirador

@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "appliance/exporter/vm_proxy_attr.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "appliance/exporter/shadow_fixture.h"
+#include "appliance/exporter/vm_proxy_api.h"
+#include "lib/error_hash.h"
+#include "lib/fs_info.h"
+
+namespace mirador {
+namespace {
+
+class vm_proxy_attr : public shadow_fixture_t {
+  protected:
+    // The attribute's bytes, terminator included; "!<number>" for an error.
+    std::string xattr(const std::string& path, const std::string& name, std::size_t room = 200) const {
+        std::array<char, 200> value{};
+        std::size_t size = room;
+        const errdesc_t* e = vm_proxy_getxattr(path, shadow_path(path), name, value.data(), &size);
+        return e == nullptr ? std::string(value.data(), size) : "!" + std::to_string(e->number);
+    }
+    struct stat attributes(const std::string& path) const {
+        struct stat st {};
+        EXPECT_EQ(vm_proxy_getattr(path, shadow_path(path), &st), nullptr) << path;
+        return st;
+    }
+};
+
+const std::string nul(1, '\0');
+
+TEST_F(vm_proxy_attr, FilesReportWhatTheirHeaderSays) {
+    const std::string vmx_file = make_file("real.vmx", std::string(700, 'v'));
+    const std::string disk = expose_disk("vm/a-flat.vmdk");
+    const std::string vmx = expose("vm/a.vmx", VM_PROXY_HEADER_VMX, vmx_file);
+    const std::string cfg = expose("vm/vm.cfg", VM_PROXY_HEADER_CFG, make_file("vm.cfg", std::string(1000, 'c')));
+    struct {
+        std::string path;
+        off_t size;
+        blkcnt_t blocks;
+    } const cases[] = {{disk, disk_size, disk_size / 512},
+                       {disk + "-cbt-losetup", disk_size, disk_size / 512},
+                       {vmx, 700, 2},
+                       {cfg, 1200, 2}};
+    for (const auto& c : cases) {
+        const struct stat st = attributes(c.path);
+        EXPECT_EQ(st.st_size, c.size) << c.path;
+        EXPECT_EQ(st.st_blocks, c.blocks) << c.path;
+        EXPECT_EQ(st.st_blksize, 131072) << c.path;
+        EXPECT_EQ(st.st_ino, fs_ino_hash(c.path)) << c.path;
+        EXPECT_TRUE(S_ISREG(st.st_mode)) << c.path;
+    }
+    EXPECT_TRUE(S_ISDIR(attributes("/vm").st_mode));
+
+    struct stat st {};
+    const errdesc_t* e = vm_proxy_getattr("/none", shadow_path("/none"), &st);
+    EXPECT_EQ(e->number, ENOENT);
+    EXPECT_EQ(e->string, "lstat failed: " + shadow_path("/none"));
+    make_file("shadow/short", "x");
+    EXPECT_EQ(vm_proxy_getattr("/short", shadow_path("/short"), &st)->number, 126);
+}
+
+TEST_F(vm_proxy_attr, TouchKeepsSizeRulesAndTheCountOfBlocks) {
+    const std::string disk = expose_disk("a-flat.vmdk");
+    struct statvfs totals {};
+    ASSERT_EQ(vm_proxy_statvfs(shadow_, &totals), nullptr);
+    EXPECT_EQ(totals.f_blocks, disk_size / totals.f_bsize);
+    EXPECT_EQ(totals.f_bfree + totals.f_bavail + totals.f_ffree + totals.f_favail, 0U);
+
+    // An extent file larger than its descriptor says is exported whole, but not read through the optimised path.
+    make_file("device", std::string(2 * disk_size, 'd'));
+    expose_disk("a-flat.vmdk");
+    EXPECT_EQ(attributes(disk).st_size, static_cast<off_t>(2 * disk_size));
+    std::unique_ptr<vm_proxy_header_t> header;
+    ASSERT_EQ(vm_proxy_read_header(shadow_path(disk), &header), nullptr);
+    EXPECT_EQ(header->can_optimize, 0U);
+    EXPECT_EQ(get_fs_blocks_used(), static_cast<std::int64_t>(2 * disk_size / totals.f_bsize));
+
+    // A smaller one reports the descriptor's size.
+    make_file("device", "d");
+    expose_disk("a-flat.vmdk");
+    EXPECT_EQ(attributes(disk).st_size, static_cast<off_t>(disk_size));
+    EXPECT_EQ(get_fs_blocks_used(), static_cast<std::int64_t>(disk_size / totals.f_bsize));
+
+    vm_proxy_touch_t touch;
+    touch.type = VM_PROXY_HEADER_VMX;
+    touch.link_path = std::string(512, 'l');
+    EXPECT_EQ(vm_proxy_touch_check(touch), nullptr);
+    touch.link_path += 'l';
+    EXPECT_EQ(vm_proxy_touch_check(touch)->number, EINVAL);
+    touch.link_path.clear();
+    touch.vm_uuid = std::string(64, 'u');
+    EXPECT_EQ(vm_proxy_touch_check(touch)->number, EINVAL);
+    touch.vm_uuid.clear();
+    touch.stat_path = root_ + "/none";
+    EXPECT_EQ(vm_proxy_touch(shadow_path("/none"), touch)->number, ENOENT);
+}
+
+TEST_F(vm_proxy_attr, ExtendedAttributes) {
+    const std::string disk = expose_disk("a-flat.vmdk");
+    const std::string vmx = expose("a.vmx", VM_PROXY_HEADER_VMX, make_file("a.vmx", "v"));
+    EXPECT_EQ(xattr(disk, "devicemapper_path"), "") << "never opened";
+    std::unique_ptr<fuse_fh_t> fh;
+    ASSERT_EQ(vm_proxy_open(disk, shadow_path(disk), &fh), nullptr);
+    EXPECT_EQ(xattr(disk, "devicemapper_path"), fake_vdsk().device + nul);
+    EXPECT_EQ(xattr(disk, "vm_uuid"), "564d7a1b-2c3d-4e5f-6071-8293a4b5c6d7" + nul);
+    EXPECT_EQ(xattr(vmx, "devicemapper_path"), "");
+    EXPECT_EQ(xattr("/none", "vm_uuid"), "!2");
+    EXPECT_EQ(xattr(disk, "smartread_lvm_enabled"), "0" + nul);
+    EXPECT_EQ(xattr(disk, "user.anything"), "");
+    EXPECT_EQ(vm_proxy_release(disk, std::move(fh)), nullptr);
+}
+
+TEST_F(vm_proxy_attr, ErrorOfAPathIsReadAndReset) {
+    EXPECT_EQ(xattr("/e-flat.vmdk", "user.err_num"), "0" + nul);
+    EXPECT_EQ(xattr("/e-flat.vmdk", "user.err_string"), nul);
+    error_hash_save("/e-flat.vmdk", errdesc_set_str(EIO, "disk"));
+    EXPECT_EQ(xattr("/e-flat.vmdk", "user.err_num"), "5" + nul);
+    EXPECT_EQ(xattr("/e-flat.vmdk-cbt-losetup", "user.err_string"), "disk: Input/output error" + nul);
+    EXPECT_EQ(xattr("/e-flat.vmdk", "user.err_num"), "5" + nul) << "reading does not clear it";
+
+    char byte = 0;
+    std::size_t size = 1;
+    EXPECT_STREQ(vm_proxy_getxattr("/e-flat.vmdk", "", "user.err_num", &byte, &size)->string,
+                 "The value buffer is too small (3 bytes needed.)");
+    size = 0;
+    EXPECT_EQ(vm_proxy_getxattr("/e-flat.vmdk", "", "user.err_num", nullptr, &size), nullptr);
+    EXPECT_EQ(size, 2U);
+
+    EXPECT_EQ(vm_proxy_setxattr("/e-flat.vmdk", "user.err_num"), nullptr);
+    EXPECT_EQ(xattr("/e-flat.vmdk", "user.err_num"), "5" + nul);
+    EXPECT_EQ(vm_proxy_setxattr("/e-flat.vmdk", "user.err_reset"), nullptr);
+    EXPECT_EQ(xattr("/e-flat.vmdk", "user.err_num"), "0" + nul);
+}
+
+}  // namespace
+}  // namespace mirador
