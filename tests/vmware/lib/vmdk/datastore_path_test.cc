@@ -153,7 +153,7 @@ class containment_test : public datastore_test {
         errdesc_t* e = datastore_check_contained(by, path);
         if (!e)
             return "allowed";
-        const std::string text = e->string;
+        std::string text = e->string;
         if (e->number == EINVAL && text == "Refused, outside every datastore: " + path)
             return "outside";
         if (e->number == EINVAL && text == "Refused, not a regular file: " + path)

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <string>
 
+#include "lib/cor_string.h"
 #include "tests/lib/temp_dir.h"
 #include "vmware/lib/vmdk/vmdk_parse.h"
 
@@ -121,7 +122,8 @@ TEST(descriptor_check, PathsThatWouldNotFit) {
     const std::string path = deep + "/x.vmdk";
     EXPECT_EQ(verdict(write_file(path, good)), "accepted");
 
-    const std::string too_long(1000, 'n');
+    // Fits here, but not below a longer mount root.
+    const std::string too_long(path_size - deep.size() - 10, 'n');
     vmdkdesc_t desc;
     for (const std::string& text :
          {"RW 8 FLAT \"" + too_long + "\"\n", good + "parentFileNameHint=\"" + too_long + "\"\n"}) {

@@ -19,7 +19,6 @@ namespace {
 
 using testing::AllOf;
 using testing::HasSubstr;
-using testing::Not;
 using namespace std::string_literals;
 
 std::string dump(const vmdkdesc_t* desc) {
@@ -298,6 +297,7 @@ TEST(descriptor, ThreadsParseAtTheSameTime) {
     };
     {
         std::vector<std::jthread> threads;
+        threads.reserve(4);
         for (int own = 0; own < 4; ++own)
             threads.emplace_back(parse_many, own);
     }
