@@ -19,23 +19,6 @@ namespace {
 
 constexpr mode_t temporary_mode = 0600;
 
-// Removes a file at the end of the block unless told to keep it.
-class unlink_guard_t {
-  public:
-    explicit unlink_guard_t(const std::string& path) : path_(path) {}
-    ~unlink_guard_t() {
-        if (armed_)
-            unlink(path_.c_str());
-    }
-    unlink_guard_t(const unlink_guard_t&) = delete;
-    unlink_guard_t& operator=(const unlink_guard_t&) = delete;
-    void keep() { armed_ = false; }
-
-  private:
-    const std::string& path_;
-    bool armed_ = true;
-};
-
 // The bytes of a shadow file, whatever they say.
 errdesc_t* read_record(const std::string& shadow_path, std::unique_ptr<vm_proxy_header_t>* out) {
     cor_assert(out != nullptr && *out == nullptr);
@@ -163,12 +146,12 @@ errdesc_t* vm_proxy_header_check(const vm_proxy_header_t& header, const std::str
 
 errdesc_t* vm_proxy_write_header(const vm_proxy_header_t& header, const std::string& shadow_path) {
     const std::string temporary = shadow_path + ".tmp";
-    unlink_guard_t guard(temporary);
-    RETURN_IF_ERROR(write_record(header, temporary));
-    if (rename(temporary.c_str(), shadow_path.c_str()) != 0)
-        return errdesc_set_fmt(errno, "rename %s to %s failed", temporary.c_str(), shadow_path.c_str());
-    guard.keep();
-    return nullptr;
+    errdesc_t* e = write_record(header, temporary);
+    if (e == nullptr && rename(temporary.c_str(), shadow_path.c_str()) != 0)
+        e = errdesc_set_fmt(errno, "rename %s to %s failed", temporary.c_str(), shadow_path.c_str());
+    if (e != nullptr)
+        unlink(temporary.c_str());
+    return e;
 }
 
 void vm_proxy_header_dump(const char* label, const vm_proxy_header_t& header, std::FILE* stream) {
