@@ -1,0 +1,218 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "vmware/lib/vmdk/vmdk_chain.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "lib/cor_string.h"
+#include "tests/lib/temp_dir.h"
+#include "tests/support/sparse_writer.h"
+#include "vmware/lib/vmdk/datastore_path.h"
+#include "vmware/lib/vmdk/vmdk_names.h"
+#include "vmware/lib/vmdk/vmdk_open.h"
+
+namespace mirador {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class vmdk_chain : public testing::Test {
+  protected:
+    void TearDown() override { datastore_mount_points = {"/vmfs.direct/volumes", "/vmfs/volumes"}; }
+
+    std::string write(const std::string& name, const std::string& parent_hint = "",
+                      const std::string& parent_cid = "00000001") {
+        descriptor_text_t text;
+        text.extents = {"RW 8 FLAT \"" + name + "-flat.vmdk\" 0"};
+        if (!parent_hint.empty()) {
+            text.parent_hint = parent_hint;
+            text.parent_cid = parent_cid;
+        }
+        text.write(dir_ / (name + ".vmdk"));
+        return dir_ / (name + ".vmdk");
+    }
+
+    // Opens `path` and builds its chain; the error's text, or the chain's file names.
+    std::string chain_of(const std::string& path, errnum_t number = EINVAL) {
+        vmdkdesc_t disk;
+        std::vector<vmdkdesc_t*> chain;
+        errdesc_t* e = vmdk_open_checked(path, descriptor_role_t::head, &disk);
+        if (e == nullptr)
+            e = vmdk_get_ancestors(&disk, 0, &chain);
+        if (e != nullptr) {
+            EXPECT_EQ(e->number, number);
+            EXPECT_TRUE(chain.empty());
+            EXPECT_EQ(disk.parent, nullptr);
+            return e->string;
+        }
+        EXPECT_EQ(chain.front(), &disk);
+        std::string names;
+        for (const vmdkdesc_t* member : chain)
+            names += std::string(last_component(member->filename)) + " ";
+        return names;
+    }
+
+    temp_dir_t dir_;
+};
+
+TEST_F(vmdk_chain, GoesFromTheDiskToItsBase) {
+    write("base");
+    write("middle", "base.vmdk");
+    const std::string head = write("head", dir_ / "middle.vmdk");
+    EXPECT_EQ(chain_of(head), "head.vmdk middle.vmdk base.vmdk ");
+
+    std::string root;
+    bool thin = true;
+    ASSERT_EQ(vmdk_get_root_vmdk(head, &root, &thin), nullptr);
+    EXPECT_EQ(root, dir_ / "base.vmdk");
+    EXPECT_FALSE(thin);
+}
+
+TEST_F(vmdk_chain, MayHave127Parents) {
+    write("disk0");
+    for (int i = 1; i <= 128; ++i)
+        write(cor_format("disk%d", i), cor_format("disk%d.vmdk", i - 1));
+    EXPECT_THAT(chain_of(dir_ / "disk127.vmdk"), StartsWith("disk127.vmdk disk126.vmdk "));
+    EXPECT_EQ(chain_of(dir_ / "disk128.vmdk"),
+              "Length of VMDK ancestors chain for " + (dir_ / "disk0.vmdk") + " has reached the limit (128)");
+}
+
+TEST_F(vmdk_chain, Broken) {
+    write("base");
+    const std::string corrupted = " is corrupted";
+    EXPECT_THAT(chain_of(write("no_id", "base.vmdk", "0")), HasSubstr(corrupted));
+    descriptor_text_t text;
+    text.parent_cid = "1234";
+    text.extents = {"RW 8 FLAT \"x\" 0"};
+    text.write(dir_ / "no_hint.vmdk");
+    EXPECT_EQ(chain_of(dir_ / "no_hint.vmdk"), "VMDK descriptor for " + (dir_ / "no_hint.vmdk") + " (0) is corrupted");
+
+    EXPECT_THAT(chain_of(write("orphan", "missing.vmdk"), ENOENT), HasSubstr(dir_ / "missing.vmdk"));
+    write("grandparent", "missing.vmdk");
+    EXPECT_THAT(chain_of(write("grandchild", "grandparent.vmdk"), ENOENT), HasSubstr("missing.vmdk"));
+    EXPECT_THAT(chain_of(write("no_descriptor", "base-flat.vmdk"), ENOENT), HasSubstr("base-flat.vmdk"));
+    write_file(dir_ / "base-flat.vmdk", std::string(4096, '\0'));
+    EXPECT_THAT(chain_of(dir_ / "no_descriptor.vmdk"), HasSubstr("base-flat.vmdk"));
+    ASSERT_EQ(mkfifo((dir_ / "fifo").c_str(), 0600), 0);
+    EXPECT_THAT(chain_of(write("piped", "fifo")), HasSubstr("fifo"));
+}
+
+TEST_F(vmdk_chain, ReturningToItself) {
+    EXPECT_THAT(chain_of(write("self", "self.vmdk")), HasSubstr("returns to " + (dir_ / "self.vmdk")));
+    write("a", "b.vmdk");
+    write("b", "link.vmdk");
+    std::filesystem::create_symlink("a.vmdk", dir_ / "link.vmdk");
+    EXPECT_THAT(chain_of(dir_ / "a.vmdk"), HasSubstr("returns to "));
+}
+
+TEST_F(vmdk_chain, ParentWithAnotherContentIdIsLoggedAndUsed) {
+    write("base");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(chain_of(write("stale", "base.vmdk", "deadbeef")), "stale.vmdk base.vmdk ");
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_THAT(log, HasSubstr("WARNING"));
+    EXPECT_THAT(log, HasSubstr("deadbeef"));
+}
+
+TEST_F(vmdk_chain, ParentOfADiskOnADatastoreMustLieOnOne) {
+    std::filesystem::create_directories(dir_ / "volumes/ds1");
+    std::filesystem::create_directories(dir_ / "volumes/ds2");
+    datastore_mount_points = {dir_ / "volumes"};
+    write("outside");
+    write("volumes/ds2/base");
+    const std::string hint = dir_ / "outside.vmdk";
+    EXPECT_THAT(chain_of(write("volumes/ds1/escaped", hint)), HasSubstr(hint));
+    EXPECT_EQ(chain_of(write("volumes/ds1/good", "../ds2/base.vmdk")), "good.vmdk base.vmdk ");
+}
+
+TEST_F(vmdk_chain, OpenPrefersTheDirectMountAndSizesTheDisk) {
+    std::filesystem::create_directories(dir_ / "direct/ds1/vm");
+    datastore_mount_points = {dir_ / "direct", "/vmfs/volumes"};
+    write("direct/ds1/vm/disk");
+    vmdkdesc_t disk;
+    ASSERT_EQ(vmdk_open("/vmfs/volumes/ds1/vm/disk.vmdk", &disk), nullptr);
+    EXPECT_EQ(disk.filename, dir_ / "direct/ds1/vm/disk.vmdk");
+    EXPECT_EQ(disk.dirname, dir_ / "direct/ds1/vm");
+    EXPECT_TRUE(disk.datastore_direct);
+    EXPECT_EQ(vmdk_size(disk), 4096U);
+    struct stat st {};
+    ASSERT_EQ(vmdk_stat(disk, &st), nullptr);
+    EXPECT_EQ(st.st_size, 4096);
+    EXPECT_EQ(st.st_blocks, 8);
+    vmdk_close(&disk);
+    EXPECT_EQ(disk.magic, 0U);
+    EXPECT_EQ(vmdk_open("/vmfs/volumes/ds1/vm/missing.vmdk", &disk)->number, ENOENT);
+    EXPECT_EQ(disk.magic, 0U);
+}
+
+TEST_F(vmdk_chain, NamesOfADisk) {
+    write("base");
+    const std::string head = write("head", "base.vmdk");
+    std::string name;
+    ASSERT_EQ(vmdk_get_basename(head, &name), nullptr);
+    EXPECT_EQ(name, "base.vmdk");
+    ASSERT_EQ(vmdk_get_extentname(head, &name), nullptr);
+    EXPECT_EQ(name, "head-flat.vmdk");
+    const errdesc_t* e = vmdk_get_extentname(dir_ / "missing.vmdk", &name);
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->number, ENOENT);
+    EXPECT_EQ(std::string(e->string), "Failed to read vmdkdesc from " + (dir_ / "missing.vmdk"));
+}
+
+TEST_F(vmdk_chain, CopyOfADescriptorNamesTheNewExtent) {
+    const std::string path = write("disk");
+    const std::string copy = dir_ / "cache/vm/disk(1).vmdk";
+    std::int64_t size = 0;
+    ASSERT_EQ(vmdk_copy_descfiles(path, copy, "disk-flat.vmdk", "disk(1)-flat.vmdk", &size), nullptr);
+    std::string expected = read_file(path);
+    expected.insert(expected.find("disk-flat") + 4, "(1)");
+    EXPECT_EQ(read_file(copy), expected);
+    EXPECT_EQ(size, static_cast<std::int64_t>(expected.size()));
+    EXPECT_FALSE(std::filesystem::exists(copy + ".tmp"));
+
+    write_file(dir_ / "binary.vmdk", std::string("KDMV\0", 5));
+    EXPECT_EQ(vmdk_copy_descfiles(dir_ / "binary.vmdk", copy, "a", "b", &size)->number, EINVAL);
+    write_file(dir_ / "file", "");
+    EXPECT_EQ(std::string(vmdk_copy_descfiles(path, dir_ / "file/sub/x.vmdk", "a", "b", &size)->string),
+              "Cannot make directory " + (dir_ / "file/sub"));
+}
+
+TEST(vmdk_rename, NextCounter) {
+    const struct {
+        const char* name;
+        const char* renamed;
+    } cases[] = {
+        {"disk.vmdk", "disk(0).vmdk"},
+        {"disk(0).vmdk", "disk(1).vmdk"},
+        {"disk(4)-flat.vmdk", "disk(5)-flat.vmdk"},
+        {"disk(9)-rdmp.vmdk", "disk(10)-rdmp.vmdk"},
+        {"/vm/my disk-rdm.vmdk", "/vm/my disk(0)-rdm.vmdk"},
+        {"DISK-FLAT.VMDK", "DISK(0)-FLAT.vmdk"},
+        {"disk(2)(7).vmdk", "disk(8).vmdk"},
+        {"disk()-flat.vmdk", "disk(1)-flat.vmdk"},
+        {"disk(2147483647).vmdk", nullptr},
+        {"disk(99999999999999999999).vmdk", nullptr},
+        {"disk.vmx", nullptr},
+        {"", nullptr},
+    };
+    for (const auto& c : cases) {
+        std::string name = c.name;
+        const errdesc_t* e = vmdk_rename(&name);
+        if (c.renamed != nullptr) {
+            EXPECT_EQ(e, nullptr) << c.name;
+            EXPECT_EQ(name, c.renamed);
+        } else {
+            ASSERT_NE(e, nullptr) << c.name;
+            EXPECT_EQ(e->number, EINVAL);
+            EXPECT_EQ(name, c.name);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace mirador
