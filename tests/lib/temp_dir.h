@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <string>
 
 namespace mirador {
@@ -39,8 +39,9 @@ inline std::string write_file(const std::string& path, const std::string& conten
 }
 
 inline std::string read_file(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream content;
+    content << std::ifstream(path).rdbuf();
+    return content.str();
 }
 
 // An executable shell script with the body given.
