@@ -42,7 +42,7 @@ struct reg_names_t {
     std::string master_uuid;
     std::string vendor_id;
 
-    auto operator<=>(const reg_names_t&) const = default;
+    auto operator<=>(const reg_names_t&) const = default;  // NOLINT(modernize-use-nullptr): no pointer here
 };
 
 class reg_settings_t {
