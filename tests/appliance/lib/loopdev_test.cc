@@ -5,14 +5,10 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/loop.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
-#include <limits>
 #include <set>
 #include <thread>
 #include <vector>
@@ -22,6 +18,7 @@
 #include "lib/tool_paths.h"
 #include "tests/lib/in_child.h"
 #include "tests/lib/temp_dir.h"
+#include "tests/support/loop_guard.h"
 
 namespace mirador {
 namespace {
@@ -30,42 +27,17 @@ using testing::StartsWith;
 
 constexpr std::size_t file_size = 4096;
 
-// The first number the kernel has no device for.
-int first_unused_number() {
-    int number = 0;
-    while (std::filesystem::exists(cor_format("/sys/block/loop%d", number)))
-        ++number;
-    return number;
-}
-
-// What the kernel says a loop device is bound to; empty: to nothing.
-std::string backing_file(const std::string& loopdev) {
-    const std::string number = loopdev.substr(loopdev.find_first_of("0123456789", loopdev.rfind('/')));
-    std::string text = read_file("/sys/block/loop" + number + "/loop/backing_file");
-    while (text.ends_with('\n'))
-        text.pop_back();
-    return text;
-}
-
 class loopdev : public testing::Test {
   protected:
     void SetUp() override {
-        if (geteuid() != 0 || access(tool_paths().loop_control.c_str(), R_OK | W_OK) != 0)
-            GTEST_SKIP() << "needs root and " << tool_paths().loop_control;
+        if (!loop_guard_t::available())
+            GTEST_SKIP() << "needs root and loop devices";
         write_file(file_, std::string(file_size, 'x'));
-        first_new_ = first_unused_number();
     }
     void TearDown() override {
         for (const std::string& device : bound_)
             EXPECT_EQ(vdsk_release_loop_dev(device), nullptr) << device;
         tool_paths() = tool_paths_t();
-        remove_new_devices();
-    }
-    // Takes back the devices that the kernel made for this test; one that somebody else uses by now stays.
-    void remove_new_devices() const {
-        const unique_fd control(open(tool_paths().loop_control.c_str(), O_RDWR | O_CLOEXEC));
-        for (int number = first_unused_number() - 1; number >= first_new_; --number)
-            ioctl(control.get(), LOOP_CTL_REMOVE, number);
     }
     std::string bind(bool readonly) {
         std::string device;
@@ -74,15 +46,15 @@ class loopdev : public testing::Test {
         return device;
     }
 
+    loop_guard_t guard_;
     temp_dir_t dir_;
     const std::string file_ = dir_ / "extent";
     std::vector<std::string> bound_;
-    int first_new_ = std::numeric_limits<int>::max();
 };
 
 TEST_F(loopdev, ReadonlyBindingReadsRefusesWritesAndIsReleased) {
     const std::string device = bind(true);
-    EXPECT_EQ(backing_file(device), file_);
+    EXPECT_EQ(loop_guard_t::backing_file(device), file_);
     EXPECT_EQ(read_file(device), std::string(file_size, 'x'));
     unique_fd writable(open(device.c_str(), O_WRONLY | O_CLOEXEC));
     EXPECT_TRUE(!writable || write(writable.get(), "y", 1) < 0 || fsync(writable.get()) != 0);
@@ -90,7 +62,7 @@ TEST_F(loopdev, ReadonlyBindingReadsRefusesWritesAndIsReleased) {
     EXPECT_EQ(read_file(file_), std::string(file_size, 'x'));
 
     ASSERT_EQ(vdsk_release_loop_dev(device), nullptr);
-    EXPECT_EQ(backing_file(device), "");
+    EXPECT_EQ(loop_guard_t::backing_file(device), "");
 }
 
 TEST_F(loopdev, WritableBindingWritesThrough) {
@@ -119,7 +91,7 @@ TEST_F(loopdev, ReleaseOfADeviceInUseTakesEffectAtItsLastClose) {
     ASSERT_TRUE(user);
     EXPECT_EQ(vdsk_release_loop_dev(device), nullptr);
     user.reset();
-    EXPECT_EQ(backing_file(device), "");
+    EXPECT_EQ(loop_guard_t::backing_file(device), "");
 }
 
 TEST_F(loopdev, RacersGetADeviceEach) {
@@ -143,7 +115,7 @@ TEST_F(loopdev, RacersGetADeviceEach) {
             continue;
         bound_.push_back(device);
         distinct.insert(device);
-        EXPECT_EQ(backing_file(device), file_);
+        EXPECT_EQ(loop_guard_t::backing_file(device), file_);
     }
     EXPECT_EQ(distinct.size(), racers * rounds);
 }

@@ -1,0 +1,237 @@
+// SPDX-License-Identifier: Apache-2.0
+// Setting a disk up and taking it down, with real loop devices (so only for root) and a script in place of dmsetup.
+#include "appliance/mounter/vdsk.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include "appliance/lib/loopdev.h"
+#include "appliance/mounter/vmdkmount.h"
+#include "lib/clock.h"
+#include "lib/cor_string.h"
+#include "lib/tool_paths.h"
+#include "tests/lib/in_child.h"
+#include "tests/support/disk_lab.h"
+#include "tests/support/dm_table.h"
+#include "tests/support/loop_guard.h"
+#include "tests/support/sparse_writer.h"
+#include "vmware/lib/vmdk/vmdk_open.h"
+
+namespace mirador {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr std::uint64_t sectors = 70000;
+constexpr unsigned clock_factor = 50;  // each run of a tool costs up to a second of waiting
+
+// Appends its arguments to "calls", copies a table that it is to load to "table" and fails where a file says so.
+constexpr const char* fake_dmsetup =
+    "echo \"$@\" >> \"$(dirname $0)/calls\"\n"
+    "[ -e \"$(dirname $0)/fail-$1\" ] && exit 5\n"
+    "[ $1 != create ] || { cp $3 $(dirname $0)/table; stat -c %a $3 > $(dirname $0)/mode; }\n";
+
+std::size_t open_descriptors() {
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+}
+
+class vdsk : public testing::Test {
+  protected:
+    void SetUp() override {
+        if (!loop_guard_t::available())
+            GTEST_SKIP() << "needs root and loop devices";
+        std::filesystem::create_directory(tmp_);
+        tool_paths().dmsetup = write_script(lab_.path("dmsetup"), fake_dmsetup);
+        tool_paths().tmp_dir = tmp_;
+        tool_paths().mapper_dir = lab_.path("mapper");
+        make_chain();
+    }
+    void TearDown() override {
+        for (const std::string& loopdev : loop_guard_t::bound_below(directory_))
+            ADD_FAILURE() << loopdev << " was left bound: " << vdsk_release_loop_dev(loopdev);
+        tool_paths() = tool_paths_t();
+    }
+
+    // head.vmdk over middle.vmdk over base.vmdk.
+    void make_chain() {
+        lab_.make_raw("base.raw", sectors);
+        lab_.make_base("base.vmdk", "monolithicFlat", "base.raw");
+        lab_.make_delta("middle.vmdk", "monolithicSparse", "base.vmdk");
+        lab_.scatter_writes("middle.vmdk", sectors, 4);
+        lab_.make_delta("head.vmdk", "monolithicSparse", "middle.vmdk");
+        lab_.scatter_writes("head.vmdk", sectors, 4);
+    }
+
+    // Sets up a disk that must fail and leave nothing behind; the error's number and text.
+    std::pair<errnum_t, std::string> failure(const std::string& name) {
+        std::unique_ptr<vdskdesc_t> disk;
+        const std::size_t before = open_descriptors();
+        errdesc_t* e = vdsk_setup(lab_.path(name), &disk);
+        EXPECT_EQ(disk, nullptr);
+        EXPECT_EQ(open_descriptors(), before);
+        EXPECT_THAT(loop_guard_t::bound_below(directory_), IsEmpty());
+        EXPECT_TRUE(std::filesystem::is_empty(tmp_));
+        return e == nullptr ? std::pair<errnum_t, std::string>()
+                            : std::pair<errnum_t, std::string>(e->number, e->string);
+    }
+
+    fast_clock_t clock_{clock_factor};
+    loop_guard_t guard_;
+    disk_lab_t lab_{1};
+    const std::string directory_ = lab_.path("").substr(0, lab_.path("").size() - 1);
+    const std::string tmp_ = lab_.path("tmp");
+};
+
+TEST_F(vdsk, DiskIsMappedThroughLoopDevicesAndTakenDown) {
+    const std::size_t before = open_descriptors();
+    std::unique_ptr<vdskdesc_t> disk;
+    errdesc_t* e = vdsk_setup(lab_.path("head.vmdk"), &disk);
+    ASSERT_EQ(e, nullptr) << e->string;
+    EXPECT_EQ(disk->devicemapper_path, lab_.path("mapper/") + disk->dm_name);
+    EXPECT_EQ(disk->vdsk_extent_path, lab_.path("head.vmdk"));
+    ASSERT_EQ(disk->loopdevs.size(), 3U);
+    EXPECT_EQ(loop_guard_t::backing_file(disk->loopdevs[0]), lab_.path("head.vmdk"));
+    EXPECT_EQ(loop_guard_t::backing_file(disk->loopdevs[2]), lab_.path("base-flat.vmdk"));
+
+    std::vector<dm_line_t> table;
+    std::string fault;
+    ASSERT_TRUE(parse_dm_table(read_file(lab_.path("table")), &table, &fault)) << fault;
+    ASSERT_TRUE(read_dm_table(table, lab_.path("mapped.raw"), &fault)) << fault;
+    lab_.to_raw("head.vmdk", "converted.raw");
+    EXPECT_TRUE(lab_.same("mapped.raw", "converted.raw"));
+    EXPECT_EQ(vmdk_get_vdsk_stats(*disk).lines, table.size());
+
+    // Only descriptors and devices are kept.
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_TRUE(std::filesystem::is_empty(tmp_));
+    EXPECT_EQ(read_file(lab_.path("mode")), "600\n");
+    for (const vmdkdesc_t* member : disk->vmdkdesc.vmdk_ancestor_array) {
+        EXPECT_TRUE(member->gtbuf.empty());
+        EXPECT_TRUE(member->extentdesc[0]->graindir.gd_entry.empty());
+    }
+    EXPECT_EQ(disk->vmdkdesc.vmdk_ancestor_array.back()->createtype, CT_MONOLITHIC_FLAT);
+
+    const std::string name = disk->dm_name;
+    disk.reset();
+    EXPECT_THAT(loop_guard_t::bound_below(directory_), IsEmpty());
+    EXPECT_THAT(read_file(lab_.path("calls")),
+                MatchesRegex("create " + name + " " + tmp_ + "/vdsk-[-0-9a-f]+.corstorage\nremove " + name + "\n"));
+}
+
+TEST_F(vdsk, FailureOnTheWayLeavesNothingBehind) {
+    using failure_t = std::pair<errnum_t, std::string>;
+    std::filesystem::rename(lab_.path("base-flat.vmdk"), lab_.path("away"));
+    EXPECT_EQ(failure("head.vmdk").first, ENOENT);
+    std::filesystem::rename(lab_.path("away"), lab_.path("base-flat.vmdk"));
+
+    write_file(lab_.path("fail-create"), "");
+    EXPECT_EQ(failure("head.vmdk").first, 5);
+    EXPECT_THAT(read_file(lab_.path("calls")), Not(HasSubstr("remove")));
+    std::filesystem::remove(lab_.path("fail-create"));
+
+    std::filesystem::resize_file(lab_.path("base-flat.vmdk"), sectors * 512 - 512);
+    const failure_t shortened = failure("head.vmdk");
+    EXPECT_EQ(shortened.first, EIO);
+    EXPECT_THAT(shortened.second, StartsWith("Flat file " + lab_.path("base-flat.vmdk")));
+    std::filesystem::resize_file(lab_.path("base-flat.vmdk"), sectors * 512);
+
+    // The delta in the middle loses its end: its last grain lies behind it.
+    std::filesystem::resize_file(lab_.path("middle.vmdk"),
+                                 std::filesystem::file_size(lab_.path("middle.vmdk")) - 65536);
+    const failure_t truncated = failure("head.vmdk");
+    EXPECT_EQ(truncated.first, EINVAL);
+    EXPECT_THAT(truncated.second, StartsWith("middle.vmdk: the grain"));
+
+    patch_file(lab_.path("middle.vmdk"), 0, 4, 0);
+    EXPECT_EQ(failure("head.vmdk").first, EINVAL);
+    EXPECT_EQ(failure("missing.vmdk").first, ENOENT);
+}
+
+// Wherever descriptors run out, the number says so and nothing is left.
+TEST_F(vdsk, RunningOutOfDescriptors) {
+    tool_paths().dmsetup = "/bin/true";  // the limit holds for the tool as well, and a shell needs more
+    const std::size_t used = open_descriptors();
+    bool complete = false;
+    for (std::size_t limit = used; !complete && limit < used + 40; ++limit) {
+        const int status = in_child([&] {
+            const rlimit nofile{limit, limit};
+            setrlimit(RLIMIT_NOFILE, &nofile);
+            std::unique_ptr<vdskdesc_t> disk;
+            errdesc_t* e = vdsk_setup(lab_.path("head.vmdk"), &disk);
+            return e == nullptr ? 0 : e->number;
+        });
+        complete = status == 0;
+        EXPECT_TRUE(complete || status == EMFILE) << status << " with " << limit;
+        EXPECT_THAT(loop_guard_t::bound_below(directory_), IsEmpty());
+        EXPECT_TRUE(std::filesystem::is_empty(tmp_));
+    }
+    EXPECT_TRUE(complete);
+}
+
+TEST_F(vdsk, TableThatCannotBeWrittenFailsTheSetUpOnly) {
+    const std::string text_file = lab_.path("text");
+    const int status = in_child([&] {
+        std::signal(SIGXFSZ, SIG_IGN);
+        const rlimit nothing{100, 100};
+        std::unique_ptr<vdskdesc_t> disk;
+        setrlimit(RLIMIT_FSIZE, &nothing);
+        errdesc_t* e = vdsk_setup(lab_.path("head.vmdk"), &disk);
+        return e == nullptr ? 0 : e->number;
+    });
+    EXPECT_EQ(status, EFBIG);
+    EXPECT_THAT(loop_guard_t::bound_below(directory_), IsEmpty());
+    EXPECT_TRUE(std::filesystem::is_empty(tmp_));
+}
+
+TEST_F(vdsk, LoopDevicesAreReleasedThoughTheMappingStays) {
+    std::unique_ptr<vdskdesc_t> disk;
+    ASSERT_EQ(vdsk_setup(lab_.path("head.vmdk"), &disk), nullptr);
+    const std::string name = disk->dm_name;
+    write_file(lab_.path("fail-remove"), "");
+    testing::internal::CaptureStdout();
+    vdsk_teardown(disk.get());
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("ERROR"));
+    EXPECT_THAT(read_file(lab_.path("calls")), HasSubstr("remove " + name + "\nremove -f " + name + "\n"));
+    EXPECT_THAT(loop_guard_t::bound_below(directory_), IsEmpty());
+    EXPECT_EQ(disk->dm_name, "");
+
+    // A second call finds nothing left to do.
+    const std::string calls = read_file(lab_.path("calls"));
+    vdsk_teardown(disk.get());
+    EXPECT_EQ(read_file(lab_.path("calls")), calls);
+}
+
+// What the ordinary mount of a datastore shows is one flat file, parents or not.
+TEST_F(vdsk, OrdinaryMountMapsTheDiskAlone) {
+    const auto emit = [&](const std::string& name, std::string* table) {
+        vdskdesc_t disk;
+        EXPECT_EQ(vmdk_open(lab_.path(name), &disk.vmdkdesc), nullptr);
+        disk.vmdkdesc.datastore_direct = false;
+        const std::string path = lab_.path("ordinary.table");
+        file_ptr file(std::fopen(path.c_str(), "w"));
+        errdesc_t* e = vmdk_emit_dm_table(file.get(), &disk.vmdkdesc, &disk.stats);
+        file.reset();
+        *table = read_file(path);
+        for (const auto& extent : disk.vmdkdesc.extentdesc)
+            disk.loopdevs.push_back(extent->loopdev);
+        return e == nullptr ? 0 : e->number;
+    };
+    std::string table;
+    EXPECT_EQ(emit("base.vmdk", &table), 0);
+    EXPECT_THAT(table, MatchesRegex("0 70000 linear /dev/loop[0-9]+ 0\n"));
+    EXPECT_EQ(emit("head.vmdk", &table), EIO);
+}
+
+}  // namespace
+}  // namespace mirador
