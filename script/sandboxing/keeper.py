@@ -170,6 +170,7 @@ def _exec(command, where):
             signal.signal(number, signal.SIG_DFL)
         signal.pthread_sigmask(signal.SIG_UNBLOCK, _WAITED_FOR)
         os.environ["MIRADOR_SANDBOX"] = "1"
+        os.environ["DM_DISABLE_UDEV"] = "1"  # nobody but dmsetup itself makes nodes in this /dev
         os.execvp(command[0], command)
     except OSError as error:
         print(f"script/sandbox: {command[0]}: {error.strerror} (inside the sandbox)", file=sys.stderr)

@@ -83,8 +83,10 @@ int complain(const char* text) {
 // What there is to say when no server runs: there are no devices.
 int run_without_server(const request_t& request) {
     mapper_fuse_detach_dead();
-    if (!request.name.empty())
-        return complain(("Device " + request.name + " not found").c_str());
+    if (!request.name.empty()) {
+        const char* what = request.command == command_t::remove ? "remove" : "table";
+        return complain(ioctl_failed_text(what, request.name, errdesc_set(ENXIO)).c_str());
+    }
     if (request.command != command_t::remove_all)
         std::puts("No devices found");
     return EXIT_SUCCESS;

@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "lib/cor_string.h"
+
 namespace mirador {
 namespace {
 
@@ -75,6 +77,10 @@ ssize_t receive(int fd, void* buffer, std::size_t size, int flags) {
 }
 
 }  // namespace
+
+std::string ioctl_failed_text(const char* what, const std::string& name, const errdesc_t* e) {
+    return cor_format("device-mapper: %s ioctl on %s failed: %s", what, name.c_str(), e->string);
+}
 
 errdesc_t* server_connect(unique_fd* connection) {
     const sockaddr_un address = server_address();

@@ -25,6 +25,9 @@ struct request_t {
     unique_fd table_fd;  // create: the table's text
 };
 
+// How a refused request is told to the user: in dmsetup's words, without line end.
+std::string ioctl_failed_text(const char* what, const std::string& name, const errdesc_t* e);
+
 // Connects to the server. Errors: errno with the path; ENOENT and ECONNREFUSED mean that there is none.
 [[nodiscard]] errdesc_t* server_connect(unique_fd* connection);
 

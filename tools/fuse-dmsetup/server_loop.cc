@@ -35,11 +35,7 @@ struct reply_t {
 };
 
 reply_t failed(const char* what, const std::string& name, const errdesc_t* e) {
-    return {EXIT_FAILURE, cor_format("device-mapper: %s ioctl on %s failed: %s\n", what, name.c_str(), e->string)};
-}
-
-reply_t not_found(const std::string& name) {
-    return {EXIT_FAILURE, "Device " + name + " not found\n"};
+    return {EXIT_FAILURE, ioctl_failed_text(what, name, e) + "\n"};
 }
 
 reply_t create(mapper_t* mapper, const request_t& request) {
@@ -56,10 +52,9 @@ reply_t create(mapper_t* mapper, const request_t& request) {
 }
 
 reply_t remove(mapper_t* mapper, const request_t& request) {
-    const errdesc_t* e = mapper->remove(request.name, request.force);
-    if (e == nullptr)
-        return {};
-    return e->number == ENXIO ? not_found(request.name) : failed("remove", request.name, e);
+    if (const errdesc_t* e = mapper->remove(request.name, request.force))
+        return failed("remove", request.name, e);
+    return {};
 }
 
 // A line for each device: its name and its place among the others, as there are no device numbers to tell.
@@ -75,7 +70,7 @@ reply_t list(mapper_t* mapper) {
 // Sends its reply itself: it can be hundreds of megabytes.
 void send_tables(mapper_t* mapper, const request_t& request, int connection) {
     if (!request.name.empty() && !mapper->find(request.name)) {
-        const reply_t reply = not_found(request.name);
+        const reply_t reply = failed("table", request.name, errdesc_set(ENXIO));
         if (send_status(connection, reply.status))
             send_text(connection, reply.text);
         return;
