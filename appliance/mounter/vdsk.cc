@@ -2,7 +2,6 @@
 #include "appliance/mounter/vdsk.h"
 
 #include <cerrno>
-#include <ranges>
 #include <string_view>
 
 #include "appliance/lib/devmap.h"
@@ -116,12 +115,11 @@ void vdsk_teardown(vdskdesc_t* vdskdesc) {
     vdsk_free_partitions(&vdskdesc->partitions);
     if (!vdskdesc->dm_name.empty())
         remove_mapping(vdskdesc->dm_name);
-    for (const std::string& loopdev : vdskdesc->loopdevs | std::views::reverse)
-        log_failure(vdsk_release_loop_dev(loopdev));
+    for (; !vdskdesc->loopdevs.empty(); vdskdesc->loopdevs.pop_back())
+        log_failure(vdsk_release_loop_dev(vdskdesc->loopdevs.back()));
     vmdk_close(&vdskdesc->vmdkdesc);
     vdskdesc->dm_name.clear();
     vdskdesc->devicemapper_path.clear();
-    vdskdesc->loopdevs.clear();
     vdskdesc->vdsk_extent_path.clear();
 }
 

@@ -29,14 +29,25 @@ bool is_sparse(const extentdesc_t& extent) {
     return (extent.extenttype & et_sparse_mask) != 0;
 }
 
-// Whether the disk at the cursor has the grain.
-bool holds_grain(const table_walk_t& walk, std::uint32_t entry) {
-    return !is_sparse(walk.extent()) || walk.disk().gtbuf[entry] != 0;
+// Whether the directory has no table at the cursor, so that gtbuf holds none either and no grain is allocated. Most of
+// a large delta's tables are of this kind.
+bool lacks_table(const extentdesc_t& extent, const dmtdesc_t& dmtdesc) {
+    return extent.graindir.gd_entry[dmtdesc.gd_index] == 0;
 }
 
-// Consecutive entries of the disk from `entry` on that are not allocated, `bound` at most.
-std::uint32_t vmdk_compute_zeros(const vmdkdesc_t& disk, std::uint32_t entry, std::uint32_t bound) {
-    const auto first = disk.gtbuf.begin() + entry;
+// Whether the disk at the cursor has the grain.
+bool holds_grain(const table_walk_t& walk, std::uint32_t entry) {
+    if (!is_sparse(walk.extent()))
+        return true;
+    return !lacks_table(walk.extent(), *walk.dmtdesc) && walk.disk().gtbuf[entry] != 0;
+}
+
+// Consecutive entries of the disk at the cursor from `entry` on that are not allocated, up to the cursor's `zeros`.
+std::uint32_t vmdk_compute_zeros(const table_walk_t& walk, std::uint32_t entry) {
+    const std::uint32_t bound = walk.dmtdesc->zeros;
+    if (lacks_table(walk.extent(), *walk.dmtdesc))
+        return bound;
+    const auto first = walk.disk().gtbuf.begin() + entry;
     const auto held = std::find_if(first, first + bound, [](std::uint32_t sector) { return sector != 0; });
     return static_cast<std::uint32_t>(held - first);
 }
@@ -90,7 +101,7 @@ std::uint32_t emit_hole(const table_walk_t& walk) {
 std::uint32_t vmdk_emit_dm_table_zeros(const table_walk_t& walk, std::uint32_t entry) {
     dmtdesc_t* dmtdesc = walk.dmtdesc;
     while (!holds_grain(walk, entry)) {
-        dmtdesc->zeros = vmdk_compute_zeros(walk.disk(), entry, dmtdesc->zeros);
+        dmtdesc->zeros = vmdk_compute_zeros(walk, entry);
         if (walk.at_base())
             return emit_hole(walk);
         dmtdesc->ancestor_index += 1;
@@ -108,7 +119,8 @@ void emit_table(const table_walk_t& walk) {
 
 errdesc_t* load_tables(vmdk_chain_t chain, const dmtdesc_t& dmtdesc) {
     for (vmdkdesc_t* disk : chain) {
-        if (is_sparse(*disk->extentdesc[dmtdesc.extent_index]))
+        const extentdesc_t& extent = *disk->extentdesc[dmtdesc.extent_index];
+        if (is_sparse(extent) && !lacks_table(extent, dmtdesc))
             RETURN_IF_ERROR(vmdk_fill_gtbuf(disk, dmtdesc.extent_index, static_cast<std::uint32_t>(dmtdesc.gd_index)));
     }
     return nullptr;

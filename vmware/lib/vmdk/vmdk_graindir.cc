@@ -112,8 +112,8 @@ errdesc_t* vmdk_read_graindir_common(int fd, off_t offset, std::uint32_t capacit
     std::vector<std::uint32_t> entries(vmdk_graindir_entries(capacity, grainsize, numgtespergt));
     const std::size_t size = entries.size() * entry_size;
     std::size_t done = 0;
-    if (errdesc_t* e = cor_pread(fd, entries.data(), size, offset, &done))
-        return e;
+    if (size > 0)
+        RETURN_IF_ERROR(cor_pread(fd, entries.data(), size, offset, &done));
     if (done < size)
         return errdesc_set_str(EINVAL, "grain directory beyond the end of the file");
     graindir->magic = graindir_t::magic_value;
