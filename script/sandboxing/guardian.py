@@ -12,6 +12,7 @@ the sandbox's mounts as they are made; when the sandbox's first process or the k
 
 import json
 import os
+import pickle
 import select
 import signal
 import subprocess
@@ -37,14 +38,13 @@ class Guardian:
         self._root = os.open(f"/proc/{first}/root", os.O_PATH | os.O_DIRECTORY)
         self._dev = self._open("dev")
         self._connections = self._open("sys/fs/fuse/connections")
-        self._owner = loops.Owner((), (mount.device for mount in kernel.mounts()), writable)
-        self._owner.note(self._mounts())
+        self._owner = loops.Owner((mount.device for mount in kernel.mounts()), writable)
         # An overlay gives files of a lower layer that it can't number itself a device of their own.
         for path in ("etc/passwd", "usr/bin/env"):
             device = os.stat(path, dir_fd=self._root).st_dev
-            self._owner.own |= {(os.major(device), os.minor(device))} - self._owner.foreign
-        self._seen_fuse = set()
-        self._save_state()
+            self._owner.fixed |= {(os.major(device), os.minor(device))} - self._owner.foreign
+        self._fuse = set()  # devices of the sandbox's FUSE connections, unmounted ones too
+        self._note_mounts()
 
     def _open(self, path):
         return os.open(path, os.O_RDONLY | os.O_DIRECTORY, dir_fd=self._root)
@@ -68,13 +68,30 @@ class Guardian:
             pass
 
     def _note_mounts(self):
-        """The devices of the FUSE mounts there are now."""
         mounts = self._mounts()
-        if self._owner.note(mounts):
+        before = self._owner.mounted
+        gone = self._owner.note(mounts)
+        if gone:
+            self._adopt_loops(gone - _mounted_elsewhere(self._namespace))
+        if before != self._owner.mounted:
             self._save_state()
-        fuse = {m.device for m in mounts if m.kind.split(".")[0] == "fuse"} - self._owner.foreign
-        self._seen_fuse |= fuse
-        return fuse
+        self._fuse = {(major, minor) for major, minor in self._fuse if self._is_connected(minor)}
+        self._fuse |= {m.device for m in mounts if m.kind.split(".")[0] == "fuse"} - self._owner.foreign
+
+    def _is_connected(self, minor):
+        try:
+            os.stat(str(minor), dir_fd=self._connections)
+            return True
+        except OSError:
+            return False
+
+    def _adopt_loops(self, devices):
+        """What was just unmounted may be unmounted lazily only, with a loop device on it."""
+        dev = f"/proc/self/fd/{self._dev}"
+        for number in _bound(dev) if devices else ():
+            found = _in_helper(lambda number=number: loops.status(f"{dev}/loop{number}"))
+            if found is not None and found[0] in devices:
+                self._owner.adopted.add((number, *found))
 
     def watch(self, keeper, first):
         """Returns when `keeper` or `first`, descriptors whose other ends only those processes hold, reach their end."""
@@ -114,11 +131,11 @@ class Guardian:
 
     def _abort_connections(self):
         """Also of those that were unmounted lazily, unless their number belongs to somebody else by now."""
-        current = self._note_mounts()
-        gone = self._seen_fuse - current
-        if gone:
-            gone -= _mounted_elsewhere(self._namespace)
-        for _, minor in current | gone:
+        self._note_mounts()
+        unmounted = self._fuse - self._owner.mounted
+        if unmounted:
+            self._fuse -= unmounted & _mounted_elsewhere(self._namespace)
+        for _, minor in self._fuse:
             try:
                 abort = os.open(f"{minor}/abort", os.O_WRONLY, dir_fd=self._connections)
                 os.write(abort, b"1")
@@ -140,8 +157,7 @@ class Guardian:
     def _detach_loops(self):
         """Detaches the sandbox's loop devices and returns their numbers."""
         dev = f"/proc/self/fd/{self._dev}"
-        bound = [number for number in loops.nodes(dev) if loops.backing_file(number) is not None]
-        return [number for number in bound if _in_helper(lambda number=number: self._detach_own(number, dev))]
+        return [number for number in _bound(dev) if _in_helper(lambda number=number: self._detach_own(number, dev))]
 
     def _detach_own(self, number, dev):
         if not self._owner.owns(number, dev, f"/proc/self/fd/{self._root}"):
@@ -164,18 +180,27 @@ def _mounted_elsewhere(namespace):
     return devices
 
 
+def _bound(dev):
+    return [number for number in loops.nodes(dev) if loops.backing_file(number) is not None]
+
+
 def _in_helper(action):
-    """The action's result, computed in a process that is left behind when it takes too long."""
+    """The action's result, None when it fails or when its process takes too long and is left behind."""
+    read, write = os.pipe()
     helper = os.fork()
     if helper == 0:
         try:
-            os._exit(0 if action() else 1)
-        except OSError:
-            os._exit(1)
-    descriptor = os.pidfd_open(helper)
-    ended, _, _ = select.select([descriptor], [], [], _HELPER_SECONDS)
-    os.close(descriptor)
-    return bool(ended) and os.waitpid(helper, 0)[1] == 0
+            os.dup2(os.open("/dev/null", os.O_RDWR), 2)  # nobody is to wait for this process
+            os.write(write, pickle.dumps(action()))
+        finally:
+            os._exit(0)
+    os.close(write)
+    in_time, _, _ = select.select([read], [], [], _HELPER_SECONDS)
+    result = os.read(read, 1 << 12) if in_time else b""
+    os.close(read)
+    if in_time:
+        os.waitpid(helper, 0)
+    return pickle.loads(result) if result else None
 
 
 def _wait_unbound(numbers):

@@ -56,12 +56,21 @@ def run(command, tree, writable):
     os.write(life_write, f"{first}\n".encode())
 
     status = _wait_for(first, life_write)
-    with open(done_read) as report:
-        lines = report.read().splitlines()
-    problems = lines[:-1] if lines and lines[-1] == guardian.DONE else lines + ["the guardian died before its work"]
+    problems = _read_report(done_read)
     for problem in problems:
         print(f"script/sandbox: {problem}", file=sys.stderr)
     return status or (FAILED if problems else 0)
+
+
+def _read_report(descriptor):
+    """What the guardian could not take away. It may leave a process behind that keeps the pipe open."""
+    problems = []
+    with open(descriptor) as report:
+        for line in report:
+            if line.rstrip() == guardian.DONE:
+                return problems
+            problems.append(line.rstrip())
+    return problems + ["the guardian died before its work was done"]
 
 
 def _start_guardian(life_read, socket_end, done_write, writable, unused):

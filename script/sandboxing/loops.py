@@ -1,7 +1,10 @@
 """Which loop devices belong to a sandbox.
 
 Loop devices are the machine's: any process sees and detaches all of them. A sandbox owns the ones whose backing file
-lies on a file system that the sandbox mounted itself, or below a directory of the host that it was given to write.
+lies on a file system that it has mounted itself, or below a directory of the host that it was given to write. The
+number of a file system that is unmounted may soon be another sandbox's; so loop devices on one are noted one by one when
+it goes from sight (lazily: the loop device keeps it, and its number, in being).
+
 The guardian keeps what is needed to tell in STATE_FILE inside the sandbox, for the cover of losetup.
 """
 
@@ -24,33 +27,38 @@ def load_state():
 
 
 class Owner:
-    """own: devices of the file systems that the sandbox mounted; foreign: devices of the host's file systems;
+    """mounted: devices of the file systems that the sandbox has mounted now; fixed: further ones that are its own to its
+    end; foreign: the host's; adopted: (number, device, inode) of loop devices on file systems that it unmounted;
     writable: directories of the host that the sandbox was given to write."""
 
-    def __init__(self, own, foreign, writable):
-        self.own, self.foreign, self.writable = set(own), set(foreign), list(writable)
+    def __init__(self, foreign, writable, fixed=(), mounted=(), adopted=()):
+        self.foreign, self.writable, self.fixed = set(foreign), list(writable), set(fixed)
+        self.mounted, self.adopted = set(mounted), set(adopted)
 
     @staticmethod
     def of_json(value):
-        return Owner(map(tuple, value["own"]), map(tuple, value["foreign"]), value["writable"])
+        pairs = {name: list(map(tuple, value[name])) for name in ("foreign", "fixed", "mounted")}
+        adopted = [(number, tuple(device), inode) for number, device, inode in value["adopted"]]
+        return Owner(writable=value["writable"], adopted=adopted, **pairs)
 
     def to_json(self):
-        return {"own": sorted(self.own), "foreign": sorted(self.foreign), "writable": self.writable}
+        names = ("foreign", "fixed", "mounted", "adopted", "writable")
+        return {name: sorted(getattr(self, name)) for name in names}
 
     def note(self, mounts):
-        """Adds the file systems of these mounts of the sandbox; true when one was new."""
-        found = {m.device for m in mounts} - self.foreign - self.own
-        self.own |= found
-        return bool(found)
+        """Takes these as the sandbox's mounts of now. Returns the devices that were mounted before and are no more."""
+        before = self.mounted
+        self.mounted = {mount.device for mount in mounts} - self.foreign
+        return before - self.mounted
 
     def owns(self, number, dev="/dev", root="/"):
         """True when loop device `number` is bound and the sandbox's own. dev and root are the sandbox's, as seen by
         the caller. Waits as long as the backing file system takes to answer a stat."""
-        status = _status(os.path.join(dev, f"loop{number}"))
-        if status is None:
+        found = status(os.path.join(dev, f"loop{number}"))
+        if found is None:
             return False
-        device, inode = status
-        return device in self.own or self._is_given(number, device, inode, root)
+        return (found[0] in self.mounted | self.fixed or (number, *found) in self.adopted or
+                self._is_given(number, *found, root))
 
     def _is_given(self, number, device, inode, root):
         path = backing_file(number) or ""
@@ -67,7 +75,7 @@ def _split(device):
     return os.major(device), os.minor(device)
 
 
-def _status(node):
+def status(node):
     """((major, minor), inode) of the file behind a loop device's node, None when it is absent or unbound."""
     try:
         with open(node, "rb", buffering=0) as device:

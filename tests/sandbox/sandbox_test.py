@@ -5,6 +5,7 @@ import os
 import pathlib
 import pty
 import re
+import select
 import signal
 import subprocess
 import sys
@@ -26,7 +27,18 @@ def sandbox(script, *options, env=None, **more):
 
 
 def start(*command):
-    return subprocess.Popen([SANDBOX, *command], text=True, stdout=subprocess.PIPE)
+    return subprocess.Popen([SANDBOX, *command], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+
+
+def first_line(running):
+    """The next line of a sandbox's output."""
+    line = b""
+    while not line.endswith(b"\n") and select.select([running.stdout], [], [], 60)[0]:
+        part = os.read(running.stdout.fileno(), 1)
+        if not part:
+            break
+        line += part
+    return line.decode()
 
 
 def is_bound(number):
@@ -108,7 +120,7 @@ class Covers(unittest.TestCase):
     def test_losetup_leaves_other_sandboxes_devices_alone(self):
         other = start("sh", "-c", f"{BIND_TMP_FILE}; sleep 60")
         try:
-            device = other.stdout.readline().strip()
+            device = first_line(other).strip()
             number = re.search(r"\d+", device)[0]
             done = sandbox(f"mknod {device} b 7 {number}; losetup -d {device} || echo refused; losetup -D; losetup -a;"
                            f"losetup {device} /etc/passwd || echo refused; losetup -l; losetup -J")
@@ -133,6 +145,22 @@ class Covers(unittest.TestCase):
                        "sleep 0.2; umount -l /mnt/d; losetup -d $d && ! losetup $d")
         self.assertEqual(done.returncode, 0, done.stderr)
 
+    def test_number_of_a_file_system_passes_on(self):
+        """The kernel gives the number of a file system that is gone to the next one: here another sandbox's."""
+        before = start("sh", "-c", "for i in 1 2 3; do mkdir /d$i; mount -t tmpfs x /d$i; done; sleep 0.5; umount /d?;"
+                       "echo; while read n; do mknod /dev/loop$n b 7 $n; losetup -d /dev/loop$n; done 2>/dev/null")
+        first_line(before)
+        after = start("sh", "-c", "for i in $(seq 12); do mkdir /d$i; mount -t tmpfs x /d$i; truncate -s 1M /d$i/f;"
+                      "losetup -f --show /d$i/f; done; sleep 1000")
+        numbers = [int(re.search(r"\d+", first_line(after))[0]) for _ in range(12)]
+        before.communicate("".join(f"{number}\n" for number in numbers).encode(), timeout=60)
+        try:
+            self.assertEqual([number for number in numbers if not is_bound(number)], [])
+        finally:
+            after.terminate()
+            after.communicate(timeout=60)
+        self.assertEqual([number for number in numbers if is_bound(number)], [])
+
     def test_exportfs_only_notes_its_call(self):
         done = sandbox("/usr/sbin/exportfs -ua && /usr/sbin/exportfs -a && cat /run/sandbox/exportfs.log")
         self.assertEqual([json.loads(line) for line in done.stdout.splitlines()], [["-ua"], ["-a"]], done.stderr)
@@ -147,14 +175,14 @@ class Ends(unittest.TestCase):
 
     def test_signal_reaches_the_command_first(self):
         running = start("sh", "-c", "trap 'echo told; exit 3' TERM; echo up; sleep 60 & wait")
-        running.stdout.readline()
+        first_line(running)
         running.terminate()
         output, _ = running.communicate(timeout=20)
-        self.assertEqual((output, running.returncode), ("told\n", 3))
+        self.assertEqual((output, running.returncode), (b"told\n", 3))
 
     def test_second_signal_ends_a_deaf_command(self):
         running = start("sh", "-c", "trap '' INT TERM; echo up; while :; do sleep 1; done")
-        running.stdout.readline()
+        first_line(running)
         running.terminate()
         time.sleep(0.3)
         running.terminate()
@@ -183,7 +211,7 @@ class Ends(unittest.TestCase):
     def _check_kill(self, choose):
         """Kills the processes chosen among the sandbox's and expects its loop device to go."""
         running = start("sh", "-c", f"{BIND_TMP_FILE}; sleep 1000 & wait")
-        number = re.search(r"\d+", running.stdout.readline())[0]
+        number = re.search(r"\d+", first_line(running))[0]
         self.assertTrue(is_bound(number))
         family = descendants(running.pid)
         kill_all(choose(family))
@@ -203,10 +231,9 @@ class Ends(unittest.TestCase):
         for unmount in ("", "umount -l /hung;"):
             for kill in (False, True):
                 with self.subTest(unmount=unmount, kill=kill):
-                    running = start("sh", "-c", f"mkdir /hung; {sys.executable} {HERE}/hung_server.py /hung &"
-                                    f"sleep 1; {unmount} sleep 1000")
-                    number = int(running.stdout.readline())
-                    time.sleep(1.2 if unmount else 0)
+                    running = start("sh", "-c", f"mkdir /hung; {sys.executable} {HERE}/hung_server.py /hung >/tmp/out &"
+                                    f"until [ -s /tmp/out ]; do sleep 0.1; done; {unmount} cat /tmp/out; sleep 1000")
+                    number = int(first_line(running))
                     family = descendants(running.pid)
                     if kill:
                         kill_all(family)
@@ -230,7 +257,7 @@ class Ends(unittest.TestCase):
 
     def test_many_at_once(self):
         running = [start("sh", "-c", f"{BIND_TMP_FILE}; sleep 1") for _ in range(8)]
-        numbers = [re.search(r"\d+", each.communicate(timeout=60)[0])[0] for each in running]
+        numbers = [re.search(r"\d+", each.communicate(timeout=60)[0].decode())[0] for each in running]
         self.assertEqual([each.returncode for each in running], [0] * 8)
         self.assertEqual([number for number in set(numbers) if is_bound(number)], [])
 
