@@ -12,9 +12,11 @@
 #include <cstdlib>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "appliance/exporter/call_tracker.h"
 #include "appliance/exporter/controller_thr.h"
+#include "appliance/exporter/open_files.h"
 #include "appliance/exporter/options.h"
 #include "appliance/exporter/vm_proxy_api.h"
 #include "appliance/exporter/vm_proxy_attr.h"
@@ -66,8 +68,9 @@ DIR* handle_dir(const fuse_file_info* fi) {
     return reinterpret_cast<DIR*>(fi->fh);
 }
 
-fuse_fh_t* handle_file(const fuse_file_info* fi) {
-    return reinterpret_cast<fuse_fh_t*>(fi->fh);
+open_files_t& open_files() {
+    static open_files_t the_files;
+    return the_files;
 }
 
 const void* as_pointer(const void* p) {
@@ -170,13 +173,13 @@ int mirador_open(const char* path, fuse_file_info* fi) {
     ts_dprintf(call_level, "mirador_open (path %s) completed successfully\n", path);
     if (e != nullptr)
         return -EIO;
-    fi->fh = reinterpret_cast<std::uintptr_t>(fh.release());
+    fi->fh = open_files().add(std::move(fh));
     return 0;
 }
 
 int mirador_read(const char* path, char* buf, std::size_t size, off_t offset, fuse_file_info* fi) {
     std::size_t bytes_read = 0;
-    errdesc_t* e = vm_proxy_read(buf, size, offset, handle_file(fi), &bytes_read);
+    errdesc_t* e = vm_proxy_read(buf, size, offset, open_files_t::get(fi->fh), &bytes_read);
     return e == nullptr ? static_cast<int>(bytes_read) : reply_error(path, e);
 }
 
@@ -190,9 +193,7 @@ int mirador_release(const char* path, fuse_file_info* fi) {
     ts_dprintf(call_level, "mirador_release(path %s, fuse_file_info %p)\n", path, as_pointer(fi));
     if (tracks_calls())
         _close_tracker.track(path);
-    std::unique_ptr<fuse_fh_t> fh(handle_file(fi));
-    fi->fh = 0;
-    errdesc_t* e = vm_proxy_release(path, std::move(fh));
+    errdesc_t* e = vm_proxy_release(path, open_files().take(std::exchange(fi->fh, 0)));
     return e == nullptr ? 0 : reply_error(path, e);
 }
 
@@ -244,6 +245,7 @@ bool fuse_serve(fuse_args* args, const std::function<void()>& on_serving) {
     else
         fuse_loop(handle);
     fuse_teardown(handle, mountpoint);
+    open_files().release_all();
     return true;
 }
 
