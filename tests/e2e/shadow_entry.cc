@@ -100,9 +100,9 @@ bool apply_option(int option, const char* value, vm_proxy_touch_t* touch) {
 // `words` are the options and the name; words[0] is not looked at.
 bool parse_entry(std::vector<std::string>& words, entry_t* entry) {
     static constexpr option options[] = {
-        {"type", required_argument, nullptr, 't'}, {"link", required_argument, nullptr, 'l'},
-        {"stat", required_argument, nullptr, 's'}, {"size", required_argument, nullptr, 'b'},
-        {"uuid", required_argument, nullptr, 'u'}, {"hv", required_argument, nullptr, 'h'},
+        {"type", required_argument, nullptr, 't'},   {"link", required_argument, nullptr, 'l'},
+        {"stat", required_argument, nullptr, 's'},   {"size", required_argument, nullptr, 'b'},
+        {"uuid", required_argument, nullptr, 'u'},   {"hv", required_argument, nullptr, 'h'},
         {"can-snapshot", no_argument, nullptr, 'c'}, {nullptr, 0, nullptr, 0},
     };
     std::vector<char*> argv;
@@ -114,7 +114,7 @@ bool parse_entry(std::vector<std::string>& words, entry_t* entry) {
     vm_proxy_touch_t& touch = entry->touch;
     touch.type = VM_PROXY_HEADER_VMDK_FLAT;
     touch.is_template = true;
-    optind = 0;  // starts getopt anew
+    optind = 0;                                                                                   // starts getopt anew
     for (int option = 0; (option = getopt_long(argc, argv.data(), "", options, nullptr)) != -1;)  // NOLINT
         if (!apply_option(option, optarg, &touch))
             return false;

@@ -1,0 +1,10 @@
+"""What the end-to-end tests share.
+
+place      where a daemon may run: a sandbox, or a throw-away virtual machine
+tools      programs of the build, other programs, waiting, extended attributes
+disks      datastores and the disks on them, made and read by qemu-img
+daemon     a running daemon and its shadow tree
+census     what stands on the machine: loop devices, mappings, mounts, files, processes
+compare    an exported file against its reference
+case       the test case that starts a daemon and checks what it leaves behind
+"""

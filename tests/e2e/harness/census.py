@@ -1,0 +1,56 @@
+"""What stands on the machine that a daemon makes, and must take away."""
+
+import dataclasses
+import os
+
+from .tools import run
+
+_KERNEL_THREADS = 2  # parent of all of them
+
+
+@dataclasses.dataclass(frozen=True)
+class Census:
+    loops: frozenset[str]
+    mappings: frozenset[str]
+    mounts: frozenset[str]
+    temporary: frozenset[str]
+    processes: frozenset[str]
+
+    def beyond(self, other: "Census") -> dict[str, list[str]]:
+        """What stands here and not there, by kind."""
+        kinds = (field.name for field in dataclasses.fields(self))
+        more = {kind: sorted(getattr(self, kind) - getattr(other, kind)) for kind in kinds}
+        return {kind: names for kind, names in more.items() if names}
+
+
+def take() -> Census:
+    return Census(loops(), mappings(), _mounts(), frozenset(os.listdir("/tmp")), _processes())
+
+
+def loops() -> frozenset[str]:
+    """Bound loop devices, with the file behind each."""
+    return frozenset(run("losetup", "-l", "-n", "-O", "NAME,BACK-FILE").splitlines())
+
+
+def mappings() -> frozenset[str]:
+    return frozenset(os.listdir("/dev/mapper")) - {"control"}
+
+
+def _mounts() -> frozenset[str]:
+    with open("/proc/self/mountinfo") as table:
+        return frozenset(line.split()[4] for line in table)
+
+
+def _processes() -> frozenset[str]:
+    """Id and name of every process but this one; the kernel's own, and the dead that wait for their parent, left out."""
+    found = set()
+    for entry in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            with open(f"/proc/{entry}/stat") as stat:
+                head, _, tail = stat.read().rpartition(")")
+        except (FileNotFoundError, ProcessLookupError):
+            continue
+        state, parent = tail.split()[:2]
+        if int(entry) != os.getpid() and int(parent) != _KERNEL_THREADS and state != "Z":
+            found.add(head.replace("(", ""))
+    return frozenset(found)
