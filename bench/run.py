@@ -1,0 +1,104 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Measures everything once and writes the figures as JSON. Runs in a sandbox; script/bench starts it.
+
+    run.py OUTPUT-DIRECTORY [--quick]
+
+Leaves figures.json, and profile.txt with what the machine did during sequential reads. MIRADOR_BIN names the directory
+of the programs.
+"""
+
+import argparse
+import datetime
+import json
+import os
+import pathlib
+import platform
+import re
+import subprocess
+import sys
+import time
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests" / "e2e"))
+
+from harness import place  # noqa: E402
+import measure  # noqa: E402
+from subjects import all_subjects  # noqa: E402
+
+
+def tell(text):
+    print(f"[{time.monotonic() - _BEGIN:5.0f} s] {text}", flush=True)
+
+
+def machine():
+    model = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
+    memory = re.search(r"MemTotal:\s+(\d+)", pathlib.Path("/proc/meminfo").read_text())
+    return {"processor": model[1] if model else platform.machine(), "cores": os.cpu_count(),
+            "memory_gib": round(int(memory[1]) / (1 << 20)), "kernel": platform.release()}
+
+
+def busy_share(seconds=2):
+    """The share of the processors' time that others use while nothing is measured."""
+    def read():
+        times = [int(word) for word in pathlib.Path("/proc/stat").read_text().split("\n")[0].split()[1:]]
+        return sum(times[:8]), times[3] + times[4]
+    total, idle = read()
+    time.sleep(seconds)
+    total_after, idle_after = read()
+    return 1 - (idle_after - idle) / (total_after - total)
+
+
+def profile(subject, path):
+    """Where the machine's time goes during sequential reads of a subject; False where perf can't tell."""
+    data = path.with_suffix(".data")
+    reads = f"for i in 1 2 3; do dd if={subject.file} of=/dev/null bs=1M status=none; done"
+    subject.forget_mapping()
+    record = subprocess.run(["perf", "record", "-q", "-a", "-F", "997", "-o", data, "--", "sh", "-c", reads],
+                            capture_output=True, check=False)
+    if record.returncode != 0:
+        return False
+    report = subprocess.run(["perf", "report", "-i", data, "--stdio", "--sort", "comm,symbol", "--percent-limit", "1"],
+                            capture_output=True, text=True, check=False)
+    data.unlink()
+    lines = [line.rstrip() for line in report.stdout.splitlines() if line and not line.startswith("#")]
+    path.write_text("\n".join(lines) + "\n")
+    return report.returncode == 0 and bool(lines)
+
+
+def main():
+    parser = argparse.ArgumentParser(usage=__doc__)
+    parser.add_argument("output", type=pathlib.Path)
+    parser.add_argument("--quick", action="store_true", help="one round of everything: a trial, no result")
+    arguments = parser.parse_args()
+    if not place.is_safe():
+        sys.exit("bench/run.py: runs only in a sandbox; use script/bench")
+    place._furnish()
+    rounds = 1 if arguments.quick else 5
+    short_rounds = 1 if arguments.quick else 3
+    figures = {"machine": machine(), "date": datetime.datetime.now().astimezone().isoformat(timespec="minutes"),
+               "rounds": rounds, "short_rounds": short_rounds, "busy_before": busy_share()}
+    tell("disks and subjects")
+    with all_subjects() as subjects:
+        figures["subjects"] = {subject.name: subject.what for subject in subjects.values()}
+        measure.check_bytes(subjects)
+        tell("sequential reads")
+        figures["sequential"] = measure.sequential(subjects, rounds)
+        tell("random reads")
+        figures["random"] = measure.random_reads(subjects, short_rounds)
+        tell("open, getattr, readdir")
+        figures["calls"] = measure.calls(subjects, short_rounds)
+        tell("profile")
+        figures["profiled"] = profile(subjects["mirador"], arguments.output / "profile.txt")
+    tell("table emission")
+    figures["emission"] = measure.emission(short_rounds)
+    tell(f"memory with {measure.OPEN_DISKS} open disks")
+    figures["memory"] = measure.memory()
+    figures["busy_after"] = busy_share()
+    figures["commit"] = (arguments.output / "commit").read_text().strip()
+    figures["seconds"] = time.monotonic() - _BEGIN
+    (arguments.output / "figures.json").write_text(json.dumps(figures, indent=1))
+    tell("done")
+
+
+_BEGIN = time.monotonic()
+if __name__ == "__main__":
+    main()
