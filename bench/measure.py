@@ -39,8 +39,8 @@ def check_bytes(subjects):
 
 def _fio(job, subject, **variables):
     environment = {**os.environ, "FILE": str(subject.file), **{k: str(v) for k, v in variables.items()}}
-    done = subprocess.run(["fio", "--readonly", "--output-format=json", HERE / job], env=environment, cwd=WORK, check=True,
-                          capture_output=True, text=True)
+    done = subprocess.run(["fio", "--readonly", "--output-format=json", HERE / job], env=environment, cwd=WORK,
+                          check=True, capture_output=True, text=True)
     return json.loads(done.stdout[done.stdout.index("{"):])["jobs"][0]["read"]
 
 
@@ -50,7 +50,8 @@ def _sequential(subject, block):
 
 def _random(subject, readers):
     subject.forget_mapping()
-    return _fio("random.fio", subject, READERS=readers, PART=DISK_SIZE // readers, SHARE=RANDOM_BYTES // readers)["iops"]
+    part, share = DISK_SIZE // readers, RANDOM_BYTES // readers
+    return _fio("random.fio", subject, READERS=readers, PART=part, SHARE=share)["iops"]
 
 
 def _taking_turns(rounds, contestants):

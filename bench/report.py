@@ -84,7 +84,7 @@ def shortfalls(figures):
                 continue
             share = figures[part][f"mirador, {kind}"] / value
             if share < LEVEL:
-                what = {"random": f"random read, {kind} readers", "sequential": f"sequential read, {kind}"}.get(part, kind)
+                what = kind if part == "calls" else f"{part} read, {kind}{' readers' if part == 'random' else ' blocks'}"
                 yield f"- {what}: {share:.2f} of {name}; {REASONS[kind if part == 'calls' else part]}."
 
 
@@ -106,8 +106,8 @@ def head(figures):
 
 def emission(figures):
     yield "## Table emission, disk of 1 TiB with 16,777,216 grains\n"
-    yield ("From the open descriptor to the finished table file. Grains held: those in the delta. Scattered: each grain "
-           "by itself, anywhere in the delta's file; clustered: runs of 64.\n")
+    yield ("From the descriptor to the finished table file. Grains held: those in the delta. Scattered: each grain by "
+           "itself, anywhere in the delta's file; clustered: runs of 64.\n")
     rows = [[name, *[f"{result[key] / 1e6:,.1f}" for key in ("grains_per_s", "held_grains_per_s", "lines_per_s")],
              f"{result['lines']:,.0f}", f"{result['table_bytes'] / 1e6:,.0f}", f"{result['peak_kib']:,.0f}"]
             for name, result in figures["emission"].items()]

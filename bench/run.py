@@ -71,7 +71,7 @@ def main():
     arguments = parser.parse_args()
     if not place.is_safe():
         sys.exit("bench/run.py: runs only in a sandbox; use script/bench")
-    place._furnish()
+    place.furnish()
     rounds = 1 if arguments.quick else 5
     short_rounds = 1 if arguments.quick else 3
     figures = {"machine": machine(), "date": datetime.datetime.now().astimezone().isoformat(timespec="minutes"),

@@ -103,7 +103,8 @@ def passthrough_subject(stack, disk):
         (raw / "entries" / f"disk-{number:05d}-flat.vmdk").write_bytes(bytes(960))
     stack.enter_context(started([program("bench-passthrough"), str(raw), str(mounted), "-f", *MOUNT_OPTIONS],
                                 lambda: os.path.ismount(mounted), "the pass-through stands"))
-    return [Subject("pass-through", "a bare FUSE file system over the raw image", mounted / "disk", mounted / "entries"),
+    bare = "a bare FUSE file system over the raw image"
+    return [Subject("pass-through", bare, mounted / "disk", mounted / "entries"),
             Subject("file", "the raw image itself", raw / "disk", raw / "entries")]
 
 

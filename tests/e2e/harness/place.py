@@ -28,7 +28,7 @@ def _enter_sandbox() -> None:
     os.execv(_SANDBOX, [str(_SANDBOX), sys.executable, "-B", *sys.argv])
 
 
-def _furnish() -> None:
+def furnish() -> None:
     """The directories of an appliance."""
     for path in _DIRECTORIES:
         os.makedirs(path, exist_ok=True)
@@ -41,5 +41,5 @@ def main() -> None:
     os.environ["MIRADOR_BIN"] = os.path.abspath(os.environ.get("MIRADOR_BIN", _CHECKOUT / "build" / "dev" / "bin"))
     if not is_safe():
         _enter_sandbox()
-    _furnish()
+    furnish()
     unittest.main(module="__main__", verbosity=2)
