@@ -64,6 +64,15 @@ void redirect_output(const std::string& logdir) {
 
 }  // namespace
 
+void hold_std_streams() {
+    int fd = -1;
+    do
+        fd = open("/dev/null", O_RDWR);  // the lowest number that is free
+    while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd > STDERR_FILENO)
+        close(fd);
+}
+
 errdesc_t* cor_startup(const cordesc_t* desc) {
     cor_assert(desc != nullptr);
     lift_core_limit();

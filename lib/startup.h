@@ -15,6 +15,10 @@ struct cordesc_t {
     std::optional<std::string> logdir;  // absolute: the log file is opened again on each SIGHUP
 };
 
+// Puts /dev/null in the place of each standard stream that the process was started without: no file, lock or pipe that
+// is opened later may take its number, what is printed would end there. The first thing that main does.
+void hold_std_streams();
+
 // Lifts the core-file size limit, opens the system log (which prints to standard error too) and makes SIGPIPE harmless
 // in a way that outlives a library resetting it. With a log directory, standard output and standard error go to
 // "<logdir>/<name>" from here on, unbuffered, and SIGHUP reopens that file: after a rotation the program goes on in

@@ -189,6 +189,7 @@ int serve(fuse_args* args, background_t* background) {
 }  // namespace
 
 int mirador_main(int argc, char** argv) {
+    hold_std_streams();
     args_guard_t guard{FUSE_ARGS_INIT(argc, argv)};
     if (!mirador_parse_options(&guard.args)) {
         std::fprintf(stderr, "Invalid arguments\n");

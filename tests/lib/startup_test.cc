@@ -95,6 +95,16 @@ TEST(startup, LogsWithOutputClosed) {
     EXPECT_EQ(lines_in(dir / "daemon"), 1U);
 }
 
+TEST(startup, NothingTakesTheNumberOfAClosedStream) {
+    EXPECT_EQ(in_child([] {
+                  close(0);
+                  close(2);
+                  hold_std_streams();
+                  return fcntl(0, F_GETFD) == 0 && fcntl(2, F_GETFD) == 0 && open("/dev/null", O_RDONLY) > 2 ? 0 : 1;
+              }),
+              0);
+}
+
 TEST(startup, LogDirectoryThatIsMissingIsFatal) {
     const cordesc_t desc{"daemon", "/nowhere"};
     EXPECT_DEATH((void)cor_startup(&desc), "fd >= 0");
