@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "appliance/exporter/mirador.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -108,16 +109,16 @@ void set_tmpfs_mount_point() {
 }
 
 // Whether FUSE can mount here, as far as can be told before; a mount point behind which a daemon died counts, for
-// recovery clears it.
+// recovery clears it. What is mounted there is not asked: while threads of a dead daemon hang, nobody answers.
 bool can_mount() {
     const char* mount_point = fs_options().proxy_mount_point;
-    struct stat st {};
-    const bool stat_failed = stat(mount_point, &st) != 0;
+    struct statx st {};
+    const bool stat_failed = statx(AT_FDCWD, mount_point, AT_STATX_DONT_SYNC, STATX_TYPE, &st) != 0;
     if (stat_failed && errno != ENOTCONN) {
         std::fprintf(stderr, "mirador: %s: %s\n", mount_point, errnum_text(errno).c_str());
         return false;
     }
-    if (!stat_failed && !S_ISDIR(st.st_mode)) {
+    if (!stat_failed && !S_ISDIR(st.stx_mode)) {
         std::fprintf(stderr, "mirador: %s: %s\n", mount_point, errnum_text(ENOTDIR).c_str());
         return false;
     }
