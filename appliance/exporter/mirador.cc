@@ -7,9 +7,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <string>
 
 #include "appliance/exporter/controller_thr.h"
@@ -33,37 +30,6 @@ struct args_guard_t {
     fuse_args args;
     ~args_guard_t() { fuse_opt_free_args(&args); }
 };
-
-// An option's path as it reads from any working directory; the daemon leaves the one it is started in.
-char* absolute_copy(const char* path) {
-    std::error_code failed;
-    const std::filesystem::path absolute = std::filesystem::absolute(path, failed);
-    char* copy = strdup(failed ? path : absolute.c_str());
-    cor_assert(copy != nullptr);
-    return copy;
-}
-
-void make_absolute(char** path) {
-    if (*path == nullptr)
-        return;
-    char* relative = *path;
-    *path = absolute_copy(relative);
-    std::free(relative);
-}
-
-// Makes the mount point absolute in the options and in FUSE's arguments.
-void make_mount_point_absolute(fuse_args* args) {
-    const std::string given = fs_options().proxy_mount_point;
-    make_absolute(&fs_options().proxy_mount_point);
-    for (int i = 1; i < args->argc; i++) {
-        if (given != args->argv[i])
-            continue;
-        std::free(args->argv[i]);
-        args->argv[i] = strdup(fs_options().proxy_mount_point);
-        cor_assert(args->argv[i] != nullptr);
-        return;
-    }
-}
 
 void start_logging(const char* argv0) {
     cordesc_t desc;
@@ -96,16 +62,6 @@ int check_options(const char* progname, bool* goes_on) {
     }
     *goes_on = true;
     return 0;
-}
-
-void set_tmpfs_mount_point() {
-    mirador_options_t& options = fs_options();
-    if (options.tmpfs_mount_point != nullptr) {
-        make_absolute(&options.tmpfs_mount_point);
-        return;
-    }
-    options.tmpfs_mount_point = strdup(cor_format_path("%s.shadow", options.proxy_mount_point).c_str());
-    cor_assert(options.tmpfs_mount_point != nullptr);
 }
 
 // Whether FUSE can mount here, as far as can be told before; a mount point behind which a daemon died counts, for
@@ -197,14 +153,13 @@ int mirador_main(int argc, char** argv) {
         usage(argv[0]);
         return 1;
     }
-    make_absolute(&fs_options().log_dir);
+    options_settle_log_dir();
     start_logging(argv[0]);
     bool goes_on = false;
     const int status = check_options(argv[0], &goes_on);
     if (!goes_on)
         return status;
-    make_mount_point_absolute(&guard.args);
-    set_tmpfs_mount_point();
+    options_settle_mount_points(&guard.args);
     if (!can_mount())
         return 1;
     background_t background;

@@ -4,12 +4,17 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <memory>
 #include <string>
 
 #include "lib/cor_assert.h"
+#include "lib/cor_string.h"
 
 namespace mirador {
 namespace {
+
+namespace fs = std::filesystem;
 
 fuse_opt text_option(const char* templ, unsigned long offset) {
     return {templ, offset, 0};
@@ -58,6 +63,48 @@ int mirador_parse_opt(void* data, const char* arg, int key, fuse_args* outargs) 
     }
 }
 
+void set_text(char** field, const std::string& text) {
+    std::free(*field);
+    *field = strdup(text.c_str());
+    cor_assert(*field != nullptr);
+}
+
+// The path as it reads from any working directory, without slashes at its end.
+fs::path absolute_path(const fs::path& given) {
+    std::error_code failed;
+    const fs::path path = fs::absolute(given, failed);
+    if (failed)
+        return given;
+    return path.has_filename() ? path : path.parent_path();
+}
+
+// The path with its links resolved; what does not exist stays as it is named. Asks no file system that is mounted at
+// the path itself: a mount point whose daemon died resolves as well.
+fs::path resolved(const fs::path& path) {
+    const std::unique_ptr<char, decltype(&std::free)> real(realpath(path.c_str(), nullptr), &std::free);
+    if (real != nullptr)
+        return real.get();
+    if (!path.has_relative_path())
+        return path;
+    return (resolved(path.parent_path()) / path.filename()).lexically_normal();
+}
+
+// The path with the links of its directory resolved, its own name kept.
+fs::path named(const fs::path& path) {
+    const fs::path name = path.filename();
+    return name == "." || name == ".." ? resolved(path) : resolved(path.parent_path()) / name;
+}
+
+// Puts `path` in the place of FUSE's argument `given`. The last one that reads so: options with texts stand in front.
+void replace_argument(fuse_args* args, const std::string& given, const std::string& path) {
+    for (int i = args->argc - 1; i > 0; i--) {
+        if (given != args->argv[i])
+            continue;
+        set_text(&args->argv[i], path);
+        return;
+    }
+}
+
 }  // namespace
 
 mirador_options_t& fs_options() {
@@ -77,6 +124,24 @@ mirador_options_t& fs_options() {
 
 bool mirador_parse_options(fuse_args* args) {
     return fuse_opt_parse(args, &fs_options(), mirador_opts, mirador_parse_opt) == 0;
+}
+
+void options_settle_log_dir() {
+    if (fs_options().log_dir != nullptr)
+        set_text(&fs_options().log_dir, absolute_path(fs_options().log_dir).string());
+}
+
+void options_settle_mount_points(fuse_args* args) {
+    mirador_options_t& options = fs_options();
+    cor_assert(options.proxy_mount_point != nullptr);
+    const std::string given = options.proxy_mount_point;
+    const fs::path mount_point = named(absolute_path(given));
+    const fs::path shadow = options.tmpfs_mount_point != nullptr
+                                ? absolute_path(options.tmpfs_mount_point)
+                                : fs::path(cor_format_path("%s.shadow", mount_point.c_str()));
+    set_text(&options.proxy_mount_point, resolved(mount_point).string());
+    set_text(&options.tmpfs_mount_point, resolved(shadow).string());
+    replace_argument(args, given, options.proxy_mount_point);
 }
 
 void usage(const char* progname) {

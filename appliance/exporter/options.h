@@ -35,6 +35,14 @@ mirador_options_t& fs_options();
 // status 1.
 [[nodiscard]] bool mirador_parse_options(fuse_args* args);
 
+// The daemon leaves the directory that it is started in: makes the log directory, if one is given, absolute.
+void options_settle_log_dir();
+
+// Makes both mount points absolute, without the links, dots and end slashes that the mount table does not show either:
+// what a predecessor mounted there must be found by name. The shadow's is "<mountpoint>.shadow" unless given. Changes
+// the mount point in FUSE's arguments as well. Asserted: there is a mount point; the paths fit.
+void options_settle_mount_points(fuse_args* args);
+
 void usage(const char* progname);
 
 }  // namespace mirador

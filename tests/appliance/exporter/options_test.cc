@@ -2,12 +2,15 @@
 #include "appliance/exporter/options.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "appliance/exporter/mirador.h"
+#include "tests/lib/temp_dir.h"
 
 namespace mirador {
 namespace {
@@ -36,6 +39,26 @@ void print_parsed(std::vector<std::string> words) {
     std::exit(0);
 }
 
+// The paths that the daemon works with when it is started in `directory`, for a child process to print.
+void print_paths(const std::string& directory, std::vector<std::string> words) {
+    std::vector<char*> argv = argument_vector(words);
+    fuse_args args = FUSE_ARGS_INIT(static_cast<int>(words.size()), argv.data());
+    if (chdir(directory.c_str()) != 0 || !mirador_parse_options(&args))
+        std::exit(9);
+    options_settle_log_dir();
+    options_settle_mount_points(&args);
+    const mirador_options_t& o = fs_options();
+    std::string text = std::string(o.proxy_mount_point) + " " + o.tmpfs_mount_point + " fuse=";
+    for (int i = 1; i < args.argc; i++)
+        text += std::string(args.argv[i]) + ",";
+    if (o.log_dir != nullptr)
+        text += std::string(" log=") + o.log_dir;
+    for (std::size_t at = 0; (at = text.find(directory, at)) != std::string::npos;)
+        text.replace(at, directory.size(), "~");
+    std::fprintf(stderr, "<%s>", text.c_str());
+    std::exit(0);
+}
+
 void run_main(std::vector<std::string> words) {
     std::vector<char*> argv = argument_vector(words);
     std::exit(mirador_main(static_cast<int>(words.size()), argv.data()));
@@ -57,6 +80,35 @@ TEST(options, CommandLinesAreParsed) {
     };
     for (const auto& c : cases)
         EXPECT_EXIT(print_parsed(c.words), testing::ExitedWithCode(0), c.parsed);
+}
+
+// As the mount table will show them.
+TEST(options, PathsAreSettled) {
+    const temp_dir_t made;
+    const std::string dir = std::filesystem::canonical(made.path());
+    for (const char* name : {"real", "other/deep"})
+        std::filesystem::create_directories(dir + "/" + name);
+    std::filesystem::create_symlink("real", dir + "/link");
+    std::filesystem::create_symlink("other/deep", dir + "/deep");
+    struct {
+        std::vector<std::string> words;
+        const char* paths;
+    } const cases[] = {
+        {{"mirador", "real"}, "<~/real ~/real.shadow fuse=~/real,>"},
+        {{"mirador", dir + "/real//"}, "<~/real ~/real.shadow fuse=~/real,>"},
+        {{"mirador", "./other/../real/."}, "<~/real ~/real.shadow fuse=~/real,>"},
+        {{"mirador", "."}, "<~ ~.shadow fuse=~,>"},
+        {{"mirador", "/"}, "</ /.shadow fuse=/,>"},
+        {{"mirador", "link/"}, "<~/real ~/link.shadow fuse=~/real,>"},
+        {{"mirador", "deep/../../real"}, "<~/real ~/real.shadow fuse=~/real,>"},
+        {{"mirador", "missing"}, "<~/missing ~/missing.shadow fuse=~/missing,>"},
+        {{"mirador", "-P", "link/new/./shadow/", "real"}, "<~/real ~/real/new/shadow fuse=~/real,>"},
+        {{"mirador", "-P", "new/../shadow", "real"}, "<~/real ~/shadow fuse=~/real,>"},
+        {{"mirador", "-o", "real", "real"}, "<~/real ~/real.shadow fuse=-o,real,~/real,>"},
+        {{"mirador", "-L", "logs/../logs", "real"}, "<~/real ~/real.shadow fuse=~/real, log=~/logs/../logs>"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EXIT(print_paths(dir, c.words), testing::ExitedWithCode(0), c.paths) << c.words.back();
 }
 
 // Only command lines that end the program before it touches the machine.
