@@ -2,7 +2,6 @@
 #include "vmware/lib/vmdk/vmdk_names.h"
 
 #include <fcntl.h>
-#include <libgen.h>
 #include <regex.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -29,10 +28,6 @@ constexpr mode_t copy_mode = 0644;
 
 errdesc_t* unreadable(const errdesc_t* e, const std::string& path) {
     return errdesc_set_fmt(e->number, "Failed to read vmdkdesc from %s", path.c_str());
-}
-
-std::string directory_of(std::string path) {
-    return dirname(path.data());
 }
 
 errdesc_t* not_a_text(const std::string& path) {
@@ -160,7 +155,7 @@ errdesc_t* vmdk_copy_descfiles(const std::string& path, const std::string& copy_
     std::string text;
     RETURN_IF_ERROR(read_text(path, &text));
     replace_name(&text, old_extentname, new_extentname);
-    const std::string directory = directory_of(copy_path);
+    const std::string directory = vmdk_get_dir(copy_path);
     if (mkdirp(directory, copy_dir_mode) != 0)
         return errdesc_set_fmt(errno, "Cannot make directory %s", directory.c_str());
     RETURN_IF_ERROR(write_and_rename(copy_path, text));

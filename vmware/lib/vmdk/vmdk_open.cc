@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "vmware/lib/vmdk/vmdk_open.h"
 
-#include <libgen.h>
-
 #include <cerrno>
+#include <filesystem>
 #include <functional>
 
 #include "lib/cor_assert.h"
@@ -16,13 +15,9 @@ namespace {
 
 using reader_t = std::function<errdesc_t*(const std::string& path, vmdkdesc_t* vmdkdesc)>;
 
-std::string directory_of(std::string path) {
-    return dirname(path.data());
-}
-
 errdesc_t* vmdk_read_diskdescriptor(const std::string& path, const reader_t& read, vmdkdesc_t* vmdkdesc) {
     RETURN_IF_ERROR(read(path, vmdkdesc));
-    vmdkdesc->dirname = directory_of(path);
+    vmdkdesc->dirname = vmdk_get_dir(path);
     cor_assert(vmdkdesc->dirname.size() < path_size);
     return nullptr;
 }
@@ -56,6 +51,11 @@ errdesc_t* vmdk_open_checked(const std::string& path, descriptor_role_t role, vm
 
 void vmdk_close(vmdkdesc_t* vmdkdesc) {
     vmdk_free_vmdkdesc(vmdkdesc);
+}
+
+std::string vmdk_get_dir(const std::string& path) {
+    const std::string dir = std::filesystem::path(path).parent_path();
+    return dir.empty() ? "." : dir;
 }
 
 std::string vmdk_get_path(const std::string& name, const std::string& dir) {

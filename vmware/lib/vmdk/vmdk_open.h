@@ -26,6 +26,9 @@ namespace mirador {
 // record is as new afterwards. Closing one that is not open is allowed.
 void vmdk_close(vmdkdesc_t* vmdkdesc);
 
+// The directory part of a path; "." for a path without one.
+std::string vmdk_get_dir(const std::string& path);
+
 // `name` itself if it is absolute, else "<dir>/<name>".
 std::string vmdk_get_path(const std::string& name, const std::string& dir);
 
