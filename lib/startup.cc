@@ -33,10 +33,10 @@ void lift_core_limit() {
 
 void sigpipe_handler(int) {}
 
-struct sigaction handler_action(void (*handler)(int)) {
+struct sigaction handler_action(void (*handler)(int), int flags) {
     struct sigaction action {};
     action.sa_handler = handler;
-    action.sa_flags = SA_RESTART;
+    action.sa_flags = flags;
     sigemptyset(&action.sa_mask);
     return action;
 }
@@ -44,7 +44,7 @@ struct sigaction handler_action(void (*handler)(int)) {
 // A function, not "ignore": the file-system library takes an ignored SIGPIPE for its own setting and restores the
 // default when it ends, while shut-down still talks to peers that may be gone. exec resets it in children.
 void survive_broken_pipes() {
-    const struct sigaction action = handler_action(sigpipe_handler);
+    const struct sigaction action = handler_action(sigpipe_handler, SA_RESTART);
     cor_assert(sigaction(SIGPIPE, &action, nullptr) == 0);
 }
 
@@ -56,7 +56,9 @@ void redirect_output(const std::string& logdir) {
         std::setvbuf(stream, nullptr, _IONBF, 0);
     }
     logrotate_hndlr(SIGHUP);
-    const struct sigaction action = handler_action(logrotate_hndlr);
+    // Not SA_RESTART: the main thread's wait for the end of the file system, resumed after a hangup, would sleep
+    // through a TERM that came with it.
+    const struct sigaction action = handler_action(logrotate_hndlr, 0);
     struct sigaction previous {};
     cor_assert(sigaction(SIGHUP, &action, &previous) == 0);
     _previous_sighup = previous;

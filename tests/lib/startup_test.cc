@@ -4,12 +4,14 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <semaphore.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <sstream>
 #include <thread>
@@ -76,6 +78,31 @@ TEST(startup, HangupsDuringPrintingLoseNothing) {
     for (const auto& file : std::filesystem::directory_iterator(dir.path()))
         lines += lines_in(file.path());
     EXPECT_EQ(lines, count);
+}
+
+// Whoever waits looks again whether it is told to end.
+TEST(startup, HangupInterruptsAWait) {
+    temp_dir_t dir;
+    EXPECT_EQ(in_child([&dir] {
+                  const cordesc_t desc{"daemon", dir.path()};
+                  (void)cor_startup(&desc);
+                  sem_t sem;
+                  sem_init(&sem, 0, 0);
+                  std::atomic<bool> done = false;
+                  std::thread sender([&sem, &done, waiter = pthread_self()] {
+                      block_signals();
+                      for (int i = 0; i < 100 && !done; i++) {
+                          pthread_kill(waiter, SIGHUP);
+                          std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                      }
+                      sem_post(&sem);
+                  });
+                  const int number = sem_wait(&sem) == 0 ? 0 : errno;
+                  done = true;
+                  sender.join();
+                  return number;
+              }),
+              EINTR);
 }
 
 TEST(startup, LogsWithOutputClosed) {
