@@ -55,7 +55,7 @@ bool parse_options(int argc, char** argv, options_t* options) {
                 good = false;
         }
     }
-    return good && !options->descriptor.parent_hint.empty();
+    return good && !options->descriptor.parent_hint.empty() && options->descriptor.parent_cid != 0;
 }
 
 }  // namespace
