@@ -47,9 +47,22 @@ bool is_work_file(std::string_view name) {
            extension == ".zero";
 }
 
+// A path as the process's mount table writes it: blanks and backslashes as octal numbers.
+std::string mount_info_path(std::string_view path) {
+    std::string text;
+    for (const char c : path) {
+        if (c == ' ' || c == '\t' || c == '\n' || c == '\\')
+            text += cor_format("\\%03o", static_cast<unsigned>(c));
+        else
+            text.push_back(c);
+    }
+    return text;
+}
+
 // The number of the FUSE connection that is mounted on `mountpoint`: the minor number of its device; -1 if none is. The
 // mount table of the process tells without asking the file system itself, which may not answer any more.
 int fuse_connection(const std::string& mountpoint) {
+    const std::string wanted = mount_info_path(mountpoint);
     std::ifstream table(tool_paths().mount_info);
     std::string line;
     int connection = -1;
@@ -62,7 +75,7 @@ int fuse_connection(const std::string& mountpoint) {
         std::string directory;
         fields >> id >> parent >> device >> root >> directory;
         const std::size_t type = line.find(" - fuse");
-        if (directory == mountpoint && type != std::string::npos && device.starts_with("0:"))
+        if (directory == wanted && type != std::string::npos && device.starts_with("0:"))
             connection = std::atoi(device.c_str() + 2);
     }
     return connection;

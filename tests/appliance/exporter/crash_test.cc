@@ -106,6 +106,13 @@ TEST_F(crash, ClearsEverythingInItsOrder) {
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(aborted), {}), "1\n");
 }
 
+TEST_F(crash, FindsTheConnectionOfAMountPointWithBlanks) {
+    write("mountinfo",
+          "20 1 0:78 / /x rw - fuse.other a rw\n21 1 0:77 / /x\\040y\\134z rw - fuse.mirador mirador rw\n");
+    crash_recover_abort_fuse("/x y\\z");
+    EXPECT_TRUE(fs::exists(root_ + "/connections/77/abort"));
+}
+
 TEST_F(crash, TouchesNothingOfACleanMachineAndKeepsAUsersDirectory) {
     const std::string shadow = root_ + "/users.shadow";
     fs::create_directories(shadow);
