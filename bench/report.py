@@ -11,7 +11,7 @@ import sys
 EMISSION_GOAL = 5e6  # grains a second
 MEMORY_GOAL = 1024  # KiB for each open disk
 LEVEL = 0.95  # from this ratio on two figures count as level in "What falls short"
-PROFILE_LINES = 20
+PROFILE_LINES = 30
 
 ROWS = {"mirador first": "mirador, first read", "mirador": "mirador", "mirador again": "mirador, read again"}
 READ_VARIANTS = """\
@@ -21,11 +21,11 @@ bytes come through {mapper}. "first read": the loop devices' are empty too. "rea
 """
 # Why mirador stays behind, as profiles showed; printed only where it does.
 REASONS = {
-    "sequential": "see the profile below",
-    "random": "a read makes one trip to the daemon and a second one through the mapping below it, one after the other",
-    "open": "an open and a release take the table's and the cookie's lock, read the clock and open the mapped device",
-    "getattr": "a header of 960 bytes is opened, read and checked for each name",
-    "readdir": "the attributes of each entry are read from its header, for its inode number and type",
+    "sequential": "the bytes make a second trip, from the stand-in to the daemon: see the profile below",
+    "random": "a read makes one trip to the daemon and a second one to the stand-in, one after the other",
+    "open": "each open opens the mapped device anew, which behind the stand-in is a trip to another process",
+    "getattr": "each name's header of 960 bytes is opened, read and closed",
+    "readdir": "each entry's header of 960 bytes is opened, read and closed, for its inode number and type",
 }
 
 
@@ -84,7 +84,8 @@ def shortfalls(figures):
                 continue
             share = figures[part][f"mirador, {kind}"] / value
             if share < LEVEL:
-                what = kind if part == "calls" else f"{part} read, {kind}{' readers' if part == 'random' else ' blocks'}"
+                whats = {"sequential": f"sequential read, {kind} blocks", "random": f"random reads, {kind} at a time"}
+                what = whats.get(part, kind)
                 yield f"- {what}: {share:.2f} of {name}; {REASONS[kind if part == 'calls' else part]}."
 
 
@@ -134,7 +135,7 @@ def falls_short(figures, profile):
     yield from lines or ["Nothing: no goal is missed, no comparison lost."]
     yield ""
     if profile:
-        yield "Where the machine's time goes during sequential reads of mirador's disk (`perf`, all processors):\n"
+        yield "Where the processors' time goes during sequential reads of mirador's disk (perf):\n"
         yield "```"
         yield from profile[:PROFILE_LINES]
         yield "```"

@@ -47,21 +47,26 @@ def busy_share(seconds=2):
     return 1 - (idle_after - idle) / (total_after - total)
 
 
+def _profile_lines(data, fields, least):
+    report = subprocess.run(["perf", "report", "-i", data, "--stdio", "--sort", fields, "--percent-limit", least],
+                            capture_output=True, text=True, check=True)
+    return [line.rstrip(" -") for line in report.stdout.splitlines() if line and not line.startswith("#")]
+
+
 def profile(subject, path):
-    """Where the machine's time goes during sequential reads of a subject; False where perf can't tell."""
+    """Where the processors' time goes during sequential reads of a subject, by process and by function; nothing is
+    written where perf can't tell."""
     data = path.with_suffix(".data")
     reads = f"for i in 1 2 3; do dd if={subject.file} of=/dev/null bs=1M status=none; done"
     subject.forget_mapping()
-    record = subprocess.run(["perf", "record", "-q", "-a", "-F", "997", "-o", data, "--", "sh", "-c", reads],
-                            capture_output=True, check=False)
-    if record.returncode != 0:
-        return False
-    report = subprocess.run(["perf", "report", "-i", data, "--stdio", "--sort", "comm,symbol", "--percent-limit", "1"],
-                            capture_output=True, text=True, check=False)
+    try:
+        subprocess.run(["perf", "record", "-q", "-a", "-F", "997", "-o", data, "--", "sh", "-c", reads], check=True,
+                       capture_output=True)
+        lines = _profile_lines(data, "comm", "2") + [""] + _profile_lines(data, "comm,symbol", "1.5")
+    except (OSError, subprocess.CalledProcessError):
+        return
     data.unlink()
-    lines = [line.rstrip() for line in report.stdout.splitlines() if line and not line.startswith("#")]
     path.write_text("\n".join(lines) + "\n")
-    return report.returncode == 0 and bool(lines)
 
 
 def main():
@@ -87,7 +92,7 @@ def main():
         tell("open, getattr, readdir")
         figures["calls"] = measure.calls(subjects, short_rounds)
         tell("profile")
-        figures["profiled"] = profile(subjects["mirador"], arguments.output / "profile.txt")
+        profile(subjects["mirador"], arguments.output / "profile.txt")
     tell("table emission")
     figures["emission"] = measure.emission(short_rounds)
     tell(f"memory with {measure.OPEN_DISKS} open disks")
