@@ -90,7 +90,7 @@ class Isolation(unittest.TestCase):
 
     def test_shows_the_checkout_but_none_of_the_hosts_own(self):
         with tempfile.TemporaryDirectory(dir="/tmp") as hidden:
-            seen = sandbox(f"cat /proc/mounts; ls -d {SANDBOX} {hidden} {' '.join(PRIVATE)} /dev/loop[0-9]*; ls /tmp")
+            seen = sandbox(f"cat /proc/mounts; ls -d {SANDBOX} {hidden} {' '.join(PRIVATE)} /dev/loop[0-9]*")
         self.assertNotRegex(seen.stdout, r"(?m)^\S+ \S*/mnt")
         self.assertEqual(seen.stdout.splitlines()[-1], SANDBOX)
 
@@ -147,7 +147,7 @@ class Covers(unittest.TestCase):
 
     def test_number_of_a_file_system_passes_on(self):
         """The kernel gives the number of a file system that is gone to the next one: here another sandbox's."""
-        before = start("sh", "-c", "for i in 1 2 3; do mkdir /d$i; mount -t tmpfs x /d$i; done; sleep 0.5; umount /d?;"
+        before = start("sh", "-c", "for i in $(seq 20); do mkdir /d$i; mount -t tmpfs x /d$i; done; sleep 0.5; umount /d*;"
                        "echo; while read n; do mknod /dev/loop$n b 7 $n; losetup -d /dev/loop$n; done 2>/dev/null")
         first_line(before)
         after = start("sh", "-c", "for i in $(seq 12); do mkdir /d$i; mount -t tmpfs x /d$i; truncate -s 1M /d$i/f;"
