@@ -98,8 +98,9 @@ const char* level_word(int level) {
 
 // The number published in "user.err_num" of `path`; 0 when there is none.
 errnum_t published_number(const std::string& path) {
-    std::array<char, 64> text{};
-    const ssize_t size = getxattr(path.c_str(), "user.err_num", text.data(), text.size() - 1);
+    constexpr std::size_t value_size = 64;
+    std::array<char, value_size + 1> text{};
+    const ssize_t size = getxattr(path.c_str(), "user.err_num", text.data(), value_size);
     return size > 0 ? static_cast<errnum_t>(std::strtol(text.data(), nullptr, 10)) : 0;
 }
 

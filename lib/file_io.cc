@@ -79,10 +79,11 @@ void cor_safe_close(int* fd) {
 void cor_safe_fclose(std::FILE** fp) {
     cor_assert(fp != nullptr);
     cor_assert(*fp != nullptr);
+    const int number = errno;  // of the stream's failure, before anything is called
     const errdesc_keeper_t keep;
     void* const stream = *fp;
     if (std::ferror(*fp) != 0)
-        log_own_error(errdesc_set_fmt(errno, "cor_safe_fclose(%p)", stream));
+        log_own_error(errdesc_set_fmt(number, "cor_safe_fclose(%p)", stream));
     if (std::feof(*fp) == 0) {
         if (const std::size_t discarded = drain(*fp); discarded != 0)
             log_own_error(errdesc_set_fmt(drained_errnum, "cor_safe_fdrain(%p): discarded %zd bytes", stream,

@@ -110,7 +110,9 @@ void crash_recover_abort_fuse(const std::string& mountpoint) {
     if (connection < 0)
         return;
     const std::string path = cor_format("%s/%d/abort", tool_paths().fuse_connections.c_str(), connection);
-    std::ofstream(path) << "1\n";
+    std::ofstream abort(path);
+    if (!(abort << "1\n" << std::flush))
+        log_failure(errdesc_set_str(errno, path), ERRDESC_ERROR);
 }
 
 void crash_recover_mapper() {

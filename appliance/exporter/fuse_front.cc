@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cinttypes>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -22,6 +23,7 @@
 #include "appliance/exporter/vm_proxy_attr.h"
 #include "appliance/exporter/vm_proxy_read.h"
 #include "appliance/lib/registry.h"
+#include "lib/cor_assert.h"
 #include "lib/cor_string.h"
 #include "lib/error_hash.h"
 #include "lib/log.h"
@@ -212,6 +214,15 @@ fuse_operations mirador_oper() {
     return oper;
 }
 
+// A TERM that came while the main thread ran the handler of a child's end would not wake its wait for the end of the file
+// system. Children are reaped by those who wait for them; nobody needs the signal.
+void block_child_signal() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGCHLD);
+    cor_assert(pthread_sigmask(SIG_BLOCK, &signals, nullptr) == 0);
+}
+
 }  // namespace
 
 bool fuse_wants_foreground(const fuse_args& args) {
@@ -232,8 +243,9 @@ bool fuse_serve(fuse_args* args, const std::function<void()>& on_serving) {
     static const fuse_operations oper = mirador_oper();
     char* mountpoint = nullptr;
     int multithreaded = 0;
-    if (fuse_opt_add_arg(args, "-f") != 0)
+    if (fuse_opt_insert_arg(args, 1, "-f") != 0)  // in front: behind "--" it would be a file's name
         return false;
+    block_child_signal();
     fuse* handle = fuse_setup(args->argc, args->argv, &oper, sizeof oper, &mountpoint, &multithreaded, nullptr);
     if (handle == nullptr) {
         std::fprintf(stderr, "mirador: cannot mount on %s\n", fs_options().proxy_mount_point);
