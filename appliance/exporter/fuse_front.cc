@@ -214,8 +214,8 @@ fuse_operations mirador_oper() {
     return oper;
 }
 
-// A TERM that came while the main thread ran the handler of a child's end would not wake its wait for the end of the file
-// system. Children are reaped by those who wait for them; nobody needs the signal.
+// A TERM that came while the main thread ran the handler of a child's end would not wake its wait for the end of the
+// file system. Children are reaped by those who wait for them; nobody needs the signal.
 void block_child_signal() {
     sigset_t signals;
     sigemptyset(&signals);
