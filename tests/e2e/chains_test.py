@@ -39,7 +39,7 @@ def chain_of(parent, depth, delta, count=3, **options):
 class Chains(DaemonCase):
     @classmethod
     def setUpClass(cls):
-        cls.store = datastore("5a6f0b1c-2d3e4f50-6172-8394a5b6c7d8")
+        cls.store = datastore("chains")
         super().setUpClass()
 
     def image(self, size=ODD_SIZE):

@@ -3,6 +3,7 @@
 import contextlib
 import errno
 import os
+import pathlib
 import random
 import threading
 
@@ -10,8 +11,9 @@ from harness import census, place
 from harness.case import DaemonCase
 from harness.compare import Reader, first_difference
 from harness.daemon import EXPORT, Entry
-from harness.disks import KIB, MIB, SECTOR, base_disk, cowd_delta, datastore, raw_image, reference, sparse_delta
-from harness.tools import WORK, run, saved_error, wait_until, xattr
+from harness.disks import (KIB, MIB, SECTOR, base_disk, cowd_delta, datastore, partition, raw_image, reference,
+                           sparse_delta)
+from harness.tools import WORK, Failed, run, saved_error, wait_until, xattr
 
 MAX_SESSION = 50
 
@@ -147,6 +149,32 @@ class Sessions(DaemonCase):
         held.close()
         wait_until(lambda: len(census.loops() - before.loops) == 1, "the old loop device is detached")
         self.assertNotIn(os.path.basename(device), census.mappings())
+
+    def test_device_that_fails(self):
+        """Reads tell the error, but for those that begin inside the header; the next mapping reads again."""
+        image = WORK / "failing.img"
+        image.write_bytes(self.image.read_bytes())
+        partition(image)
+        path = self.daemon.export_disk(base_disk(self.store, "failing", image))
+        header = range(2 * SECTOR, 3 * SECTOR)
+        with Reader(path, direct=True) as reader:
+            expected = reader.read(header.start, SECTOR)
+            self.assertEqual(expected[:4], b"KVDH")
+            device = pathlib.Path(device_of(path))
+            if device.is_block_device():
+                run("blockdev", "--flushbufs", device)
+            with self.assertRaises(Failed):  # what is open stays, without data
+                run(self.daemon.dmsetup(), "remove", "-f", device.name)
+            for offset, size in ((0, 4096), (header.stop, SECTOR), (MIB, 100), (header.start - 1, SECTOR)):
+                with self.assertRaises(OSError) as raised:
+                    reader.read(offset, size)
+                self.assertEqual(raised.exception.errno, errno.EIO)
+            self.assertEqual(saved_error(path)[0], errno.EIO)
+            self.assertEqual(reader.read(header.start, 4096), expected)
+            self.assertEqual(reader.read(header.start + 100, SECTOR), expected[100:])
+        for filling in self.export_small(MAX_SESSION, "evicting"):
+            self.open(filling).close()
+        self.assertIsNone(first_difference(path, image, skip=header))
 
     @staticmethod
     @contextlib.contextmanager

@@ -96,6 +96,12 @@ class Daemon:
         files = (self._directory / "output", self.log_file)
         return "".join(file.read_text(errors="replace") for file in files if file.exists())
 
+    @staticmethod
+    def dmsetup() -> str:
+        """The program that the daemon maps disks with."""
+        with open("/proc/misc") as devices:
+            return "dmsetup" if "device-mapper" in devices.read() else program("fuse-dmsetup")
+
     def last_lines(self) -> str:
         return "\n".join(self.log().splitlines()[-20:])
 

@@ -59,7 +59,8 @@ class Disk:
         return self.store.link(self.descriptor)
 
     def content_id(self) -> str:
-        return re.search(rb"(?m)^CID=([0-9a-f]{8})$", self.descriptor.read_bytes())[1].decode()
+        """As the descriptor writes it, which may be without leading zeros."""
+        return re.search(rb"(?m)^CID=([0-9a-f]+)$", self.descriptor.read_bytes())[1].decode()
 
 
 # Raw images
