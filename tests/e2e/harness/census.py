@@ -29,7 +29,7 @@ def take() -> Census:
 
 def loops() -> frozenset[str]:
     """Bound loop devices, with the file behind each."""
-    return frozenset(run("losetup", "-l", "-n", "-O", "NAME,BACK-FILE").splitlines())
+    return frozenset(run("losetup", "-l", "-n", "--raw", "-O", "NAME,BACK-FILE").splitlines())
 
 
 def mappings() -> frozenset[str]:
