@@ -135,7 +135,7 @@ def falls_short(figures, profile):
     yield from lines or ["Nothing: no goal is missed, no comparison lost."]
     yield ""
     if profile:
-        yield "Where the processors' time goes during sequential reads of mirador's disk (perf):\n"
+        yield "Where the processors' time goes during a sequential read of mirador's disk (perf):\n"
         yield "```"
         yield from profile[:PROFILE_LINES]
         yield "```"

@@ -54,13 +54,13 @@ def _profile_lines(data, fields, least):
 
 
 def profile(subject, path):
-    """Where the processors' time goes during sequential reads of a subject, by process and by function; nothing is
+    """Where the processors' time goes during a sequential read of a subject, by process and by function; nothing is
     written where perf can't tell."""
     data = path.with_suffix(".data")
-    reads = f"for i in 1 2 3; do dd if={subject.file} of=/dev/null bs=1M status=none; done"
+    read = ["dd", f"if={subject.file}", "of=/dev/null", "bs=1M", "status=none"]
     subject.forget_mapping()
     try:
-        subprocess.run(["perf", "record", "-q", "-a", "-F", "997", "-o", data, "--", "sh", "-c", reads], check=True,
+        subprocess.run(["perf", "record", "-q", "-a", "-F", "1997", "-o", data, "--", *read], check=True,
                        capture_output=True)
         lines = _profile_lines(data, "comm", "2") + [""] + _profile_lines(data, "comm,symbol", "1.5")
     except (OSError, subprocess.CalledProcessError):
