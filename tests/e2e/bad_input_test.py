@@ -1,4 +1,4 @@
-"""A disk that is broken, or that is not meant to be read, fails to open: the reason is told, everything else goes on."""
+"""A disk that is broken, or not meant to be read, fails to open: the reason is told, everything else goes on."""
 
 import dataclasses
 import errno
@@ -123,7 +123,8 @@ FLAT = (
     Fault("extent is a device",
           replace("disk-flat.vmdk", lambda path: os.mknod(path, 0o20600, os.makedev(1, 5))), "not a (regular )?file"),
     Fault("descriptor is a FIFO", replace(BASE, os.mkfifo), "not a regular file"),
-    Fault("extent links to itself", replace("disk-flat.vmdk", link_to("disk-flat.vmdk")), "symbolic links", errno.ELOOP),
+    Fault("extent links to itself", replace("disk-flat.vmdk", link_to("disk-flat.vmdk")), "symbolic links",
+          errno.ELOOP),
 )
 
 SPARSE = (
@@ -136,7 +137,8 @@ SPARSE = (
     Fault("parent links outside", replace(BASE, link_to(OUTSIDE / BASE)), "outside every datastore"),
     Fault("parent is a directory", replace(BASE, os.mkdir), "not a regular file"),
     Fault("chain returns to its head",
-          edit(BASE, b"parentCID=ffffffff", b'parentCID=12345678\nparentFileNameHint="disk-000001.vmdk"'), "returns to"),
+          edit(BASE, b"parentCID=ffffffff", b'parentCID=12345678\nparentFileNameHint="disk-000001.vmdk"'),
+          "returns to"),
     Fault("parent of itself", edit(BASE, b"parentCID=ffffffff", b'parentCID=12345678\nparentFileNameHint="disk.vmdk"'),
           "returns to"),
     Fault("parent of another size", edit(BASE, b"RW 2048", b"RW 2047"), "another size of extent 0"),
@@ -259,7 +261,8 @@ class BadInput(DaemonCase):
         shadow = good.parent.with_name("shadow").parents[1] / "export.shadow" / "shadow"
         header = (shadow / "good-flat.vmdk").read_bytes()
         spoiled = {
-            "short": (header[:959], errno.ENOKEY), "empty": (b"", errno.ENOKEY), "random": (os.urandom(960), errno.EINVAL),
+            "short": (header[:959], errno.ENOKEY), "empty": (b"", errno.ENOKEY),
+            "random": (os.urandom(960), errno.EINVAL),
             "version": (header[:4] + b"\2" + header[5:], errno.EINVAL),
             "unknown type": (header[:8] + b"\0" + header[9:], errno.EINVAL),
             "type out of range": (header[:8] + b"\6" + header[9:], errno.EINVAL),

@@ -2,12 +2,11 @@
 
 import os
 import random
-import unittest
 
 from harness import place
 from harness.case import DaemonCase
 from harness.compare import data_windows, first_difference, straddling_reads, wrong_reads
-from harness.daemon import Entry
+from harness.daemon import EXPORT, Entry
 from harness.disks import (KIB, MIB, SECTOR, base_disk, cowd_delta, datastore, raw_image, reference, sparse_delta)
 from harness.tools import WORK
 
@@ -119,8 +118,7 @@ class Chains(DaemonCase):
         disk = base_disk(self.store, "direct", self.image(MIB))
         self.daemon.export(Entry("direct/direct-flat.vmdk", str(disk.descriptor), stat=str(disk.base_extent),
                                  size=disk.size))
-        path = self.daemon.export_disk(disk).with_name("direct-flat.vmdk")
-        self.assertIsNone(first_difference(path, reference(disk)))
+        self.assertIsNone(first_difference(EXPORT / "direct/direct-flat.vmdk", reference(disk)))
 
 
 if __name__ == "__main__":

@@ -83,7 +83,7 @@ class CommandLine(unittest.TestCase):
     def test_starts_that_fail(self):
         """After recovery, in the foreground and in the background; nothing stays."""
         for name, options, status, text in (
-            ("shadow file system", ["-O", "size=nonsense"], 1, f"tmpfs_create({SHADOW}, size=nonsense) returned an error"),
+            ("shadow file system", ["-O", "size=nonsense"], 1, f"tmpfs_create({SHADOW}, size=nonsense) returned an"),
             ("shadow directory", ["-D", "-P", "/nowhere"], 1, "/nowhere: No such file or directory\n"),
             ("shadow file system, in front", ["-f", "-O", "size=nonsense"], 1, "returned an error"),
             # A mount that fails is for the caller to see.

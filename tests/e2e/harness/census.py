@@ -42,7 +42,7 @@ def _mounts() -> frozenset[str]:
 
 
 def _processes() -> frozenset[str]:
-    """Id and name of every process but this one; the kernel's own, and the dead that wait for their parent, left out."""
+    """Id and name of every process but this one, the kernel's own and the dead that wait for their parent."""
     found = set()
     for entry in filter(str.isdigit, os.listdir("/proc")):
         try:
