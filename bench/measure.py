@@ -54,11 +54,26 @@ def _random(subject, readers):
     return _fio("random.fio", subject, READERS=readers, PART=part, SHARE=share)["iops"]
 
 
+def busy_share(seconds):
+    """The share of the processors' time that others use while nothing is measured."""
+    def read():
+        times = [int(word) for word in pathlib.Path("/proc/stat").read_text().split("\n")[0].split()[1:]]
+        return sum(times[:8]), times[3] + times[4]
+    total, idle = read()
+    time.sleep(seconds)
+    total_after, idle_after = read()
+    return 1 - (idle_after - idle) / (total_after - total)
+
+
+busy_between_rounds = []  # busy_share, before every round
+
+
 def _taking_turns(rounds, contestants):
     """Runs each contestant (key: function) once a round; the median of its figures by key."""
     figures = {key: [] for key in contestants}
     keys = list(contestants)
     for number in range(rounds):
+        busy_between_rounds.append(busy_share(0.5))
         for key in keys[number % len(keys):] + keys[:number % len(keys)]:
             figures[key].append(contestants[key]())
     return {key: statistics.median(values) for key, values in figures.items()}

@@ -12,6 +12,7 @@ EMISSION_GOAL = 5e6  # grains a second
 MEMORY_GOAL = 1024  # KiB for each open disk
 LEVEL = 0.95  # from this ratio on two figures count as level in "What falls short"
 PROFILE_LINES = 30
+QUIET = 0.15  # share of the processors' time that others may use
 
 ROWS = {"mirador first": "mirador, first read", "mirador": "mirador", "mirador again": "mirador, read again"}
 READ_VARIANTS = """\
@@ -95,8 +96,10 @@ def head(figures):
     yield (f"`script/bench`, {figures['date'][:10]}, on {machine['processor']}, {machine['cores']} cores, "
            f"{machine['memory_gib']} GiB, Linux {machine['kernel']}; commit {figures['commit']}. Medians of "
            f"{figures['rounds']} rounds ({figures['short_rounds']} where not sequential) in which the contestants take "
-           f"turns. Other work took {figures['busy_before']:.0%} of the processors before the run and "
-           f"{figures['busy_after']:.0%} after it.\n")
+           f"turns. Between the rounds other work took {figures['busy']:.0%} of the processors' time.\n")
+    if figures["busy"] > QUIET:
+        yield ("**The machine was busy.** Ways to the bytes that use more processes then lose more: the ratios are not "
+               "those of a quiet machine.\n")
     yield "## Goals\n"
     yield from table(["goal", "measured", "reached"], [[goal, measured, "yes" if reached else "**no**"]
                                                         for goal, measured, reached in goals(figures)])

@@ -14,6 +14,7 @@ import os
 import pathlib
 import platform
 import re
+import statistics
 import subprocess
 import sys
 import time
@@ -34,17 +35,6 @@ def machine():
     memory = re.search(r"MemTotal:\s+(\d+)", pathlib.Path("/proc/meminfo").read_text())
     return {"processor": model[1] if model else platform.machine(), "cores": os.cpu_count(),
             "memory_gib": round(int(memory[1]) / (1 << 20)), "kernel": platform.release()}
-
-
-def busy_share(seconds=2):
-    """The share of the processors' time that others use while nothing is measured."""
-    def read():
-        times = [int(word) for word in pathlib.Path("/proc/stat").read_text().split("\n")[0].split()[1:]]
-        return sum(times[:8]), times[3] + times[4]
-    total, idle = read()
-    time.sleep(seconds)
-    total_after, idle_after = read()
-    return 1 - (idle_after - idle) / (total_after - total)
 
 
 def _profile_lines(data, fields, least):
@@ -80,7 +70,7 @@ def main():
     rounds = 1 if arguments.quick else 5
     short_rounds = 1 if arguments.quick else 3
     figures = {"machine": machine(), "date": datetime.datetime.now().astimezone().isoformat(timespec="minutes"),
-               "rounds": rounds, "short_rounds": short_rounds, "busy_before": busy_share()}
+               "rounds": rounds, "short_rounds": short_rounds}
     tell("disks and subjects")
     with all_subjects() as subjects:
         figures["subjects"] = {subject.name: subject.what for subject in subjects.values()}
@@ -97,7 +87,7 @@ def main():
     figures["emission"] = measure.emission(short_rounds)
     tell(f"memory with {measure.OPEN_DISKS} open disks")
     figures["memory"] = measure.memory()
-    figures["busy_after"] = busy_share()
+    figures["busy"] = statistics.median(measure.busy_between_rounds)
     figures["commit"] = (arguments.output / "commit").read_text().strip()
     figures["seconds"] = time.monotonic() - _BEGIN
     (arguments.output / "figures.json").write_text(json.dumps(figures, indent=1))
