@@ -118,13 +118,10 @@ class name_pattern_t {
     std::array<regmatch_t, 5> groups_{};
 };
 
-// The counter after "(n)"; false when it cannot grow.
+// The counter after "(n)", where a name without one is number 0; false when it cannot grow.
 bool next_counter(const std::string& counter, int* next) {
-    *next = 0;
-    if (counter.empty())
-        return true;
     errno = 0;
-    const long old = std::strtol(counter.c_str() + 1, nullptr, 10);
+    const long old = counter.empty() ? 0 : std::strtol(counter.c_str() + 1, nullptr, 10);
     if (errno != 0 || old >= std::numeric_limits<int>::max())
         return false;
     *next = static_cast<int>(old) + 1;

@@ -25,7 +25,7 @@ namespace mirador {
                                              const std::string& old_extentname, const std::string& new_extentname,
                                              std::int64_t* size);
 
-// Gives a disk name the next counter: "disk.vmdk" becomes "disk(0).vmdk", "disk(4)-flat.vmdk" "disk(5)-flat.vmdk".
+// Gives a disk name the next counter: "disk.vmdk" becomes "disk(1).vmdk", "disk(4)-flat.vmdk" "disk(5)-flat.vmdk".
 // Errors: EINVAL with the name when it has no ".vmdk" or its counter cannot grow.
 [[nodiscard]] errdesc_t* vmdk_rename(std::string* name);
 

@@ -187,12 +187,12 @@ TEST(vmdk_rename, NextCounter) {
         const char* name;
         const char* renamed;
     } cases[] = {
-        {"disk.vmdk", "disk(0).vmdk"},
+        {"disk.vmdk", "disk(1).vmdk"},
         {"disk(0).vmdk", "disk(1).vmdk"},
         {"disk(4)-flat.vmdk", "disk(5)-flat.vmdk"},
         {"disk(9)-rdmp.vmdk", "disk(10)-rdmp.vmdk"},
-        {"/vm/my disk-rdm.vmdk", "/vm/my disk(0)-rdm.vmdk"},
-        {"DISK-FLAT.VMDK", "DISK(0)-FLAT.vmdk"},
+        {"/vm/my disk-rdm.vmdk", "/vm/my disk(1)-rdm.vmdk"},
+        {"DISK-FLAT.VMDK", "DISK(1)-FLAT.vmdk"},
         {"disk(2)(7).vmdk", "disk(8).vmdk"},
         {"disk()-flat.vmdk", "disk(1)-flat.vmdk"},
         {"disk(2147483647).vmdk", nullptr},
