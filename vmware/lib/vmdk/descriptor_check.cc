@@ -90,7 +90,8 @@ errdesc_t* check_extent(const std::string& path, std::size_t index, const extent
         return refuse_extent(path, index, "has no size");
     if (extent.extentsize > max_sectors - extent.extentoffset)
         return refuse_extent(path, index, "makes the disk too large");
-    if (extent.version == std::numeric_limits<std::uint32_t>::max())
+    const bool offset_cut = extent.version == std::numeric_limits<std::uint32_t>::max();
+    if (offset_cut || extent.extentsize > max_sectors - extent.version)
         return refuse_extent(path, index, "begins too far inside its file");
     return check_name(path, extent.extentname);
 }

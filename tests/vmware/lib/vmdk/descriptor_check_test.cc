@@ -68,6 +68,8 @@ TEST(descriptor_check, TextsThatAreTurnedDown) {
         {"RW 18014398509481984 FLAT \"a\"\n", "extent 0 makes the disk too large"},
         {"RW 18014398509481983 FLAT \"a\"\nRW 1 FLAT \"b\"\n", "extent 1 makes the disk too large"},
         {"RW 8 FLAT \"a\" 99999999999\n", "extent 0 begins too far inside its file"},
+        {"RW 18014398509481982 FLAT \"a\" 1\n", "accepted"},
+        {"RW 18014398509481983 FLAT \"a\" 1\n", "extent 0 begins too far inside its file"},
     };
     const temp_dir_t temp;
     for (const auto& c : cases) {
