@@ -21,24 +21,30 @@ errdesc_t* read_source(char* buf, std::size_t size, off_t offset, const fuse_fh_
 }
 
 // Lays the overlay over a read of `size` bytes at `offset`, of which *count were read; *e is the source's failure and
-// is dropped where the overlay begins at or before the read.
+// is dropped where the overlay begins at or before the read. What lacks between the source's end and the overlay (a
+// file that became shorter) reads as zeros.
 void apply_overlay(char* buf, std::size_t size, off_t offset, const fuse_fh_buffer_t& overlay, std::size_t* count,
                    errdesc_t** e) {
+    if (overlay.buffer.empty())
+        return;
     const auto length = static_cast<std::int64_t>(overlay.buffer.size());
-    const std::int64_t begin = overlay.offset;
-    const std::int64_t end = offset + static_cast<std::int64_t>(size);
-    if (length == 0 || end < begin || begin + length <= offset)
+    const auto room = static_cast<std::int64_t>(size);
+    const std::int64_t ahead = overlay.offset - offset;  // the sum of an offset and a size may overflow
+    if (room < ahead || length <= -ahead)
         return;
-    if (*e != nullptr && begin > offset)
+    if (*e != nullptr && ahead > 0)
         return;
-    const std::int64_t to = std::max<std::int64_t>(0, begin - offset);
-    const std::int64_t from = std::max<std::int64_t>(0, offset - begin);
-    const std::int64_t copied = std::min(static_cast<std::int64_t>(size) - to, length - from);
+    const std::int64_t to = std::max<std::int64_t>(0, ahead);
+    const std::int64_t from = std::max<std::int64_t>(0, -ahead);
+    const std::int64_t copied = std::min(room - to, length - from);
     std::memcpy(buf + to, overlay.buffer.data() + from, static_cast<std::size_t>(copied));
     if (*e != nullptr) {
         *e = nullptr;
         *count = 0;
     }
+    const auto start = static_cast<std::size_t>(to);
+    if (*count < start)
+        std::memset(buf + *count, 0, start - *count);
     *count = std::max(*count, static_cast<std::size_t>(to + copied));
 }
 

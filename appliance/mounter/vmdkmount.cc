@@ -3,7 +3,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 
 #include "appliance/lib/loopdev.h"
 #include "lib/cor_assert.h"
@@ -31,6 +33,24 @@ errdesc_t* open_and_bind(vmdk_chain_t chain) {
 void close_extents(vmdk_chain_t chain) {
     for (vmdkdesc_t* disk : chain)
         vmdk_close_extentfiles(disk);
+}
+
+std::uint64_t table_entries(const graindir_t& dir) {
+    const auto absent = static_cast<std::uint64_t>(std::ranges::count(dir.gd_entry, 0U));
+    return (dir.gd_entry.size() - absent) * dir.numgtespergt;
+}
+
+// What is read of the chain's grain tables takes its time, and others wait meanwhile.
+errdesc_t* check_table_entries(vmdk_chain_t chain) {
+    std::uint64_t entries = 0;
+    for (const vmdkdesc_t* disk : chain) {
+        for (const auto& extent : disk->extentdesc)
+            entries += table_entries(extent->graindir);
+    }
+    if (entries <= max_chain_table_entries)
+        return nullptr;
+    return errdesc_set_fmt(EFBIG, "The grain tables of %s have more than %" PRIu64 " entries",
+                           chain.front()->filename.c_str(), max_chain_table_entries);
 }
 
 errdesc_t* emit_extent(std::FILE* file, vmdk_chain_t chain, dmtdesc_t* dmtdesc) {
@@ -74,6 +94,7 @@ errdesc_t* vmdk_assign_loop_devs(vmdkdesc_t* vmdkdesc) {
 }
 
 errdesc_t* vmdk_emit_extents(std::FILE* file, vmdk_chain_t chain, vdsk_stats_t* stats) {
+    RETURN_IF_ERROR(check_table_entries(chain));
     dmtdesc_t dmtdesc;
     dmtdesc.stats.chain_length = static_cast<std::uint32_t>(chain.size());
     const vmdkdesc_t& child = *chain.front();

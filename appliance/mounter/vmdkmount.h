@@ -22,6 +22,11 @@ using vmdk_chain_t = std::span<vmdkdesc_t* const>;
 // Lines that a table may have: what they cost in memory and disk space stays bearable.
 inline constexpr std::uint64_t max_table_lines = 1ULL << 25;
 
+// Entries that the grain tables of one chain may have: twice those of 2 TiB in grains of one sector, more than which no
+// extent has. Directories may name tables again and again, and descriptors extents, so small files can claim any
+// number.
+inline constexpr std::uint64_t max_chain_table_entries = 1ULL << 33;
+
 // Writes the whole table of an open disk to `file`: builds its chain unless that is built, opens the extent files of
 // the disks that supply data unless they are open, reads their headers and grain directories, binds their loop devices
 // and walks the extents. In every case the extent files are closed in the end, while the loop devices stay bound and
@@ -34,7 +39,8 @@ inline constexpr std::uint64_t max_table_lines = 1ULL << 25;
 [[nodiscard]] errdesc_t* vmdk_assign_loop_devs(vmdkdesc_t* vmdkdesc);
 
 // Writes the lines of all extents of the chain's first disk. Extent files must be open, grain directories read, loop
-// devices noted. Errors: those of vmdk_emit_dm_table_flat and vmdk_emit_dm_table_sparse.
+// devices noted. Errors: those of vmdk_emit_dm_table_flat and vmdk_emit_dm_table_sparse; EFBIG, before any table is
+// read, for grain tables of more than max_chain_table_entries.
 [[nodiscard]] errdesc_t* vmdk_emit_extents(std::FILE* file, vmdk_chain_t chain, vdsk_stats_t* stats);
 
 // Writes the one line of a flat extent. Errors: errno with "Cannot stat extent file %s"; EIO with "Flat file %s of size

@@ -341,5 +341,22 @@ TEST_F(emission, TablesAndGrainsBeyondTheFileAreTurnedDown) {
     EXPECT_THAT(table_of("disk").back(), line(16 * grain, 5, "disk", image.grains[16]));
 }
 
+// A small file whose directory names one table for everything would be read for hours.
+TEST_F(emission, TablesNamedWithoutEndAreTurnedDown) {
+    constexpr std::uint32_t whole = 0xffffffff;
+    constexpr std::uint32_t tables = 1U << 16;
+    constexpr std::uint32_t table = 1 + tables * sizeof(std::uint32_t) / sector_size;
+    sparse_image_t image(1, 1, 1U << 16);
+    image.hdr.capacity = whole;
+    image.directory.assign(tables, table);
+    image.hdr.overhead = table + (1U << 16) * sizeof(std::uint32_t) / sector_size;
+    image.file_sectors = image.hdr.overhead;
+    image.write(dir_ / "huge");
+    descriptor_text_t text;
+    text.extents.assign(3, cor_format("RW %u SPARSE \"huge\"", whole));
+    text.write(dir_ / "disk.vmdk");
+    EXPECT_THAT(failure_of("disk", EFBIG), HasSubstr("grain tables of " + (dir_ / "disk.vmdk")));
+}
+
 }  // namespace
 }  // namespace mirador
