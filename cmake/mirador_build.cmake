@@ -20,6 +20,7 @@ find_package(OpenSSL REQUIRED COMPONENTS Crypto)
 pkg_check_modules(FUSE REQUIRED IMPORTED_TARGET fuse>=2.9)
 pkg_check_modules(BLKID REQUIRED IMPORTED_TARGET blkid)
 pkg_check_modules(JSONC REQUIRED IMPORTED_TARGET json-c)
+pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
 
 add_library(mirador_options INTERFACE)
 target_include_directories(mirador_options INTERFACE ${CMAKE_SOURCE_DIR})
