@@ -16,6 +16,7 @@ struct tool_paths_t {
     std::string losetup = "/sbin/losetup";
     std::string exportfs = "/usr/sbin/exportfs";
     std::string fusermount = "/usr/local/corvantis/bin/fusermount";
+    std::string brand_reader = "/usr/local/corvantis/python/branding/BrandReader.py";
     // The program that stands in for `dmsetup` where the kernel has no device-mapper, in the daemon's own directory.
     std::string fuse_dmsetup = "fuse-dmsetup";
 

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+// Requests to the web service at a base URL: "<base>/api/<object>".
+//
+// A reply's body goes to the caller's function, whose result is the request's; a reply without a body is a success
+// without a call. Errors besides: those of the HTTP client; ENAMETOOLONG "URL refused, longer than 1023 characters:
+// %s".
+#pragma once
+
+#include <json-c/json_object.h>
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <string>
+
+#include "lib/errdesc.h"
+
+namespace mirador {
+
+inline constexpr std::size_t controller_url_size = 1024;  // terminator included
+
+using controller_reply_t = std::function<errdesc_t*(const std::string& body)>;
+
+[[nodiscard]] errdesc_t* controller_raw_do_get(const std::string& base, const std::string& object,
+                                               const controller_reply_t& callback);
+
+// As controller_raw_do_get; ends with 42 while *interrupt is not 0. Null: no interruption.
+[[nodiscard]] errdesc_t* controller_raw_do_get_ex(const std::string& base, const std::string& object,
+                                                  const std::atomic<int>* interrupt,
+                                                  const controller_reply_t& callback);
+
+// Posts the JSON text of `body`. A slash at the end of `base` is dropped. An empty callback: the reply's body is
+// dropped.
+[[nodiscard]] errdesc_t* controller_raw_do_post_json(std::string base, const std::string& object, json_object* body,
+                                                     const controller_reply_t& callback);
+
+// Posts to the controller itself; the reply's body is dropped.
+[[nodiscard]] errdesc_t* controller_post_json(const std::string& object, json_object* body);
+
+}  // namespace mirador
