@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <cinttypes>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -223,20 +223,40 @@ void block_child_signal() {
     cor_assert(pthread_sigmask(SIG_BLOCK, &signals, nullptr) == 0);
 }
 
+// What the arguments say that matters before FUSE reads them.
+struct fuse_request_t {
+    int foreground;
+    int mount_points;
+};
+
+// Counts the plain arguments: FUSE takes one, and tells of another only once it mounts.
+int count_mount_points(void* data, const char* arg, int key, fuse_args*) {
+    constexpr int keep = 1;
+    constexpr int fail = -1;
+    if (key != FUSE_OPT_KEY_NONOPT || ++static_cast<fuse_request_t*>(data)->mount_points == 1)
+        return keep;
+    std::fprintf(stderr, "mirador: %s: there is a mount point already\n", arg);
+    return fail;
+}
+
 }  // namespace
 
-bool fuse_wants_foreground(const fuse_args& args) {
+bool fuse_check_arguments(const fuse_args& args, bool* foreground) {
+    static const fuse_opt wanted[] = {
+        {"-f", offsetof(fuse_request_t, foreground), 1},
+        {"-d", offsetof(fuse_request_t, foreground), 1},
+        {"debug", offsetof(fuse_request_t, foreground), 1},
+        FUSE_OPT_END,
+    };
+    fuse_request_t request{};
     fuse_args copy = FUSE_ARGS_INIT(0, nullptr);
-    char* mountpoint = nullptr;
-    int multithreaded = 0;
-    int foreground = 0;
+    bool passed = true;
     for (int i = 0; i < args.argc; i++)
-        if (fuse_opt_add_arg(&copy, args.argv[i]) != 0)
-            return false;
-    const bool parsed = fuse_parse_cmdline(&copy, &mountpoint, &multithreaded, &foreground) == 0;
-    std::free(mountpoint);  // NOLINT(cppcoreguidelines-no-malloc): FUSE's allocation
+        passed = passed && fuse_opt_add_arg(&copy, args.argv[i]) == 0;
+    passed = passed && fuse_opt_parse(&copy, &request, wanted, count_mount_points) == 0;
     fuse_opt_free_args(&copy);
-    return parsed && foreground != 0;
+    *foreground = request.foreground != 0;
+    return passed;
 }
 
 bool fuse_serve(fuse_args* args, const std::function<void()>& on_serving) {

@@ -11,8 +11,9 @@
 
 namespace mirador {
 
-// Whether the arguments ask FUSE to stay in the foreground or to print its debug output.
-bool fuse_wants_foreground(const fuse_args& args);
+// Whether the arguments name no second mount point, which FUSE would refuse. False after a line on standard error.
+// *foreground: they ask FUSE to stay in the foreground or to print its debug output.
+[[nodiscard]] bool fuse_check_arguments(const fuse_args& args, bool* foreground);
 
 // Mounts and serves until the file system is unmounted or a signal ends it; `on_serving` runs once the mount stands.
 // The process must be in the background already if it is to be: no fork happens here. False, with a line on standard

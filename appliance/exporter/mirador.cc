@@ -159,11 +159,14 @@ int mirador_main(int argc, char** argv) {
     const int status = check_options(argv[0], &goes_on);
     if (!goes_on)
         return status;
+    bool foreground = false;
+    if (!fuse_check_arguments(guard.args, &foreground))
+        return 1;
     options_settle_mount_points(&guard.args);
     if (!can_mount())
         return 1;
     background_t background;
-    if (!fuse_wants_foreground(guard.args))
+    if (!foreground)
         if (const std::optional<int> outcome = background.enter())
             return *outcome;
     return serve(&guard.args, &background);

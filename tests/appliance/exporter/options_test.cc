@@ -119,6 +119,8 @@ TEST(options, CommandLinesThatEndAtOnce) {
     EXPECT_EXIT(run_main({"mirador", "-h", "-W", "/x"}), testing::ExitedWithCode(0), "");
     EXPECT_EXIT(run_main({"mirador", "/nowhere/at/all"}), testing::ExitedWithCode(1),
                 "mirador: /nowhere/at/all: No such file or directory");
+    EXPECT_EXIT(run_main({"mirador", "/nowhere", "/second"}), testing::ExitedWithCode(1),
+                "^mirador: /second: there is a mount point already\n$");
     EXPECT_EXIT(run_main({"mirador", "/proc/version"}), testing::ExitedWithCode(1),
                 "mirador: /proc/version: Not a directory");
 }
