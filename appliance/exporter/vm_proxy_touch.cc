@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "appliance/exporter/controller_thr.h"
+#include "appliance/lib/registry.h"
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
 #include "lib/log.h"
@@ -15,7 +16,6 @@
 namespace mirador {
 namespace {
 
-constexpr std::int64_t block_size = 512;
 constexpr int dump_debug_level = 2;  // above it old and new header are dumped
 
 errdesc_t* check_fits(const std::string& text, std::size_t room) {
@@ -38,6 +38,12 @@ void set_flat_size(const vm_proxy_touch_t& touch, vm_proxy_header_t* header) {
                  ERRDESC_WARNING);
 }
 
+void set_corcbt_size(const vm_proxy_touch_t& touch, vm_proxy_header_t* header) {
+    header->statb.size = touch.size;
+    if (get_reg_settings()->cbt_debug_enabled)
+        ts_printf("vm_proxy_touch_intern corcbt size: %jd\n", static_cast<std::intmax_t>(touch.size));
+}
+
 // The header that stands in the shadow tree now; null if there is none. One that cannot be used is replaced.
 std::unique_ptr<vm_proxy_header_t> read_old_header(const std::string& shadow_path) {
     std::unique_ptr<vm_proxy_header_t> header;
@@ -55,8 +61,8 @@ errdesc_t* fill_header(const vm_proxy_touch_t& touch, vm_proxy_header_t* header)
     if (touch.type == VM_PROXY_HEADER_VMDK_FLAT)
         set_flat_size(touch, header);
     else if (touch.type == VM_PROXY_HEADER_VMDK_CORCBT)
-        header->statb.size = touch.size;
-    header->statb.blocks = static_cast<std::uint64_t>((header->statb.size + block_size - 1) / block_size);
+        set_corcbt_size(touch, header);
+    header->statb.blocks = proxy_header_blocks(header->statb.size);
     header->can_snapshot = touch.is_template ? 0 : 1;
     cor_safe_strncpy(header->path, touch.link_path.c_str(), sizeof header->path);
     cor_safe_strncpy(header->vm_uuid, touch.vm_uuid.c_str(), sizeof header->vm_uuid);

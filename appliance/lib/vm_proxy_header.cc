@@ -106,6 +106,11 @@ const char* vm_proxy_header_type_str(vm_proxy_header_type_t type) {
     return "OUT OF RANGE!";
 }
 
+std::uint64_t proxy_header_blocks(std::int64_t size) {
+    constexpr std::int64_t block_size = 512;
+    return static_cast<std::uint64_t>(size / block_size + (size % block_size != 0 ? 1 : 0));
+}
+
 vm_proxy_header_t vm_proxy_header_make(vm_proxy_header_type_t type) {
     vm_proxy_header_t header{};
     header.magic = vm_proxy_header_t::magic_value;
@@ -141,6 +146,9 @@ errdesc_t* vm_proxy_header_check(const vm_proxy_header_t& header, const std::str
         return refuse(path, "a text without end");
     if (header.statb.size < 0)
         return refuse(path, cor_format("negative size %jd", std::intmax_t{header.statb.size}));
+    if (header.statb.blocks > proxy_header_blocks(header.statb.size))
+        return refuse(path, cor_format("%ju blocks for %jd bytes", std::uintmax_t{header.statb.blocks},
+                                       std::intmax_t{header.statb.size}));
     return nullptr;
 }
 

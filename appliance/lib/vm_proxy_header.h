@@ -58,6 +58,9 @@ static_assert(offsetof(vm_proxy_header_t, crc) == 952);
 // "VMDK_FLAT" and so on; "OUT OF RANGE!" for a value that is no type.
 const char* vm_proxy_header_type_str(vm_proxy_header_type_t type);
 
+// The block count that belongs to a size in bytes, which is not negative: whole 512-byte blocks, rounded up.
+std::uint64_t proxy_header_blocks(std::int64_t size);
+
 // A zeroed header of this type, magic and version set.
 vm_proxy_header_t vm_proxy_header_make(vm_proxy_header_type_t type);
 
@@ -73,7 +76,8 @@ vm_proxy_header_t vm_proxy_header_make(vm_proxy_header_type_t type);
                                                       std::unique_ptr<vm_proxy_header_t>* out);
 
 // Whether 960 bytes are a header that the program may act on. EINVAL with "Proxy header refused, <fault>: <path>":
-// wrong magic or version, a type that is unknown or out of range, a text without terminator, a negative size.
+// wrong magic or version, a type that is unknown or out of range, a text without terminator, a negative size, more
+// blocks than the size fills.
 [[nodiscard]] errdesc_t* vm_proxy_header_check(const vm_proxy_header_t& header, const std::string& path);
 
 // Writes "<shadow_path>.tmp" (mode 0600) and renames it over the shadow file; the temporary file is gone on every path

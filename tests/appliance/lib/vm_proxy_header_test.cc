@@ -176,6 +176,8 @@ TEST(vm_proxy_header, GarbageIsTurnedDownWithFileAndFault) {
         {golden_bytes().fill(629, 64, 'u'), "text without end"},
         {golden_bytes().fill(693, 257, 'h'), "text without end"},
         {golden_bytes().number(56, 8, ~0ULL), "negative size -1"},
+        {golden_bytes().number(68, 8, 9'765'626), "9765626 blocks for 5000000000 bytes"},
+        {golden_bytes().number(68, 8, ~0ULL), "18446744073709551615 blocks"},
     };
     for (const auto& c : cases) {
         const std::string path = write_file(dir / "header", c.bytes.bytes());
