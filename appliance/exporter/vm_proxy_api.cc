@@ -13,16 +13,18 @@
 namespace mirador {
 namespace {
 
-// The cookie of a path that is the export name of a file, or its loop-file name.
-errdesc_t* get_cookie_by_any_name(const std::string& path, const std::string& shadow_path, cookie_ptr* cookie) {
-    errdesc_t* e = vm_proxy_get_cookie(path, shadow_path, cookie);
+// The cookie of a path that is the export name of a file, or its loop-file name; both paths become the export's.
+errdesc_t* get_cookie_by_any_name(std::string* path, std::string* shadow_path, cookie_ptr* cookie) {
+    errdesc_t* e = vm_proxy_get_cookie(*path, *shadow_path, cookie);
     if (e == nullptr)
         return nullptr;
     std::string export_path;
     std::string export_shadow;
-    if (!losetup_paths_to_export(path, shadow_path, &export_path, &export_shadow))
+    if (!losetup_paths_to_export(*path, *shadow_path, &export_path, &export_shadow))
         return e;
-    return vm_proxy_get_cookie(export_path, export_shadow, cookie);
+    *path = export_path;
+    *shadow_path = export_shadow;
+    return vm_proxy_get_cookie(*path, *shadow_path, cookie);
 }
 
 errdesc_t* open_by_type(vm_proxy_cookie_t& cookie, unique_fd* fd) REQUIRES(cookie.mutex) {
@@ -79,7 +81,7 @@ errdesc_t* open_cookie(const cookie_ptr& shared, std::unique_ptr<fuse_fh_t>* fh,
     return e;
 }
 
-errdesc_t* open_locked(const std::string& path, const std::string& shadow_path, std::unique_ptr<fuse_fh_t>* fh) {
+errdesc_t* open_locked(std::string* path, std::string* shadow_path, std::unique_ptr<fuse_fh_t>* fh) {
     cookie_ptr cookie;
     bool retry = true;
     while (retry) {
@@ -93,11 +95,13 @@ errdesc_t* open_locked(const std::string& path, const std::string& shadow_path, 
 
 errdesc_t* vm_proxy_open(const std::string& path, const std::string& shadow_path, std::unique_ptr<fuse_fh_t>* fh) {
     const mutex_lock_t lock(vm_proxy_open_list().mutex);
-    errdesc_t* e = open_locked(path, shadow_path, fh);
+    std::string export_path = path;
+    std::string export_shadow = shadow_path;
+    errdesc_t* e = open_locked(&export_path, &export_shadow, fh);
     if (e == nullptr)
         return nullptr;
     _errdesc_log(e, ERRDESC_ERROR);
-    error_hash_save(path, e);
+    error_hash_save(export_path, e);
     return errdesc_set_str(ENOENT, path);
 }
 

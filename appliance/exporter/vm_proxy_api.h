@@ -11,8 +11,8 @@
 namespace mirador {
 
 // Opens an exported file, by its export name or by its loop-file name, and makes a handle on its cookie. Every failure
-// is logged at level 3 and saved for `path` in the per-path error memory, takes the cookie out of the table, and is
-// returned as ENOENT (2) with the path.
+// is logged at level 3 and saved in the per-path error memory for the export name, under which the error attributes
+// look for it; it takes the cookie out of the table, and is returned as ENOENT (2) with the path.
 [[nodiscard]] errdesc_t* vm_proxy_open(const std::string& path, const std::string& shadow_path,
                                        std::unique_ptr<fuse_fh_t>* fh);
 

@@ -21,19 +21,20 @@ namespace {
 // "Now" of a forced eviction: every cookie that is not open has been idle long enough.
 constexpr std::time_t end_of_time = std::numeric_limits<std::time_t>::max();
 
-bool qualifies(const vm_proxy_cookie_t& cookie, std::time_t now, const std::string& hv_name) REQUIRES(cookie.mutex) {
+bool qualifies(const vm_proxy_cookie_t& cookie, std::time_t now, const std::optional<std::string>& hv_name)
+    REQUIRES(cookie.mutex) {
     if (cookie.ref != 0 || now - cookie.stamp <= evict_min_idle)
         return false;
-    if (hv_name.empty())
+    if (!hv_name)
         return true;
     const std::uint32_t type = cookie.header.type;
     return (type == VM_PROXY_HEADER_VMDK_FLAT || type == VM_PROXY_HEADER_VMDK_CORCBT) &&
-           hv_name == cookie.header.hv_name;
+           *hv_name == cookie.header.hv_name;
 }
 
 // The qualifying cookie with the smallest stamp, locked; null if there is none. Busy cookies are passed over.
 cookie_ptr choose_victim(const std::vector<cookie_ptr>& list, std::time_t now,
-                         const std::string& hv_name) NO_THREAD_SAFETY_ANALYSIS {
+                         const std::optional<std::string>& hv_name) NO_THREAD_SAFETY_ANALYSIS {
     cookie_ptr best;
     for (const cookie_ptr& cookie : list) {
         if (!cookie->mutex.try_lock())
@@ -99,7 +100,8 @@ void check_n_wait_for_zero_vmdk_ref(const std::string& path) {
               path.c_str(), max_waits);
 }
 
-errdesc_t* vm_proxy_take_victim(bool force, const std::string& hv_name, cookie_ptr* victim) NO_THREAD_SAFETY_ANALYSIS {
+errdesc_t* vm_proxy_take_victim(bool force, const std::optional<std::string>& hv_name,
+                                cookie_ptr* victim) NO_THREAD_SAFETY_ANALYSIS {
     vm_proxy_open_list_t& table = vm_proxy_open_list();
     *victim = choose_victim(table.list, force ? end_of_time : clock_now(), hv_name);
     if (*victim == nullptr)
@@ -110,7 +112,7 @@ errdesc_t* vm_proxy_take_victim(bool force, const std::string& hv_name, cookie_p
 }
 
 errdesc_t* vm_proxy_evict_intern(bool force, bool check_vmdk_ref,
-                                 const std::string& hv_name) NO_THREAD_SAFETY_ANALYSIS {
+                                 const std::optional<std::string>& hv_name) NO_THREAD_SAFETY_ANALYSIS {
     vm_proxy_open_list_t& table = vm_proxy_open_list();
     cookie_ptr victim;
     {
@@ -127,7 +129,7 @@ errdesc_t* vm_proxy_evict(bool force) {
     const mutex_lock_t lock(table.mutex);
     if (pop_cookie(table) == nullptr)
         return nullptr;
-    return vm_proxy_evict_intern(force, true, "");
+    return vm_proxy_evict_intern(force, true, std::nullopt);
 }
 
 errdesc_t* vm_proxy_do_evict(vm_proxy_cookie_t& cookie, bool check_vmdk_ref) {

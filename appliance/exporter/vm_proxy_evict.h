@@ -2,6 +2,7 @@
 // Choosing and tearing down cookies that nobody has open. Table, cookies and locks: vm_proxy_table.h.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "appliance/exporter/vm_proxy_table.h"
@@ -13,12 +14,13 @@ namespace mirador {
 inline constexpr int evict_min_idle = 30;
 
 // Takes the longest unused cookie out of the table (list_mutex held) and returns it with its mutex locked. With
-// `hv_name` not empty only flat and changed-block exports of that hypervisor qualify. Error 24: there is none.
-[[nodiscard]] errdesc_t* vm_proxy_take_victim(bool force, const std::string& hv_name, cookie_ptr* victim)
+// `hv_name` only flat and changed-block exports of that hypervisor qualify. Error 24: there is none.
+[[nodiscard]] errdesc_t* vm_proxy_take_victim(bool force, const std::optional<std::string>& hv_name, cookie_ptr* victim)
     REQUIRES(vm_proxy_open_list().list_mutex);
 
 // Evicts one cookie: takes a victim and tears it down. Errors: 24, or the teardown's.
-[[nodiscard]] errdesc_t* vm_proxy_evict_intern(bool force, bool check_vmdk_ref, const std::string& hv_name);
+[[nodiscard]] errdesc_t* vm_proxy_evict_intern(bool force, bool check_vmdk_ref,
+                                               const std::optional<std::string>& hv_name);
 
 // The idle pass: under the table lock evicts one cookie, if the table holds any, waiting until its extent file is no
 // longer referenced. `force`: one that was used a moment ago qualifies as well.

@@ -76,7 +76,8 @@ errdesc_t* first_open(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
 }
 
 errdesc_t* open_for_reading(const std::string& path, const std::string& reported_path, unique_fd* fd) {
-    *fd = unique_fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    // A FIFO in the place of the file must not hold the caller, and with it every other open.
+    *fd = unique_fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     return *fd ? nullptr : errdesc_set_extended_err(errno, reported_path);
 }
 
@@ -155,7 +156,7 @@ errdesc_t* vm_proxy_open_cfg_file(vm_proxy_cookie_t& cookie, unique_fd* fd) {
     RETURN_IF_ERROR(vm_proxy_open_real_file(cookie, fd));
     struct stat st {};
     if (fstat(fd->get(), &st) != 0)
-        return errdesc_set_str(errno, std::string("Cannot stat ") + cookie.header.path);
+        return errdesc_set_fmt(errno, "Cannot stat %s", cookie.header.path);
     cookie.buffered_data.offset = st.st_size;
     cookie.buffered_data.buffer = cfg_trailer(clock_now());
     return nullptr;

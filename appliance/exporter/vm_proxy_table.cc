@@ -77,7 +77,7 @@ errdesc_t* admit(cookie_ptr* candidate, cookie_ptr* victim) NO_THREAD_SAFETY_ANA
     const auto max_session = static_cast<std::size_t>(std::max(get_reg_settings()->max_session.get(), 0));
     cor_assert_text(table.list.size() <= max_session, "count <= max_session");
     if (table.list.size() == max_session)
-        RETURN_IF_ERROR(vm_proxy_take_victim(true, "", victim));
+        RETURN_IF_ERROR(vm_proxy_take_victim(true, std::nullopt, victim));
     table.list.push_back(*candidate);
     return nullptr;
 }
@@ -135,7 +135,8 @@ errdesc_t* vm_proxy_get_cookie(const std::string& path, const std::string& shado
     if (e != nullptr) {
         vm_proxy_cookie_t& admitted = **cookie;
         const mutex_lock_t lock(admitted.mutex);
-        vm_proxy_remove_cookie(admitted);
+        if (admitted.stamp == 0)  // nobody else has opened it meanwhile
+            vm_proxy_remove_cookie(admitted);
     }
     return e;
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "appliance/exporter/vm_proxy_table.h"
 
+#include <sys/stat.h>
 #include <sys/xattr.h>
 
 #include <atomic>
@@ -115,6 +116,7 @@ TEST_F(vm_proxy_table, HypervisorFilterPassesOverOthersAndPlainFiles) {
         release(open(path));
     EXPECT_EQ(vm_proxy_evict_intern(true, false, "hv1"), nullptr);
     EXPECT_EQ(vm_proxy_evict_intern(true, false, "hv1")->number, EMFILE);
+    EXPECT_EQ(vm_proxy_evict_intern(true, false, "")->number, EMFILE) << "a hypervisor without a name is not any one";
     EXPECT_EQ(cached(), (std::vector<std::string>{text, other}));
 }
 
@@ -127,6 +129,10 @@ TEST_F(vm_proxy_table, FailedOpenIsSavedForItsPathAndLeavesNothing) {
     EXPECT_EQ(e->number, ENOENT);
     EXPECT_EQ(saved_number(disk), EIO);
     EXPECT_TRUE(cached().empty());
+
+    fake_vdsk().failures = {ENXIO};
+    EXPECT_EQ(open(disk + "-cbt-losetup"), nullptr);
+    EXPECT_EQ(saved_number(disk), ENXIO) << "the error attributes look under the export name";
 
     fake_vdsk().partitions_failure = EINVAL;
     EXPECT_EQ(open(disk), nullptr);
@@ -142,6 +148,19 @@ TEST_F(vm_proxy_table, FailedOpenIsSavedForItsPathAndLeavesNothing) {
     const std::string snapshotted = expose("s-flat.vmdk", VM_PROXY_HEADER_VMDK_FLAT, fake_vdsk().device, "hv1", false);
     EXPECT_EQ(open(snapshotted), nullptr);
     EXPECT_EQ(saved_number(snapshotted), ERR_NOT_SUPPORTED);
+}
+
+TEST_F(vm_proxy_table, PipeInThePlaceOfAFileHoldsNobody) {
+    const std::string pipe = make_file("a.vmx", "x");
+    const std::string path = expose("a.vmx", VM_PROXY_HEADER_VMX, pipe);
+    std::filesystem::remove(pipe);
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    fh_ptr fh = open(path);  // without a writer at the other end
+    ASSERT_NE(fh, nullptr);
+    char byte = 0;
+    std::size_t got = 0;
+    EXPECT_EQ(vm_proxy_read(&byte, 1, 0, fh.get(), &got)->number, ESPIPE);
+    release(std::move(fh));
 }
 
 TEST_F(vm_proxy_table, HandleGoesOnWhenAnotherOpenOfItsCookieFails) {
