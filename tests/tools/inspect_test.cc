@@ -202,7 +202,7 @@ TEST(inspect, FaultsAreOneLine) {
         const char* error;
         const char* out;  // begins the output; empty: nothing at all
     } const cases[] = {
-        {{"vmdk"}, "", "no descriptor text", ""},
+        {{"vmdk"}, "", "cannot parse the input file", ""},
         {{"vmdk"}, "some other\ntext file\n", "no extents", ""},
         {{"vmdk"}, "version=1\nRW 64 ZERO \"\"\n", "", "---------------dump"},
         {{"vmdk"},

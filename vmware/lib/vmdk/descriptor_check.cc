@@ -52,12 +52,12 @@ errdesc_t* open_regular(const std::string& path, file_ptr* stream) {
 errdesc_t* read_descriptor(std::FILE* stream, const std::string& path, vmdkdesc_t* vmdkdesc) {
     vmdk_parse_faults_t faults;
     errdesc_t* e = vmdk_parse_stream_checked(stream, path, vmdkdesc, &faults);
-    if (e && e->number != EAGAIN)
-        return e;
     if (faults.too_many_extents)
         return refuse(path, cor_format("more than %zu extents", vmdkdesc_t::max_extents));
-    if (e)
-        return refuse(path, faults.too_long ? "text too long" : "no descriptor text");
+    if (faults.too_long)
+        return refuse(path, "text too long");
+    if (e != nullptr)
+        return e;
     if (faults.lost_extents > 0)
         return refuse(path, cor_format("%u extent lines cannot be read", faults.lost_extents));
     if (faults.overlong_names > 0)

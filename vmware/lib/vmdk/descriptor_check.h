@@ -19,9 +19,10 @@ enum class descriptor_role_t : std::uint8_t {
 
 // Reads the descriptor `path` into *vmdkdesc (as vmdk_parse_file_contents leaves it) and looks at all it says. After
 // success vmdk_parse_file_contents does not assert on the same file.
-// Errors: the open's or read's errno with the path; EINVAL with a text that names fault and file: not a regular file,
-// no descriptor, text too long; no extents, more than 1024, an extent line that cannot be read; a name too long, an
-// extent without size or of a type that cannot be mapped; a disk whose size in bytes exceeds 63 bits.
+// Errors: those of vmdk_parse_file_contents, so that EAGAIN tells a text that may be half written; EINVAL with a text
+// that names fault and file: not a regular file, text too long; no extents, more than 1024, an extent line that cannot
+// be read; a name too long, an extent without size or of a type that cannot be mapped; a disk whose size in bytes
+// exceeds 63 bits.
 // *vmdkdesc is the caller's to free in every case. Asserted: vmdkdesc is not null.
 [[nodiscard]] errdesc_t* vmdk_check_descriptor(const std::string& path, descriptor_role_t role, vmdkdesc_t* vmdkdesc);
 

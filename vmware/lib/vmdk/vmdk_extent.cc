@@ -53,13 +53,20 @@ errdesc_t* note_size(extentdesc_t* extent, const std::string& path) {
     return nullptr;
 }
 
+errdesc_t* open_checked(const vmdkdesc_t& vmdkdesc, const std::string& path, extentdesc_t* extent) {
+    const unique_fd located(open(path.c_str(), O_PATH | O_CLOEXEC));
+    if (!located)
+        return errdesc_set_str(errno, path);
+    RETURN_IF_ERROR(check_extentfile(vmdkdesc, located.get(), path));
+    extent->fd.reset(open(path_of_fd(located.get()).c_str(), O_RDONLY | O_CLOEXEC));
+    if (!extent->fd)
+        return errdesc_set_str(errno, path);
+    return note_size(extent, path);
+}
+
 errdesc_t* open_all(vmdkdesc_t* vmdkdesc) {
-    for (std::uint32_t i = 0; i < vmdkdesc->extentdesccount(); ++i) {
-        if (errdesc_t* e = vmdk_open_extentfile(vmdkdesc, i)) {
-            _errdesc_print(e, ERRDESC_ERROR);
-            return e;
-        }
-    }
+    for (std::uint32_t i = 0; i < vmdkdesc->extentdesccount(); ++i)
+        RETURN_IF_ERROR(vmdk_open_extentfile(vmdkdesc, i));
     return vmdk_open_graindir(vmdkdesc);
 }
 
@@ -73,15 +80,10 @@ errdesc_t* vmdk_open_extentfile(vmdkdesc_t* vmdkdesc, std::uint32_t extent_index
     extentdesc_t& extent = *vmdkdesc->extentdesc.at(extent_index);
     if (extent.fd)
         return nullptr;
-    const std::string path = vmdk_extent_path(*vmdkdesc, extent_index);
-    const unique_fd located(open(path.c_str(), O_PATH | O_CLOEXEC));
-    if (!located)
-        return errdesc_set_str(errno, path);
-    RETURN_IF_ERROR(check_extentfile(*vmdkdesc, located.get(), path));
-    extent.fd.reset(open(path_of_fd(located.get()).c_str(), O_RDONLY | O_CLOEXEC));
-    if (!extent.fd)
-        return errdesc_set_str(errno, path);
-    return note_size(&extent, path);
+    errdesc_t* e = open_checked(*vmdkdesc, vmdk_extent_path(*vmdkdesc, extent_index), &extent);
+    if (e != nullptr)
+        _errdesc_print(e, ERRDESC_ERROR);
+    return e;
 }
 
 errdesc_t* vmdk_open_extentfiles(vmdkdesc_t* vmdkdesc) {

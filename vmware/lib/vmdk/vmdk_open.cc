@@ -36,6 +36,13 @@ errdesc_t* open_with(const std::string& path, const reader_t& read, vmdkdesc_t* 
     return nullptr;
 }
 
+// The parser's text names no file, and in a chain it may be any.
+errdesc_t* tell_unparsable(errdesc_t* e, const std::string& path) {
+    const errdesc_keeper_t keep;
+    _errdesc_print(errdesc_set_fmt(e->number, "No descriptor text: %s", path.c_str()), ERRDESC_WARNING);
+    return e;
+}
+
 }  // namespace
 
 errdesc_t* vmdk_open(const std::string& path, vmdkdesc_t* vmdkdesc) {
@@ -44,7 +51,8 @@ errdesc_t* vmdk_open(const std::string& path, vmdkdesc_t* vmdkdesc) {
 
 errdesc_t* vmdk_open_checked(const std::string& path, descriptor_role_t role, vmdkdesc_t* vmdkdesc) {
     const auto read = [role](const std::string& preferred, vmdkdesc_t* record) {
-        return vmdk_check_descriptor(preferred, role, record);
+        errdesc_t* e = vmdk_check_descriptor(preferred, role, record);
+        return e != nullptr && e->number == EAGAIN ? tell_unparsable(e, preferred) : e;
     };
     return open_with(path, read, vmdkdesc);
 }

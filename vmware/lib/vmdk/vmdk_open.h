@@ -19,7 +19,7 @@ namespace mirador {
 [[nodiscard]] errdesc_t* vmdk_open(const std::string& path, vmdkdesc_t* vmdkdesc);
 
 // The same for a descriptor that somebody else may have written: it is read by vmdk_check_descriptor, whose errors take
-// the place of assertions.
+// the place of assertions. The file of an EAGAIN is printed at level 4.
 [[nodiscard]] errdesc_t* vmdk_open_checked(const std::string& path, descriptor_role_t role, vmdkdesc_t* vmdkdesc);
 
 // Closes extent files and frees grain directories, the grain-table buffer, ancestors and the descriptor's contents; the
