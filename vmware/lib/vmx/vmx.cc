@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "vmware/lib/vmx/vmx.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -13,7 +10,7 @@
 
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
-#include "lib/file_io.h"
+#include "lib/text_file.h"
 #include "vmware/lib/vmx/vmx_encoding.h"
 #include "vmware/lib/vmx/vmx_scan.h"
 
@@ -23,6 +20,8 @@ namespace {
 constexpr std::array<const char*, 4> bus_names = {"scsi", "ide", "sata", "nvme"};
 constexpr std::string_view template_suffix = ".vmtx";
 constexpr std::string_view disk_suffix = ".vmdk";
+
+constexpr const char* file_kind = "VMX file";
 
 using settings_t = std::map<std::string, std::string>;  // keys in lower case
 
@@ -138,35 +137,22 @@ std::string declared_encoding(const settings_t& settings) {
     return "";
 }
 
+errdesc_t* refuse(const std::string& path, const std::string& fault) {
+    return errdesc_set_fmt(EINVAL, "%s refused, %s: %s", file_kind, fault.c_str(), path.c_str());
+}
+
 errdesc_t* parse(const std::string& path, const std::string& text, vmxdesc_t* desc) {
     settings_t settings = scan(text, &desc->lost_lines);
     if (settings.empty())
-        return vmx_refuse(path, "no setting in it");
+        return refuse(path, "no setting in it");
     desc->encoding = declared_encoding(settings);
     desc->encoding_known = vmx_encoding_name(desc->encoding) != nullptr;
     for (auto& [key, value] : settings) {
         if (value.size() > vmx_max_value && is_kept(key))
-            return vmx_refuse(path, "the value of " + key.substr(0, path_size / 16) + " is too long");
+            return refuse(path, "the value of " + key.substr(0, path_size / 16) + " is too long");
         value = vmx_decode(value, desc->encoding);
     }
     store(settings, desc);
-    return nullptr;
-}
-
-errdesc_t* open_regular(const std::string& path, unique_fd* fd, std::size_t* size) {
-    struct stat st {};
-    if (stat(path.c_str(), &st) != 0)
-        return errdesc_set_str(errno, path);
-    if (!S_ISREG(st.st_mode))
-        return vmx_refuse(path, "not a regular file");
-    fd->reset(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (!*fd || fstat(fd->get(), &st) != 0)
-        return errdesc_set_str(errno, path);
-    if (!S_ISREG(st.st_mode))
-        return vmx_refuse(path, "not a regular file");
-    if (static_cast<std::uint64_t>(st.st_size) > vmx_max_text)
-        return vmx_refuse(path, "too long");
-    *size = static_cast<std::size_t>(st.st_size);
     return nullptr;
 }
 
@@ -195,10 +181,6 @@ std::string vmx_address_str(const vmx_address_t& address) {
     return cor_format("%s%u:%u", vmx_bus_name(address.bus), address.controller, address.unit);
 }
 
-errdesc_t* vmx_refuse(const std::string& path, const std::string& fault) {
-    return errdesc_set_fmt(EINVAL, "VMX file refused, %s: %s", fault.c_str(), path.c_str());
-}
-
 bool vmx_split_device_key(std::string_view key, vmx_address_t* address, std::string* property) {
     const std::string lower = vmx_lower(key);
     std::string_view rest = lower;
@@ -213,15 +195,7 @@ bool vmx_split_device_key(std::string_view key, vmx_address_t* address, std::str
 }
 
 errdesc_t* vmx_read_text(const std::string& path, std::string* text) {
-    unique_fd fd;
-    std::size_t size = 0;
-    RETURN_IF_ERROR(open_regular(path, &fd, &size));
-    text->resize(size);
-    std::size_t done = 0;
-    if (errdesc_t* e = cor_pread(fd.get(), text->data(), text->size(), 0, &done))
-        return errdesc_set_str(e->number, path);
-    text->resize(done);
-    return nullptr;
+    return read_text_file(path, file_kind, vmx_max_text, text);
 }
 
 errdesc_t* vmx_open(const std::string& path, vmxdesc_t* vmxdesc) {

@@ -104,9 +104,6 @@ void vmx_dump(const vmxdesc_t& vmxdesc, std::FILE* stream);
 // Reads the file as bytes, with the errors of vmx_open.
 [[nodiscard]] errdesc_t* vmx_read_text(const std::string& path, std::string* text);
 
-// Raises EINVAL "VMX file refused, <fault>: <path>".
-errdesc_t* vmx_refuse(const std::string& path, const std::string& fault);
-
 // The device that a key belongs to ("SCSI0:1.fileName") and the rest of the key behind the full stop, in lower case.
 // False for any other key, and for numbers beyond vmx_max_controllers and vmx_max_units.
 [[nodiscard]] bool vmx_split_device_key(std::string_view key, vmx_address_t* address, std::string* property);

@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "lib/text_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdint>
+
+#include "lib/file_io.h"
+
+namespace mirador {
+namespace {
+
+errdesc_t* refuse(const std::string& path, const char* kind, const char* fault) {
+    return errdesc_set_fmt(EINVAL, "%s refused, %s: %s", kind, fault, path.c_str());
+}
+
+}  // namespace
+
+// Looks before it opens, as some devices act when they are opened; a file swapped in between is looked at again.
+errdesc_t* read_text_file(const std::string& path, const char* kind, std::size_t max_size, std::string* text) {
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0)
+        return errdesc_set_str(errno, path);
+    if (!S_ISREG(st.st_mode))
+        return refuse(path, kind, "not a regular file");
+    const unique_fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!fd || fstat(fd.get(), &st) != 0)
+        return errdesc_set_str(errno, path);
+    if (!S_ISREG(st.st_mode))
+        return refuse(path, kind, "not a regular file");
+    if (static_cast<std::uint64_t>(st.st_size) > max_size)
+        return refuse(path, kind, "too long");
+    text->resize(static_cast<std::size_t>(st.st_size));
+    std::size_t done = 0;
+    if (errdesc_t* e = cor_pread(fd.get(), text->data(), text->size(), 0, &done))
+        return errdesc_set_str(e->number, path);
+    text->resize(done);
+    return nullptr;
+}
+
+}  // namespace mirador
