@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 
 #include "lib/cor_assert.h"
@@ -44,6 +45,13 @@ void clock_sleep(unsigned seconds) {
     timespec rest{rest_ns / second_ns, rest_ns % second_ns};
     while (nanosleep(&rest, &rest) != 0)
         cor_assert(errno == EINTR);
+}
+
+void clock_wait(std::condition_variable_any& cond, mutex_t& mutex, unsigned seconds) {
+    if (_manual)
+        clock_sleep(seconds);
+    else
+        cond.wait_for(mutex, std::chrono::nanoseconds(seconds * second_ns / _factor));
 }
 
 manual_clock_t::manual_clock_t(std::time_t now) {

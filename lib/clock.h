@@ -3,7 +3,10 @@
 // hand-driven clock in place and pass a 300-second wait in no time.
 #pragma once
 
+#include <condition_variable>
 #include <ctime>
+
+#include "lib/thread_annotations.h"
 
 namespace mirador {
 
@@ -13,8 +16,11 @@ std::time_t clock_now();
 // Sleeps for whole seconds; an interrupted sleep resumes with the time that remains.
 void clock_sleep(unsigned seconds);
 
-// A clock that a test drives: while one lives, clock_now() reads it and clock_sleep() moves it forward at once. One at
-// a time; construct and destroy it on the test's main thread.
+// Waits until `cond` is notified, `seconds` at most; may end early for no reason. `mutex` is free meanwhile.
+void clock_wait(std::condition_variable_any& cond, mutex_t& mutex, unsigned seconds) REQUIRES(mutex);
+
+// A clock that a test drives: while one lives, clock_now() reads it, clock_sleep() and clock_wait() move it forward at
+// once. One at a time; construct and destroy it on the test's main thread.
 class manual_clock_t {
   public:
     explicit manual_clock_t(std::time_t now);

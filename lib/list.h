@@ -13,6 +13,7 @@
 #include <concepts>
 #include <cstdint>
 #include <forward_list>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <type_traits>
@@ -42,7 +43,7 @@ class list_t {
     list_t(const list_t&) = delete;
     list_t& operator=(const list_t&) = delete;
 
-    // Appends at the tail; walks the whole list.
+    // Appends at the tail.
     friend void list_add(list_t& list, T data) {
         list._check();
         if constexpr (requires { data == nullptr; })
@@ -51,10 +52,8 @@ class list_t {
         link.emplace_front(std::move(data));
 
         const mutex_lock_t lock(list.mutex_);
-        auto tail = list.links_.before_begin();
-        for (auto next = list.links_.begin(); next != list.links_.end(); tail = next++)
-            _check_link(*next);
-        list.links_.splice_after(tail, link);
+        list.links_.splice_after(list.tail_, link);
+        ++list.tail_;
         list.count_++;
         cor_assert(list.count_ > 0);
     }
@@ -165,6 +164,8 @@ class list_t {
     // Moves the link behind `previous` out of the list, to be destroyed by the caller.
     void _take_after(typename std::forward_list<link_t<T>>::iterator previous, std::forward_list<link_t<T>>* removed)
         REQUIRES(mutex_) {
+        if (std::next(previous) == tail_)
+            tail_ = previous;
         removed->splice_after(removed->before_begin(), links_, previous);
         cor_assert(count_ > 0);
         count_--;
@@ -190,6 +191,7 @@ class list_t {
     std::uint32_t list_magic_ = list_magic_alive;
     std::atomic<std::int32_t> count_ = 0;
     std::forward_list<link_t<T>> links_ GUARDED_BY(mutex_);
+    typename std::forward_list<link_t<T>>::iterator tail_ GUARDED_BY(mutex_) = links_.before_begin();
 };
 
 template <typename T>
