@@ -13,6 +13,8 @@
 #include <set>
 #include <string>
 
+#include "lib/errdesc.h"
+
 namespace mirador {
 
 // A scalar setting. It reads and is assigned like a plain value; get() is for where no conversion takes place
@@ -79,5 +81,18 @@ class reg_settings_t {
 
 // The one record; never null.
 reg_settings_t* get_reg_settings();
+
+// Reads the settings anew from the controller's registry, key by key in a fixed order; each change is logged. Writer
+// only, and only before exported files are open: `max_session` must not fall below the number of open ones.
+//
+// Every text but "0" switches a flag on; what is no number counts as 0, a number beyond its type as the nearest. A
+// negative count (`nfc_session_reserved`, `readahead_size`, `max_session`) is passed over. `master_uuid` is that of
+// the appliance where the controller tells none.
+// Errors: those of the controller (controller/lib/controller.h); the first key that fails ends the update, and those
+// behind it keep their values. Only "feature.read_ahead.size" may fail.
+[[nodiscard]] errdesc_t* registry_settings_update();
+
+// Sets `cbt_debug_enabled` to whether the file "cbt_debug" exists in the directory for temporary files. Writer only.
+void set_cbt_debug();
 
 }  // namespace mirador
