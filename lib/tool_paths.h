@@ -15,6 +15,8 @@ struct tool_paths_t {
     std::string dmsetup = "/sbin/dmsetup";
     std::string losetup = "/sbin/losetup";
     std::string exportfs = "/usr/sbin/exportfs";
+    std::string pgrep = "/usr/bin/pgrep";
+    std::string controller_watchdog = "/usr/local/corvantis/bin/watchdog-test-controller.py";
     std::string fusermount = "/usr/local/corvantis/bin/fusermount";
     std::string brand_reader = "/usr/local/corvantis/python/branding/BrandReader.py";
     // The program that stands in for `dmsetup` where the kernel has no device-mapper, in the daemon's own directory.
