@@ -7,9 +7,9 @@
 #include "appliance/lib/devmap.h"
 #include "appliance/lib/loopdev.h"
 #include "appliance/mounter/table_file.h"
+#include "appliance/mounter/vdsk_mapping.h"
 #include "appliance/mounter/vmdkmount.h"
 #include "lib/cor_assert.h"
-#include "lib/tool_paths.h"
 #include "vmware/lib/vmdk/chain_check.h"
 #include "vmware/lib/vmdk/datastore_containment.h"
 #include "vmware/lib/vmdk/datastore_path.h"
@@ -21,8 +21,6 @@ namespace mirador {
 namespace {
 
 constexpr std::string_view name_prefix = "vdsk";
-// Files of this kind in the temporary directory are removed when the daemon starts after a crash.
-constexpr std::string_view table_suffix = ".corstorage";
 
 errdesc_t* open_chain(const std::string& path, vmdkdesc_t* vmdkdesc) {
     std::string preferred;
@@ -51,20 +49,12 @@ errdesc_t* write_table(vdskdesc_t* vdskdesc, table_file_t* table) {
     return e != nullptr ? e : table->finish();
 }
 
-// Whether the tool was ended from outside and so may have loaded the table after all.
-bool may_have_loaded(const errdesc_t& e) {
-    return e.number == ETIME || e.number == EINVAL;
-}
-
 errdesc_t* map_chain(vdskdesc_t* vdskdesc) {
     std::string name;
     dm_mk_unique_name(std::string(name_prefix), &name);
-    table_file_t table(tool_paths().tmp_dir + "/" + name + std::string(table_suffix));
+    table_file_t table(vdsk_table_path(name));
     RETURN_IF_ERROR(write_table(vdskdesc, &table));
-    errdesc_t* e = define_devmap_device(table.path(), name, &vdskdesc->devicemapper_path);
-    if (e == nullptr || may_have_loaded(*e))
-        vdskdesc->dm_name = name;
-    return e;
+    return vdsk_load_mapping(name, table.path(), vdskdesc);
 }
 
 errdesc_t* build(const std::string& path, vdskdesc_t* vdskdesc) {
@@ -76,15 +66,6 @@ errdesc_t* build(const std::string& path, vdskdesc_t* vdskdesc) {
 void log_failure(errdesc_t* e) {
     if (e != nullptr)
         _errdesc_log(e, ERRDESC_ERROR);
-}
-
-// A device that is in use gives up its loop devices when its removal is forced.
-void remove_mapping(const std::string& name) {
-    errdesc_t* e = remove_devmap_device(name, false);
-    if (e == nullptr)
-        return;
-    log_failure(e);
-    log_failure(remove_devmap_device(name, true));
 }
 
 }  // namespace
@@ -113,12 +94,10 @@ void vdsk_teardown(vdskdesc_t* vdskdesc) {
     const errdesc_keeper_t keep;
     vdsk_free_volume_groups(&vdskdesc->volume_groups);
     vdsk_free_partitions(&vdskdesc->partitions);
-    if (!vdskdesc->dm_name.empty())
-        remove_mapping(vdskdesc->dm_name);
+    vdsk_remove_mapping(vdskdesc);
     for (; !vdskdesc->loopdevs.empty(); vdskdesc->loopdevs.pop_back())
         log_failure(vdsk_release_loop_dev(vdskdesc->loopdevs.back()));
     vmdk_close(&vdskdesc->vmdkdesc);
-    vdskdesc->dm_name.clear();
     vdskdesc->devicemapper_path.clear();
     vdskdesc->vdsk_extent_path.clear();
 }

@@ -32,6 +32,7 @@ struct vdskdesc_t {
     vmdkdesc_t vmdkdesc;
     std::string vdsk_extent_path;                    // the disk's first extent file, "<directory>/<name>"
     std::string dm_name;                             // name of the loaded mapping; empty: none
+    std::vector<std::string> dm_pieces;              // mappings under it, in the order in which they were loaded
     std::string devicemapper_path;                   // its block device
     std::vector<std::string> loopdevs;               // loop devices under it, in the order in which they were bound
     std::vector<vdsk_partition_t> partitions;        // filled by the caller through vdsk_get_partitions

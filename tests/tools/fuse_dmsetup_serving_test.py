@@ -111,6 +111,22 @@ class Serving(unittest.TestCase):
         with concurrent.futures.ThreadPoolExecutor(32) as readers:
             self.assertEqual(list(readers.map(read_at_random, range(32))), [None] * 32)
 
+    def test_mappings_over_mappings(self):
+        expected = self.make_patchwork(40000)
+        half = len(expected) // SECTOR // 2
+        dmsetup("create", "last", table=f"0 {half} linear /dev/mapper/patchwork {half}\n")
+        dmsetup("create", "joined", table=f"0 {half} linear /dev/mapper/patchwork 0\n"
+                f"{half} {half} linear /dev/mapper/last 0\n")
+        self.assertEqual(pathlib.Path("/dev/mapper/joined").read_bytes(), expected)
+        self.assertEqual(dmsetup("table", "last"), f"0 {half} linear /dev/mapper/patchwork {half}\n")
+        for name in ("patchwork", "last"):
+            self.assertIn("busy", dmsetup("remove", name, status=1))
+        self.assertIn("No such", dmsetup("create", "bad", table="0 8 linear /dev/mapper/none 0\n", status=1))
+        self.assertIn("beyond its device", dmsetup("create", "bad", status=1,
+                                                   table=f"0 {half} linear /dev/mapper/last 1\n"))
+        dmsetup("remove_all", "-f")
+        self.assertFalse(is_mounted())
+
     def test_is_read_only(self):
         path = self.whole()
         for flags in (os.O_RDWR, os.O_WRONLY, os.O_RDONLY | os.O_TRUNC):

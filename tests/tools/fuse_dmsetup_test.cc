@@ -205,7 +205,7 @@ TEST(mapper, an_open_device_stays_and_fails_only_when_forced) {
     mapper.remove_all(true);
     EXPECT_EQ(mapper.list().size(), 1U);
     EXPECT_EQ(mapper.table(inode), nullptr);
-    EXPECT_EQ(changed, (std::vector<std::string>{"open", "closed"}));
+    EXPECT_EQ(changed, (std::vector<std::string>{"closed", "open"}));
     mapper.release(inode);
     EXPECT_EQ(mapper.remove("open", false), nullptr);
 }
@@ -231,6 +231,57 @@ TEST(mapper, a_read_keeps_its_table_until_it_ends) {
     EXPECT_FALSE(watched.expired());
     read.reset();
     EXPECT_TRUE(watched.expired()) << "devices stay open";
+}
+
+// "top" over "under", which both exist then; "top" has a sector of zeros in front.
+void stack(mapper_t* mapper) {
+    ASSERT_EQ(mapper->create("under", small_table()), nullptr);
+    const dm_device_opener_t opener = [mapper](const std::string& name, dm_device_t* device) -> errdesc_t* {
+        device->name = name;
+        device->table = mapper->hold(name);
+        device->sectors = device->table->sectors();
+        return nullptr;
+    };
+    dm_table_t table;
+    ASSERT_EQ(dm_table_read(file_with("0 1 zero\n1 6 linear under 2\n").get(), opener, &table), nullptr);
+    ASSERT_EQ(mapper->create("top", std::move(table)), nullptr);
+}
+
+TEST(mapper, a_device_over_another_reads_what_that_one_maps) {
+    mapper_t mapper;
+    stack(&mapper);
+    const auto table = mapper.table(mapper.find("top")->inode);
+    const auto pieces = table->map(0, 3 * sector_size);
+    ASSERT_EQ(pieces.size(), 2U);
+    EXPECT_EQ(pieces[0].device, nullptr);
+    EXPECT_EQ(pieces[1].device->name, "/dev/a");
+    EXPECT_EQ(pieces[1].offset, 2 * sector_size);
+    EXPECT_EQ(pieces[1].size, 2 * sector_size);
+    EXPECT_EQ(printed(*table), "0 1 zero \n1 6 linear under 2\n");
+}
+
+TEST(mapper, a_device_under_another_is_busy_and_goes_after_it) {
+    mapper_t mapper;
+    stack(&mapper);
+    EXPECT_EQ(mapper.remove("under", false)->number, EBUSY);
+    EXPECT_EQ(mapper.remove("top", false), nullptr);
+    EXPECT_EQ(mapper.remove("under", false), nullptr);
+
+    stack(&mapper);
+    mapper.remove_all(false);
+    EXPECT_TRUE(mapper.is_empty());
+
+    // What is open stays and gives up what lies under it.
+    stack(&mapper);
+    const mapper_inode_t top = mapper.find("top")->inode;
+    ASSERT_TRUE(mapper.open(top));
+    mapper.remove_all(true);
+    EXPECT_FALSE(mapper.find("under"));
+    EXPECT_TRUE(mapper.find("top"));
+    mapper.release(top);
+    EXPECT_EQ(mapper.remove("top", false), nullptr);
+
+    stack(&mapper);  // taken down with the set
 }
 
 TEST(command_line, is_dmsetups) {

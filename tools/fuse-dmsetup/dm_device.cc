@@ -70,7 +70,8 @@ errdesc_t* dm_device_open(const std::string& name, dm_device_t* device) {
                .major = major(status.st_rdev),
                .minor = minor(status.st_rdev),
                .sectors = bytes / sector_size,
-               .fd = std::move(fd)};
+               .fd = std::move(fd),
+               .table = nullptr};
     return nullptr;
 }
 

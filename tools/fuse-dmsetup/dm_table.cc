@@ -15,13 +15,29 @@ void append_number(std::string* text, std::uint64_t number) {
     text->append(digits, end);
 }
 
+// Appends a piece, or lengthens the last one by it.
+void append_piece(const dm_piece_t& piece, std::vector<dm_piece_t>* pieces) {
+    dm_piece_t* last = pieces->empty() ? nullptr : &pieces->back();
+    const bool follows = last != nullptr && last->device == piece.device &&
+                         (piece.device == nullptr || last->offset + last->size == piece.offset);
+    if (follows)
+        last->size += piece.size;
+    else
+        pieces->push_back(piece);
+}
+
 }  // namespace
 
 std::vector<dm_piece_t> dm_table_t::map(std::uint64_t offset, std::size_t size) const {
     std::vector<dm_piece_t> pieces;
+    add_pieces(offset, size, &pieces);
+    return pieces;
+}
+
+void dm_table_t::add_pieces(std::uint64_t offset, std::size_t size, std::vector<dm_piece_t>* pieces) const {
     const std::uint64_t bytes = sectors_ * sector_size;
     if (offset >= bytes)
-        return pieces;
+        return;
     const std::uint64_t end = offset + std::min<std::uint64_t>(size, bytes - offset);
     const auto next = std::upper_bound(targets_.begin(), targets_.end(), offset / sector_size,
                                        [](std::uint64_t sector, const target_t& t) { return sector < t.start; });
@@ -31,14 +47,12 @@ std::vector<dm_piece_t> dm_table_t::map(std::uint64_t offset, std::size_t size) 
         const bool is_zero = target.device() == zero_device;
         const dm_device_t* device = is_zero ? nullptr : &devices_[target.device()];
         const std::uint64_t at = is_zero ? 0 : target.offset() * sector_size + offset - target.start * sector_size;
-        dm_piece_t* last = pieces.empty() ? nullptr : &pieces.back();
-        if (last != nullptr && last->device == device && (is_zero || last->offset + last->size == at))
-            last->size += part;
+        if (!is_zero && device->table != nullptr)
+            device->table->add_pieces(at, part, pieces);
         else
-            pieces.push_back({device, at, part});
+            append_piece({device, at, part}, pieces);
         offset += part;
     }
-    return pieces;
 }
 
 void dm_table_t::print_target(std::size_t index, std::string* text) const {
@@ -52,9 +66,13 @@ void dm_table_t::print_target(std::size_t index, std::string* text) const {
     }
     const dm_device_t& device = devices_[target.device()];
     *text += " linear ";
-    append_number(text, device.major);
-    *text += ':';
-    append_number(text, device.minor);
+    if (device.table != nullptr) {
+        *text += device.name;
+    } else {
+        append_number(text, device.major);
+        *text += ':';
+        append_number(text, device.minor);
+    }
     *text += ' ';
     append_number(text, target.offset());
     *text += '\n';

@@ -10,6 +10,8 @@
 // each other without gap or overlap, none is empty, and every device exists and is as large as the targets on it need.
 // A table of a 1 TiB disk can have eight million lines: a target takes 16 bytes here, and the text is never held whole.
 //
+// A device may be another mapping. Its table is looked up in turn, so that reading through it costs no more than that.
+//
 // A table does not change once it is read; any number of threads may look things up in it.
 #pragma once
 
@@ -36,12 +38,12 @@ class dm_table_t {
   public:
     std::uint64_t sectors() const { return sectors_; }
 
-    // The pieces of the mapped device's bytes [offset, offset + size), in order, neighbours on one device joined. What
-    // lies beyond the end is left out. They are valid as long as the table.
+    // The pieces of the mapped device's bytes [offset, offset + size), in order, neighbours on one device joined, each
+    // on a block device or zeros. What lies beyond the end is left out. They are valid as long as the table.
     std::vector<dm_piece_t> map(std::uint64_t offset, std::size_t size) const;
 
-    // The table's lines, each behind `prefix`, with devices as "major:minor", in portions of some 64 KiB. `write`
-    // returns false to hear no more.
+    // The table's lines, each behind `prefix`, with devices as "major:minor", mappings by name, in portions of some
+    // 64 KiB. `write` returns false to hear no more.
     void print(std::string_view prefix, const std::function<bool(std::string_view)>& write) const;
 
   private:
@@ -62,6 +64,7 @@ class dm_table_t {
     std::uint64_t end_of(std::size_t index) const {
         return index + 1 < targets_.size() ? targets_[index + 1].start : sectors_;
     }
+    void add_pieces(std::uint64_t offset, std::size_t size, std::vector<dm_piece_t>* pieces) const;
     void print_target(std::size_t index, std::string* text) const;
 
     std::vector<target_t> targets_;  // by start

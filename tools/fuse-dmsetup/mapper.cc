@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <ranges>
 
 namespace mirador {
 namespace {
@@ -12,6 +13,13 @@ namespace {
 constexpr std::chrono::milliseconds close_delay(500);
 
 }  // namespace
+
+// The devices that lie over others give them up while there is a set to look them up in.
+mapper_t::~mapper_t() {
+    devices_t gone;
+    const mutex_lock_t lock(mutex_);
+    gone.swap(devices_);
+}
 
 errdesc_t* mapper_t::check_name(const std::string& name) {
     const bool is_special = name.empty() || name == "." || name == ".." || name == "control";
@@ -77,7 +85,8 @@ errdesc_t* mapper_t::remove_until(const std::string& name, bool force, time_poin
 
 void mapper_t::remove_all(bool force) {
     const auto deadline = std::chrono::steady_clock::now() + close_delay;
-    for (const mapper_entry_t& entry : list())
+    const std::vector<mapper_entry_t> entries = list();
+    for (const mapper_entry_t& entry : std::views::reverse(entries))
         (void)remove_until(entry.name, force, deadline);
 }
 
@@ -114,6 +123,16 @@ std::shared_ptr<const dm_table_t> mapper_t::table(mapper_inode_t inode) {
     const mutex_lock_t lock(mutex_);
     const auto it = devices_.find(inode);
     return it == devices_.end() ? nullptr : it->second.table;
+}
+
+std::shared_ptr<const dm_table_t> mapper_t::hold(const std::string& name) {
+    const mutex_lock_t lock(mutex_);
+    const auto it = find_name(name);
+    if (it == devices_.end() || it->second.table == nullptr)
+        return nullptr;
+    ++it->second.opens;
+    const auto let_go = [this, inode = it->first, table = it->second.table](const dm_table_t*) { release(inode); };
+    return {it->second.table.get(), let_go};
 }
 
 bool mapper_t::open(mapper_inode_t inode) {

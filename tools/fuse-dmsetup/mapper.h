@@ -32,6 +32,11 @@ struct mapper_entry_t {
 
 class mapper_t {
   public:
+    mapper_t() = default;
+    mapper_t(const mapper_t&) = delete;
+    mapper_t& operator=(const mapper_t&) = delete;
+    ~mapper_t();
+
     static constexpr mapper_inode_t first_inode = 2;  // 1 is the directory
     static constexpr std::size_t max_name = 127;      // bytes
 
@@ -46,7 +51,8 @@ class mapper_t {
     // that is open fails every read from then on (and stays, and the error is the same).
     [[nodiscard]] errdesc_t* remove(const std::string& name, bool force) EXCLUDES(mutex_);
 
-    // Removes every device that is not open; with `force` reads from the others fail from then on.
+    // Removes every device that is not open, the newest first, as it may lie over older ones; with `force` reads from
+    // the others fail from then on.
     void remove_all(bool force) EXCLUDES(mutex_);
 
     bool is_empty() EXCLUDES(mutex_);
@@ -55,6 +61,11 @@ class mapper_t {
     std::optional<mapper_entry_t> find(mapper_inode_t inode) EXCLUDES(mutex_);
     // Null for an unknown device and for one whose reads fail.
     std::shared_ptr<const dm_table_t> table(mapper_inode_t inode) EXCLUDES(mutex_);
+
+    // The table of the device `name`, for another device to lie over: the device counts as open until the pointer's
+    // end, and reads through the pointer go on even if its own are made to fail. Null for an unknown device and for one
+    // whose reads fail. No such pointer may outlive the mapper.
+    std::shared_ptr<const dm_table_t> hold(const std::string& name) EXCLUDES(mutex_);
 
     // A file on the device is opened (false: it has gone) and closed.
     bool open(mapper_inode_t inode) EXCLUDES(mutex_);

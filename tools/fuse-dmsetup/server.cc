@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -29,6 +30,15 @@ void reset_signals() {
     sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
+// A table keeps a descriptor for each device that it maps onto.
+void raise_descriptor_limit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 // Leaves everything that the starter gave: its session, descriptors, directory, signals, name.
 void become_daemon(int report) {
     setsid();
@@ -40,6 +50,7 @@ void become_daemon(int report) {
     dup2(report, report_fd);
     close_range(report_fd + 1, ~0U, 0);
     reset_signals();
+    raise_descriptor_limit();
     umask(S_IRWXG | S_IRWXO);
     if (chdir("/") != 0)
         _exit(EXIT_FAILURE);

@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "lib/cor_string.h"
+#include "lib/tool_paths.h"
 #include "tools/fuse-dmsetup/mapper.h"
 #include "tools/fuse-dmsetup/mapper_fuse.h"
 #include "tools/fuse-dmsetup/protocol.h"
@@ -38,13 +39,30 @@ reply_t failed(const char* what, const std::string& name, const errdesc_t* e) {
     return {EXIT_FAILURE, ioctl_failed_text(what, name, e) + "\n"};
 }
 
+// Another mapping is reached through its table: the server that read its own files would wait for itself.
+errdesc_t* open_target(mapper_t* mapper, const std::string& name, dm_device_t* device) {
+    const std::string prefix = tool_paths().mapper_dir + "/";
+    if (!name.starts_with(prefix))
+        return dm_device_open(name, device);
+    auto table = mapper->hold(name.substr(prefix.size()));
+    if (table == nullptr)
+        return errdesc_set_str(ENOENT, name);
+    device->name = name;
+    device->sectors = table->sectors();
+    device->table = std::move(table);
+    return nullptr;
+}
+
 reply_t create(mapper_t* mapper, const request_t& request) {
     if (const errdesc_t* e = mapper_t::check_name(request.name))
         return failed("create", request.name, e);
     if (mapper->find(request.name))
         return failed("create", request.name, errdesc_set(EBUSY));
     dm_table_t table;
-    if (const errdesc_t* e = dm_table_read(request.table_fd.get(), dm_device_open, &table))
+    const auto opener = [mapper](const std::string& name, dm_device_t* device) {
+        return open_target(mapper, name, device);
+    };
+    if (const errdesc_t* e = dm_table_read(request.table_fd.get(), opener, &table))
         return failed("reload", request.name, e);
     if (const errdesc_t* e = mapper->create(request.name, std::move(table)))
         return failed("create", request.name, e);
