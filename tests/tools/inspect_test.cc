@@ -24,7 +24,7 @@ using testing::HasSubstr;
 using testing::StartsWith;
 
 constexpr std::size_t sector = 512;
-const char* const kinds[] = {"vmdk", "extent", "proxy", "vdsk", "mbr"};
+const char* const kinds[] = {"vmdk", "extent", "proxy", "vdsk", "mbr", "cfg"};
 
 struct result_t {
     int status = -1;
@@ -104,6 +104,11 @@ const char* const descriptor =
     "version=1\nCID=12345678\nparentCID=ffffffff\ncreateType=\"vmfs\"\nRW 64 VMFS \"d-flat.vmdk\"\n"
     "changeTrackPath=\"d-ctk.vmdk\"\nddb.uuid = \"60 00\"\n";
 
+const std::string description =
+    "version = \"1\"\nvmname = \"thin \\\"1\\\"\"\nservername = \"esx1\"\ndirectory = \"web\"\ndsname = \"ds1\"\n"
+    "vmx-name = \"web.vmx\"\nvmdk.7.name = \"web.vmdk\"\nvmdk.7.extent-name = \"web-flat.vmdk\"\n"
+    "vmdk.7.directory = \"web\"\nvmdk.7.dsname = \"ds1\"\nvmdk.7.size = 4096\nvmdk.7.type = \"thin\"\n";
+
 TEST(inspect, TextIsTheDumpOfTheFormat) {
     const temp_dir_t dir;
     setenv("TZ", "UTC", 1);
@@ -112,6 +117,7 @@ TEST(inspect, TextIsTheDumpOfTheFormat) {
     const std::string disk = write_file(dir / "disk", disk_bytes().bytes());
     const std::string vmdk = write_file(dir / "disk.vmdk", descriptor);
     const std::string cow = write_file(dir / "cow", cow_bytes().bytes());
+    const std::string cfg = write_file(dir / "web.cfg", description);
     struct {
         std::vector<std::string> args;
         std::string begin;
@@ -122,6 +128,7 @@ TEST(inspect, TextIsTheDumpOfTheFormat) {
         {{"--sector", "4", "vdsk", disk}, "type: VMDK\nversion: 2\n", "path: vm one\n"},
         {{"mbr", "--", disk}, "Disk Signature:      deadbeef\nPartition Table  #1  :      bootable, type: 83", ")\n"},
         {{"vmdk", vmdk}, "---------------dump------------\nvmdkdesc.version = 1\n", "longcontentid = \n"},
+        {{"cfg", cfg}, "version = \"1\"\nvmname = \"thin \\\"1\\\"\"\n", "vmcfg->line_count = 12\n"},
         {{"extent", cow}, "magicnumber = 44574f43\n", "gde[0] = 8\nextent[0].gde[1] = 40\nextent[0].gde[2] = 0\n"},
         {{"extent", cow, "--grains"},
          "magicnumber = 44574f43\n",
@@ -161,6 +168,13 @@ TEST(inspect, JsonHasTheFields) {
     EXPECT_EQ(text_at(json, "/extents/0/extentname"), "d-flat.vmdk");
     EXPECT_EQ(text_at(json, "/parentfilenamehint"), "(null)");
     EXPECT_EQ(text_at(json, "/change_track_path"), "\"d-ctk.vmdk\"");
+
+    json = parsed(inspect({"--json", "cfg", write_file(dir / "web.cfg", description)}));
+    EXPECT_EQ(text_at(json, "/vmname"), "thin \"1\"");
+    EXPECT_EQ(text_at(json, "/vmuuid"), "(null)");
+    EXPECT_EQ(number_at(json, "/disks/0/index"), 7U);
+    EXPECT_EQ(number_at(json, "/disks/0/size"), 4096U);
+    EXPECT_EQ(text_at(json, "/disks/0/type"), "thin");
 }
 
 // A file that somebody else wrote: every grain that the tool names must hold what was written there.
@@ -224,6 +238,8 @@ TEST(inspect, FaultsAreOneLine) {
         {{"vdsk"}, disk_bytes().number(454, 4, 1).bytes(), "partition start at 1", ""},
         {{"vdsk", "--sector", "4294967295"}, disk_bytes().bytes(), "sector 4294967295 holds no", ""},
         {{"mbr"}, disk_bytes().number(510, 2, 0).bytes(), "wrong signature", ""},
+        {{"cfg"}, "some other\ntext file\n", "syntax error at line 1", ""},
+        {{"cfg"}, "version = \"4\"\n" + description.substr(description.find('\n')), "Unsupported version", ""},
     };
     for (const auto& c : cases) {
         std::vector<std::string> args = c.args;

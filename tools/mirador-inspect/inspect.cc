@@ -69,6 +69,7 @@ const std::vector<inspect_kind_t>& inspect_kinds() {
          .takes_sector = true,
          .takes_device = true},
         {.name = "mbr", .help = "a disk's master boot record", .print = inspect_mbr, .takes_device = true},
+        {.name = "cfg", .help = "the exported description of a VM", .print = inspect_cfg},
     };
     return kinds;
 }
