@@ -89,6 +89,13 @@ errdesc_t* check_status(const std::string& url, const http_response_t& resp) {
                            resp.header.c_str());
 }
 
+// libcurl takes a reply that ends within its header for a whole one without a body.
+errdesc_t* check_header_end(const std::string& url, const http_response_t& resp) {
+    if (resp.status == status_none || resp.header.ends_with("\n\r\n") || resp.header.ends_with("\n\n"))
+        return nullptr;
+    return perform_error(CURLE_PARTIAL_FILE, url, CURLE_PARTIAL_FILE);
+}
+
 errdesc_t* set_connection_options(const http_handle_t& hndl, const std::string& url) REQUIRES(hndl.mutex) {
     RETURN_IF_ERROR(SET_OPTION(hndl.curl_hndl, CURLOPT_URL, url.c_str()));
     // The service is this machine's own: a proxy named in the environment is none of its ways.
@@ -107,6 +114,7 @@ errdesc_t* set_body_target(http_handle_t& hndl, text_sink_t* body) REQUIRES(hndl
         RETURN_IF_ERROR(SET_OPTION(hndl.curl_hndl, CURLOPT_WRITEFUNCTION, &append_text));
         return SET_OPTION(hndl.curl_hndl, CURLOPT_WRITEDATA, body);
     }
+    hndl.fh.reset();  // writes what an earlier request left in its buffer
     hndl.fh.reset(std::fopen(hndl.file_name->c_str(), "we"));
     if (hndl.fh == nullptr)
         return errdesc_set_fmt(errno, "Cannot open file %s for writing", hndl.file_name->c_str());
@@ -156,10 +164,11 @@ errdesc_t* request(http_handle_t& hndl, const std::string& url, http_response_t*
     RETURN_IF_ERROR(set_header_target(hndl, &header));
     RETURN_IF_ERROR(set_credentials(hndl));
     RETURN_IF_ERROR(perform(hndl, url, resp));
-    RETURN_IF_ERROR(check_status(url, *resp));
-    // A body that was thrown away must not pass for one that was empty.
+    // What was thrown away must not pass for an empty reply.
     if (header.dropped || body.dropped)
         return perform_error(ENOMEM, url, CURLE_OUT_OF_MEMORY);
+    RETURN_IF_ERROR(check_header_end(url, *resp));
+    RETURN_IF_ERROR(check_status(url, *resp));
     return read_content_length(hndl, resp);
 }
 
