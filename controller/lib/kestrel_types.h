@@ -34,30 +34,30 @@ bool ks_is_set(const ks_string_t& text);
 
 // One hypervisor or management server.
 struct ks_hypervisor_config_t {
-    ks_string_t hostname;  // name or address; identifies it
-    ks_string_t login_name;
-    std::optional<secret_t> password;
+    ks_string_t hostname = {};  // name or address; identifies it
+    ks_string_t login_name = {};
+    std::optional<secret_t> password = {};
     std::uint32_t hv_port = 0;       // management
     std::uint32_t hv_data_port = 0;  //
-    ks_string_t hv_type;             // a name of HYPERVISOR_TYPE_TABLE
+    ks_string_t hv_type = {};        // a name of HYPERVISOR_TYPE_TABLE
 };
 
 // One virtual machine.
 struct ks_vm_config_t {
-    ks_string_t hv_hostname;  // the hypervisor that owns it
-    ks_string_t vm_name;      // display name
-    ks_string_t uuid;         // identifies it throughout the system
-    ks_string_t fldr_name;    // export folder
-    ks_string_t snap_suffix;  // of its snapshots' names
-    ks_string_t vmx_path;     // of the .vmx or .vmtx file, within the datastore
-    ks_string_t snapshot_directory;
-    ks_string_t datastore_name;
-    ks_string_t datastore_path;
-    ks_string_t datastore_uuid;
-    ks_string_t datacenter;
-    ks_string_t vm_folder;    // in the hypervisor's inventory
-    ks_string_t host_system;  // the host that runs it
-    ks_string_t resource_pool;
+    ks_string_t hv_hostname = {};  // the hypervisor that owns it
+    ks_string_t vm_name = {};      // display name
+    ks_string_t uuid = {};         // identifies it throughout the system
+    ks_string_t fldr_name = {};    // export folder
+    ks_string_t snap_suffix = {};  // of its snapshots' names
+    ks_string_t vmx_path = {};     // of the .vmx or .vmtx file, within the datastore
+    ks_string_t snapshot_directory = {};
+    ks_string_t datastore_name = {};
+    ks_string_t datastore_path = {};
+    ks_string_t datastore_uuid = {};
+    ks_string_t datacenter = {};
+    ks_string_t vm_folder = {};    // in the hypervisor's inventory
+    ks_string_t host_system = {};  // the host that runs it
+    ks_string_t resource_pool = {};
     std::uint32_t last_discover_time = 0;  // seconds since the epoch
     bool is_template = false;              // vmx_path ends in ".vmtx"
     bool controller_export_enabled = false;
@@ -71,33 +71,33 @@ struct ks_vm_config_t {
     std::uint32_t cbt_reset_time_prev = 0;  //
     // Snapshots of this vendor that the controller has seen on the VM; a user's own do not count. -1: none known.
     std::int32_t snap_exists = 0;
-    ks_string_t error;  // what the controller holds against the VM
+    ks_string_t error = {};  // what the controller holds against the VM
 };
 
 // One export folder.
 struct ks_vm_folder_t {
     std::uint32_t numVMs = 0;
-    ks_string_t fldr_name;
-    ks_string_t fldr_uuid;
+    ks_string_t fldr_name = {};
+    ks_string_t fldr_uuid = {};
 };
 
 // One virtual disk. Paths are the hypervisor's, sizes bytes.
 struct ks_vdisk_t {
-    ks_string_t vhost_uuid;                    // of the VM that owns it
-    ks_string_t name;                          // file name; one that contains "-corcbt." is a changed-block companion
-    ks_string_t changeid;                      // current change id
-    ks_string_t changeid_prev;                 //
-    ks_string_t changeid_incr;                 // of the incremental export
-    ks_string_t changeid_base;                 // of the base export
+    ks_string_t vhost_uuid = {};               // of the VM that owns it
+    ks_string_t name = {};                     // file name; one that contains "-corcbt." is a changed-block companion
+    ks_string_t changeid = {};                 // current change id
+    ks_string_t changeid_prev = {};            //
+    ks_string_t changeid_incr = {};            // of the incremental export
+    ks_string_t changeid_base = {};            // of the base export
     std::uint32_t corcbt_size_percentage = 0;  // changed-block overlay in percent of the disk, 1 to 100
     std::uint32_t cbt_reset_time_vdisk = 0;    // seconds since the epoch; 0 when not sent
     std::uint64_t flat_file_size = 0;          // 0 when not sent
-    ks_string_t base_ascii_path;               // descriptor and extent of the base disk
-    ks_string_t base_extent_path;
+    ks_string_t base_ascii_path = {};          // descriptor and extent of the base disk
+    ks_string_t base_extent_path = {};
     std::uint64_t base_ascii_size = 0;
     std::uint64_t base_extent_size = 0;
-    ks_string_t head_ascii_path;  // descriptor and extent of the newest disk of the chain
-    ks_string_t head_extent_path;
+    ks_string_t head_ascii_path = {};  // descriptor and extent of the newest disk of the chain
+    ks_string_t head_extent_path = {};
     std::uint64_t head_ascii_size = 0;
     std::uint64_t head_extent_size = 0;
     bool independent = false;
@@ -108,26 +108,26 @@ using datastore_paths_t = list_t<std::string>;
 
 // One datastore.
 struct ks_ds_config_t {
-    ks_string_t hv;
-    ks_string_t dc;  // datacenter
-    ks_string_t hostsystem;
-    ks_string_t name;
-    ks_string_t uuid;
-    ks_string_t url;
-    ks_string_t type;
+    ks_string_t hv = {};
+    ks_string_t dc = {};  // datacenter
+    ks_string_t hostsystem = {};
+    ks_string_t name = {};
+    ks_string_t uuid = {};
+    ks_string_t url = {};
+    ks_string_t type = {};
     std::int32_t timestamp = 0;  // of the report, seconds since the epoch
     std::uint32_t accessible = 0;
     std::uint64_t capacity = 0;  // bytes
     std::uint64_t free_space = 0;
-    std::unique_ptr<datastore_paths_t> paths;  // local; null when none were sent
-    bool is_local_dc = false;                  // in the appliance's own datacenter
+    std::unique_ptr<datastore_paths_t> paths = {};  // local; null when none were sent
+    bool is_local_dc = false;                       // in the appliance's own datacenter
 };
 
 // One NFS export to mount.
 struct ks_nfs_datastore_config_t {
-    ks_string_t hostname;
-    ks_string_t path;
-    ks_string_t options;
+    ks_string_t hostname = {};
+    ks_string_t path = {};
+    ks_string_t options = {};
 };
 
 enum ks_hypervisor_type_t : std::uint32_t {

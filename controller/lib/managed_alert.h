@@ -20,14 +20,14 @@ namespace mirador {
 
 // One known alert.
 struct managed_alert_t {
-    ks_string_t hv_name;
-    ks_string_t vm_name;
-    ks_string_t vm_uuid;
+    ks_string_t hv_name = {};
+    ks_string_t vm_name = {};
+    ks_string_t vm_uuid = {};
     std::string alert_id;   // the kind
     std::string object_id;  // what it is about
-    ks_string_t severity;
-    ks_string_t last_message;  // absent: cleared
-    bool deferred = false;     // raised here, not sent yet
+    ks_string_t severity = {};
+    ks_string_t last_message = {};  // absent: cleared
+    bool deferred = false;          // raised here, not sent yet
     std::time_t create_time = 0;
     std::time_t update_time = 0;  // when it was last raised or cleared
 };
