@@ -43,7 +43,8 @@ errdesc_t* open_file(const inspect_options_t& options, inspect_file_t* file) {
 
 errdesc_t* inspect(const inspect_options_t& options, std::FILE* out) {
     inspect_file_t file;
-    RETURN_IF_ERROR(open_file(options, &file));
+    if (!options.kind->takes_directories)
+        RETURN_IF_ERROR(open_file(options, &file));
     RETURN_IF_ERROR(options.kind->print(file, options, out));
     if (std::fflush(out) != 0 || std::ferror(out) != 0)
         return errdesc_set_str(EIO, "standard output");
@@ -61,6 +62,12 @@ void print_error(const errdesc_t& e, const std::string& path, std::FILE* err) {
 const std::vector<inspect_kind_t>& inspect_kinds() {
     static const std::vector<inspect_kind_t> kinds = {
         {.name = "vmdk", .help = "a virtual disk's descriptor", .print = inspect_vmdk},
+        {.name = "vmx", .help = "a VM's or template's configuration", .print = inspect_vmx},
+        {.name = "vmsd", .help = "a VM's snapshot database", .print = inspect_vmsd},
+        {.name = "discover",
+         .help = "all VMs and templates below the directories FILE...",
+         .print = inspect_discover,
+         .takes_directories = true},
         {.name = "extent", .help = "a sparse or copy-on-write extent", .print = inspect_extent, .takes_grains = true},
         {.name = "proxy", .help = "a file of the shadow tree", .print = inspect_proxy},
         {.name = "vdsk",

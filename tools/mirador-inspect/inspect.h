@@ -33,7 +33,8 @@ struct inspect_kind_t {
     inspect_function_t print;
     bool takes_sector = false;
     bool takes_grains = false;
-    bool takes_device = false;  // a block device is as good as a file
+    bool takes_device = false;       // a block device is as good as a file
+    bool takes_directories = false;  // instead of a file, any number of them
 };
 
 struct inspect_options_t {
@@ -42,7 +43,8 @@ struct inspect_options_t {
     bool grains = false;
     std::optional<std::uint32_t> sector;
     const inspect_kind_t* kind = nullptr;
-    std::string path;
+    std::string path;                      // empty for a kind that takes directories
+    std::vector<std::string> directories;  // of such a kind
 };
 
 const std::vector<inspect_kind_t>& inspect_kinds();
@@ -60,6 +62,9 @@ int inspect_main(const std::vector<std::string>& args, std::FILE* out, std::FILE
 [[nodiscard]] errdesc_t* inspect_extent(inspect_file_t& file, const inspect_options_t& options, std::FILE* out);
 [[nodiscard]] errdesc_t* inspect_proxy(inspect_file_t& file, const inspect_options_t& options, std::FILE* out);
 [[nodiscard]] errdesc_t* inspect_vdsk(inspect_file_t& file, const inspect_options_t& options, std::FILE* out);
+[[nodiscard]] errdesc_t* inspect_vmx(inspect_file_t& file, const inspect_options_t& options, std::FILE* out);
+[[nodiscard]] errdesc_t* inspect_vmsd(inspect_file_t& file, const inspect_options_t& options, std::FILE* out);
+[[nodiscard]] errdesc_t* inspect_discover(inspect_file_t& file, const inspect_options_t& options, std::FILE* out);
 [[nodiscard]] errdesc_t* inspect_mbr(inspect_file_t& file, const inspect_options_t& options, std::FILE* out);
 [[nodiscard]] errdesc_t* inspect_cfg(inspect_file_t& file, const inspect_options_t& options, std::FILE* out);
 

@@ -27,10 +27,14 @@ const inspect_kind_t* find_kind(const std::string& name) {
 std::string check(const std::vector<std::string>& words, inspect_options_t* options) {
     if (options->help)
         return "";
-    if (words.size() != 2)
+    options->kind = words.empty() ? nullptr : find_kind(words[0]);
+    const bool several = options->kind != nullptr && options->kind->takes_directories;
+    if (words.size() < 2 || (words.size() > 2 && !several))
         return "a kind and a file are needed";
-    options->kind = find_kind(words[0]);
-    options->path = words[1];
+    if (several)
+        options->directories.assign(words.begin() + 1, words.end());
+    else
+        options->path = words[1];
     if (options->kind == nullptr)
         return "unknown kind \"" + words[0] + "\"";
     if (options->grains && !options->kind->takes_grains)
