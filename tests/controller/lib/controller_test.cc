@@ -1,0 +1,280 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "controller/lib/controller.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "controller/lib/controller_raw.h"
+#include "controller/lib/controller_url.h"
+#include "lib/json_tools.h"
+#include "tests/support/fake_controller.h"
+
+namespace mirador {
+namespace {
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+
+constexpr errnum_t curl_partial = 18;
+constexpr errnum_t curl_aborted = 42;
+
+errnum_t number(const errdesc_t* e) {
+    return e == nullptr ? 0 : e->number;
+}
+
+class controller : public testing::Test {
+  protected:
+    std::vector<std::string> targets() const {
+        std::vector<std::string> all;
+        for (const http_request_t& request : fake_.received())
+            all.push_back(request.method + " " + request.target);
+        return all;
+    }
+
+    fake_controller_t& fake_ = fake_controller_t::fresh(controller_get_url);
+};
+
+struct request_case_t {
+    std::function<errdesc_t*()> request;
+    const char* object;
+};
+
+TEST_F(controller, AsksForEachObjectAtItsPlace) {
+    record_list_ptr<ks_hypervisor_config_t> hypervisors;
+    record_list_ptr<ks_vm_config_t> vms;
+    record_list_ptr<ks_vm_folder_t> folders;
+    record_list_ptr<ks_vdisk_t> disks;
+    record_list_ptr<ks_nfs_datastore_config_t> nfs;
+    record_list_ptr<ks_ds_config_t> datastores;
+    std::unique_ptr<ks_vm_config_t> vm;
+    std::string text;
+    const std::optional<std::string> none;
+    const request_case_t cases[] = {
+        {[&] { return controller_get_hypervisors(&hypervisors); }, "hvconfig"},
+        {[&] { return controller_get_vm(&vm, "u-1"); }, "vhost?vm_uuid=u-1"},
+        {[&] { return controller_get_vms({.hostname = "esx.1"}, &vms); }, "vhost?hv_hostname=esx.1"},
+        {[&] { return controller_get_user_defined_folders(&folders); }, "folder"},
+        {[&] { return controller_get_vdisks("u", &disks); }, "vdisk?vhost_uuid=u"},
+        {[&] { return controller_get_vdisks(none, &disks); }, "vdisk"},
+        {[&] { return controller_get_corcbt_vdisks("u", "a b&c.vmdk", &disks); },
+         "vdisk?vhost_uuid=u&name=a%20b%26c.vmdk"},
+        {[&] { return controller_get_corcbt_vdisks("u", none, &disks); }, "vdisk?vhost_uuid=u"},
+        {[&] { return controller_get_corcbt_vdisks(none, "a", &disks); }, "vdisk"},
+        {[&] { return controller_get_nfs_datastores(&nfs); }, "nfs_datastore"},
+        {[&] { return controller_get_datastores(&datastores); }, "datastore"},
+        {[&] { return controller_get_master_uuid(&text, 64); }, "node?get_master"},
+        {[&] { return controller_fs_sync_query("dsfs", &text); }, "fs_sync?target=dsfs&type=query"},
+        {[&] { return controller_fs_sync_set("vmfs", "3-4"); }, "fs_sync?target=vmfs&type=set&genId=3-4"},
+        {[&] { return controller_fs_sync_wait("dsfs", "0-0", 0, nullptr, &text); },
+         "fs_sync?target=dsfs&genId=0-0&type=wait"},
+        {[&] { return controller_fs_sync_wait("dsfs", "0-0", 30, nullptr, &text); },
+         "fs_sync?target=dsfs&genId=0-0&type=wait&timeout=30"},
+    };
+    for (const request_case_t& c : cases) {
+        fake_controller_t::fresh(controller_get_url).answer(c.object, "");
+        EXPECT_EQ(number(c.request()), 0) << c.object;  // a reply without a body brings nothing
+        EXPECT_THAT(targets(), ElementsAre("GET /api/" + std::string(c.object)));
+
+        fake_.answer(c.object, "{\"x\"");
+        const bool is_raw = std::string(c.object) == "node?get_master";
+        EXPECT_EQ(number(c.request()), is_raw ? 0 : ERR_JSON_PARSE_ERROR) << c.object;
+    }
+    EXPECT_EQ(hypervisors, nullptr);
+}
+
+TEST_F(controller, PassesHttpFailuresOn) {
+    struct case_t {
+        int status;
+        errnum_t number;
+    };
+    for (const auto& [status, expected] :
+         {case_t{404, EAGAIN}, {500, EAGAIN}, {503, EAGAIN}, {401, 127}, {302, EIO}, {400, EIO}, {204, 0}}) {
+        fake_.answer("hvconfig", [status = status](const http_request_t&, http_connection_t& connection) {
+            connection.reply(status, status == 204 ? "" : "[]", "Location: /api/elsewhere\r\n");
+        });
+        record_list_ptr<ks_hypervisor_config_t> list;
+        EXPECT_EQ(number(controller_get_hypervisors(&list)), expected) << status;
+        EXPECT_EQ(list == nullptr, expected != 0) << status;
+    }
+    EXPECT_EQ(targets().size(), 7U);  // redirects are not followed
+}
+
+TEST_F(controller, TellsAReplyThatIsCut) {
+    fake_.answer("hvconfig", [](const http_request_t&, http_connection_t& connection) {
+        connection.send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n[{\"hostname\":\"h\"}]");
+        connection.close_after();
+    });
+    record_list_ptr<ks_hypervisor_config_t> list;
+    EXPECT_EQ(number(controller_get_hypervisors(&list)), curl_partial);
+    EXPECT_EQ(list, nullptr);
+}
+
+TEST_F(controller, ReadsAReplyInChunks) {
+    fake_.answer("hvconfig", [](const http_request_t&, http_connection_t& connection) {
+        connection.send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n8\r\n[{\"hostn\r\n");
+        connection.send("b\r\name\":\"h1\"}]\r\n0\r\n\r\n");
+    });
+    record_list_ptr<ks_hypervisor_config_t> list;
+    ASSERT_EQ(number(controller_get_hypervisors(&list)), 0);
+    EXPECT_EQ(list_pop(*list)->hostname, "h1");
+}
+
+TEST_F(controller, ReadsFiftyMegabytes) {
+    constexpr std::size_t size = 50 << 20;
+    std::string body = "[";
+    std::size_t count = 0;
+    while (body.size() < size) {
+        body += R"({"name":"vm)" + std::to_string(count++) + R"(","vmx_path":")" + std::string(400, 'x') + "\"},";
+    }
+    body.back() = ']';
+    fake_.answer("vhost?hv_hostname=h", body);
+    record_list_ptr<ks_vm_config_t> list;
+    ASSERT_EQ(number(controller_get_vms({.hostname = "h"}, &list)), 0);
+    EXPECT_EQ(static_cast<std::size_t>(list_count(*list)), count);
+}
+
+TEST_F(controller, FindsOneRecord) {
+    fake_.answer("hvconfig", R"([{"hostname":"a"},{"hostname":"b","hv_port":1},{"hostname":"b","hv_port":2}])");
+    ks_hypervisor_config_t hvc;
+    ASSERT_EQ(number(controller_get_hypervisor(&hvc, "b")), 0);
+    EXPECT_EQ(hvc.hv_port, 1U);
+    const errdesc_t* e = controller_get_hypervisor(&hvc, "c");
+    EXPECT_EQ(number(e), ENOENT);
+    EXPECT_STREQ(e->string, "c: No such file or directory");
+
+    fake_.answer("vhost?vm_uuid=u", R"([{"uuid":"first"},{"uuid":"second"}])");
+    std::unique_ptr<ks_vm_config_t> vm;
+    ASSERT_EQ(number(controller_get_vm(&vm, "u")), 0);
+    EXPECT_EQ(vm->uuid, "first");
+    fake_.answer("vhost?vm_uuid=u", "[]");
+    ASSERT_EQ(number(controller_get_vm(&vm, "u")), 0);
+    EXPECT_EQ(vm, nullptr);
+}
+
+TEST_F(controller, FindsADatastoreByUuidOrName) {
+    fake_.answer("datastore", R"([{"name":"x","uuid":"1","dc":"-"},{"name":"y","uuid":"x","datacenter":"d"},)"
+                              R"({"name":"z","uuid":"y","datacenter":"e"}])");
+    const auto find = [](const std::string& key, const std::optional<std::string>& datacenter = std::nullopt) {
+        std::unique_ptr<ks_ds_config_t> found;
+        const errdesc_t* e = controller_get_datastore(&found, key, datacenter);
+        return e == nullptr ? *found->uuid : std::string(e->string);
+    };
+    EXPECT_EQ(find("x"), "1");
+    EXPECT_EQ(find("y"), "x");
+    EXPECT_EQ(find("x", "d"), "x");
+    EXPECT_EQ(find("y", "e"), "y");
+    EXPECT_EQ(find("x", "e"), "Cannot find datastore x in datacenter e");
+    EXPECT_EQ(find("w"), "Cannot find datastore w");
+}
+
+TEST_F(controller, AsksTheRegistryByPost) {
+    fake_.answer("registry", R"({"error_code":0,"result":"value"})");
+    std::string value = "before";
+    ASSERT_EQ(number(controller_get_registry_string("a.key", &value, 4)), 0);
+    EXPECT_EQ(value, "val");
+    const http_request_t request = fake_.received().at(0);
+    EXPECT_EQ(request.method, "POST");
+    EXPECT_EQ(request.value_of("Content-Type"), "application/json; charset=UTF-8");
+    EXPECT_EQ(request.body, R"({ "method_name": "get_value", "method_args": "a.key" })");
+
+    fake_.answer("registry", "");
+    EXPECT_EQ(number(controller_get_registry_string("a.key", &value, 4)), 0);
+    EXPECT_EQ(value, "");
+}
+
+TEST_F(controller, TakesTheMasterOutOfItsQuotes) {
+    const auto master = [&](const std::string& body) {
+        fake_.answer("node?get_master", body);
+        std::string uuid = "before";
+        EXPECT_EQ(number(controller_get_master_uuid(&uuid, 5)), 0);
+        return uuid;
+    };
+    EXPECT_EQ(master("\"abc\""), "abc");
+    EXPECT_EQ(master("\"abcdef\""), "abcd");
+    for (const char* empty : {"", "\"", "\"\""})
+        EXPECT_EQ(master(empty), "");
+}
+
+TEST_F(controller, TakesGenerationsThatCanBeSentBack) {
+    const auto generation = [&](const std::string& body) {
+        fake_.answer("fs_sync?target=dsfs&type=query", body);
+        std::string gen_id = "before";
+        const errdesc_t* e = controller_fs_sync_query("dsfs", &gen_id);
+        return e == nullptr ? gen_id : std::to_string(e->number);
+    };
+    EXPECT_EQ(generation(R"({"genId":"12-7"})"), "12-7");
+    EXPECT_EQ(generation(R"({"genId":5})"), "5");
+    EXPECT_EQ(generation(R"({"genId":")" + std::string(127, 'g') + "\"}"), std::string(127, 'g'));
+    for (const char* none : {"{}", "[]", R"({"genId":null})", R"({"genId":""})"})
+        EXPECT_EQ(generation(none), "") << none;
+    for (const char* bad : {"a b", "a&b", "a#", "%41", "+", "a\\n", "\\u00e9"})
+        EXPECT_EQ(generation(std::string(R"({"genId":")") + bad + "\"}"), std::to_string(EINVAL)) << bad;
+    EXPECT_EQ(generation(R"({"genId":")" + std::string(128, 'g') + "\"}"), std::to_string(EINVAL));
+
+    fake_.answer("fs_sync?target=dsfs&type=query", "<html>");
+    std::string gen_id;
+    EXPECT_STREQ(controller_fs_sync_query("dsfs", &gen_id)->string, "couldn't parse json_string: <html>");
+}
+
+TEST_F(controller, EndsAWaitThatIsInterrupted) {
+    std::atomic<int> interrupt = 0;
+    fake_.answer("fs_sync?target=dsfs&genId=0-0&type=wait", [&](const http_request_t&, http_connection_t& connection) {
+        interrupt = 1;
+        connection.wait_until_gone();
+    });
+    std::string gen_id;
+    EXPECT_EQ(number(controller_fs_sync_wait("dsfs", "0-0", 0, &interrupt, &gen_id)), curl_aborted);
+}
+
+TEST_F(controller, RefusesAUrlThatIsTooLong) {
+    const std::string base = "http://localhost/api/vhost?vm_uuid=";
+    const std::string fits(1023 - controller_get_url().size() - std::string("/api/vhost?vm_uuid=").size(), 'u');
+    fake_.answer("vhost?vm_uuid=" + fits, "[]");
+    std::unique_ptr<ks_vm_config_t> vm;
+    EXPECT_EQ(number(controller_get_vm(&vm, fits)), 0);
+    const errdesc_t* e = controller_get_vm(&vm, fits + "u");
+    EXPECT_EQ(number(e), ENAMETOOLONG);
+    EXPECT_THAT(e->string, HasSubstr("URL refused, longer than 1023 characters: http://localhost:"));
+    EXPECT_EQ(targets().size(), 1U);
+}
+
+TEST_F(controller, PostsJson) {
+    fake_.answer("event", "reply");
+    const json_ptr body(json_object_new_object());
+    json_add_string_field(body.get(), "uuid", "1");
+    std::string got;
+    const auto callback = [&](const std::string& reply) {
+        got = reply;
+        return errdesc_set(ERR_UNMATCHED);
+    };
+    EXPECT_EQ(number(controller_raw_do_post_json(controller_get_url() + "/", "event", body.get(), callback)),
+              ERR_UNMATCHED);
+    EXPECT_EQ(got, "reply");
+    EXPECT_EQ(number(controller_post_json("event", body.get())), 0);
+    EXPECT_THAT(targets(), ElementsAre("POST /api/event", "POST /api/event"));
+    EXPECT_EQ(number(controller_post_json("gone", body.get())), EAGAIN);
+}
+
+TEST_F(controller, ServesManyThreadsAtOnce) {
+    fake_.answer("hvconfig", R"([{"hostname":"h"}])");
+    std::atomic<int> found = 0;
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 8; i++)
+        threads.emplace_back([&] {
+            for (int j = 0; j < 10; j++) {
+                ks_hypervisor_config_t hvc;
+                found += number(controller_get_hypervisor(&hvc, "h")) == 0 ? 1 : 0;
+            }
+        });
+    threads.clear();
+    EXPECT_EQ(found, 80);
+}
+
+}  // namespace
+}  // namespace mirador

@@ -1,0 +1,285 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "controller/lib/json_parse.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <functional>
+#include <limits>
+
+#include "controller/lib/json_records.h"
+
+namespace mirador {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+ks_vm_config_t vm_of(const std::string& text) {
+    list_t<ks_vm_config_t> list;
+    int n_added = -1;
+    EXPECT_EQ(json_parse_vm_config(text, &list, &n_added), nullptr);
+    EXPECT_EQ(n_added, 1) << text;
+    return list_pop(list).value_or(ks_vm_config_t());
+}
+
+ks_vdisk_t disk_of(const std::string& members) {
+    list_t<ks_vdisk_t> list;
+    EXPECT_EQ(json_parse_vdisk(R"({"name":"d",)" + members + "}", true, &list), nullptr);
+    return list_pop(list).value_or(ks_vdisk_t());
+}
+
+TEST(json_parse_vm, TakesEachFieldFromItsMember) {
+    const ks_vm_config_t vm =
+        vm_of(R"({"hv_hostname":"h","name":"n","uuid":"u","folder":"f","snap_suffix":"ss","vmx_path":"a.b/x.vmtx",)"
+              R"("snapshot_directory":"sd","datastore_name":"dn","datastore_path":"dp","datastore_uuid":"du",)"
+              R"("datacenter":"dc","vm_folder":"vf","host_system":"hs","resource_pool":"rp","last_discover_time":1,)"
+              R"("controller_export_enabled":0,"export_enabled":0,"discover_enabled":2,"alerts_enabled":0,)"
+              R"("quiesce_enabled":"1","use_cbt":1,"cbt_reset_pending":1,"cbt_reset_time":2,"cbt_reset_time_prev":3,)"
+              R"("snap_exists":4,"error":"e"})");
+    EXPECT_EQ(vm.hv_hostname, "h");
+    EXPECT_EQ(vm.vm_name, "n");
+    EXPECT_EQ(vm.uuid, "u");
+    EXPECT_EQ(vm.fldr_name, "f");
+    EXPECT_EQ(vm.snap_suffix, "ss");
+    EXPECT_EQ(vm.vmx_path, "a.b/x.vmtx");
+    EXPECT_EQ(vm.snapshot_directory, "sd");
+    EXPECT_EQ(vm.datastore_name, "dn");
+    EXPECT_EQ(vm.datastore_path, "dp");
+    EXPECT_EQ(vm.datastore_uuid, "du");
+    EXPECT_EQ(vm.datacenter, "dc");
+    EXPECT_EQ(vm.vm_folder, "vf");
+    EXPECT_EQ(vm.host_system, "hs");
+    EXPECT_EQ(vm.resource_pool, "rp");
+    EXPECT_EQ(vm.last_discover_time, 1U);
+    EXPECT_TRUE(vm.is_template);
+    EXPECT_FALSE(vm.controller_export_enabled || vm.export_enabled || vm.alerts_enabled);
+    EXPECT_TRUE(vm.discover_enabled && vm.quiesce_enabled && vm.use_cbt && vm.cbt_reset_pending);
+    EXPECT_EQ(vm.cbt_reset_time, 2U);
+    EXPECT_EQ(vm.cbt_reset_time_prev, 3U);
+    EXPECT_EQ(vm.snap_exists, 4);
+    EXPECT_EQ(vm.error, "e");
+}
+
+TEST(json_parse_vm, GivesWhatWasNotSentItsDefault) {
+    for (const char* text : {R"({"x":1})", R"([{"uuid":null,"export_enabled":null,"vmx_path":null}])"}) {
+        const ks_vm_config_t vm = vm_of(text);
+        EXPECT_EQ(vm.uuid, std::nullopt);
+        EXPECT_EQ(vm.last_discover_time, 0xffffffffU);
+        EXPECT_TRUE(vm.controller_export_enabled && vm.export_enabled && vm.discover_enabled && vm.alerts_enabled);
+        EXPECT_FALSE(vm.is_template || vm.quiesce_enabled || vm.use_cbt || vm.cbt_reset_pending);
+        EXPECT_EQ(vm.cbt_reset_time, 0U);
+        EXPECT_EQ(vm.cbt_reset_time_prev, 0U);
+        EXPECT_EQ(vm.snap_exists, -1);
+    }
+    EXPECT_FALSE(vm_of(R"({"use_cbt":2,"cbt_reset_pending":-1})").use_cbt);
+    for (const char* path : {"a.vmx", "a.vmtx.vmx", "vmtx", "a.VMTX", ""})
+        EXPECT_FALSE(vm_of(std::string(R"({"vmx_path":")") + path + "\"}").is_template) << path;
+}
+
+TEST(json_parse_vm, TextsKeepTheirBytesUpToAZero) {
+    EXPECT_EQ(vm_of(R"({"name":"\u00e9 \ud83d\ude00\/\n"})").vm_name, "\u00e9 \U0001f600/\n");
+    EXPECT_EQ(vm_of("{\"name\":\"\xff\xfe\"}").vm_name, "\xff\xfe");
+    EXPECT_EQ(vm_of(R"({"name":"..\u0000/etc"})").vm_name, "..");
+    EXPECT_EQ(vm_of(R"({"name":17})").vm_name, "17");
+}
+
+TEST(json_parse_hv, TakesEachFieldFromItsMember) {
+    list_t<ks_hypervisor_config_t> list;
+    int n_added = 0;
+    ASSERT_EQ(
+        json_parse_hv_config(R"([{"hostname":"h","login_name":"l","password":"p","hv_port":443,"hv_data_port":902,)"
+                             R"("hv_type":"ESX"},{"hostname":"i"}])",
+                             &list, &n_added),
+        nullptr);
+    EXPECT_EQ(n_added, 2);
+    const auto first = list_pop(list);
+    EXPECT_EQ(first->hostname, "h");
+    EXPECT_EQ(first->login_name, "l");
+    EXPECT_EQ(first->password, secret_t("p"));
+    EXPECT_EQ(first->hv_port, 443U);
+    EXPECT_EQ(first->hv_data_port, 902U);
+    EXPECT_EQ(first->hv_type, "ESX");
+    const auto second = list_pop(list);
+    EXPECT_EQ(second->hv_port, 0xffffffffU);
+    EXPECT_EQ(second->password, std::nullopt);
+}
+
+TEST(json_parse_vdisk, ClampsThePercentage) {
+    struct case_t {
+        const char* member;
+        std::uint32_t percent;
+    };
+    for (const auto& [member, percent] : {case_t{R"("x":1)", 5},
+                                          {R"("corcbt_size_percentage":-1)", 5},
+                                          {R"("corcbt_size_percentage":0)", 5},
+                                          {R"("corcbt_size_percentage":1)", 1},
+                                          {R"("corcbt_size_percentage":"40")", 40},
+                                          {R"("corcbt_size_percentage":100)", 100},
+                                          {R"("corcbt_size_percentage":101)", 100},
+                                          {R"("corcbt_size_percentage":99999999999)", 100}})
+        EXPECT_EQ(disk_of(member).corcbt_size_percentage, percent) << member;
+}
+
+TEST(json_parse_vdisk, TakesEachFieldFromItsMember) {
+    const ks_vdisk_t disk = disk_of(
+        R"("vhost_uuid":"u","changeid":"c","changeid_prev":"cp","changeid_incr":"ci","changeid_base":"cb",)"
+        R"("cbt_reset_time_vdisk":9,"flat_file_size":"1099511627776","base_ascii_path":"ba","base_extent_path":"be",)"
+        R"("base_ascii_size":1,"base_extent_size":"2","head_ascii_path":"ha","head_extent_path":"he",)"
+        R"("head_ascii_size":3,"head_extent_size":4,"independent":1,"thin_provisioned":2)");
+    EXPECT_EQ(disk.vhost_uuid, "u");
+    EXPECT_EQ(disk.changeid, "c");
+    EXPECT_EQ(disk.changeid_prev, "cp");
+    EXPECT_EQ(disk.changeid_incr, "ci");
+    EXPECT_EQ(disk.changeid_base, "cb");
+    EXPECT_EQ(disk.cbt_reset_time_vdisk, 9U);
+    EXPECT_EQ(disk.flat_file_size, 1099511627776U);
+    EXPECT_EQ(disk.base_ascii_path, "ba");
+    EXPECT_EQ(disk.base_extent_path, "be");
+    EXPECT_EQ(disk.base_ascii_size, 1U);
+    EXPECT_EQ(disk.base_extent_size, 2U);
+    EXPECT_EQ(disk.head_ascii_path, "ha");
+    EXPECT_EQ(disk.head_extent_path, "he");
+    EXPECT_EQ(disk.head_ascii_size, 3U);
+    EXPECT_EQ(disk.head_extent_size, 4U);
+    EXPECT_TRUE(disk.independent);
+    EXPECT_FALSE(disk.thinprovisioned);
+
+    const ks_vdisk_t bare = disk_of(R"("independent":4294967297)");
+    EXPECT_FALSE(bare.independent);
+    EXPECT_EQ(bare.flat_file_size, 0U);
+    EXPECT_EQ(bare.cbt_reset_time_vdisk, 0U);
+    EXPECT_EQ(bare.base_extent_size, std::numeric_limits<std::uint64_t>::max());
+}
+
+TEST(json_parse_vdisk, LeavesOutTheNamelessAndCompanions) {
+    const std::string text = R"([{"name":"a.vmdk"},{"name":"a-corcbt.vmdk"},{"x":1},42,[],{"name":"corcbt."}])";
+    list_t<ks_vdisk_t> without;
+    ASSERT_EQ(json_parse_vdisk(text, false, &without), nullptr);
+    EXPECT_EQ(list_count(without), 2);
+    list_t<ks_vdisk_t> with;
+    ASSERT_EQ(json_parse_vdisk(text, true, &with), nullptr);
+    EXPECT_EQ(list_count(with), 3);
+}
+
+TEST(json_parse_datastores, TakesPathsOutOfTheirText) {
+    list_t<ks_ds_config_t> list;
+    ASSERT_EQ(
+        json_parse_datastores_config(
+            R"([{"hv_hostname":"h","datacenter":"dc","esx_host":"eh","name":"n","uuid":"u","url":"url","type":"t",)"
+            R"("timestamp":4294967298,"accessible":0,"capacity":"5","free":6,"is_local_dc":0,)"
+            R"("path":"[\"/a\", 7, null, \"/b\"]"},{"path":"[cut"},{"path":"{}"},42])",
+            &list),
+        nullptr);
+    ASSERT_EQ(list_count(list), 4);
+    const auto ds = list_pop(list);
+    EXPECT_EQ(ds->hv, "h");
+    EXPECT_EQ(ds->dc, "dc");
+    EXPECT_EQ(ds->hostsystem, "eh");
+    EXPECT_EQ(ds->name, "n");
+    EXPECT_EQ(ds->uuid, "u");
+    EXPECT_EQ(ds->url, "url");
+    EXPECT_EQ(ds->type, "t");
+    EXPECT_EQ(ds->timestamp, 2);
+    EXPECT_EQ(ds->accessible, 0U);
+    EXPECT_EQ(ds->capacity, 5U);
+    EXPECT_EQ(ds->free_space, 6U);
+    EXPECT_FALSE(ds->is_local_dc);
+    ASSERT_NE(ds->paths, nullptr);
+    EXPECT_EQ(list_pop(*ds->paths), "/a");
+    EXPECT_EQ(list_pop(*ds->paths), "/b");
+    EXPECT_TRUE(list_empty(*ds->paths));
+    while (const auto other = list_pop(list)) {
+        EXPECT_EQ(other->paths, nullptr);
+        EXPECT_EQ(other->accessible, 1U);
+        EXPECT_TRUE(other->is_local_dc);
+    }
+}
+
+TEST(json_parse, OneNullHarmsNoOtherRecord) {
+    list_t<ks_vm_folder_t> folders;
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(json_parse_folders(R"([null,{"name":"a","uuid":"1","numVms":2},null,{},17,{"name":"b"}])", &folders),
+              nullptr);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("left out 2 null of 6 elements"));
+    ASSERT_EQ(list_count(folders), 2);
+    const auto first = list_pop(folders);
+    EXPECT_EQ(first->fldr_name, "a");
+    EXPECT_EQ(first->fldr_uuid, "1");
+    EXPECT_EQ(first->numVMs, 2U);
+    EXPECT_EQ(list_pop(folders)->numVMs, 0xffffffffU);
+    EXPECT_DEATH(json_to_folder(nullptr), "jo_elem != \\(\\(void \\*\\)0\\)");
+}
+
+TEST(json_parse, TellsWhatIsNoReply) {
+    struct case_t {
+        std::string text;
+        const char* error;
+    };
+    const std::string deep(40, '[');
+    const std::string deep_end(40, ']');
+    for (const auto& [text, error] : {case_t{"", "couldn't parse json_string"},
+                                      {"<html>", "couldn't parse json_string"},
+                                      {R"([{"name":"a"},)", "couldn't parse json_string"},
+                                      {"null", "couldn't parse json_string"},
+                                      {deep + deep_end, "couldn't parse json_string"},
+                                      {"42", "unknown json_type"},
+                                      {"\"text\"", "unknown json_type"},
+                                      {"true", "unknown json_type"}}) {
+        list_t<ks_hypervisor_config_t> hypervisors;
+        list_t<ks_vm_config_t> vms;
+        list_t<ks_nfs_datastore_config_t> nfs;
+        list_t<ks_ds_config_t> datastores;
+        list_t<ks_vdisk_t> disks;
+        int n_added = 0;
+        for (const std::function<errdesc_t*()>& parse : {
+                 std::function<errdesc_t*()>([&] { return json_parse_hv_config(text, &hypervisors, &n_added); }),
+                 {[&] { return json_parse_vm_config(text, &vms, &n_added); }},
+                 {[&] { return json_parse_nfs_datastores_config(text, &nfs, &n_added); }},
+                 {[&] { return json_parse_datastores_config(text, &datastores); }},
+                 {[&] { return json_parse_vdisk(text, true, &disks); }},
+             }) {
+            const errdesc_t* e = parse();
+            ASSERT_NE(e, nullptr) << text;
+            EXPECT_EQ(e->number, ERR_JSON_PARSE_ERROR);
+            EXPECT_THAT(e->string, StartsWith(error));
+        }
+    }
+    list_t<ks_vm_folder_t> folders;
+    EXPECT_THAT(json_parse_folders("x", &folders)->string, StartsWith("Couldn't parse json_string"));
+    EXPECT_THAT(json_parse_folders("1", &folders)->string, StartsWith("Unknown json_type"));
+    EXPECT_EQ(json_parse_folders("", &folders)->number, ERR_INVALID_ARG);
+    EXPECT_EQ(json_parse_folders("[]", nullptr)->number, ERR_INVALID_ARG);
+    EXPECT_EQ(json_parse_folders("[]", &folders), nullptr);
+}
+
+TEST(json_parse_registry_value, TellsMissingFromUnknown) {
+    struct case_t {
+        const char* text;
+        errnum_t number;
+        const char* error;
+    };
+    for (const auto& [text, number, error] :
+         {case_t{"]", ERR_JSON_PARSE_ERROR, "could not parse json_string"},
+          {"{}", ERR_JSON_MISSING_FIELD, "Missing error_code in json string"},
+          {"[]", ERR_JSON_MISSING_FIELD, "Missing error_code in json string"},
+          {R"({"error_code":2,"result":"v"})", ERR_REGISTRY_KEY_NOT_FOUND, "Registry some.key is not found"},
+          {R"({"error_code":0})", ERR_JSON_MISSING_FIELD, "Missing result in json string"},
+          {R"({"error_code":0,"result":""})", ERR_JSON_MISSING_FIELD, "Missing result in json string"}}) {
+        std::string value = "before";
+        const errdesc_t* e = json_parse_registry_value(text, "some.key", &value, 10);
+        ASSERT_NE(e, nullptr) << text;
+        EXPECT_EQ(e->number, number) << text;
+        EXPECT_THAT(e->string, StartsWith(error));
+        EXPECT_EQ(value, "before");
+    }
+    std::string value;
+    EXPECT_EQ(json_parse_registry_value(R"({"error_code":0,"result":"0123456789"})", "k", &value, 10), nullptr);
+    EXPECT_EQ(value, "012345678");
+    EXPECT_EQ(json_parse_registry_value(R"({"error_code":0,"result":0})", "k", &value, 10), nullptr);
+    EXPECT_EQ(value, "0");
+}
+
+}  // namespace
+}  // namespace mirador

@@ -1,0 +1,238 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "controller/lib/managed_alert.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <csignal>
+#include <thread>
+#include <vector>
+
+#include "controller/lib/alertlib.h"
+#include "controller/lib/controller_url.h"
+#include "controller/lib/json_fields.h"
+#include "lib/clock.h"
+#include "tests/lib/in_child.h"
+#include "tests/support/fake_controller.h"
+
+namespace mirador {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+constexpr const char* node = "node-1";
+
+errnum_t number(const errdesc_t* e) {
+    return e == nullptr ? 0 : e->number;
+}
+
+ks_vm_config_t vm_of(const std::string& uuid, const std::string& name = "vm") {
+    return {.hv_hostname = "esx", .vm_name = name, .uuid = uuid};
+}
+
+class alerts : public testing::Test {
+  protected:
+    alerts() { fake_.answer("alert", ""); }
+    // The table outlives the test.
+    ~alerts() override { (void)managed_alert_clear_all(node); }
+
+    // What was sent since the last look: "<action> <kind> <object> <message>".
+    std::vector<std::string> sent() {
+        std::vector<std::string> all;
+        const std::vector<http_request_t> requests = fake_.received();
+        for (; seen_ < requests.size(); seen_++) {
+            const json_ptr body = json_parse_text(requests[seen_].body);
+            std::string line = ks_text(json_text_member(body.get(), "action")).substr(6);
+            for (const char* member : {"alert_id", "object_id", "message"})
+                if (const ks_string_t text = json_text_member(body.get(), member))
+                    line += " " + *text;
+            all.push_back(line);
+        }
+        return all;
+    }
+
+    errnum_t raise(const std::string& object, const ks_string_t& message, const ks_vm_config_t& vm, int defer = 0) {
+        return number(managed_alert_post("kind", object, node, "warning", message, vm, defer));
+    }
+
+    fake_controller_t& fake_ = fake_controller_t::fresh(controller_get_url);
+    manual_clock_t clock_{1700000000};
+    std::size_t seen_ = 0;
+};
+
+TEST_F(alerts, AreWrittenInOrder) {
+    EXPECT_EQ(number(alert_post("k", "o", node, "warning", "h", std::nullopt, "m \"q\"", true)), 0);
+    EXPECT_EQ(number(alert_clear("k", "o", node)), 0);
+    const std::vector<http_request_t> requests = fake_.received();
+    EXPECT_EQ(requests.at(0).method + requests.at(0).target, "POST/api/alert");
+    EXPECT_EQ(requests.at(0).body,
+              R"({ "action": "alert_post", "alert_id": "k", "object_id": "o", "alert_time": 1700000000, )"
+              R"("severity": "warning", "hv_host": "h", "vhost": "", "message": "m \"q\"", "node_uuid": "node-1", )"
+              R"("managed_alert": 1 })");
+    EXPECT_EQ(requests.at(1).body,
+              R"({ "action": "alert_clear", "alert_id": "k", "object_id": "o", "node_uuid": "node-1" })");
+}
+
+TEST_F(alerts, AreListedByFilter) {
+    fake_.answer("registry", R"({"error_code":0,"result":"own"})");
+    const auto listed = [&](const ks_string_t& id, const ks_string_t& object, const ks_string_t& node_uuid) {
+        std::vector<std::string> names;
+        std::unique_ptr<list_t<json_ptr>> list;
+        EXPECT_EQ(number(alert_get(id, object, node_uuid, &list)), 0);
+        while (const auto alert = list_pop(*list))
+            names.push_back(ks_text(json_text_member(alert->get(), "n")));
+        return names;
+    };
+    fake_.answer("alert", R"([{"n":"1","alert_id":"a","object_id":"x","node_uuid":"own"},null,17,)"
+                          R"({"n":"2","alert_id":"a","object_id":"y","node_uuid":"other"},{"n":"3"}])");
+    EXPECT_THAT(listed("a", std::nullopt, std::nullopt), ElementsAre("1", "2"));
+    EXPECT_THAT(listed(std::nullopt, "y", std::nullopt), ElementsAre("2"));
+    EXPECT_THAT(listed(std::nullopt, std::nullopt, ""), ElementsAre("1"));
+    EXPECT_THAT(listed(std::nullopt, std::nullopt, std::nullopt), ElementsAre("1", "", "2", "3"));
+    EXPECT_THAT(listed("a", "y", "own"), IsEmpty());
+
+    for (const char* bad : {"nonsense", "{}"}) {
+        fake_.answer("alert", bad);
+        std::unique_ptr<list_t<json_ptr>> list;
+        EXPECT_EQ(number(alert_get(std::nullopt, std::nullopt, std::nullopt, &list)), EIO);
+        EXPECT_EQ(list, nullptr);
+    }
+}
+
+TEST_F(alerts, OfAFailingFileLeaveItsErrorAlone) {
+    const errdesc_t* e = errdesc_set_fmt(ENODEV, "no disk");
+    alert_post_runtime("/esx/vm/x.vmdk", e, node, "esx", std::nullopt);
+    EXPECT_THAT(sent(), ElementsAre("post runtime /esx/vm/x.vmdk no disk"));
+    fake_.answer("alert", "", 500);
+    alert_post_runtime("/esx/vm/x.vmdk", e, node, "esx", "u");
+    EXPECT_EQ(e->number, ENODEV);
+    EXPECT_STREQ(e->string, "no disk");
+}
+
+TEST_F(alerts, AreSentWhenNewOrChanged) {
+    const ks_vm_config_t vm = vm_of("u");
+    EXPECT_EQ(raise("o", "one", vm), 0);
+    EXPECT_EQ(raise("o", "one", vm), 0);
+    EXPECT_THAT(sent(), ElementsAre("post kind o one"));
+    EXPECT_EQ(raise("o", "two", vm), 0);
+    EXPECT_EQ(raise("o", "two", vm_of("u", "renamed")), 0);
+    EXPECT_EQ(raise("p", "two", vm), 0);
+    EXPECT_THAT(sent(), ElementsAre("post kind o two", "post kind o two", "post kind p two"));
+    EXPECT_EQ(number(managed_alert_clear("kind", "o", node, vm)), 0);
+    EXPECT_EQ(number(managed_alert_clear("kind", "o", node, vm)), 0);
+    EXPECT_THAT(sent(), ElementsAre("clear kind o"));
+    EXPECT_EQ(number(managed_alert_post("kind", "p", node, "error", "two", vm, 0)), 0);
+    EXPECT_EQ(number(managed_alert_post("kind", "p", node, std::nullopt, "two", vm, 0)), 0);
+    EXPECT_THAT(sent(), ElementsAre("post kind p two"));
+}
+
+TEST_F(alerts, AreClearedOnceEvenIfNeverRaised) {
+    EXPECT_EQ(number(managed_alert_clear("kind", "o", node, vm_of("u"))), 0);
+    EXPECT_EQ(number(managed_alert_clear("kind", "o", node, vm_of("u"))), 0);
+    EXPECT_THAT(sent(), ElementsAre("clear kind o"));
+}
+
+TEST_F(alerts, WaitForTheirGracePeriod) {
+    const ks_vm_config_t vm = vm_of("u");
+    EXPECT_EQ(raise("o", "m", vm, 300), 0);
+    clock_.advance(300);
+    EXPECT_EQ(raise("o", "m", vm, 300), 0);
+    EXPECT_THAT(sent(), IsEmpty());
+    clock_.advance(1);
+    EXPECT_EQ(raise("o", "m", vm, 300), 0);
+    EXPECT_EQ(raise("o", "m", vm, 300), 0);
+    EXPECT_THAT(sent(), ElementsAre("post kind o m"));
+}
+
+TEST_F(alerts, AreNotSentAgainBySayingTheSame) {
+    fake_.answer("alert", "", 503);
+    EXPECT_EQ(raise("o", "m", vm_of("u")), EAGAIN);
+    EXPECT_EQ(raise("o", "m", vm_of("u")), 0);
+    EXPECT_EQ(sent().size(), 1U);
+}
+
+TEST_F(alerts, GoWithTheirVm) {
+    EXPECT_EQ(raise("a", "m", vm_of("1")), 0);
+    EXPECT_EQ(raise("b", "m", vm_of("1")), 0);
+    EXPECT_EQ(raise("c", std::nullopt, vm_of("1")), 0);
+    EXPECT_EQ(raise("d", "m", vm_of("2")), 0);
+    EXPECT_EQ(raise("e", "m", vm_of("2")), 0);
+    EXPECT_EQ(raise("e", "m", vm_of("1")), 0);  // another VM's now
+    sent();
+    EXPECT_EQ(number(managed_alert_clear_vm("1", node)), 0);
+    EXPECT_THAT(sent(), UnorderedElementsAre("clear kind a", "clear kind b", "clear kind e"));
+    EXPECT_EQ(number(managed_alert_clear_vm("1", node)), 0);
+    EXPECT_THAT(sent(), IsEmpty());
+    EXPECT_EQ(raise("a", "m", vm_of("1")), 0);
+    EXPECT_THAT(sent(), ElementsAre("post kind a m"));  // forgotten, so new
+    EXPECT_EQ(number(managed_alert_clear_vm("2", node)), 0);
+    EXPECT_THAT(sent(), ElementsAre("clear kind d"));
+}
+
+TEST_F(alerts, GoWithTheirHypervisorAndWithTime) {
+    ks_vm_config_t elsewhere = vm_of("3");
+    elsewhere.hv_hostname = "esx2";
+    EXPECT_EQ(raise("a", "m", vm_of("1")), 0);
+    EXPECT_EQ(raise("b", "m", elsewhere), 0);
+    sent();
+    EXPECT_EQ(number(managed_alert_clear_hv("esx2", node)), 0);
+    EXPECT_THAT(sent(), ElementsAre("clear kind b"));
+
+    clock_.advance(10);
+    EXPECT_EQ(raise("c", "m", vm_of("1")), 0);
+    EXPECT_EQ(number(managed_alert_post("other", "o", node, "warning", "m", vm_of("1"), 0)), 0);
+    clock_.advance(10);
+    EXPECT_EQ(raise("c", "m", vm_of("1")), 0);  // said again: not old
+    sent();
+    EXPECT_EQ(number(managed_alert_clear_old(node, "kind", 1700000020)), 0);
+    EXPECT_THAT(sent(), ElementsAre("clear kind a"));
+    EXPECT_EQ(number(managed_alert_clear_old(node, std::nullopt, 1700000020)), 0);
+    EXPECT_THAT(sent(), ElementsAre("clear other o"));
+}
+
+TEST_F(alerts, GoAllEvenIfTheControllerIsGone) {
+    EXPECT_EQ(raise("a", "m", vm_of("1")), 0);
+    EXPECT_EQ(raise("b", "m", vm_of("2")), 0);
+    fake_.answer("alert", "", 500);
+    EXPECT_EQ(number(managed_alert_clear_all(node)), EAGAIN);
+    sent();
+    fake_.answer("alert", "");
+    EXPECT_EQ(number(managed_alert_clear_all(node)), 0);
+    EXPECT_THAT(sent(), IsEmpty());
+}
+
+TEST_F(alerts, AreRaisedByManyThreads) {
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < 4; t++)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 10; i++) {
+                (void)raise("o" + std::to_string(i), "m", vm_of(std::to_string(i)));
+                if (t == 0)
+                    (void)managed_alert_clear_vm(std::to_string(i), node);
+            }
+        });
+    threads.clear();
+    sent();
+    EXPECT_EQ(number(managed_alert_clear_all(node)), 0);
+    EXPECT_LE(sent().size(), 10U);
+}
+
+TEST_F(alerts, EndOnce) {
+    EXPECT_EQ(in_child([&] {
+                  managed_alert_shutdown();
+                  managed_alert_shutdown();
+                  return 0;
+              }),
+              0);
+    EXPECT_EQ(in_child([&] {
+                  managed_alert_shutdown();
+                  return static_cast<int>(raise("o", "m", vm_of("1")));
+              }),
+              128 + SIGABRT);
+}
+
+}  // namespace
+}  // namespace mirador
