@@ -27,4 +27,8 @@ void crash_recover_tmpfs(const std::string& tmpfs_path, bool tmpfs_mounted);
 void crash_recover_nfs();
 void crash_recover_cache();
 
+// Tells the controller that no VM's snapshots have a suffix any more, if it runs: one that a predecessor set stands for
+// snapshots that are gone. For the controller thread's first cycle.
+void crash_recover_reset_snap_suffix();
+
 }  // namespace mirador

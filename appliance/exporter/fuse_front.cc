@@ -5,7 +5,10 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fuse.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cinttypes>
 #include <csignal>
@@ -19,10 +22,14 @@
 #include "appliance/exporter/controller_thr.h"
 #include "appliance/exporter/open_files.h"
 #include "appliance/exporter/options.h"
+#include "appliance/exporter/runtime_alerts.h"
 #include "appliance/exporter/vm_proxy_api.h"
 #include "appliance/exporter/vm_proxy_attr.h"
 #include "appliance/exporter/vm_proxy_read.h"
+#include "appliance/exporter/vm_update.h"
+#include "appliance/lib/cor_namespace.h"
 #include "appliance/lib/registry.h"
+#include "appliance/lib/shadow_names.h"
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
 #include "lib/error_hash.h"
@@ -33,7 +40,6 @@ namespace {
 
 constexpr int call_level = 2;   // debug level of the line for each call
 constexpr int entry_level = 3;  // and of the line for each directory entry
-constexpr const char* lock_file_name = ".corvantis.lck";
 
 call_tracker_t _getattr_tracker("mirador_getattr", "opened", "INITIAL GETATTR");
 call_tracker_t _open_tracker("mirador_open", "opened", "INITIAL OPEN");
@@ -58,12 +64,24 @@ bool is_hidden(std::string_view path) {
     return false;
 }
 
+// At high debug levels attributes that look wrong are printed.
+void cross_check(const char* path, const char* caller, const struct stat& st) {
+    if (get_reg_settings()->debug_level > entry_level - 1)
+        cns_check_statb(path, caller, st, false);
+}
+
 // Logs an error, remembers it for the path and gives FUSE's reply.
 int reply_error(const char* path, errdesc_t* e) {
     const int number = e->number;
     error_hash_save(path, e);
     _errdesc_log(e, ERRDESC_ERROR);
     return -number;
+}
+
+// The same, and an alert.
+int reply_alert(const char* path, errdesc_t* e) {
+    raise_runtime_alert(path, translate_path(path), e);
+    return reply_error(path, e);
 }
 
 DIR* handle_dir(const fuse_file_info* fi) {
@@ -85,9 +103,11 @@ int mirador_getattr(const char* path, struct stat* st) {
     ts_dprintf(call_level, "mirador_getattr(path %s, st_data %p)\n", path, as_pointer(st));
     if (tracks_calls())
         _getattr_tracker.track(path);
-    errdesc_t* e = vm_proxy_getattr(path, translate_path(path), st);
-    if (e == nullptr)
+    errdesc_t* e = vm_proxy_getattr(path, translate_path(path), true, st);
+    if (e == nullptr) {
+        cross_check(path, "mirador_getattr", *st);
         return 0;
+    }
     const int number = e->number;
     error_hash_save(path, e);
     if (tracks_calls())
@@ -114,11 +134,36 @@ int mirador_setxattr(const char* path, const char* name, const char*, std::size_
     return -1;
 }
 
+// The VM directory behind a path of the shadow tree: an alias by VM uuid leads there.
+std::string follow_alias(const std::string& shadow_path) {
+    struct stat st {};
+    if (lstat(shadow_path.c_str(), &st) != 0) {
+        _errdesc_log(errdesc_set_str(errno, shadow_path), ERRDESC_WARNING);
+        return shadow_path;
+    }
+    std::array<char, path_size> target{};
+    if (!S_ISLNK(st.st_mode) || readlink(shadow_path.c_str(), target.data(), target.size() - 1) < 0)
+        return shadow_path;
+    return target.data();
+}
+
+// Refreshes the VM whose directory a client opens.
+void refresh_vm(const char* path, const std::string& shadow_path) {
+    const bool has_aliases = get_reg_settings()->export_vm_uuid_enabled;
+    errdesc_t* e = vm_update(has_aliases ? follow_alias(shadow_path) : shadow_path, false, false);
+    if (e == nullptr)
+        return;
+    error_hash_save(path, e);
+    _errdesc_log(e, ERRDESC_WARNING);
+}
+
 int mirador_opendir(const char* path, fuse_file_info* fi) {
+    const std::string shadow_path = translate_path(path);
+    refresh_vm(path, shadow_path);
     ts_dprintf(call_level, "mirador_opendir(path %s, fuse_file_info %p)\n", path, as_pointer(fi));
-    DIR* dir = opendir(translate_path(path).c_str());
+    DIR* dir = opendir(shadow_path.c_str());
     if (dir == nullptr)
-        return reply_error(path, errdesc_set_str(errno, path));
+        return reply_alert(path, errdesc_set_str(errno, path));
     fi->fh = reinterpret_cast<std::uintptr_t>(dir);
     return 0;
 }
@@ -135,10 +180,11 @@ bool fill_entry(const char* path, const char* name, void* buf, fuse_fill_dir_t f
     const char* directory = path[0] == '/' && path[1] == '\0' ? "" : path;  // one slash in front of the root's entries
     const std::string entry_path = cor_format("%s/%s", directory, name);
     struct stat st {};
-    if (errdesc_t* e = vm_proxy_getattr(entry_path, translate_path(entry_path.c_str()), &st)) {
+    if (errdesc_t* e = vm_proxy_getattr(entry_path, translate_path(entry_path.c_str()), false, &st)) {
         _errdesc_log(e, ERRDESC_ERROR);
         return true;
     }
+    cross_check(entry_path.c_str(), "mirador_readdir", st);
     return filler(buf, name, &st, 0) == 0;
 }
 
@@ -150,10 +196,10 @@ int mirador_readdir(const char* path, void* buf, fuse_fill_dir_t filler, off_t o
     errno = 0;
     const dirent* entry = readdir(dir);  // NOLINT(concurrency-mt-unsafe): the stream belongs to this handle
     if (entry == nullptr)
-        return reply_error(path, errdesc_set_str(errno, path));
+        return reply_alert(path, errdesc_set_str(errno, path));
     for (; entry != nullptr; entry = readdir(dir)) {  // NOLINT(concurrency-mt-unsafe)
         ts_dprintf(entry_level, "    mirador_readdir(%s): got %s\n", path, entry->d_name);
-        if (std::string_view(entry->d_name) == lock_file_name)
+        if (std::string_view(entry->d_name) == shadow_lock_name)
             continue;
         if (!fill_entry(path, entry->d_name, buf, filler))
             return -ENOMEM;
@@ -182,7 +228,7 @@ int mirador_open(const char* path, fuse_file_info* fi) {
 int mirador_read(const char* path, char* buf, std::size_t size, off_t offset, fuse_file_info* fi) {
     std::size_t bytes_read = 0;
     errdesc_t* e = vm_proxy_read(buf, size, offset, open_files_t::get(fi->fh), &bytes_read);
-    return e == nullptr ? static_cast<int>(bytes_read) : reply_error(path, e);
+    return e == nullptr ? static_cast<int>(bytes_read) : reply_alert(path, e);
 }
 
 int mirador_statfs(const char* path, struct statvfs* st) {

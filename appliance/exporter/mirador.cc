@@ -16,6 +16,7 @@
 #include "appliance/exporter/fuse_front.h"
 #include "appliance/exporter/options.h"
 #include "appliance/exporter/vm_proxy_evict.h"
+#include "controller/lib/managed_alert.h"
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
 #include "lib/instance_lock.h"
@@ -135,10 +136,15 @@ int serve(fuse_args* args, background_t* background) {
     if (!prepare_tmpfs())
         return 1;
     cnt_thr_set_up(options.tmpfs_mount_point, options.use_existing_dir != 0);
+    if (options.start_cnt_threads != 0)
+        cnt_thr_start();
     (void)fuse_serve(args, [&] { background->serving(options.log_dir != nullptr); });  // it has told its failure
+    if (options.start_cnt_threads != 0)
+        cnt_thr_stop();
     if (!remove_tmpfs())
         return 1;
     vm_proxy_release_all();
+    managed_alert_shutdown();
     cor_assert(cor_exit() == nullptr);
     return 0;
 }

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "appliance/exporter/export_names.h"
+#include "appliance/exporter/runtime_alerts.h"
 #include "appliance/exporter/vm_proxy_open.h"
 #include "lib/clock.h"
 #include "lib/cor_assert.h"
@@ -102,6 +103,7 @@ errdesc_t* vm_proxy_open(const std::string& path, const std::string& shadow_path
         return nullptr;
     _errdesc_log(e, ERRDESC_ERROR);
     error_hash_save(export_path, e);
+    raise_runtime_alert(export_path, export_shadow, e);
     return errdesc_set_str(ENOENT, path);
 }
 

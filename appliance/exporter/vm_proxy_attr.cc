@@ -9,6 +9,8 @@
 #include "appliance/exporter/export_names.h"
 #include "appliance/exporter/vm_proxy_open.h"
 #include "appliance/exporter/vm_proxy_table.h"
+#include "appliance/exporter/vm_update.h"
+#include "appliance/lib/cor_namespace.h"
 #include "appliance/lib/registry.h"
 #include "lib/cor_assert.h"
 #include "lib/error_hash.h"
@@ -19,6 +21,7 @@ namespace mirador {
 namespace {
 
 constexpr blksize_t preferred_block_size = 131072;
+constexpr int check_debug_level = 2;  // above it attributes that look wrong are printed
 
 // The status of a shadow path, or, where that fails, of the export that it is the loop-file name of; *shadow_path
 // becomes the name that was found.
@@ -34,6 +37,11 @@ errdesc_t* stat_shadow(const std::string& path, std::string* shadow_path, struct
         return errdesc_set_fmt(errno, "lstat failed: %s", shadow_path->c_str());
     *shadow_path = export_shadow;
     return nullptr;
+}
+
+void refresh_vm_of(const std::string& shadow_file) {
+    if (errdesc_t* e = vm_update(shadow_file.substr(0, shadow_file.rfind('/')), false, false))
+        _errdesc_log(e, ERRDESC_WARNING);
 }
 
 // What "devicemapper_path" and "vm_uuid" tell of a flat disk that has been opened; empty for everything else.
@@ -79,10 +87,12 @@ errdesc_t* attribute_value(const std::string& path, const std::string& shadow_pa
 
 }  // namespace
 
-errdesc_t* vm_proxy_getattr(const std::string& path, const std::string& shadow_path, struct stat* stbuf) {
+errdesc_t* vm_proxy_getattr(const std::string& path, const std::string& shadow_path, bool update, struct stat* stbuf) {
     std::string found = shadow_path;
     RETURN_IF_ERROR(stat_shadow(path, &found, stbuf));
     if (!S_ISDIR(stbuf->st_mode)) {
+        if (update)
+            refresh_vm_of(found);
         std::unique_ptr<vm_proxy_header_t> header;
         RETURN_IF_ERROR(vm_proxy_read_header_checked(found, &header));
         *stbuf = cor_statb_to_stat(header->statb);
@@ -91,6 +101,8 @@ errdesc_t* vm_proxy_getattr(const std::string& path, const std::string& shadow_p
     }
     stbuf->st_ino = fs_ino_hash(path);
     stbuf->st_blksize = preferred_block_size;
+    if (get_reg_settings()->debug_level > check_debug_level)
+        cns_check_statb(path, "vm_proxy_getattr", *stbuf, false);
     return nullptr;
 }
 

@@ -22,9 +22,10 @@
 namespace mirador {
 
 // The attributes of the exported `path`, whose shadow is `shadow_path`: for a file those stored in its proxy header.
-// Inode numbers follow from the exported path alone. Errors: errno with "lstat failed: <shadow_path>"; the proxy
-// header's.
-[[nodiscard]] errdesc_t* vm_proxy_getattr(const std::string& path, const std::string& shadow_path, struct stat* stbuf);
+// Inode numbers follow from the exported path alone. With `update`, a file's VM is refreshed first if it needs it.
+// Errors: errno with "lstat failed: <shadow_path>"; the proxy header's.
+[[nodiscard]] errdesc_t* vm_proxy_getattr(const std::string& path, const std::string& shadow_path, bool update,
+                                          struct stat* stbuf);
 
 // Reads an extended attribute. *size: on entry the room in `value`, 0 asks for the length only; on return the length,
 // terminator included. Errors: 34 when the value does not fit, with one more than the length in its text; those of

@@ -75,8 +75,7 @@ errdesc_t* admit(cookie_ptr* candidate, cookie_ptr* victim) NO_THREAD_SAFETY_ANA
         return nullptr;
     }
     const auto max_session = static_cast<std::size_t>(std::max(get_reg_settings()->max_session.get(), 0));
-    cor_assert_text(table.list.size() <= max_session, "count <= max_session");
-    if (table.list.size() == max_session)
+    if (table.list.size() >= max_session)  // above it when the controller's settings came after the first clients
         RETURN_IF_ERROR(vm_proxy_take_victim(true, std::nullopt, victim));
     table.list.push_back(*candidate);
     return nullptr;

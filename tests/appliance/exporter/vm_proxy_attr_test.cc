@@ -24,7 +24,7 @@ class vm_proxy_attr : public shadow_fixture_t {
     }
     struct stat attributes(const std::string& path) const {
         struct stat st {};
-        EXPECT_EQ(vm_proxy_getattr(path, shadow_path(path), &st), nullptr) << path;
+        EXPECT_EQ(vm_proxy_getattr(path, shadow_path(path), true, &st), nullptr) << path;
         return st;
     }
 };
@@ -55,11 +55,11 @@ TEST_F(vm_proxy_attr, FilesReportWhatTheirHeaderSays) {
     EXPECT_TRUE(S_ISDIR(attributes("/vm").st_mode));
 
     struct stat st {};
-    const errdesc_t* e = vm_proxy_getattr("/none", shadow_path("/none"), &st);
+    const errdesc_t* e = vm_proxy_getattr("/none", shadow_path("/none"), true, &st);
     EXPECT_EQ(e->number, ENOENT);
     EXPECT_EQ(e->string, "lstat failed: " + shadow_path("/none"));
     make_file("shadow/short", "x");
-    EXPECT_EQ(vm_proxy_getattr("/short", shadow_path("/short"), &st)->number, 126);
+    EXPECT_EQ(vm_proxy_getattr("/short", shadow_path("/short"), false, &st)->number, 126);
 }
 
 TEST_F(vm_proxy_attr, TouchKeepsSizeRulesAndTheCountOfBlocks) {

@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "appliance/exporter/user_folders.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+
+#include "appliance/lib/shadow_names.h"
+#include "controller/lib/inventory_check.h"
+#include "lib/errdesc.h"
+#include "lib/file_tree.h"
+#include "lib/log.h"
+
+namespace mirador {
+namespace {
+
+constexpr mode_t folder_mode = 0777;
+constexpr int folder_level = 2;  // debug level
+
+// The folder's directory. False, logged, for a name that can be none.
+bool folder_path(const std::string& root, const ks_vm_folder_t& folder, std::string* path) {
+    errdesc_t* e = ks_vm_folder_check(folder);
+    if (e == nullptr)
+        e = shadow_group_path(root, ks_text(folder.fldr_name), "Folder name", path);
+    if (e != nullptr)
+        _errdesc_log(e, ERRDESC_INFO);
+    return e == nullptr;
+}
+
+void add_folder(const std::string& root, const ks_vm_folder_t& folder) {
+    std::string path;
+    if (!folder_path(root, folder, &path))
+        return;
+    ts_printf("process_folders_iter: add folder %s\n", path.c_str());
+    if (mkdirp(path, folder_mode) != 0)
+        _errdesc_log(errdesc_set_str(errno, path), ERRDESC_INFO);
+}
+
+// Moves a folder that holds no VMs.
+bool move_folder(const std::string& root, const ks_vm_folder_t& old_folder, const ks_vm_folder_t& folder) {
+    std::string old_path;
+    std::string path;
+    if (!folder_path(root, old_folder, &old_path) || !folder_path(root, folder, &path))
+        return false;
+    if (std::rename(old_path.c_str(), path.c_str()) == 0)
+        return true;
+    _errdesc_log(errdesc_set_fmt(errno, "Failed to rename folder %s to %s", old_path.c_str(), path.c_str()),
+                 ERRDESC_INFO);
+    return false;
+}
+
+}  // namespace
+
+void user_folders_t::rename_folder(const std::string& root, const ks_vm_folder_t& folder,
+                                   std::vector<ks_vm_folder_t>::iterator old_folder) {
+    const std::string& uuid = ks_text(folder.fldr_uuid);
+    const std::string& old_name = ks_text(old_folder->fldr_name);
+    const std::string& name = ks_text(folder.fldr_name);
+    ts_printf("process_folders_iter: rename folder from %s to %s (uuid = %s)\n", old_name.c_str(), name.c_str(),
+              uuid.c_str());
+    if (old_folder->numVMs != 0) {
+        ts_dprintf(folder_level,
+                   "process_folders_iter: folder (uuid = %s) renamed from %s to %s with %d VMs in it, do nothing on "
+                   "the old folder until hv_thr processed it\n",
+                   uuid.c_str(), old_name.c_str(), name.c_str(), static_cast<int>(old_folder->numVMs));
+        add_folder(root, folder);
+    } else if (move_folder(root, *old_folder, folder)) {
+        fldr_list_.erase(old_folder);
+    }
+}
+
+void user_folders_t::process_folder(const std::string& root, const ks_vm_folder_t& folder) {
+    const auto old_folder = std::ranges::find_if(fldr_list_, [&folder](const ks_vm_folder_t& other) {
+        return ks_text(other.fldr_uuid) == ks_text(folder.fldr_uuid);
+    });
+    if (old_folder == fldr_list_.end()) {
+        add_folder(root, folder);
+    } else if (ks_text(old_folder->fldr_name) == ks_text(folder.fldr_name)) {
+        ts_dprintf(folder_level, "process_folders_iter: existing folder %s/%s\n", root.c_str(),
+                   ks_text(folder.fldr_name).c_str());
+        fldr_list_.erase(old_folder);
+    } else {
+        rename_folder(root, folder, old_folder);
+    }
+}
+
+void user_folders_t::process_user_defined_folders(const std::string& root,
+                                                  std::optional<std::vector<ks_vm_folder_t>> cur_folders) {
+    cur_fldr_list_ = std::move(cur_folders);
+    if (!cur_fldr_list_) {
+        ts_printf("process_user_defined_folders: WARNING: invalid list of cur_folders\n");
+        return;
+    }
+    for (const ks_vm_folder_t& folder : *cur_fldr_list_)
+        process_folder(root, folder);
+}
+
+void user_folders_t::remove_old_user_defined_folders(const std::string& root) {
+    if (!cur_fldr_list_) {
+        ts_printf(
+            "remove_old_user_defined_folders: WARNING: invalid list of cur_fldr_list or cnt_thr_state.fldr_list\n");
+        return;
+    }
+    for (ks_vm_folder_t& folder : fldr_list_) {
+        std::string path;
+        if (!folder_path(root, folder, &path))
+            continue;
+        ts_printf("remove_old_user_defined_folders: remove old folder %s\n", path.c_str());
+        if (rmdir(path.c_str()) == 0 || errno == ENOENT)
+            continue;
+        _errdesc_log(errdesc_set_fmt(errno, "Failed to remove folder %s", path.c_str()), ERRDESC_INFO);
+        cur_fldr_list_->push_back(std::move(folder));
+    }
+    fldr_list_ = std::move(*cur_fldr_list_);
+    cur_fldr_list_.reset();
+}
+
+void user_folders_t::dump() const {
+    for (const ks_vm_folder_t& folder : fldr_list_)
+        ks_vm_folder_dump(&folder);
+}
+
+}  // namespace mirador

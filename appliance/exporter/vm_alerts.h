@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+// The alerts that the exporter raises about virtual machines. They are requests to the controller and take their time.
+#pragma once
+
+#include <string>
+
+#include "controller/lib/kestrel_types.h"
+#include "lib/errdesc.h"
+
+namespace mirador {
+
+// Raises the VM's discovery alert with the error, or clears it (null). An alert that cannot be sent is only
+// logged, and the thread's error stays what it was; the same of the next.
+void raise_vm_discovery_alert(const errdesc_t* e, const ks_vm_config_t& vmc);
+
+// Tells, or no longer tells, that a disk cannot be exported because snapshots leave it out.
+void post_independent_disk_alert(const ks_vm_config_t& vmc, const std::string& disk_name, bool independent);
+
+// Clears the alert that a disk's change id was not the expected one. Errors: the controller client's.
+[[nodiscard]] errdesc_t* clear_unexpected_changeid_alert(const ks_vm_config_t& vmc);
+
+}  // namespace mirador

@@ -1,0 +1,229 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "appliance/exporter/vm_update.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "appliance/exporter/controller_thr.h"
+#include "appliance/exporter/vm_alerts.h"
+#include "appliance/exporter/vm_cbt_reset.h"
+#include "appliance/exporter/vm_proxy_touch.h"
+#include "appliance/exporter/vmx_write_cfg.h"
+#include "appliance/lib/registry.h"
+#include "appliance/lib/shadow_dir.h"
+#include "appliance/lib/shadow_names.h"
+#include "lib/clock.h"
+#include "lib/error_hash.h"
+#include "lib/log.h"
+#include "vmware/lib/vmx/vmx_convert.h"
+
+namespace mirador {
+namespace {
+
+constexpr std::time_t retry_interval = 30;  // seconds after a failed update
+constexpr int update_level = 1;             // debug levels
+constexpr int skip_level = 4;
+
+// One update on its way. The records are copies: what the controller says meanwhile is for the next update.
+struct attempt_t {
+    vm_state_t& vm;
+    ks_vm_config_t vmc{};
+    ks_vdisk_list_t vdisks{};
+    vd_update_t update{};
+    vmx_conversion_t conversions{};
+    bool full = false;
+    bool remove_old_disks = true;
+    bool may_retry = true;  // a missing file is looked for once more in each update
+};
+
+bool is_fresh(const vm_state_t& vm, std::time_t now) {
+    const std::time_t interval = vm.failed_attempts == 0 ? get_reg_settings()->cache_ttl.get() : retry_interval;
+    return vm.last_update + interval > now;
+}
+
+std::string client_path(const vm_state_t& vm) {
+    return translate_shadow_path(vm.vm_path, cnt_thr_namespaceroot());
+}
+
+vd_update_t disk_update(const attempt_t& attempt, const vm_paths_t& paths, std::time_t now, bool keep_mtime) {
+    const ks_vm_config_t& vmc = attempt.vmc;
+    return {.gen = static_cast<std::uint64_t>(now),
+            .vm_shadow_path = attempt.vm.vm_path,
+            .vm_uuid = ks_text(vmc.uuid),
+            .working_dir = ks_is_set(vmc.snapshot_directory) ? *vmc.snapshot_directory : paths.vm_ds_dir,
+            .vm_dir = paths.vm_ds_dir,
+            .hv_name = ks_text(vmc.hv_hostname),
+            .is_template = vmc.is_template,
+            .use_cbt = vmc.use_cbt,
+            .force = attempt.full,
+            .keep_mtime = keep_mtime};
+}
+
+// The VM's entries beside its disks.
+errdesc_t* touch_entry(const attempt_t& attempt, vm_proxy_header_type_t type, const std::string& shadow_path,
+                       const std::string& real_path) {
+    const vm_proxy_touch_t touch{.link_path = real_path,
+                                 .stat_path = real_path,
+                                 .vm_uuid = attempt.update.vm_uuid,
+                                 .hv_name = attempt.update.hv_name,
+                                 .type = type,
+                                 .is_template = attempt.update.is_template,
+                                 .keep_mtime = attempt.update.keep_mtime};
+    RETURN_IF_ERROR(vm_proxy_touch_check(touch));
+    return vm_proxy_touch(shadow_path, touch);
+}
+
+bool only_keeps_disks(errnum_t number) {
+    return number == EAGAIN || number == EBADFD || number == ENOENT;
+}
+
+errdesc_t* update_exported_disk(attempt_t* attempt, const ks_vdisk_t& vdisk) REQUIRES(attempt->vm.mutex) {
+    const vd_state_t* state = nullptr;
+    errdesc_t* e = vd_update(&attempt->vm.vd_list, vdisk, attempt->update, &state);
+    if (e != nullptr && e->number == ENOENT && std::exchange(attempt->may_retry, false))
+        e = vd_update(&attempt->vm.vd_list, vdisk, attempt->update, &state);
+    if (e == nullptr) {
+        attempt->conversions.emplace_back(state->current_vd_path, state->new_vd_name);
+        return nullptr;
+    }
+    if (!only_keeps_disks(e->number))
+        return e;
+    _errdesc_log(e, ERRDESC_WARNING);
+    attempt->remove_old_disks = false;
+    return nullptr;
+}
+
+errdesc_t* update_disk(attempt_t* attempt, const ks_vdisk_t& vdisk) REQUIRES(attempt->vm.mutex) {
+    if (!ks_is_set(vdisk.head_ascii_path))
+        return errdesc_set_fmt(ENOENT, "Missing virtual disk head delta information in %s %s",
+                               ks_text(attempt->vmc.vm_name).c_str(), ks_text(vdisk.name).c_str());
+    post_independent_disk_alert(attempt->vmc, ks_text(vdisk.name), vdisk.independent);
+    return vdisk.independent ? nullptr : update_exported_disk(attempt, vdisk);
+}
+
+errdesc_t* update_disks(attempt_t* attempt) REQUIRES(attempt->vm.mutex) {
+    if (attempt->vdisks.empty())
+        return nullptr;
+    vd_touch_gen(attempt->vdisks, &attempt->vm.vd_list, attempt->update.gen);
+    for (const ks_vdisk_t& vdisk : attempt->vdisks)
+        RETURN_IF_ERROR(update_disk(attempt, vdisk));
+    return nullptr;
+}
+
+errdesc_t* check_conflict(const attempt_t& attempt) REQUIRES(attempt.vm.mutex) {
+    const shadow_owner_t owner{.vm_name = ks_text(attempt.vmc.vm_name),
+                               .group = ks_text(attempt.vmc.fldr_name),
+                               .hv_hostname = ks_text(attempt.vmc.hv_hostname)};
+    return check_naming_conflict(attempt.vm.paths.vmx_shadow_path, owner, attempt.vm.paths.vm_symlink);
+}
+
+// Without the VMX file the disks are exported all the same.
+void copy_vmx(attempt_t* attempt) REQUIRES(attempt->vm.mutex) {
+    vm_state_t& vm = attempt->vm;
+    errdesc_t* e = vmx_copy_convert(vm.paths.vmx_ds_path, vm.paths.vm_cached_path, attempt->conversions);
+    vm.vmx_available = e == nullptr;
+    if (e == nullptr)
+        return;
+    error_hash_save(client_path(vm), e);
+    _errdesc_log(e, ERRDESC_WARNING);
+}
+
+// The steps that count as an attempt.
+errdesc_t* write_entries(attempt_t* attempt) REQUIRES(attempt->vm.mutex) {
+    vm_state_t& vm = attempt->vm;
+    if (attempt->full)
+        copy_vmx(attempt);
+    if (vm.vmx_available)
+        RETURN_IF_ERROR(touch_entry(*attempt, VM_PROXY_HEADER_VMX, vm.paths.vmx_shadow_path, vm.paths.vm_cached_path));
+    if (attempt->remove_old_disks)
+        vd_stop_old(&vm.vd_list, attempt->update.gen);
+    if (attempt->full)
+        RETURN_IF_ERROR(vmx_write_cfg(attempt->vmc, vm.paths, vm.vd_list));
+    return touch_entry(*attempt, VM_PROXY_HEADER_CFG, vm.paths.vm_cfg_path, vm.paths.vm_cfg_cached_path);
+}
+
+// Records how an attempt ended.
+void conclude(attempt_t* attempt, const errdesc_t* e, std::time_t start) {
+    const errdesc_keeper_t keeper;
+    vm_state_t& vm = attempt->vm;
+    if (e == nullptr && attempt->vmc.cbt_reset_pending)
+        clear_cbt_reset_pending(&vm, attempt->vmc);
+    raise_vm_discovery_alert(e, attempt->vmc);
+    if (e != nullptr)
+        error_hash_save(client_path(vm), e);
+    const std::time_t now = clock_now();
+    ts_dprintf(update_level, "vm_update: refreshed '%s' in %ld seconds %s\n", vm.vm_path.c_str(),
+               static_cast<long>(now - start), e == nullptr ? "successful" : "failed");
+    vm.last_update = now;
+    vm.refresh_now = false;
+    vm.failed_attempts = e == nullptr ? 0 : vm.failed_attempts + 1;
+}
+
+attempt_t begin(vm_state_t* vm, std::time_t now, bool full, bool keep_mtime) REQUIRES(vm->mutex) {
+    const read_lock_t lock(vm->vmc_rwlock);
+    attempt_t attempt{*vm};
+    attempt.vmc = vm->vmc;
+    attempt.vdisks = vm->vmc_vdisk_list;
+    attempt.full = full;
+    attempt.update = disk_update(attempt, vm->paths, now, keep_mtime);
+    return attempt;
+}
+
+errdesc_t* refresh(vm_state_t* vm, std::time_t now, bool force, bool keep_mtime) {
+    const mutex_lock_t lock(vm->mutex);
+    attempt_t attempt = begin(vm, now, force || vm->refresh_now, keep_mtime);
+    if (!force && attempt.vmc.snap_exists >= 1) {
+        ts_dprintf(skip_level, "%s skipping refresh because of snapshot lock\n", vm->vm_path.c_str());
+        return nullptr;
+    }
+    if (attempt.full)
+        ts_dprintf(update_level, "%s doing full update\n", vm->vm_path.c_str());
+    ts_dprintf(update_level, "_vm_update: refreshing '%s'\n", vm->vm_path.c_str());
+    if (attempt.full)
+        RETURN_IF_ERROR(check_conflict(attempt));
+    RETURN_IF_ERROR(update_disks(&attempt));
+    errdesc_t* e = write_entries(&attempt);
+    conclude(&attempt, e, now);
+    return e;
+}
+
+}  // namespace
+
+errdesc_t* _vm_update(vm_state_t* vm_state, bool force, bool keep_mtime) {
+    std::time_t now = clock_now();
+    if (!force && !vm_state->refresh_now && is_fresh(*vm_state, now))
+        return nullptr;
+    if (vm_state->last_update == now)
+        now++;
+    return refresh(vm_state, now, force, keep_mtime);
+}
+
+errdesc_t* vm_update(const std::string& vm_shadow_path, bool force, bool keep_mtime) {
+    const vm_state_ref_t state = vm_state_get(vm_shadow_path);
+    if (!state)
+        return nullptr;
+    vm_state_t& vm = *state;
+    if (!vm.refresh_now && !force && !get_reg_settings()->ondemand_refresh)
+        return nullptr;
+    return _vm_update(&vm, force, keep_mtime);
+}
+
+void vm_update_all(const std::string& hv_hostname, const std::function<bool()>& goes_on) {
+    vm_state_each(hv_hostname, [&](vm_state_t& vm) {
+        if (!goes_on())
+            return false;
+        if (errdesc_t* e = _vm_update(&vm, false, false))
+            _errdesc_log(e, ERRDESC_WARNING);
+        return true;
+    });
+}
+
+void vm_refresh_all(const std::string& hv_hostname) {
+    vm_state_each(hv_hostname, [](vm_state_t& vm) { return vm.refresh_now = true; });
+}
+
+}  // namespace mirador

@@ -1,0 +1,147 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "appliance/exporter/cnt_cycle.h"
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <functional>
+#include <thread>
+
+#include "appliance/exporter/controller_thr.h"
+#include "appliance/exporter/hv_thr.h"
+#include "appliance/exporter/vm_state.h"
+#include "lib/clock.h"
+#include "lib/tool_paths.h"
+#include "tests/appliance/exporter/inventory_lab.h"
+
+namespace mirador {
+namespace {
+
+using testing::Contains;
+using testing::HasSubstr;
+
+class cnt_cycle_test : public inventory_lab_t {
+  protected:
+    cnt_cycle_test() {
+        tool_paths().pgrep = write_script(dir_ / "pgrep", "echo 1\n");
+        tool_paths().controller_watchdog = write_script(dir_ / "watchdog", "echo running\n");
+    }
+    ~cnt_cycle_test() override { hv_thr_stop_all(); }
+
+    bool cycle() {
+        return cnt_cycle_run({.root = shadow_, .gen = gen_++, .goes_on = [] { return true; }}, &folders_);
+    }
+    // Hypervisors' threads work in their own time.
+    static bool soon(const std::function<bool()>& condition) {
+        for (int i = 0; i < 3000; i++) {
+            if (condition())
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+    bool soon_names(const std::string& dir, const std::string& expected) const {
+        const bool found = soon([&] { return names(dir) == expected; });
+        EXPECT_EQ(names(dir), expected);
+        return found;
+    }
+
+    std::uint64_t gen_ = 1;
+    user_folders_t folders_;
+    fast_clock_t clock_{50};
+};
+
+TEST_F(cnt_cycle_test, VmsComeAndGoWithTheirHypervisors) {
+    lab_vm_t a;
+    lab_vm_t b;
+    b.name = "b";
+    b.uuid = "564d0002";
+    b.host = "esx2";
+    b.vmx_path = "b/b.vmx";
+    b.disks = {{.dir = "b"}};
+    make_files(a);
+    make_files(b);
+    list({a, b});
+    ASSERT_TRUE(cycle());
+    EXPECT_TRUE(soon_names("esx1/vm", "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx"));
+    EXPECT_TRUE(soon_names("esx2/b", "b.cfg b.vmx disk-flat.vmdk disk.vmdk"));
+
+    b.host = "esx3";  // the host is called otherwise now
+    list({a, b});
+    ASSERT_TRUE(cycle());
+    EXPECT_TRUE(soon_names("esx3/b", "b.cfg b.vmx disk-flat.vmdk disk.vmdk"));
+    EXPECT_EQ(names(""), "esx1 esx3");
+
+    list({a});
+    ASSERT_TRUE(cycle());
+    EXPECT_EQ(names(""), "esx1");
+    a.exported = false;
+    list({a});
+    ASSERT_TRUE(cycle());
+    EXPECT_EQ(names("esx1"), "");
+}
+
+TEST_F(cnt_cycle_test, TreeRecoversFromACycleWithoutHypervisors) {
+    lab_vm_t vm;
+    make_files(vm);
+    list({vm});
+    ASSERT_TRUE(cycle());
+    EXPECT_TRUE(soon_names("esx1/vm", "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx"));
+    answer("hvconfig", "garbage");
+    EXPECT_FALSE(cycle());
+    EXPECT_EQ(names(""), "");
+    list({vm});
+    ASSERT_TRUE(cycle());
+    EXPECT_TRUE(soon_names("esx1/vm", "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx"));
+}
+
+TEST_F(cnt_cycle_test, RecordsThatReachOutsideAreLeftOut) {
+    lab_vm_t good;
+    lab_vm_t bad;
+    bad.name = "bad";
+    bad.uuid = "../../x";
+    make_files(good);
+    list({good, bad});
+    answer("hvconfig", R"([{"hostname": ".."}, {"hostname": ""}, {"hostname": "a/b"}, {"hostname": "esx1"}, {}, 7])");
+    answer("folder", R"([{"name": "..", "uuid": "f1"}, {"name": "a/b", "uuid": "f2"}, {"name": "ok", "uuid": "f3"}])");
+    ASSERT_TRUE(cycle());
+    EXPECT_TRUE(soon_names("esx1/vm", "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx"));
+    EXPECT_EQ(names(""), "esx1 ok");
+    EXPECT_THAT(alerts(), Contains(HasSubstr("alert_post vm_discovery esx1:bad")));
+}
+
+TEST_F(cnt_cycle_test, FoldersAreMovedWhenEmptyAndStayBesideWhileVmsAreInThem) {
+    answer("folder", R"([{"name": "one", "uuid": "f1", "numVms": 0}, {"name": "two", "uuid": "f2", "numVms": 1}])");
+    lab_vm_t vm;
+    vm.folder = "two";
+    make_files(vm);
+    list({vm});
+    ASSERT_TRUE(cycle());
+    EXPECT_TRUE(soon_names("two/vm", "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx"));
+    EXPECT_EQ(names(""), "one two");
+
+    write_file(shadow_ + "/one/kept", "");  // shows that the directory is moved, not made anew
+    answer("folder", R"([{"name": "uno", "uuid": "f1", "numVms": 0}, {"name": "due", "uuid": "f2", "numVms": 1}])");
+    ASSERT_TRUE(cycle());  // the VM is in "two" still
+    EXPECT_EQ(names(""), "due two uno");
+    EXPECT_EQ(names("uno"), "kept");
+    std::filesystem::remove(shadow_ + "/uno/kept");
+
+    vm.folder = "due";
+    list({vm});
+    ASSERT_TRUE(cycle());
+    EXPECT_TRUE(soon_names("due/vm", "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx"));
+    EXPECT_EQ(names(""), "due uno");
+
+    answer("folder", "", 500);  // what cannot be had changes nothing
+    ASSERT_TRUE(cycle());
+    EXPECT_EQ(names(""), "due uno");
+    answer("folder", "[]");
+    vm.folder = "";
+    list({vm});
+    ASSERT_TRUE(cycle());
+    EXPECT_EQ(names(""), "esx1");
+}
+
+}  // namespace
+}  // namespace mirador

@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: Apache-2.0
+// A small world for tests of the inventory: a controller that answers over HTTP what the test tells it and keeps what
+// it is sent, a datastore with VMs on it, a shadow tree, a cache. One controller serves all tests of a program.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <json-c/json.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "controller/lib/kestrel_types.h"
+#include "lib/thread_annotations.h"
+#include "tests/lib/temp_dir.h"
+
+namespace mirador {
+
+// One disk as the controller lists it; paths are below the lab's datastore.
+struct lab_disk_t {
+    std::string name = "disk.vmdk";
+    std::string dir = "vm";  // of base and head
+    std::string head = "";   // head descriptor's file name; the base's when empty
+    bool independent = false;
+    bool thin = false;
+};
+
+struct lab_vm_t {
+    std::string name = "vm";
+    std::string uuid = "564d0001";
+    std::string folder;
+    std::string host = "esx1";
+    std::string vmx_path = "vm/vm.vmx";
+    bool use_cbt = false;
+    bool cbt_reset_pending = false;
+    bool exported = true;
+    int snap_exists = -1;
+    int discovered = 0;  // a change of it alone makes the VM "changed"
+    std::vector<lab_disk_t> disks = {{}};
+};
+
+class inventory_lab_t : public testing::Test {
+  protected:
+    inventory_lab_t();
+    ~inventory_lab_t() override;
+
+    static constexpr std::int64_t disk_bytes = 1 << 20;
+
+    // Writes the files of a VM: VMX, descriptors, flat extents.
+    void make_files(const lab_vm_t& vm) const;
+    void make_disk(const lab_disk_t& disk) const;
+    // Has the controller list these VMs, under the hypervisors that they name, and their disks.
+    void list(const std::vector<lab_vm_t>& vms);
+    // Has the controller answer a GET of "/api/<object>" with a body, or with a status alone.
+    void answer(const std::string& object, const std::string& body, int status = 200);
+
+    ks_vm_config_t config(const lab_vm_t& vm) const;
+    static ks_hypervisor_config_t host(const lab_vm_t& vm);
+
+    // The bodies that were posted to an object, in order.
+    std::vector<std::string> posted(const std::string& object) const;
+    // "<action> <alert id> <object id>" of each alert request since the last call.
+    std::vector<std::string> alerts();
+
+    // Names in a directory of the shadow tree, sorted; "-" when there is none.
+    std::string names(const std::string& dir) const;
+
+    temp_dir_t dir_;
+    const std::string shadow_ = dir_ / "shadow";
+    const std::string datastore_ = dir_ / "volumes/ds1";
+
+  private:
+    std::string vm_json(const lab_vm_t& vm) const;
+    std::string disks_json(const lab_vm_t& vm) const;
+    std::size_t alerts_seen_ = 0;
+};
+
+}  // namespace mirador

@@ -1,0 +1,226 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "appliance/exporter/vm_state.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <thread>
+
+#include "appliance/exporter/controller_thr.h"
+#include "appliance/exporter/vm_update.h"
+#include "appliance/lib/registry.h"
+#include "lib/clock.h"
+#include "tests/appliance/exporter/inventory_lab.h"
+
+namespace mirador {
+namespace {
+
+using testing::Contains;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class vm_state_test : public inventory_lab_t {
+  protected:
+    ~vm_state_test() override { get_reg_settings()->export_vm_uuid_enabled = false; }
+
+    errnum_t take(const lab_vm_t& vm, std::uint64_t gen, bool* updated) {
+        const errdesc_t* e = vm_state_update(config(vm), host(vm), shadow_, gen, updated);
+        text_ = e == nullptr ? "" : e->string;
+        return e == nullptr ? 0 : e->number;
+    }
+    errnum_t take(const lab_vm_t& vm, std::uint64_t gen = 1) {
+        bool updated = false;
+        return take(vm, gen, &updated);
+    }
+    std::string text_;
+};
+
+TEST_F(vm_state_test, NamesBecomeDirectoriesThatStayInTheirPlace) {
+    struct case_t {
+        const char* name;
+        const char* folder;
+        const char* dir;  // null: turned down
+    };
+    const std::string long_name(255, 'n');
+    const case_t cases[] = {
+        {"a/b.", "", "esx1/a%2Fb%2E"},
+        {"..", "", "esx1/.%2E"},
+        {"h\"*:<>?\\|", "", "esx1/h%22%2A%3A%3C%3E%3F%5C%7C"},
+        {"Größe 日本", "Ordner", "Ordner/Größe 日本"},
+        {long_name.c_str(), "", nullptr},  // checked below
+        {"vm", "..", nullptr},
+        {"vm", "a/b", nullptr},
+        {"vm", ".uuid", nullptr},
+    };
+    int number = 0;
+    for (const case_t& c : cases) {
+        lab_vm_t vm;
+        vm.name = c.name;
+        vm.folder = c.folder;
+        vm.uuid = "u" + std::to_string(number++);
+        list({vm});
+        const bool fits = c.dir != nullptr || vm.name == long_name;
+        EXPECT_EQ(take(vm), fits ? 0 : EINVAL) << c.name << " in " << c.folder;
+        if (c.dir != nullptr) {
+            EXPECT_EQ(names(c.dir), "") << c.dir;
+        }
+    }
+    lab_vm_t vm;
+    vm.name = std::string(254, 'n') + "/";  // too long once encoded
+    EXPECT_EQ(take(vm), ENAMETOOLONG);
+    EXPECT_THAT(alerts(), Contains(HasSubstr("alert_post vm_discovery")));
+}
+
+TEST_F(vm_state_test, UnchangedVmOnlyBearsTheCyclesNumber) {
+    lab_vm_t vm;
+    make_files(vm);
+    list({vm});
+    ASSERT_EQ(take(vm, 1), 0);
+    ASSERT_EQ(vm_update(shadow_ + "/esx1/vm", false, false), nullptr);
+    bool updated = true;
+    ASSERT_EQ(take(vm, 2, &updated), 0);
+    EXPECT_FALSE(updated);
+    EXPECT_FALSE((*vm_state_get(shadow_ + "/esx1/vm")).refresh_now);
+    vm.discovered = 7;
+    ASSERT_EQ(take(vm, 3, &updated), 0);
+    EXPECT_TRUE(updated);
+    EXPECT_TRUE((*vm_state_get(shadow_ + "/esx1/vm")).refresh_now);
+    vm_stop_old(3);
+    EXPECT_NE(names("esx1/vm"), "-");
+}
+
+TEST_F(vm_state_test, SecondVmOfANameIsTurnedDownAndTheFirstStays) {
+    lab_vm_t first;
+    first.folder = "all";
+    list({first});
+    ASSERT_EQ(take(first), 0);
+    lab_vm_t second = first;
+    second.uuid = "564d0002";
+    second.host = "esx2";
+    list({second});
+    EXPECT_EQ(take(second), EINVAL);
+    EXPECT_EQ(text_,
+              "Cannot assign two VMs with the same name (vm) into the same folder (all): attempted to add the VM to "
+              "the folder that already contains the VM (same name) of esx1.");
+    EXPECT_THAT(alerts(), Contains("alert_post vm_discovery esx2:vm"));
+    vm_stop_old(2);
+    EXPECT_EQ(names("all/vm"), "-");
+}
+
+TEST_F(vm_state_test, FailuresOfTheControllerAreTheVmsAlert) {
+    lab_vm_t vm;
+    list({vm});
+    answer("vdisk?vhost_uuid=" + vm.uuid, "", 500);
+    EXPECT_EQ(take(vm), EAGAIN);
+    EXPECT_EQ(names("esx1"), "-");
+    EXPECT_THAT(alerts(), Contains("alert_post vm_discovery esx1:vm"));
+    ks_vm_config_t nowhere = config(vm);
+    nowhere.datastore_name = "";
+    bool updated = false;
+    const errdesc_t* e = vm_state_update(nowhere, host(vm), shadow_, 1, &updated);
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->number, ENOENT);
+    EXPECT_STREQ(e->string, "Datastore for VM 'vm' is not accessible");
+}
+
+TEST_F(vm_state_test, RetiredVmGoesWithItsLastUser) {
+    get_reg_settings()->export_vm_uuid_enabled = true;
+    lab_vm_t vm;
+    make_files(vm);
+    list({vm});
+    ASSERT_EQ(take(vm, 1), 0);
+    ASSERT_EQ(vm_update(shadow_ + "/esx1/vm", false, false), nullptr);
+    EXPECT_GT(get_fs_blocks_used(), 0);
+    EXPECT_EQ(std::filesystem::read_symlink(shadow_ + "/.uuid/" + vm.uuid), shadow_ + "/esx1/vm");
+    {
+        const vm_state_ref_t user = vm_state_get(shadow_ + "/esx1/vm");
+        vm_stop_old(2);
+        EXPECT_NE(names("esx1/vm"), "-");
+        EXPECT_FALSE(vm_state_get(shadow_ + "/esx1/vm"));
+        EXPECT_EQ(take(vm, 3), ETIMEDOUT);  // its place is not free yet
+        EXPECT_THAT(alerts(), testing::Not(Contains(HasSubstr("alert_post"))));
+    }
+    EXPECT_EQ(names("esx1/vm"), "-");
+    EXPECT_EQ(names(".uuid"), "");
+    EXPECT_EQ(get_fs_blocks_used(), 0);
+    EXPECT_EQ(take(vm, 3), 0);
+}
+
+TEST_F(vm_state_test, BusyVmIsLeftForLater) {
+    lab_vm_t vm;
+    list({vm});
+    ASSERT_EQ(take(vm, 1), 0);
+    manual_clock_t clock(1000);
+    const vm_state_ref_t state = vm_state_get(shadow_ + "/esx1/vm");
+    std::atomic<bool> held = false;
+    std::atomic<bool> done = false;
+    std::thread holder([&] {
+        const mutex_lock_t lock((*state).mutex);
+        held = true;
+        while (!done)
+            std::this_thread::yield();
+    });
+    while (!held)
+        std::this_thread::yield();
+    vm.discovered = 1;
+    EXPECT_EQ(take(vm, 2), ETIMEDOUT);
+    done = true;
+    holder.join();
+    EXPECT_EQ(take(vm, 2), 0);
+}
+
+TEST_F(vm_state_test, WaitsUntilTheControllerSeesTheSnapshots) {
+    lab_vm_t vm;
+    list({vm});
+    ASSERT_EQ(take(vm), 0);
+    manual_clock_t clock(1000);
+    const std::string path = shadow_ + "/esx1/vm";
+    EXPECT_EQ(vm_wait_snapshot(path + "x", 1, 300)->number, EINVAL);
+    const errdesc_t* e = vm_wait_snapshot(path, 1, 300);
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->number, ETIME);
+    EXPECT_EQ(clock.slept(), 300);
+    EXPECT_EQ(vm_wait_snapshot(path, 0, 0)->number, ETIME);  // -1 is not none
+    vm.snap_exists = 2;
+    ASSERT_EQ(take(vm, 2), 0);
+    EXPECT_EQ(vm_wait_snapshot(path, 1, 0), nullptr);
+    EXPECT_EQ(vm_wait_snapshot(path, 0, 0)->number, ETIME);
+    vm.snap_exists = 0;
+    ASSERT_EQ(take(vm, 3), 0);
+    EXPECT_EQ(vm_wait_snapshot(path, 0, 0), nullptr);
+}
+
+// Updates, cycles and look-ups of one VM at the same time.
+TEST_F(vm_state_test, ComesAndGoesUnderEverybodysEyes) {
+    const std::string path = shadow_ + "/esx1/vm";
+    lab_vm_t vm;
+    make_files(vm);
+    list({vm});
+    std::atomic<bool> done = false;
+    std::vector<std::thread> users;
+    for (int i = 0; i < 3; i++)
+        users.emplace_back([&, i] {
+            while (!done) {
+                (void)vm_update(path, i == 0, false);
+                (void)vm_state_get(path);
+            }
+        });
+    for (std::uint64_t gen = 1; gen < 20; gen++) {
+        if (gen % 3 == 0) {
+            vm_stop_old(gen);
+            continue;
+        }
+        vm.discovered++;
+        while (take(vm, gen) == ETIMEDOUT) {
+        }
+    }
+    done = true;
+    for (std::thread& user : users)
+        user.join();
+    vm_stop_old(100);
+    EXPECT_EQ(names("esx1/vm"), "-");
+}
+
+}  // namespace
+}  // namespace mirador

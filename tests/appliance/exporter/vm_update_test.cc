@@ -1,0 +1,225 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "appliance/exporter/vm_update.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "appliance/lib/registry.h"
+#include "appliance/lib/vm_proxy_header.h"
+#include "lib/clock.h"
+#include "lib/error_hash.h"
+#include "tests/appliance/exporter/inventory_lab.h"
+
+namespace mirador {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+class vm_update_test : public inventory_lab_t {
+  protected:
+    ~vm_update_test() override {
+        get_reg_settings()->cbt_percent = 0;
+        get_reg_settings()->export_vm_uuid_enabled = false;
+        get_reg_settings()->ondemand_refresh = false;
+    }
+
+    // One cycle's worth for a VM: what the controller says, then an update.
+    void take(const lab_vm_t& vm, std::uint64_t gen = 1) {
+        list({vm});
+        bool updated = false;
+        ASSERT_EQ(vm_state_update(config(vm), host(vm), shadow_, gen, &updated), nullptr);
+    }
+    errnum_t update(const lab_vm_t& vm, bool force = false, bool keep_mtime = false) {
+        const errdesc_t* e = vm_update(vm_dir(vm), force, keep_mtime);
+        return e == nullptr ? 0 : e->number;
+    }
+    void expose(const lab_vm_t& vm) {
+        make_files(vm);
+        take(vm);
+        ASSERT_EQ(update(vm), 0);
+    }
+    std::string vm_dir(const lab_vm_t& vm) const {
+        return shadow_ + "/" + (vm.folder.empty() ? vm.host : vm.folder) + "/" + vm.name;
+    }
+    vm_proxy_header_t header(const std::string& name) const {
+        std::unique_ptr<vm_proxy_header_t> read;
+        EXPECT_EQ(vm_proxy_read_header_checked(shadow_ + "/" + name, &read), nullptr);
+        return read == nullptr ? vm_proxy_header_t{} : *read;
+    }
+    std::string cached(const std::string& name) const { return read_file(dir_ / "cache/ds1/vm/" + name); }
+};
+
+TEST_F(vm_update_test, NewVmIsADirectoryAtOnceAndFilledByItsFirstUpdate) {
+    lab_vm_t vm;
+    vm.disks = {{.name = "disk.vmdk", .head = "disk-000001.vmdk"}};
+    make_files(vm);
+    take(vm);
+    EXPECT_EQ(names("esx1/vm"), "");
+    ASSERT_EQ(update(vm), 0);
+    EXPECT_EQ(names("esx1/vm"), "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx");
+
+    const vm_proxy_header_t flat = header("esx1/vm/disk-flat.vmdk");
+    EXPECT_EQ(flat.type, VM_PROXY_HEADER_VMDK_FLAT);
+    EXPECT_EQ(flat.statb.size, disk_bytes);
+    EXPECT_EQ(flat.path, datastore_ + "/vm/disk-000001.vmdk");
+    EXPECT_STREQ(flat.vm_uuid, vm.uuid.c_str());
+    EXPECT_STREQ(flat.hv_name, "esx1");
+    EXPECT_EQ(flat.can_snapshot, 1U);
+    EXPECT_EQ(header("esx1/vm/disk.vmdk").path, datastore_ + "/vm/disk.vmdk");
+    EXPECT_THAT(cached("vm.vmx"), HasSubstr("fileName = \"disk.vmdk\""));
+    EXPECT_THAT(cached("vm.cfg"), HasSubstr("vmdk.0.name = \"disk.vmdk\""));
+    EXPECT_THAT(cached("vm.cfg"), Not(HasSubstr("vmdk.0.rename")));
+    EXPECT_THAT(alerts(), Each(HasSubstr("alert_clear")));
+}
+
+TEST_F(vm_update_test, DisksOfOneNameStandSideBySide) {
+    lab_vm_t vm;
+    vm.disks = {{.dir = "vm"}, {.dir = "other", .thin = true}};
+    expose(vm);
+    EXPECT_EQ(names("esx1/vm"), "disk(1)-flat.vmdk disk(1).vmdk disk-flat.vmdk disk.vmdk vm.cfg vm.vmx");
+    EXPECT_EQ(header("esx1/vm/disk(1)-flat.vmdk").path, datastore_ + "/other/disk.vmdk");
+    const std::string descriptor = header("esx1/vm/disk(1).vmdk").path;
+    EXPECT_EQ(descriptor, dir_ / "cache/ds1/other/disk.vmdk");
+    EXPECT_THAT(read_file(descriptor), HasSubstr("VMFS \"disk(1)-flat.vmdk\""));
+    EXPECT_EQ(header("esx1/vm/disk(1).vmdk").statb.size,
+              static_cast<std::int64_t>(std::filesystem::file_size(descriptor)));
+    EXPECT_THAT(cached("vm.vmx"), HasSubstr("scsi0:1.fileName = \"disk(1).vmdk\""));
+    EXPECT_THAT(cached("vm.cfg"), HasSubstr("vmdk.1.name = \"disk(1).vmdk\""));
+    EXPECT_THAT(cached("vm.cfg"), HasSubstr("vmdk.1.rename = \"disk.vmdk\""));
+    EXPECT_THAT(cached("vm.cfg"), HasSubstr("vmdk.1.type = \"thin\""));
+
+    vm.disks.erase(vm.disks.begin());  // the second keeps its name, and nobody takes the first one's
+    vm.discovered = 1;
+    take(vm, 2);
+    ASSERT_EQ(update(vm), 0);
+    EXPECT_EQ(names("esx1/vm"), "disk(1)-flat.vmdk disk(1).vmdk vm.cfg vm.vmx");
+}
+
+TEST_F(vm_update_test, ChangedBlockEntriesComeAndGoWithTracking) {
+    lab_vm_t vm;
+    vm.use_cbt = true;
+    expose(vm);
+    EXPECT_EQ(header("esx1/vm/disk-corcbt.vmdk").statb.size, 4096);
+    EXPECT_EQ(header("esx1/vm/disk-corcbt.vmdk").type, VM_PROXY_HEADER_VMDK_CORCBT);
+    get_reg_settings()->cbt_percent = 1;
+    ASSERT_EQ(update(vm, true), 0);
+    EXPECT_EQ(header("esx1/vm/disk-corcbt.vmdk").statb.size, (disk_bytes * 5 / 100 + 4095) / 4096 * 4096);
+    vm.use_cbt = false;
+    take(vm, 2);
+    ASSERT_EQ(update(vm), 0);
+    EXPECT_EQ(names("esx1/vm"), "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx");
+}
+
+TEST_F(vm_update_test, DiskThatCannotBeHadDoesNotTakeOthersAlong) {
+    lab_vm_t vm;
+    vm.disks = {{.name = "a.vmdk"}, {.name = "b.vmdk"}, {.name = "c.vmdk", .independent = true}};
+    expose(vm);
+    EXPECT_EQ(names("esx1/vm"), "a-flat.vmdk a.vmdk b-flat.vmdk b.vmdk vm.cfg vm.vmx");
+    EXPECT_THAT(alerts(), Contains("alert_post independent_disk 564d0001:c.vmdk"));
+
+    std::filesystem::remove(datastore_ + "/vm/a.vmdk");  // on the move: its entries stay
+    ASSERT_EQ(update(vm, true), 0);
+    EXPECT_EQ(names("esx1/vm"), "a-flat.vmdk a.vmdk b-flat.vmdk b.vmdk vm.cfg vm.vmx");
+
+    vm.disks[1].head = "-";  // the controller does not know its head
+    take(vm, 2);
+    vm.discovered = 1;
+    take(vm, 2);
+    EXPECT_EQ(update(vm), ENOENT);
+    EXPECT_EQ(names("esx1/vm"), "a-flat.vmdk a.vmdk b-flat.vmdk b.vmdk vm.cfg vm.vmx");
+}
+
+TEST_F(vm_update_test, HostileDiskPathsAreTurnedDown) {
+    lab_vm_t vm;
+    expose(vm);
+    for (const char* paths : {R"("base_ascii_path": "/vmfs/volumes/ds1/../../etc/x.vmdk", "base_extent_path": "/x/y")",
+                              R"("base_ascii_path": "/etc/passwd", "base_extent_path": "/etc/group")",
+                              R"("base_ascii_path": "/x/..", "base_extent_path": "/x/y")"}) {
+        vm.discovered++;
+        list({vm});
+        answer("vdisk?vhost_uuid=" + vm.uuid, "[{\"name\": \"x\", \"head_ascii_path\": \"" + datastore_ +
+                                                  "/vm/disk.vmdk\", \"head_extent_path\": \"" + datastore_ +
+                                                  "/vm/disk-flat.vmdk\", " + paths + "}]");
+        bool updated = false;
+        ASSERT_EQ(vm_state_update(config(vm), host(vm), shadow_, 2, &updated), nullptr);
+        EXPECT_NE(update(vm), 0) << paths;
+    }
+    EXPECT_EQ(names("esx1/vm"), "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx");
+}
+
+TEST_F(vm_update_test, AttemptsAreSpacedAndTheirOutcomeIsVisible) {
+    manual_clock_t clock(100000);
+    lab_vm_t vm;
+    expose(vm);
+    get_reg_settings()->ondemand_refresh = true;
+    std::filesystem::remove(datastore_ + "/vm/vm.vmx");
+    std::filesystem::remove(dir_ / "cache/ds1/vm/vm.vmx");
+    clock.advance(119);
+    EXPECT_EQ(update(vm), 0);  // too early to look
+    clock.advance(1);
+    EXPECT_EQ(update(vm), ENOENT);
+    EXPECT_EQ(error_hash_get("/esx1/vm")->number, ENOENT);
+    EXPECT_THAT(alerts(), Contains(HasSubstr("vm_discovery esx1:vm")));
+    clock.advance(29);
+    EXPECT_EQ(update(vm), 0);
+    clock.advance(1);
+    EXPECT_EQ(update(vm), ENOENT);
+}
+
+TEST_F(vm_update_test, VmWithASnapshotIsLeftAloneUnlessForced) {
+    lab_vm_t vm;
+    expose(vm);
+    vm.snap_exists = 1;
+    vm.disks[0].head = "disk-000001.vmdk";
+    make_files(vm);
+    take(vm, 2);
+    ASSERT_EQ(update(vm), 0);
+    EXPECT_EQ(header("esx1/vm/disk-flat.vmdk").path, datastore_ + "/vm/disk.vmdk");
+    const std::int32_t before = header("esx1/vm/disk-flat.vmdk").statb.mtime_sec;
+    std::filesystem::last_write_time(datastore_ + "/vm/disk-000001-flat.vmdk",
+                                     std::filesystem::file_time_type::clock::now() + std::chrono::hours(1));
+    ASSERT_EQ(update(vm, true, true), 0);
+    EXPECT_EQ(header("esx1/vm/disk-flat.vmdk").path, datastore_ + "/vm/disk-000001.vmdk");
+    EXPECT_EQ(header("esx1/vm/disk-flat.vmdk").statb.mtime_sec, before);
+}
+
+TEST_F(vm_update_test, MissingVmxFileHidesOnlyItself) {
+    lab_vm_t vm;
+    make_files(vm);
+    std::filesystem::remove(datastore_ + "/vm/vm.vmx");
+    take(vm);
+    ASSERT_EQ(update(vm), 0);
+    EXPECT_EQ(names("esx1/vm"), "disk-flat.vmdk disk.vmdk vm.cfg");
+    EXPECT_EQ(error_hash_get("/esx1/vm")->number, ENOENT);
+}
+
+TEST_F(vm_update_test, RequestToResetTrackingIsAnsweredOnce) {
+    lab_vm_t vm;
+    vm.cbt_reset_pending = true;
+    make_files(vm);
+    list({vm});
+    bool updated = false;
+    const ks_vm_config_t vmc = config(vm);
+    ASSERT_EQ(vm_state_update(vmc, host(vm), shadow_, 1, &updated), nullptr);
+    answer("vhost?vm_uuid=" + vm.uuid, R"([{"uuid": "564d0001", "name": "vm", "cbt_reset_pending": 1}])");
+    ASSERT_EQ(update(vm), 0);
+    ASSERT_EQ(update(vm, true), 0);
+    EXPECT_THAT(posted("vmconfig"), ElementsAre(R"({ "uuid": "564d0001", "cbt_reset_pending": 0 })"));
+}
+
+TEST_F(vm_update_test, TemplatesCannotBeSnapshotted) {
+    lab_vm_t vm;
+    vm.vmx_path = "vm/vm.vmtx";
+    expose(vm);
+    EXPECT_EQ(names("esx1/vm"), "disk-flat.vmdk disk.vmdk vm.cfg vm.vmtx");
+    EXPECT_EQ(header("esx1/vm/disk-flat.vmdk").can_snapshot, 0U);
+}
+
+}  // namespace
+}  // namespace mirador
