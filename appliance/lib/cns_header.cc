@@ -9,14 +9,14 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <limits>
-#include <system_error>
+#include <thread>
+#include <vector>
 
 #include "appliance/lib/registry.h"
 #include "lib/clock.h"
 #include "lib/cor_assert.h"
 #include "lib/log.h"
+#include "lib/walker.h"
 
 namespace mirador {
 
@@ -119,6 +119,20 @@ errdesc_t* put_in_place(const cns_stub_header_t& image, int fd, const std::strin
     return nullptr;
 }
 
+bool is_file(const walker_cb_desc_t& entry) {
+    return !S_ISDIR(entry.sb.st_mode) && !S_ISLNK(entry.sb.st_mode);
+}
+
+void count_file(cns_handle_t* ns, const std::string& path) {
+    std::unique_ptr<cns_stub_header_t> header;
+    if (errdesc_t* e = _cns_read_proxy_header(path, true, &header)) {
+        _errdesc_log(e, ERRDESC_WARNING);
+        return;
+    }
+    const mutex_lock_t lock(_cns_generation_mutex);
+    _cns_add_blocks(ns, blocks_of(*header));
+}
+
 }  // namespace
 
 std::string _cns_dir_header(const std::string& place) {
@@ -206,23 +220,14 @@ void _cns_add_blocks(cns_handle_t* ns, std::int64_t blocks) {
 }
 
 void _cns_init_fs_blocks_used(cns_handle_t* ns) {
-    namespace fs = std::filesystem;
-    std::error_code fault;
-    fs::recursive_directory_iterator entry(ns->root, fs::directory_options::skip_permission_denied, fault);
-    for (; !fault && entry != fs::recursive_directory_iterator(); entry.increment(fault)) {
-        const fs::file_status status = entry->symlink_status(fault);
-        if (fault || fs::is_directory(status) || fs::is_symlink(status))
-            continue;
-        std::unique_ptr<cns_stub_header_t> header;
-        if (errdesc_t* e = _cns_read_proxy_header(entry->path(), true, &header)) {
-            _errdesc_log(e, ERRDESC_WARNING);
-            continue;
-        }
-        const mutex_lock_t lock(_cns_generation_mutex);
-        _cns_add_blocks(ns, blocks_of(*header));
-    }
-    if (fault)
-        _errdesc_log(errdesc_set_str(fault.value(), ns->root), ERRDESC_WARNING);
+    std::vector<std::thread> walk(1);
+    errdesc_t* e = walker_start(
+        {.base = ns->root, .filter = is_file, .callback = [ns](const auto& entry) { count_file(ns, entry.path); }},
+        walk.data());
+    if (e != nullptr)
+        _errdesc_log(e, ERRDESC_WARNING);
+    else
+        walker_wait(&walk);
 }
 
 }  // namespace mirador

@@ -44,9 +44,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         cor_assert(!parse(reinterpret_cast<const std::uint8_t*>(text.data()), text.size(), &again));
         cor_assert(print(again) == text);
     }
-    if (is_read)
+    if (is_read) {
         cfg_normalize(&vmcfg);
-    cfg_parse_dump(&vmcfg, null_stream());
+        cfg_parse_dump(&vmcfg, null_stream());
+    }
     cfg_parse_free(&vmcfg);
     return 0;
 }

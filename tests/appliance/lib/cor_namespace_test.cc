@@ -15,6 +15,7 @@
 
 #include "lib/clock.h"
 #include "lib/tool_paths.h"
+#include "lib/walker.h"
 #include "tests/appliance/lib/record_bytes.h"
 #include "tests/lib/temp_dir.h"
 
@@ -128,10 +129,7 @@ TEST_F(cor_namespace_test, PathsOutsideAreRefusedAndNothingHappens) {
     }
     EXPECT_EQ(read_file(dir / "outside"), "kept");
     EXPECT_EQ(list("/"), (std::set<std::string>{".", "..", "a"}));
-    EXPECT_EQ(cns_check_path(ns.get(),
-                             "/..a/b..c/.."
-                             "."),
-              nullptr);
+    EXPECT_EQ(cns_check_path(ns.get(), "/..a/b..c/..."), nullptr);
     EXPECT_EQ(number_of(cns_check_path(ns.get(), "/" + std::string(4000, 'a'))), ENAMETOOLONG);
 }
 
@@ -444,6 +442,7 @@ TEST_F(cor_namespace_test, ExistingDirectoriesStay) {
 using cor_namespace_death_test = cor_namespace_test;
 
 TEST_F(cor_namespace_death_test, Misuse) {
+    walker_end();  // its thread, which counted the headers, must not be in the way of fork
     create("/f", ours, 1);
     write_file(root + "/g", std::string(4096, 'g'));
     EXPECT_DEATH((void)cns_get_attrs(ns.get(), "/g", nullptr, nullptr, 0), "ASSERT: header\\.magic");
