@@ -114,6 +114,14 @@ errdesc_t* write_and_rename(const std::string& path, const std::string& text, co
 
 }  // namespace
 
+errdesc_t* vmx_convert_text(const vmxdesc_t& desc, const std::string& text, const vmx_conversion_t& conversion,
+                            std::string* converted) {
+    std::vector<change_t> changes;
+    RETURN_IF_ERROR(find_changes(desc, find_references(text, desc), conversion, &changes));
+    *converted = changed(text, std::move(changes));
+    return nullptr;
+}
+
 errdesc_t* vmx_copy_convert(const std::string& path, const std::string& copy_path, const vmx_conversion_t& conversion) {
     struct stat original {};
     std::string text;
@@ -122,9 +130,9 @@ errdesc_t* vmx_copy_convert(const std::string& path, const std::string& copy_pat
         return errdesc_set_str(errno, path);
     RETURN_IF_ERROR(vmx_read_text(path, &text));
     RETURN_IF_ERROR(vmx_parse_text(path, text, &desc));
-    std::vector<change_t> changes;
-    RETURN_IF_ERROR(find_changes(desc, find_references(text, desc), conversion, &changes));
-    return write_and_rename(copy_path, changed(text, std::move(changes)), original);
+    std::string converted;
+    RETURN_IF_ERROR(vmx_convert_text(desc, text, conversion, &converted));
+    return write_and_rename(copy_path, converted, original);
 }
 
 }  // namespace mirador

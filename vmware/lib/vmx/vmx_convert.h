@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "lib/errdesc.h"
+#include "vmware/lib/vmx/vmx.h"
 
 namespace mirador {
 
@@ -14,17 +15,22 @@ namespace mirador {
 // directory or the VMX file's) and the file name under which its base is exported.
 using vmx_conversion_t = std::vector<std::pair<std::string, std::string>>;
 
-// Copies the VMX file `path` to `copy_path`, making its directory, with each disk reference ("<bus>N:M.fileName") that
-// belongs to an entry of `conversion` replaced by the entry's name. Everything else stays as it is, byte by byte.
+// The text of the open description `desc` with each disk reference ("<bus>N:M.fileName") that belongs to an entry of
+// `conversion` replaced by the entry's name. Everything else stays as it is, byte by byte.
 //
 // A reference belongs to the entry of the same path. Where none has it, the same place may go under two names (mount
 // roots, a datastore's uuid and label, the working directory): then to the one whose path agrees in the most
 // components counted from its end, at least in the file name. Where several are as good, to none. An entry has one
-// reference; references that belong to no entry stay, as do CD-ROMs.
+// reference; references that belong to no entry stay, as do CD-ROMs. Error: EILSEQ "%s cannot be written in the
+// encoding of %s" (name and file).
+[[nodiscard]] errdesc_t* vmx_convert_text(const vmxdesc_t& desc, const std::string& text,
+                                          const vmx_conversion_t& conversion, std::string* converted);
+
+// Copies the VMX file `path` to `copy_path`, making its directory, converted by vmx_convert_text.
 //
 // The copy is written under "<copy_path>.tmp" and renamed, so nobody sees half of it; it gets the original's
-// permissions and access and modification times. Errors: those of vmx_open; EILSEQ "%s cannot be written in the
-// encoding of %s" (name and path); errno with the path or with "Cannot make directory %s".
+// permissions and access and modification times. Errors: those of vmx_open and vmx_convert_text; errno with the path or
+// with "Cannot make directory %s".
 [[nodiscard]] errdesc_t* vmx_copy_convert(const std::string& path, const std::string& copy_path,
                                           const vmx_conversion_t& conversion);
 
