@@ -1,0 +1,180 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "lib/jdr.h"
+
+#include <gtest/gtest.h>
+#include <json-c/json_tokener.h>
+
+#include <limits>
+#include <optional>
+#include <string>
+
+namespace mirador {
+namespace {
+
+json_ptr parse(const char* text) {
+    return json_ptr(json_tokener_parse(text));
+}
+
+std::string text_of(json_object* value) {
+    return json_object_to_json_string_ext(value, JSON_C_TO_STRING_PLAIN);
+}
+
+// A record as a user of the module marshals one.
+struct file_t {
+    const char* name = nullptr;
+    std::uint32_t links = 0;
+    std::int64_t bytes = 0;
+    std::vector<const char*> paths;
+};
+
+ssize_t jdr_file(jdr_op_t op, json_object** obj, const char* key, file_t* file) {
+    if (op == JDR_SIZE)
+        return sizeof *file;
+    json_object* members = jdr_get_sub_obj(op, *obj, key);
+    if (members == nullptr || jdr_string(op, &members, "name", &file->name) < 0 ||
+        jdr_uint32(op, &members, "links", &file->links) < 0 || jdr_int64(op, &members, "bytes", &file->bytes) < 0 ||
+        jdr_array(op, &members, "paths", &file->paths, jdr_string) < 0)
+        return jdr_failed;
+    if (key == nullptr)
+        *obj = members;
+    return sizeof *file;
+}
+
+template <typename T>
+std::optional<T> decoded(ssize_t (*marshal)(jdr_op_t, json_object**, const char*, T*), const std::string& value) {
+    const json_ptr owner = parse(("{\"n\": " + value + "}").c_str());
+    json_object* obj = owner.get();
+    T native{};
+    if (marshal(JDR_DECODE, &obj, "n", &native) < 0)
+        return std::nullopt;
+    return native;
+}
+
+template <typename T>
+std::string encoded(ssize_t (*marshal)(jdr_op_t, json_object**, const char*, T*), T native) {
+    json_object* obj = nullptr;
+    EXPECT_EQ(marshal(JDR_ENCODE, &obj, nullptr, &native), static_cast<ssize_t>(sizeof native));
+    const json_ptr owner(obj);
+    return text_of(obj);
+}
+
+TEST(jdr, IntegersKeepTheirValue) {
+    EXPECT_EQ(encoded(jdr_int32, std::numeric_limits<std::int32_t>::min()), "-2147483648");
+    EXPECT_EQ(encoded(jdr_uint32, 4294967295U), "4294967295");
+    EXPECT_EQ(encoded(jdr_uint64, std::numeric_limits<std::uint64_t>::max()), "18446744073709551615");
+    EXPECT_EQ(encoded(jdr_time_t, std::time_t{1} << 32), "4294967296");
+
+    EXPECT_EQ(decoded(jdr_int32, "2147483647"), 2147483647);
+    EXPECT_EQ(decoded(jdr_int32, "2147483648"), std::nullopt);
+    EXPECT_EQ(decoded(jdr_uint32, "4294967295"), 4294967295U);
+    EXPECT_EQ(decoded(jdr_uint32, "-1"), 4294967295U);
+    EXPECT_EQ(decoded(jdr_uint32, "4294967296"), std::nullopt);
+    EXPECT_EQ(decoded(jdr_int64, "-9223372036854775808"), std::numeric_limits<std::int64_t>::min());
+    EXPECT_EQ(decoded(jdr_uint64, "18446744073709551615"), std::numeric_limits<std::uint64_t>::max());
+    EXPECT_EQ(decoded(jdr_uint64, "-1"), std::numeric_limits<std::uint64_t>::max());
+}
+
+TEST(jdr, OtherTypesDoNotDecode) {
+    for (const char* value : {"\"7\"", "7.0", "true", "null", "[7]", "{}"}) {
+        EXPECT_EQ(decoded(jdr_uint32, value), std::nullopt) << value;
+        EXPECT_EQ(decoded(jdr_int64, value), std::nullopt) << value;
+    }
+    for (const char* value : {"7", "null", "[\"x\"]"})
+        EXPECT_EQ(decoded(jdr_string, value), std::nullopt) << value;
+    // Neither does a member of something that has none.
+    for (const char* text : {"{}", "[1]", "1"}) {
+        const json_ptr owner = parse(text);
+        json_object* obj = owner.get();
+        std::int32_t number = 5;
+        EXPECT_EQ(jdr_int32(JDR_DECODE, &obj, "n", &number), jdr_failed);
+        EXPECT_EQ(number, 5);
+        EXPECT_EQ(jdr_get_sub_obj(JDR_DECODE, obj, "n"), nullptr);
+    }
+}
+
+TEST(jdr, RecordsThereAndBack) {
+    file_t a{"a.vmx", 1, 1LL << 40, {"/x", "/y"}};
+    file_t b{"b \"b\"", 0xffffffff, -1, {}};
+    std::vector<file_t> files{a, b};
+    json_object* obj = nullptr;
+    EXPECT_EQ(jdr_array(JDR_ENCODE, &obj, nullptr, &files, jdr_file), static_cast<ssize_t>(2 * sizeof(file_t)));
+    EXPECT_EQ(text_of(obj),
+              "[{\"name\":\"a.vmx\",\"links\":1,\"bytes\":1099511627776,\"paths\":[\"\\/x\",\"\\/y\"]},"
+              "{\"name\":\"b \\\"b\\\"\",\"links\":4294967295,\"bytes\":-1,\"paths\":[]}]");
+
+    std::vector<file_t> back(5);
+    EXPECT_EQ(jdr_array(JDR_DECODE, &obj, nullptr, &back, jdr_file), static_cast<ssize_t>(2 * sizeof(file_t)));
+    ASSERT_EQ(back.size(), 2U);
+    EXPECT_STREQ(back[0].name, "a.vmx");
+    ASSERT_EQ(back[0].paths.size(), 2U);
+    EXPECT_STREQ(back[0].paths[1], "/y");
+    EXPECT_STREQ(back[1].name, "b \"b\"");
+    EXPECT_EQ(back[1].links, 0xffffffffU);
+
+    // The leak checker of the sanitizer build watches that nothing stays and nothing goes twice.
+    EXPECT_EQ(jdr_array(JDR_FREE, &obj, nullptr, &back, jdr_file), static_cast<ssize_t>(2 * sizeof(file_t)));
+    EXPECT_TRUE(back.empty());
+    EXPECT_EQ(obj, nullptr);
+}
+
+TEST(jdr, FreeTakesTheMembersAway) {
+    const json_ptr owner =
+        parse("{\"f\": {\"name\": \"x\", \"links\": 1, \"bytes\": 2, \"paths\": [\"/p\"]}, \"o\": [1]}");
+    json_object* obj = owner.get();
+    file_t file;
+    json_object* other = nullptr;
+    EXPECT_EQ(jdr_file(JDR_DECODE, &obj, "f", &file), static_cast<ssize_t>(sizeof file));
+    EXPECT_GT(jdr_json_object(JDR_DECODE, &obj, "o", &other), 0);
+    EXPECT_EQ(text_of(other), "[1]");
+    EXPECT_EQ(jdr_file(JDR_FREE, &obj, "f", &file), static_cast<ssize_t>(sizeof file));
+    EXPECT_GT(jdr_json_object(JDR_FREE, &obj, "o", &other), 0);
+    EXPECT_EQ(file.name, nullptr);
+    EXPECT_EQ(file.links, 0xffffffffU);
+    EXPECT_EQ(file.bytes, -1);
+    EXPECT_TRUE(file.paths.empty());
+    EXPECT_EQ(other, nullptr);
+    EXPECT_EQ(text_of(obj), "{\"f\":{}}");
+}
+
+TEST(jdr, ArraysWithinArraysAreFreedOnce) {
+    const auto row = [](jdr_op_t op, json_object** obj, const char* key, std::vector<std::int32_t>* numbers) {
+        return jdr_array(op, obj, key, numbers, jdr_int32);
+    };
+    json_object* obj = parse("[[1, 2], [], [3]]").release();
+    std::vector<std::vector<std::int32_t>> rows;
+    EXPECT_GE(jdr_array(JDR_DECODE, &obj, nullptr, &rows, row), 0);
+    EXPECT_EQ(rows, (std::vector<std::vector<std::int32_t>>{{1, 2}, {}, {3}}));
+    EXPECT_GE(jdr_array(JDR_FREE, &obj, nullptr, &rows, row), 0);
+    EXPECT_EQ(obj, nullptr);
+}
+
+TEST(jdr, OneBadElementFailsTheArray) {
+    for (const char* text : {"[\"a\", null]", "[\"a\", 7]", "[\"a\", []]", "{\"0\": \"a\"}", "\"a\"", "null"}) {
+        const json_ptr owner = parse(text);
+        json_object* obj = owner.get();
+        std::vector<const char*> strings{"old"};
+        EXPECT_EQ(jdr_array(JDR_DECODE, &obj, nullptr, &strings, jdr_string), jdr_failed) << text;
+        EXPECT_TRUE(strings.empty());
+    }
+    const json_ptr owner = parse("{}");
+    json_object* obj = owner.get();
+    std::vector<const char*> strings{"a", nullptr};
+    EXPECT_EQ(jdr_array(JDR_ENCODE, &obj, "n", &strings, jdr_string), jdr_failed);
+    EXPECT_EQ(text_of(obj), "{}");
+}
+
+TEST(jdr, SizesAreTheNativeOnes) {
+    EXPECT_EQ(jdr_uint32(JDR_SIZE, nullptr, nullptr, nullptr), 4);
+    EXPECT_EQ(jdr_uint64(JDR_SIZE, nullptr, nullptr, nullptr), 8);
+    EXPECT_EQ(jdr_time_t(JDR_SIZE, nullptr, nullptr, nullptr), static_cast<ssize_t>(sizeof(std::time_t)));
+    EXPECT_EQ(jdr_string(JDR_SIZE, nullptr, nullptr, nullptr), static_cast<ssize_t>(sizeof(const char*)));
+    EXPECT_EQ(jdr_json_object(JDR_SIZE, nullptr, nullptr, nullptr), static_cast<ssize_t>(sizeof(json_object*)));
+}
+
+TEST(jdr_death, OnlyEncodingMayStartWithoutAnObject) {
+    EXPECT_DEATH((void)jdr_get_sub_obj(JDR_DECODE, nullptr, nullptr), "op == JDR_ENCODE");
+    EXPECT_DEATH((void)jdr_get_sub_obj(JDR_ENCODE, nullptr, "key"), "key == \\(\\(void \\*\\)0\\)");
+}
+
+}  // namespace
+}  // namespace mirador
