@@ -19,6 +19,8 @@ struct tool_paths_t {
     std::string controller_watchdog = "/usr/local/corvantis/bin/watchdog-test-controller.py";
     std::string fusermount = "/usr/local/corvantis/bin/fusermount";
     std::string brand_reader = "/usr/local/corvantis/python/branding/BrandReader.py";
+    std::string vol_id = "/lib/udev/vol_id";
+    std::string vol_id_fallback = "/sbin/vol_id";
     // The program that stands in for `dmsetup` where the kernel has no device-mapper, in the daemon's own directory.
     std::string fuse_dmsetup = "fuse-dmsetup";
 

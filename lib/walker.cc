@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "lib/cor_assert.h"
+#include "lib/startup.h"
 #include "lib/thread_annotations.h"
 #include "lib/tool_paths.h"
 
@@ -77,6 +78,7 @@ class walker_t {
 
   private:
     void handle_messages() EXCLUDES(mutex_) {
+        block_signals();
         while (std::optional<node_t> node = next()) {
             node->walk->desc.callback(node->entry);
             const mutex_lock_t lock(mutex_);
@@ -134,6 +136,7 @@ int visit(const char* path, const struct stat* sb, int type, FTW*) {
 }
 
 void run_walk(const std::shared_ptr<walker_t>& walker, walker_start_desc_t desc) {
+    block_signals();
     walk_t walk{std::move(desc)};
     _walking = {walker.get(), &walk};
     static_cast<void>(nftw(walk.desc.base.c_str(), visit, walk_descriptors, FTW_PHYS | FTW_MOUNT));

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <filesystem>
 #include <map>
 
@@ -29,7 +30,15 @@ void walk(const std::vector<std::string>& bases, const walker_filter_t& filter, 
     EXPECT_THAT(threads, IsEmpty());
 }
 
+// Whether the program's own signals stay away from the calling thread.
+bool signals_are_blocked() {
+    sigset_t blocked;
+    return pthread_sigmask(SIG_BLOCK, nullptr, &blocked) == 0 && sigismember(&blocked, SIGTERM) == 1 &&
+           sigismember(&blocked, SIGHUP) == 1;
+}
+
 bool is_vmx(const walker_cb_desc_t& entry) {
+    EXPECT_TRUE(signals_are_blocked());
     return entry.path.ends_with(".vmx");
 }
 
@@ -63,6 +72,7 @@ TEST_F(walker_test, EveryAcceptedPathIsHandedOnOnce) {
             EXPECT_TRUE(S_ISREG(entry.sb.st_mode));
             EXPECT_EQ(entry.hits, hits[entry.base] + 1);
             EXPECT_NE(std::this_thread::get_id(), walking);
+            EXPECT_TRUE(signals_are_blocked());
             hits[entry.base] = entry.hits;
             ++seen[entry.path];
         });
