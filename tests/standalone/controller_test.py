@@ -1,0 +1,260 @@
+"""The controller's state: identities, generations, alerts, what is posted, what outlives a restart."""
+
+import json
+import threading
+import time
+import unittest
+
+from fixture import TemporaryCase, uuid_of
+
+from mirador_appliance import synthetic
+from mirador_appliance.controller import Controller, Unknown
+from mirador_appliance.datastores import Datastore
+from mirador_appliance.store import Store
+
+A, B, C = uuid_of(1), uuid_of(2), uuid_of(3)
+
+
+def vm_facts(name, *uuids, store="ds1", **more):
+    path = f"{name}/{name}.vmx"
+    return {**synthetic.facts_of(0, store), "vmx_path": path, "name": name, "uuids": list(uuids), **more}
+
+
+class ControllerCase(TemporaryCase):
+    def setUp(self):
+        super().setUp()
+        self.said = []
+        self.start()
+
+    def start(self, *hosts):
+        """A controller on the test's database, with datastores ds1 (no host of its own), ds2 …"""
+        self.store = Store(self.directory / "state" / "appliance.db", create=True)
+        self.addCleanup(self.store.close)
+        stores = [Datastore(f"ds{number}", host, "/nowhere") for number, host in enumerate((None, *hosts), 1)]
+        self.controller = Controller(self.store, stores, self.said.append)
+        return self.controller
+
+    def vms(self):
+        return {vm["name"]: vm for vm in json.loads(self.controller.vms())}
+
+    def command(self):
+        """The database as a command sees it."""
+        store = Store(self.store.path, create=False)
+        self.addCleanup(store.close)
+        return store
+
+
+class Identity(ControllerCase):
+    def uuids(self):
+        return {name: vm["uuid"] for name, vm in self.vms().items()}
+
+    def test_copies_get_uuids_of_their_own_and_keep_them(self):
+        self.controller.take_vms([vm_facts("original", A), vm_facts("copy", A, B), vm_facts("second", A, B)])
+        uuids = self.uuids()
+        self.assertEqual((uuids["original"], uuids["copy"]), (A, B))
+        self.assertEqual(len(set(uuids.values())), 3)
+        self.controller.take_vms([vm_facts("aaa", A)])  # sorts before all others, comes later
+        self.assertEqual(uuids | self.uuids(), self.uuids())
+        self.store.close()
+        self.start()
+        self.controller.take_vms([vm_facts("second", A, B, files="x"), vm_facts("original", A, files="x")])
+        self.assertEqual(uuids | self.uuids(), self.uuids())
+
+    def test_moved_vm_keeps_its_uuid_and_choices(self):
+        self.controller.take_vms([vm_facts("old", A)])
+        self.controller.choose(A, {"quiesce_enabled": 1})
+        self.controller.drop_vms([("ds1", "old/old.vmx")])
+        self.controller.take_vms([vm_facts("new", A)])
+        self.assertEqual((self.vms()["new"]["uuid"], self.vms()["new"]["quiesce_enabled"]), (A, 1))
+
+    def test_new_uuid_in_the_file_takes_the_daemon_two_passes(self):
+        self.controller.take_vms([vm_facts("vm", A)])
+        self.controller.take_vms([vm_facts("vm", B)])
+        self.assertEqual(self.uuids(), {"vm": B})
+        token = self.controller.generation.token
+        self.controller.taken_over(token)
+        self.assertNotEqual(self.controller.generation.token, token)
+        token = self.controller.generation.token
+        self.controller.taken_over(token)
+        self.assertEqual(self.controller.generation.token, token)
+
+    def test_without_a_uuid_the_place_makes_one(self):
+        self.controller.take_vms([vm_facts("a"), vm_facts("b")])
+        first = self.uuids()
+        self.controller.take_vms([vm_facts("a", files="x")])
+        self.assertEqual(self.uuids(), first)
+        self.assertEqual(len(set(first.values())), 2)
+
+
+class Generations(ControllerCase):
+    def setUp(self):
+        super().setUp()
+        self.controller.take_vms([vm_facts("vm", A)])
+
+    def assert_bumps(self, expected, action):
+        before = self.controller.generation.token
+        action()
+        self.assertEqual(self.controller.generation.token != before, expected)
+
+    def test_what_makes_a_new_one(self):
+        companion = {"vhost_uuid": A, "name": "vm-00000-corcbt.vmdk", "changeid_incr": "x"}
+        mine = f"Corvantis: {self.controller.setting('controller.uuid')}"
+        for what, expected, action in (
+                ("the same facts", False, lambda: self.controller.take_vms([vm_facts("vm", A)])),
+                ("a file changed", True, lambda: self.controller.take_vms([vm_facts("vm", A, files="x")])),
+                ("a snapshot", True, lambda: self.controller.take_vms([vm_facts("vm", A, snapshots=[mine])])),
+                ("tracking on", True, lambda: self.controller.choose(A, {"use_cbt": 1})),
+                ("tracking on again", False, lambda: self.controller.choose(A, {"use_cbt": 1})),
+                ("tracking reset", True, lambda: self.controller.reset_tracking(A)),
+                ("the daemon's own error", False, lambda: self.controller.choose(A, {"error": "x"})),
+                ("the daemon's own suffix", False, lambda: self.controller.choose(A, {"snap_suffix": "x"})),
+                ("a disk's note", False, lambda: self.controller.note_disk(companion)),
+                ("datastore lost", True, lambda: self.controller.take_datastore("ds1", False, {}, "gone")),
+                ("still lost", False, lambda: self.controller.take_datastore("ds1", False, {}, "gone")),
+                ("datastore back", True, lambda: self.controller.take_datastore("ds1", True, {"free": 1}, "")),
+                ("less space", False, lambda: self.controller.take_datastore("ds1", True, {"free": 0}, "")),
+                ("an unknown VM gone", False, lambda: self.controller.drop_vms([("ds1", "x/x.vmx")])),
+                ("a VM gone", True, lambda: self.controller.drop_vms([("ds1", "vm/vm.vmx")]))):
+            with self.subTest(what):
+                self.assert_bumps(expected, action)
+
+    def test_commands_on_the_database(self):
+        def with_command(action):
+            return lambda: (action(self.command()), self.controller.take_commands())
+
+        for what, expected, action in (
+                ("a daemon's setting", False, lambda store: store.set_setting("export.cache.ttl", "5")),
+                ("the host's name", True, lambda store: store.set_setting("hypervisor.name", "esx9")),
+                ("a folder", True, lambda store: store.set_folder("f", "Accounts")),
+                ("into it", True, lambda store: store.set_choices(A, {"folder": "f"})),
+                ("renamed", True, lambda store: store.set_folder("f", "Sales")),
+                ("refreshed", True, lambda store: store.touch_vms([A], int(time.time()))),
+                ("refreshed within a second", True, lambda store: store.touch_vms([A], int(time.time()))),
+                ("nothing", False, lambda store: store.set_meta("x", "y"))):
+            with self.subTest(what):
+                self.assert_bumps(expected, with_command(action))
+        vm = self.vms()["vm"]
+        self.assertEqual((vm["folder"], vm["hv_hostname"], vm["host_system"]), ("Sales", "esx9", "esx9"))
+        self.assertEqual(json.loads(self.controller.folders()), [{"name": "Sales", "uuid": "f", "numVms": 1}])
+        self.assertEqual(self.controller.setting("export.cache.ttl"), "5")
+
+    def test_waiting(self):
+        generation = self.controller.generation
+        token = generation.token
+        self.assertEqual(generation.wait("0-0", 60, lambda: True), token)
+        self.assertEqual(generation.wait(token, 0.05, lambda: True), token)
+        self.assertEqual(generation.wait(token, 60, lambda: False), token)
+        answers = []
+        waiters = [threading.Thread(target=lambda: answers.append(generation.wait(token, 60, lambda: True)))
+                   for _ in range(3)]
+        for waiter in waiters:
+            waiter.start()
+        new = generation.bump()
+        for waiter in waiters:
+            waiter.join(10)
+        self.assertEqual(answers, [new] * 3)
+
+    def test_no_token_comes_twice(self):
+        token = self.controller.generation.token
+        self.store.close()
+        self.start()
+        self.assertNotEqual(self.controller.generation.token, token)
+
+
+class Records(ControllerCase):
+    def test_only_own_snapshots_count(self):
+        mine = f"Corvantis: {self.controller.setting('controller.uuid')}"
+        names = [mine, f"{mine} suffix", f"{mine}0", "before the update", f"copy of {mine}", "Corvantis: somebody-else"]
+        self.controller.take_vms([vm_facts("vm", A, snapshots=names)])
+        self.assertEqual(self.vms()["vm"]["snap_exists"], 2)
+
+    def test_hosts(self):
+        self.store.close()
+        self.start("esx2")
+        self.controller.take_vms([vm_facts("one", A), vm_facts("two", B, store="ds2")])
+        names = [host["hostname"] for host in json.loads(self.controller.hypervisors())]
+        self.assertIn("esx2", names)
+        self.assertEqual(len(names), 2)
+        self.assertEqual([vm["name"] for vm in json.loads(self.controller.vms("esx2"))], ["two"])
+        self.assertEqual(json.loads(self.controller.vms("esx3")), [])
+        self.store.close()
+        self.start()  # without ds2
+        self.assertEqual(list(self.vms()), ["one"])
+        self.assertEqual(len(json.loads(self.controller.hypervisors())), 1)
+
+    def test_vm_that_cannot_be_read_stays_as_it_was(self):
+        self.controller.take_vms([vm_facts("vm", A)])
+        broken = vm_facts("", store="ds1", vmx_path="vm/vm.vmx", problems=[["", "it cannot be read"]])
+        self.controller.take_vms([broken, vm_facts("new", problems=[["", "no name"]])])
+        self.assertEqual(list(self.vms()), ["vm"])
+        self.assertEqual([alert["message"] for alert in json.loads(self.controller.alerts())],
+                         ["it cannot be read", "no name"])
+        self.controller.take_vms([vm_facts("vm", A)])
+        self.assertEqual([alert["message"] for alert in json.loads(self.controller.alerts())], ["no name"])
+
+    def test_disk_notes(self):
+        self.controller.take_vms([vm_facts("vm", A)])
+        companion = {"vhost_uuid": A, "name": "vm-00000-corcbt.vmdk", "changeid": "52 01/3", "name2": "dropped"}
+        self.controller.note_disk(companion)
+        self.controller.note_disk({"vhost_uuid": A, "name": "vm-00000.vmdk", "flat_file_size": "77"})
+        self.controller.note_disk({"vhost_uuid": A, "name": "vm-00000-corcbt.vmdk", "changeid_incr": "y"})
+        for wrong in ({"vhost_uuid": A, "name": "other.vmdk"}, {"vhost_uuid": B, "name": "x-corcbt.vmdk"}):
+            with self.assertRaises(Unknown):
+                self.controller.note_disk(wrong)
+        self.store.close()
+        self.start()
+        one, two, three = json.loads(self.controller.disks(A))
+        self.assertEqual((one["name"], one["flat_file_size"], two["name"]), ("vm-00000.vmdk", "77", "vm-00000_1.vmdk"))
+        self.assertEqual(three, {"vhost_uuid": A, "name": "vm-00000-corcbt.vmdk", "changeid": "52 01/3",
+                                 "changeid_incr": "y"})
+        self.assertEqual(json.loads(self.controller.disks(A, "vm-00000-corcbt.vmdk")), [three])
+        self.assertEqual(len(json.loads(self.controller.disks(None))), 3)
+        self.assertEqual(json.loads(self.controller.disks(B)), [])
+
+
+class Posted(ControllerCase):
+    def alert(self, **more):
+        return {"alert_id": "snapshot_create", "object_id": "esx:vm", "severity": "warning", "message": "m", **more}
+
+    def standing(self):
+        return [(alert["alert_id"], alert["object_id"], alert["node_uuid"], alert["raised"])
+                for alert in json.loads(self.controller.alerts())]
+
+    def test_alerts(self):
+        own = self.controller.setting("controller.uuid")
+        self.controller.post_alert(self.alert())  # without a node: this appliance's
+        self.controller.post_alert(self.alert(node_uuid=own))
+        self.controller.post_alert(self.alert(node_uuid="other"))
+        self.assertEqual(self.standing(), [("snapshot_create", "esx:vm", own, 2), ("snapshot_create", "esx:vm",
+                                                                                  "other", 1)])
+        self.assertEqual(sum("alert snapshot_create: m" in line for line in self.said), 2)  # a repetition is no news
+        self.store.close()
+        self.start()
+        self.assertEqual(len(self.standing()), 2)
+        self.controller.clear_alert(self.alert(node_uuid=""))
+        self.controller.clear_alert(self.alert(object_id="never raised"))
+        self.assertEqual(self.standing(), [("snapshot_create", "esx:vm", "other", 1)])
+        self.assertEqual(len(self.store.alerts()), 1)
+
+    def test_own_alerts_are_looked_for_anew_after_a_restart(self):
+        self.controller.take_vms([vm_facts("vm", A, problems=[["d.vmdk", "split"]])])
+        self.assertEqual([alert[:2] for alert in self.standing()], [("disk_inventory", "ds1/vm/vm.vmx:d.vmdk")])
+        self.store.close()
+        self.start()
+        self.assertEqual(self.standing(), [])
+
+    def test_statistics_make_up_for_failed_posts(self):
+        path = "/export/esx/vm/d-flat.vmdk"
+        for total, delta in ((8192, 4096), (8192, 0), (20000, 11808)):
+            self.controller.take_statistics([{"vmdk_path": path, "vmdk_bytes_read": str(total),
+                                              "delta_bytes_read": str(delta)}])
+        self.controller.take_statistics([{"vmdk_path": path, "vmdk_bytes_read2": "5", "delta_bytes_read2": "5"}] * 2)
+        with self.assertRaises(ValueError):
+            self.controller.take_statistics([{"vmdk_bytes_read": "5"}])
+        record = self.command().statistics()[path]
+        self.assertEqual((record["vmdk_bytes_read"], record["sum_delta_bytes_read"]), (20000, 15904))
+        self.assertEqual((record["vmdk_bytes_read2"], record["sum_delta_bytes_read2"], record["reports"]), (5, 10, 5))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,194 @@
+"""The appliance over real datastores, with the program that reads configuration files: what a person sees and the
+daemon is told while VMs come, change, break and go."""
+
+import json
+import os
+import pathlib
+import shutil
+import subprocess
+import unittest
+
+from fixture import FLAT_SIZE, PROGRAM, Appliance, TemporaryCase, delta_disk, flat_disk, make_vm, uuid_of, vmx_text
+from fixture import wait_until, write
+
+
+class DatastoreCase(TemporaryCase):
+    def setUp(self):
+        super().setUp()
+        self.store = self.directory / "ds1"
+        self.store.mkdir()
+
+    def start(self, *options):
+        self.appliance = Appliance(self.directory / "root", "--datastore", str(self.store), *options).start()
+        self.addCleanup(self.appliance.stop)
+        return self.appliance
+
+    def wait_for(self, *names):
+        """Waits until exactly these VMs are served; returns their documents."""
+        wait_until(lambda: sorted(self.appliance.vms()) == sorted(names), f"VMs {names}")
+        return self.appliance.vms()
+
+    def disks(self, name):
+        return self.appliance.get(f"vdisk?vhost_uuid={self.appliance.vms()[name]['uuid']}").json()
+
+    def messages(self):
+        return {alert["alert_id"]: alert["message"] for alert in self.appliance.get("alert").json()}
+
+
+class Life(DatastoreCase):
+    def test_vms_come_change_and_go(self):
+        make_vm(self.store, "web", 1)
+        make_vm(self.store / "templates", "gold", 2, suffix=".vmtx")
+        self.start()
+        vms = self.wait_for("web", "gold")
+        self.assertEqual(vms["gold"]["vmx_path"], "templates/gold/gold.vmtx")
+        self.assertEqual(vms["web"]["uuid"], uuid_of(1))
+        disk, = self.disks("web")
+        self.assertEqual((disk["head_ascii_path"], disk["base_extent_path"], disk["base_extent_size"]),
+                         ("/vmfs/volumes/ds1/web/web.vmdk", "/vmfs/volumes/ds1/web/web-flat.vmdk", FLAT_SIZE))
+        for root in ("vmfs/volumes", "vmfs.direct/volumes"):
+            self.assertEqual(os.path.realpath(self.appliance.root / root / "ds1"), str(self.store))
+
+        token = self.appliance.token()
+        make_vm(self.store, "mail", 3)
+        self.wait_for("web", "gold", "mail")
+        self.assertNotEqual(self.appliance.token(), token)
+
+        web = self.store / "web"
+        flat_disk(web / "other" / "web.vmdk")
+        write(web / "web.vmx", vmx_text("www", uuid_of(1), "web.vmdk", "other/web.vmdk"))
+        self.assertEqual(self.wait_for("www", "gold", "mail")["www"]["uuid"], uuid_of(1))
+        self.assertEqual([disk["base_ascii_path"] for disk in self.disks("www")],
+                         ["/vmfs/volumes/ds1/web/web.vmdk", "/vmfs/volumes/ds1/web/other/web.vmdk"])
+
+        delta_disk(web / "web-000001.vmdk", "web.vmdk")
+        mine = f"Corvantis: {self.appliance.status()['settings']['controller.uuid']}"
+        write(web / "web.vmsd", f'.encoding = "UTF-8"\nsnapshot0.displayName = "{mine}"\n')
+        wait_until(lambda: self.appliance.vms()["www"]["snap_exists"] == 1, "the snapshot is seen")
+
+        shutil.rmtree(self.store / "mail")
+        self.wait_for("www", "gold")
+
+    def test_independent_disk(self):
+        path = make_vm(self.store, "web", 1)
+        write(path, path.read_text() + 'scsi0:0.mode = "independent-persistent"\n')
+        self.start()
+        self.wait_for("web")
+        self.assertEqual([disk["independent"] for disk in self.disks("web")], [1])
+
+    def test_what_cannot_be_read_is_told_and_harms_nobody(self):
+        make_vm(self.store, "good", 1)
+        write(self.store / "empty" / "empty.vmx", "")
+        write(self.store / "nameless" / "nameless.vmx", vmx_text("", uuid_of(2)))
+        broken = make_vm(self.store, "broken", 3)
+        os.remove(broken.with_name("broken-flat.vmdk"))
+        self.start()
+        self.wait_for("good", "broken")
+        self.assertEqual(len(self.disks("good")), 1)
+        wait_until(lambda: len(self.appliance.get("alert").json()) == 3, "all is told")
+        told = {alert["object_id"]: alert["message"] for alert in self.appliance.get("alert").json()}
+        self.assertIn("cannot be read", told["ds1/empty/empty.vmx"])
+        self.assertIn("no name", told["ds1/nameless/nameless.vmx"])
+        self.assertIn("extent is missing", told["ds1/broken/broken.vmx:broken.vmdk"])
+        text = self.appliance.run("status").stdout
+        self.assertIn("! Disk 'broken.vmdk' cannot be exported", text)
+        flat_disk(broken.with_name("broken.vmdk"))
+        write(self.store / "empty" / "empty.vmx", vmx_text("full", uuid_of(4)))
+        shutil.rmtree(self.store / "nameless")
+        self.wait_for("good", "broken", "full")
+        wait_until(lambda: not self.messages(), "the alerts are cleared")
+
+    def test_names_of_any_bytes(self):
+        name = "M\u00e4rz \u2603 | 100% a/b.."
+        for number, directory in enumerate((b"M\xe4rz", b"M\xe5rz"), 1):
+            home = self.store / os.fsdecode(directory)
+            flat_disk(home / "d\u00e4sk.vmdk")
+            text = vmx_text(f"{name.replace('|', '|7C')}{number}", uuid_of(number), "d\u00e4sk.vmdk")
+            write(home / "v.vmx", f'.encoding = "UTF-8"\n{text}')
+        self.start()
+        vms = self.wait_for(f"{name}1", f"{name}2")
+        self.assertEqual(os.fsencode(vms[f"{name}1"]["vmx_path"]), b"M\xe4rz/v.vmx")
+        disk, = self.disks(f"{name}2")
+        self.assertEqual(os.fsencode(disk["base_extent_path"]),
+                         b"/vmfs/volumes/ds1/M\xe5rz/" + "d\u00e4sk-flat.vmdk".encode())
+        self.assertIn("M\\xe4rz/v.vmx", self.appliance.run("status").stdout)
+
+    def test_identity_outlives_a_restart(self):
+        for name in ("original", "copy"):
+            make_vm(self.store, name, 1)
+        self.start()
+        before = {name: (vm["uuid"], vm["last_discover_time"])
+                  for name, vm in self.wait_for("original", "copy").items()}
+        self.assertEqual(len({uuid for uuid, _ in before.values()}), 2)
+        self.assertEqual(self.appliance.run("folder", "add", "Accounts").returncode, 0)
+        self.assertEqual(self.appliance.run("folder", "move", "copy", "Accounts").returncode, 0)
+        self.appliance.stop()
+        make_vm(self.store, "later", 2)
+        self.start()
+        self.assertGreaterEqual(len(self.appliance.vms()), 2)  # known before anything is read
+        after = self.wait_for("original", "copy", "later")
+        self.assertEqual(before, {name: (after[name]["uuid"], after[name]["last_discover_time"]) for name in before})
+        self.assertEqual(after["copy"]["folder"], "Accounts")
+
+
+class Stores(DatastoreCase):
+    def test_datastore_vanishes_and_returns(self):
+        make_vm(self.store, "web", 1)
+        self.start()
+        self.wait_for("web")
+        away = self.directory / "away"
+        os.rename(self.store, away)
+        wait_until(lambda: "datastore" in self.messages(), "the loss is told")
+        self.assertEqual([store["accessible"] for store in self.appliance.get("datastore").json()], [0])
+        self.assertEqual(list(self.appliance.vms()), ["web"])
+        self.assertIn("LOST", self.appliance.run("status").stdout)
+        token = self.appliance.token()
+        os.rename(away, self.store)
+        wait_until(lambda: not self.messages(), "the return is seen")
+        self.assertNotEqual(self.appliance.token(), token)
+
+    def test_vm_moves_between_datastores(self):
+        second = self.directory / "ds2"
+        second.mkdir()
+        make_vm(self.store, "web", 1)
+        self.start("--datastore", f"esx2:{second}")
+        before = self.wait_for("web")["web"]
+        os.rename(self.store / "web", second / "web")
+        after = wait_until(lambda: [vm for vm in self.appliance.vms().values() if vm["datastore_name"] == "ds2"],
+                           "the VM has moved")
+        self.assertEqual([(vm["uuid"], vm["hv_hostname"]) for vm in after], [(before["uuid"], "esx2")])
+
+    def test_made_up_machines_read_as_they_are_served(self):
+        subprocess.run([PROGRAM, "synthesize", self.store, "12"], check=True)
+        self.start()
+        wait_until(lambda: len(self.appliance.vms()) == 12, "all machines are read")
+        read = self._inventory()
+        self.appliance.stop()
+        self.appliance = Appliance(self.directory / "other", "--synthetic", "12", "--datastore",
+                                   str(self.store)).start()
+        self.addCleanup(self.appliance.stop)
+        wait_until(lambda: len(self.appliance.vms()) == 12, "all machines are served")
+        self.assertEqual(self._inventory(), read)
+
+    def _inventory(self):
+        vms = self.appliance.vms()
+        for vm in vms.values():
+            del vm["last_discover_time"]
+        return vms, sorted(self.appliance.get("vdisk").json(), key=lambda disk: disk["base_ascii_path"])
+
+    def test_status_as_json(self):
+        make_vm(self.store, "web", 1)
+        self.start()
+        self.wait_for("web")
+        status = wait_until(lambda: (found := self.appliance.status())["datastores"][0]["complete"] and found,
+                            "the datastore has been read")
+        self.assertTrue(status["controller"]["running"])
+        self.assertEqual([(vm["name"], vm["disks"][0]["name"]) for vm in status["vms"]], [("web", "web.vmdk")])
+        self.appliance.stop()
+        self.assertFalse(json.loads(subprocess.run(
+            [PROGRAM, "status", "--json", "--root", pathlib.Path(self.directory / "root")], capture_output=True,
+            check=True).stdout)["controller"]["running"])
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,377 @@
+"""A running controller as its clients meet it: objects, waiting, faults on demand, its place on the machine."""
+
+import http.client
+import json
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import stat
+import subprocess
+import threading
+import time
+import unittest
+
+from fixture import PROGRAM, Appliance, temporary_directory, wait_until
+
+VMS = 7
+
+
+class Rig:
+    """A directory with appliances in it, the first of which reads faults and writes a journal."""
+
+    def __init__(self, clean_up):
+        self.directory = temporary_directory()
+        clean_up(shutil.rmtree, self.directory)
+        self.clean_up = clean_up
+        self.faults = self.directory / "faults.json"
+        self.journal = self.directory / "journal"
+        self.appliance = self.start("--faults", str(self.faults), "--journal", str(self.journal))
+
+    def start(self, *options, root="root"):
+        appliance = Appliance(self.directory / root, "--synthetic", str(VMS), *options).start()
+        self.clean_up(appliance.stop)
+        wait_until(lambda: len(appliance.vms()) == VMS, "all VMs are there")
+        return appliance
+
+    def set_faults(self, *rules):
+        aside = self.faults.with_suffix(".new")
+        aside.write_text(json.dumps(rules))
+        aside.rename(self.faults)
+
+
+class SharedCase(unittest.TestCase):
+    """All tests of a class use one appliance."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.rig = Rig(cls.addClassCleanup)
+        cls.appliance = cls.rig.appliance
+
+
+class Objects(SharedCase):
+    def test_what_the_daemon_asks(self):
+        get = self.appliance.get
+        host, = get("hvconfig").json()
+        self.assertEqual(host.keys(), {"hostname", "login_name", "password", "hv_port", "hv_data_port", "hv_type"})
+        vms = get(f"vhost?hv_hostname={host['hostname']}").json()
+        self.assertEqual([vm["name"] for vm in vms], [f"vm-{number:05d}" for number in range(VMS)])
+        for vm in vms:  # a daemon cannot do with less
+            for member in ("host_system", "resource_pool", "datastore_uuid", "snapshot_directory"):
+                self.assertTrue(vm[member], member)
+        uuid = vms[3]["uuid"]
+        self.assertEqual(get(f"vhost?vm_uuid={uuid}").json(), [vms[3]])
+        self.assertEqual(get("vhost?vm_uuid=none").json(), [])
+        disks = get(f"vdisk?vhost_uuid={uuid}").json()
+        self.assertEqual([disk["name"] for disk in disks], ["vm-00003.vmdk", "vm-00003_1.vmdk"])
+        self.assertEqual(get(f"vdisk?vhost_uuid={uuid}&name=vm%2D00003_1.vmdk").json(), disks[1:])
+        self.assertEqual(len(get("vdisk").json()), 2 * VMS)
+        store, = get("datastore").json()
+        self.assertEqual(json.loads(store["path"]), ["/vmfs.direct/volumes/synthetic", "/vmfs/volumes/synthetic"])
+        self.assertEqual(get("nfs_datastore").json(), [])
+        self.assertEqual(get("node?get_master").json(), self.value("controller.uuid")["result"])
+
+    def value(self, key):
+        return self.appliance.post("registry", {"method_name": "get_value", "method_args": key}).json()
+
+    def test_registry(self):
+        self.assertEqual(self.value("export.cache.ttl"), {"error_code": 0, "result": "120"})
+        self.assertEqual(self.value("no.such")["error_code"], 1)
+        for line in self.appliance.run("status").stdout.split("Settings:\n")[1].splitlines():
+            key, _, shown = line.strip().partition(" = ")
+            self.assertTrue(shown, key)
+            self.assertEqual(self.value(key), {"error_code": 0, "result": shown})
+        self.assertEqual(self.appliance.run("set", "export.cache.ttl", "5").returncode, 0)
+        wait_until(lambda: self.value("export.cache.ttl")["result"] == "5", "the setting is taken in")
+        for key, value in (("export.cache.ttl", ""), ("export.max_session", "-1"), ("smartread.enabled", "yes"),
+                           ("vendor.id", "a: b"), ("no.such", "1")):
+            done = self.appliance.run("set", key, value)
+            self.assertEqual((done.returncode, done.stdout, done.stderr.count("\n")), (2, "", 1), done.stderr)
+
+    def test_posts_that_cannot_be_taken(self):
+        uuid = self.appliance.vms()["vm-00000"]["uuid"]
+        alert = {"action": "alert_post", "alert_id": "a", "object_id": "b"}
+        for name, value, status in (
+                ("vmconfig", {"uuid": uuid, "cbt_reset_pending": 1, "other": 5}, 200),
+                ("vmconfig", {"uuid": "none", "cbt_reset_pending": 1}, 404),
+                ("vmconfig", {"uuid": uuid, "cbt_reset_pending": "x"}, 400),
+                ("vmconfig", {"uuid": uuid, "error_message": 5}, 400),
+                ("vmconfig", {"cbt_reset_pending": 1}, 400),
+                ("vmconfig", [], 400),
+                ("vmconfig", b"{", 400),
+                ("vmconfig", b"[" * 100000, 400),
+                ("event", {"event_name": "reset_cbt", "args": {"uuid": uuid}}, 200),
+                ("event", {"event_name": "reset_cbt", "args": 5}, 400),
+                ("event", {"event_name": "other"}, 200),
+                ("alert", alert, 200),
+                ("alert", {**alert, "action": "x"}, 400),
+                ("alert", {**alert, "object_id": None}, 400),
+                ("alert", b'{"action":"alert_post","alert_id":"\xff\\ud800","object_id":"\\u0000"}', 200),
+                ("vmstats", {}, 400),
+                ("vmstats", [5], 400),
+                ("hvconfig", {}, 404),
+                ("nothing", {}, 404)):
+            with self.subTest(name, value=value):
+                reply = self.appliance.post(name, value)
+                self.assertEqual(reply.status, status, reply.body)
+        self.assertEqual(len(self.appliance.get("alert").json()), 2)
+        self.assertEqual([event["event_name"] for event in self.appliance.status()["events"]],
+                         ["reset_cbt", "reset_cbt", "other"])
+
+    def test_long_poll(self):
+        answers = []
+        token = self.appliance.token()
+        path = f"fs_sync?target=dsfs&genId={token}&type=wait"
+        self.assertEqual(self.appliance.get(f"{path}&timeout=1").json(), {"genId": token})
+        waiter = threading.Thread(target=lambda: answers.append(self.appliance.get(path, timeout=30).json()["genId"]))
+        waiter.start()
+        uuid = self.appliance.vms()["vm-00000"]["uuid"]
+        self.appliance.post("vmconfig", {"uuid": uuid, "use_cbt": 1})
+        waiter.join(5)
+        self.assertEqual(answers, [self.appliance.token()])
+        self.appliance.get(f"fs_sync?target=vmfs&type=set&genId={answers[0]}")
+        self.assertEqual(self.appliance.status()["controller"]["taken_over"], answers[0])
+        for wrong in ("target=vmfs&type=wait", "target=x&type=query", "target=dsfs&type=set", "target=dsfs"):
+            self.assertEqual(self.appliance.get(f"fs_sync?{wrong}").status, 404)
+
+    def test_waiting_client_that_leaves_is_noticed(self):
+        def threads():
+            return len(os.listdir(f"/proc/{self.appliance.process.pid}/task"))
+
+        time.sleep(0.5)  # the threads of requests that have been answered end
+        before = threads()
+        path = f"/api/fs_sync?target=dsfs&genId={self.appliance.token()}&type=wait"
+        port = int(self.appliance.url.rpartition(":")[2])
+        clients = [socket.create_connection(("127.0.0.1", port)) for _ in range(5)]
+        for client in clients:
+            client.sendall(f"GET {path} HTTP/1.1\r\nHost: x\r\n\r\n".encode())
+        wait_until(lambda: threads() >= before + 5, "all wait")
+        for client in clients:
+            client.close()
+        wait_until(lambda: threads() <= before, "all are gone", 10)
+
+    def test_folders(self):
+        def folders():
+            return {folder["name"]: folder["numVms"] for folder in self.appliance.get("folder").json()}
+
+        host = self.appliance.get("hvconfig").json()[0]["hostname"]
+        for words, status in ((("add", "Büro"), 0), (("add", "Büro"), 1), (("add", ".."), 2), (("add", "a/b"), 2),
+                              (("add", ""), 2), (("add", ".uuid"), 2), (("add", "x" * 256), 2), (("add", host), 1),
+                              (("move", "vm-00001", "Büro"), 0), (("move", "vm-9", "Büro"), 1),
+                              (("move", "vm-00001", "none"), 1), (("add", "Other"), 0),
+                              (("rename", "Other", "Büro"), 1),
+                              (("rename", "none", "x"), 1)):
+            with self.subTest(words):
+                done = self.appliance.run("folder", *words)
+                self.assertEqual((done.returncode, done.stderr.count("\n")), (status, int(status != 0)), done.stderr)
+        wait_until(lambda: folders() == {"Büro": 1, "Other": 0}, "the folders are there")
+        self.assertEqual(self.appliance.vms()["vm-00001"]["folder"], "Büro")
+        self.appliance.run("folder", "rename", "Büro", "Labor")
+        wait_until(lambda: self.appliance.vms()["vm-00001"]["folder"] == "Labor", "the folder is renamed")
+        self.appliance.run("folder", "remove", "Labor")
+        wait_until(lambda: "folder" not in self.appliance.vms()["vm-00001"], "the folder is gone")
+        self.assertEqual(folders(), {"Other": 0})
+
+    def test_what_is_chosen_for_a_vm(self):
+        self.assertEqual(self.appliance.run("vm", "vm-00002", "export_enabled", "0").returncode, 0)
+        wait_until(lambda: self.appliance.vms()["vm-00002"]["export_enabled"] == 0, "the choice is taken in")
+        before = {name: vm["last_discover_time"] for name, vm in self.appliance.vms().items()}
+        self.appliance.run("refresh", "--first", "2", "vm-00005")
+        changed = wait_until(lambda: [name for name, vm in self.appliance.vms().items()
+                                      if vm["last_discover_time"] != before[name]], "machines count as changed")
+        self.assertEqual(changed, ["vm-00000", "vm-00001", "vm-00005"])
+
+
+class Faults(SharedCase):
+    def setUp(self):
+        self.addCleanup(self.rig.set_faults)
+
+    def test_each_kind(self):
+        whole = self.appliance.get("hvconfig").body
+        cases = {
+            "status": ({"status": 503}, 503, None),
+            "redirect": ({"status": 302, "location": "http://127.0.0.1:9/"}, 302, None),
+            "other body": ({"body": "no JSON"}, 200, b"no JSON"),
+            "empty body": ({"body": ""}, 200, b""),
+            "large body": ({"body": "0123456789", "repeat": 300000}, 200, b"0123456789" * 300000),
+            "chunked": ({"chunked": 1}, 200, whole),
+            "another query": ({"query": "x=", "status": 500}, 200, whole),
+            "another method": ({"method": "POST", "status": 500}, 200, whole),
+        }
+        for name, (rule, status, body) in cases.items():
+            with self.subTest(name):
+                self.rig.set_faults({"object": "hvconfig", **rule})
+                reply = self.appliance.get("hvconfig")
+                self.assertEqual(reply.status, status)
+                if body is not None:
+                    self.assertEqual(reply.body, body)
+                self.assertEqual("chunked" in rule, reply.headers["Transfer-Encoding"] == "chunked")
+
+    def test_answers_that_do_not_come(self):
+        for rule in ({"cut": 10}, {"hang": 0.2}, {"cut": 10, "chunked": 1}):
+            with self.subTest(rule):
+                self.rig.set_faults({"object": "*", "times": 1, **rule})
+                with self.assertRaises((OSError, http.client.HTTPException)):
+                    self.appliance.get("hvconfig")
+                self.assertEqual(self.appliance.get("hvconfig").status, 200)  # used up
+        self.rig.set_faults({"object": "hvconfig", "delay": 0.5})
+        started = time.monotonic()
+        self.assertEqual(self.appliance.get("hvconfig").status, 200)
+        self.assertGreater(time.monotonic() - started, 0.5)
+        self.assertLess(self.appliance.get("folder").status, 300)
+        self.rig.faults.write_text("[{]")
+        self.assertEqual(self.appliance.get("hvconfig").status, 200)
+
+    def test_refused_post_has_no_effect(self):
+        uuid = self.appliance.vms()["vm-00000"]["uuid"]
+        self.rig.set_faults({"object": "vmconfig", "status": 500, "times": 1})
+        self.appliance.post("vmconfig", {"uuid": uuid, "use_cbt": 1})
+        self.assertEqual(self.appliance.vms()["vm-00000"]["use_cbt"], 0)
+        self.appliance.post("vmconfig", {"uuid": uuid, "use_cbt": 1})
+        self.assertEqual(self.appliance.vms()["vm-00000"]["use_cbt"], 1)
+        posts = [entry for entry in map(json.loads, self.rig.journal.read_text().splitlines())
+                 if entry["object"] == "vmconfig"]
+        self.assertEqual([(entry["method"], entry["status"], json.loads(entry["body"])["uuid"]) for entry in posts],
+                         [("POST", 500, uuid), ("POST", 200, uuid)])
+
+
+class Place(unittest.TestCase):
+    def setUp(self):
+        self.rig = Rig(self.addCleanup)
+        self.appliance, self.directory = self.rig.appliance, self.rig.directory
+
+    def test_answers_soon(self):
+        """Discovery of thousands goes on behind the start. The best of a few tries: the machine may be busy."""
+        tries = []
+        for number in range(3):
+            started = time.monotonic()
+            appliance = Appliance(self.directory / f"soon{number}", "--synthetic", "5000", "--quiet").start()
+            self.addCleanup(appliance.stop)
+            self.assertEqual(appliance.get("hvconfig").status, 200)
+            tries.append(time.monotonic() - started)
+            appliance.stop()
+        self.assertLess(min(tries), 2)
+
+    def test_stops_while_clients_wait(self):
+        self.rig.set_faults({"object": "folder", "hang": 60})
+        for what in ("folder", f"fs_sync?target=dsfs&genId={self.appliance.token()}&type=wait"):
+            threading.Thread(target=lambda what=what: _quietly(self.appliance.get, what), daemon=True).start()
+        time.sleep(0.3)
+        worker = self.appliance.worker()
+        started = time.monotonic()
+        self.assertEqual(self.appliance.stop(), 0)
+        self.assertLess(time.monotonic() - started, 3)
+        self.assertFalse(pathlib.Path(f"/proc/{worker}").exists())
+
+    def test_worker_goes_with_a_killed_controller(self):
+        worker = self.appliance.worker()
+        self.assertEqual(pathlib.Path(f"/proc/{worker}/comm").read_text().strip(), "datastore_fs")
+        self.assertEqual(pathlib.Path(f"/proc/{self.appliance.process.pid}/comm").read_text().strip(),
+                         "run-controller")
+        self.appliance.stop(signal.SIGKILL)
+        wait_until(lambda: not pathlib.Path(f"/proc/{worker}").exists(), "the worker is gone")
+        again = self.rig.start()
+        self.assertEqual(len(again.vms()), VMS)
+
+    def test_killed_worker_is_replaced(self):
+        os.kill(self.appliance.worker(), signal.SIGKILL)
+        wait_until(lambda: [alert["alert_id"] for alert in self.appliance.get("alert").json()] == ["appliance"],
+                   "it is told that the worker ended")
+        wait_until(lambda: not self.appliance.get("alert").json(), "a new worker tells")
+        self.assertEqual(len(self.appliance.vms()), VMS)
+
+    def test_nobody_else_reads_its_secrets(self):
+        state = self.directory / "root/var/corvantis/appliance"
+        modes = {path.name: stat.S_IMODE(path.stat().st_mode) for path in state.iterdir()}
+        self.assertIn("appliance.db", modes)
+        self.assertEqual(set(modes.values()), {0o600}, modes)
+        self.assertEqual(stat.S_IMODE(self.rig.journal.stat().st_mode), 0o600)
+        password = self.appliance.get("hvconfig").json()[0]["password"]
+        command = pathlib.Path(f"/proc/{self.appliance.process.pid}/cmdline").read_bytes()
+        self.assertNotIn(password, self.appliance.run("status", "--json").stdout + command.decode())
+
+    def test_listens_on_the_loopback_interface_alone(self):
+        port = int(self.appliance.url.rpartition(":")[2])
+        pid = self.appliance.process.pid
+        table = "".join(pathlib.Path(f"/proc/{pid}/net/{name}").read_text() for name in ("tcp", "tcp6"))
+        listening = [line.split()[1] for line in table.splitlines() if line.split()[3:4] == ["0A"]]
+        self.assertEqual([address for address in listening if address.endswith(f":{port:04X}")],
+                         [f"0100007F:{port:04X}"])
+
+    def test_programs_at_fixed_places(self):
+        product = self.directory / "root/usr/local/corvantis"
+        brand = product / "python/branding/BrandReader.py"
+        watchdog = product / "bin/watchdog-test-controller.py"
+        port = self.appliance.url.rpartition(":")[2]
+        self.assertEqual(_output(brand, "controller.port", "controller.use_https"), (0, f"{port}\n0\n"))
+        self.assertEqual(_output(watchdog), (0, "running\n"))
+        self.appliance.stop()
+        self.assertEqual(_output(watchdog), (1, "stopped\n"))
+        (product / "etc/controller.conf").unlink()
+        self.assertEqual(_output(brand, "controller.port", "controller.use_https"), (0, "443\n1\n"))
+        self.assertEqual(_output(watchdog), (1, "stopped\n"))
+
+    def test_https(self):
+        certificate = self.directory / "certificate.pem"
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=localhost",
+                        "-keyout", certificate, "-out", self.directory / "public.pem"], check=True, capture_output=True)
+        with open(certificate, "a", encoding="ascii") as file:
+            file.write((self.directory / "public.pem").read_text())
+        appliance = self.rig.start("--certificate", str(certificate), root="tls")
+        self.assertTrue(appliance.url.startswith("https://"))
+        self.assertEqual(appliance.get("hvconfig").status, 200)
+        brand = self.directory / "tls/usr/local/corvantis/python/branding/BrandReader.py"
+        self.assertEqual(_output(brand, "controller.use_https"), (0, "1\n"))
+
+    def test_one_clear_line(self):
+        port = self.appliance.url.rpartition(":")[2]
+        closed = self.directory / "closed"
+        closed.mkdir(mode=0)
+        foreign = self.directory / "foreign/usr/local/corvantis/bin/watchdog-test-controller.py"
+        foreign.parent.mkdir(parents=True)
+        foreign.write_text("#!/bin/sh\necho running\n")
+        (self.directory / "garbage").write_bytes(b"x" * 5000)
+        cases = [
+            (["serve", "--root", "new", "--synthetic", "1", "--port", port], "Address already in use"),
+            (["serve", "--root", "root", "--synthetic", "1", "--port", "0"], "a controller runs"),
+            (["serve", "--root", "new"], "no --datastore"),
+            (["serve", "--root", "new", "--datastore", "gone"], "gone: cannot read this datastore: No such file"),
+            (["serve", "--root", "new", "--datastore", "garbage"], "Not a directory"),
+            (["serve", "--root", "new", "--datastore", ".", "--inspect", "gone"], "no such program"),
+            (["serve", "--root", "new", "--synthetic", "1", "--port", "x"], "--port"),
+            (["serve", "--root", "new", "--synthetic", "1", "--port", "70000"], "70000"),
+            (["serve", "--root", "new", "--synthetic", "1", "--poll", "nan"], "nan"),
+            (["serve", "--root", "new", "--synthetic", "1", "--certificate", "garbage"], "no certificate"),
+            (["serve", "--root", "foreign", "--synthetic", "1", "--port", "0"], "is not this appliance's"),
+            (["serve", "--root", "new", "--synthetic", "1", "--state", "garbage"], "garbage"),
+            (["status", "--root", "nothing"], "no such database"),
+            (["fly"], "fly"),
+            ([], "COMMAND"),
+        ]
+        if os.geteuid() != 0:
+            cases.append((["serve", "--root", "new", "--datastore", "closed"], "Permission denied"))
+        for words, told in cases:
+            with self.subTest(words):
+                done = subprocess.run([PROGRAM, *words], cwd=self.directory, capture_output=True, text=True,
+                                      timeout=30, check=False)
+                self.assertIn(done.returncode, (1, 2))
+                self.assertEqual((done.stdout, done.stderr.count("\n")), ("", 1), done.stderr)
+                self.assertIn(told, done.stderr)
+                self.assertTrue(done.stderr.startswith("mirador-appliance: "), done.stderr)
+
+
+def _output(program, *words):
+    done = subprocess.run([program, *words], capture_output=True, text=True, timeout=10, check=False)
+    return done.returncode, done.stdout
+
+
+def _quietly(call, *arguments):
+    try:
+        call(*arguments, timeout=20)
+    except Exception:  # the appliance stops meanwhile
+        pass
+
+
+if __name__ == "__main__":
+    unittest.main()
