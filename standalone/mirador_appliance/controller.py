@@ -295,6 +295,11 @@ class Controller:
                 self._say(f"datastore {name!r} {'is back' if accessible else 'is lost'}")
                 self.generation.bump()
 
+    def stores_with_vms(self) -> tuple[str, ...]:
+        """The datastores that VMs are known of."""
+        with self._lock:
+            return tuple({vm.key[0] for vm in self._vms.all()})
+
     def discovery_complete(self, name: str) -> None:
         """Every VM of a datastore has been read once."""
         with self._lock:

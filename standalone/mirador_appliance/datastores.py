@@ -60,9 +60,13 @@ def _name_of(given: str, real: str, places: Places) -> str:
     return os.path.basename(real)
 
 
+def _is_inside(path: str, directory: str) -> bool:
+    return f"{path}/".startswith(f"{directory.rstrip('/')}/")
+
+
 def parse_argument(words: list[str], places: Places) -> list[Datastore]:
     """The datastores that a command line gives: "[HOST:]DIR[,[HOST:]DIR…]", any number of times. Refused when one is
-    no readable directory or two have the same name."""
+    no readable directory, two have the same name or one lies inside another."""
     found: dict[str, Datastore] = {}
     for word in (part for words_ in words for part in words_.split(",") if part):
         host, directory = _directory_of(word)
@@ -72,6 +76,9 @@ def parse_argument(words: list[str], places: Places) -> list[Datastore]:
             raise Refused(f"{directory}: its name cannot be a datastore's", 2)
         if name in found:
             raise Refused(f"{directory}: a second datastore named {name!r}", 2)
+        for other in found.values():
+            if _is_inside(real, other.directory) or _is_inside(other.directory, real):
+                raise Refused(f"{directory}: one lies inside the other: this and datastore {other.name!r}", 2)
         found[name] = Datastore(name, host, real)
     return list(found.values())
 

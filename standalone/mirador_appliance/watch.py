@@ -35,10 +35,13 @@ class Look:
 
 class Watch:
     """One datastore's VMs. settle: seconds between two accounts of a VM of which only data files' times change, as
-    those of a running VM always do."""
+    those of a running VM always do. is_expected: whether there were VMs when somebody last looked, so that an empty
+    directory is one that nothing is mounted on."""
 
-    def __init__(self, store: Datastore, volumes: Volumes, inspector: Inspector, settle: float) -> None:
+    def __init__(self, store: Datastore, volumes: Volumes, inspector: Inspector, settle: float,
+                 is_expected: bool = False) -> None:
         self._store, self._volumes, self._inspector, self._settle = store, volumes, inspector, settle
+        self._is_expected = is_expected
         self._tree = Tree(store.directory)
         self._seen: dict[str, _Seen] = {}
         self._root: tuple[int, int] | None = None  # device and inode of the directory that the VMs were found in
@@ -50,7 +53,9 @@ class Watch:
         identity = status.st_dev, status.st_ino
         if not paths and self._seen and identity != self._root:
             raise OSError(0, "another, empty directory stands in its place")
-        self._root = identity
+        if self._is_expected and not os.listdir(self._store.directory):
+            raise OSError(0, "it is empty; is it not mounted?")
+        self._root, self._is_expected = identity, False
         present = set(paths)
         gone = [path for path in self._seen if path not in present]
         for path in gone:

@@ -39,13 +39,14 @@ Message = dict[str, Any]
 @dataclasses.dataclass(frozen=True)
 class Orders:
     """What a worker is to do. poll: seconds between two looks; settle: see watch.Watch; synthetic: number of VMs to
-    make up instead of looking for them."""
+    make up instead of looking for them; expected: names of the datastores that are known to hold VMs."""
     stores: list[Datastore]
     root: str
     inspect: str
     poll: float
     settle: float
     synthetic: int | None = None
+    expected: tuple[str, ...] = ()
 
     def packed(self) -> bytes:
         return pack(dataclasses.asdict(self)) + b"\n"
@@ -149,7 +150,8 @@ def _is_wanted(seconds: float) -> bool:
 def _watch_all(orders: Orders) -> None:
     volumes = Volumes(orders.stores, Places(pathlib.Path(orders.root)))
     inspector = Inspector(orders.inspect)
-    watchers = [_StoreWatcher(store, Watch(store, volumes, inspector, orders.settle)) for store in orders.stores]
+    watchers = [_StoreWatcher(store, Watch(store, volumes, inspector, orders.settle, store.name in orders.expected))
+                for store in orders.stores]
     while True:
         # First all that is gone: a VM that moved to another datastore then keeps its identity.
         for watcher in watchers:

@@ -1,5 +1,6 @@
 """The controller's end of the worker: starts it, takes in what it tells, starts it again when it ends."""
 
+import dataclasses
 import sqlite3
 import subprocess
 import sys
@@ -79,7 +80,8 @@ class WorkerLink:
         told = 0
         with process:
             try:
-                process.stdin.write(self._orders.packed())
+                orders = dataclasses.replace(self._orders, expected=self._controller.stores_with_vms())
+                process.stdin.write(orders.packed())
                 process.stdin.flush()
                 for line in process.stdout:
                     take_message(self._controller, unpack(line))

@@ -147,6 +147,22 @@ class Stores(DatastoreCase):
         wait_until(lambda: not self.messages(), "the return is seen")
         self.assertNotEqual(self.appliance.token(), token)
 
+    def test_nothing_is_mounted_at_the_start(self):
+        make_vm(self.store, "web", 1)
+        self.start()
+        self.wait_for("web")
+        self.appliance.stop()
+        away = self.directory / "away"
+        os.rename(self.store, away)
+        self.store.mkdir()
+        self.start()
+        wait_until(lambda: "it is empty" in self.messages().get("datastore", ""), "the loss is told")
+        self.assertEqual(list(self.appliance.vms()), ["web"])
+        os.rename(away / "web", self.store / "web")
+        wait_until(lambda: not self.messages(), "the return is seen")
+        shutil.rmtree(self.store / "web")
+        self.wait_for()
+
     def test_vm_moves_between_datastores(self):
         second = self.directory / "ds2"
         second.mkdir()
