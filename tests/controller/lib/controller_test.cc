@@ -233,7 +233,6 @@ TEST_F(controller, EndsAWaitThatIsInterrupted) {
 }
 
 TEST_F(controller, RefusesAUrlThatIsTooLong) {
-    const std::string base = "http://localhost/api/vhost?vm_uuid=";
     const std::string fits(1023 - controller_get_url().size() - std::string("/api/vhost?vm_uuid=").size(), 'u');
     fake_.answer("vhost?vm_uuid=" + fits, "[]");
     std::unique_ptr<ks_vm_config_t> vm;

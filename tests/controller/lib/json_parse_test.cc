@@ -219,14 +219,15 @@ TEST(json_parse, TellsWhatIsNoReply) {
     };
     const std::string deep(40, '[');
     const std::string deep_end(40, ']');
-    for (const auto& [text, error] : {case_t{"", "couldn't parse json_string"},
-                                      {"<html>", "couldn't parse json_string"},
-                                      {R"([{"name":"a"},)", "couldn't parse json_string"},
-                                      {"null", "couldn't parse json_string"},
-                                      {deep + deep_end, "couldn't parse json_string"},
-                                      {"42", "unknown json_type"},
-                                      {"\"text\"", "unknown json_type"},
-                                      {"true", "unknown json_type"}}) {
+    for (const case_t& reply : {case_t{"", "couldn't parse json_string"},
+                                {"<html>", "couldn't parse json_string"},
+                                {R"([{"name":"a"},)", "couldn't parse json_string"},
+                                {"null", "couldn't parse json_string"},
+                                {deep + deep_end, "couldn't parse json_string"},
+                                {"42", "unknown json_type"},
+                                {"\"text\"", "unknown json_type"},
+                                {"true", "unknown json_type"}}) {
+        const std::string& text = reply.text;
         list_t<ks_hypervisor_config_t> hypervisors;
         list_t<ks_vm_config_t> vms;
         list_t<ks_nfs_datastore_config_t> nfs;
@@ -243,7 +244,7 @@ TEST(json_parse, TellsWhatIsNoReply) {
             const errdesc_t* e = parse();
             ASSERT_NE(e, nullptr) << text;
             EXPECT_EQ(e->number, ERR_JSON_PARSE_ERROR);
-            EXPECT_THAT(e->string, StartsWith(error));
+            EXPECT_THAT(e->string, StartsWith(reply.error));
         }
     }
     list_t<ks_vm_folder_t> folders;
