@@ -85,6 +85,7 @@ void update_vms(const hv_thr_state_t& state) {
 void clear_away(const hv_thr_state_t& state) {
     if (errdesc_t* e = vm_proxy_remove_tree(state.hv_path))
         _errdesc_log(e, ERRDESC_ERROR);
+    vm_refresh_below(state.hv_path);  // a user's folder may have the hypervisor's name and VMs of others
     if (errdesc_t* e = managed_alert_clear_hv(state.hostname, get_reg_settings()->names().appliance_uuid))
         _errdesc_log(e, ERRDESC_WARNING);
 }

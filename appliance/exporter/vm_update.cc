@@ -226,4 +226,11 @@ void vm_refresh_all(const std::string& hv_hostname) {
     vm_state_each(hv_hostname, [](vm_state_t& vm) { return vm.refresh_now = true; });
 }
 
+void vm_refresh_below(const std::string& shadow_dir) {
+    for (const std::string& key : vm_state_get_keys())
+        if (key.starts_with(shadow_dir + '/'))
+            if (const vm_state_ref_t state = vm_state_get(key))
+                (*state).refresh_now = true;
+}
+
 }  // namespace mirador

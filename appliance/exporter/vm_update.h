@@ -21,8 +21,9 @@ namespace mirador {
 // Updates the VMs of a hypervisor one after another while `goes_on()` holds; failures are logged.
 void vm_update_all(const std::string& hv_hostname, const std::function<bool()>& goes_on);
 
-// Makes the next update of each of the hypervisor's VMs a full one.
+// Makes the next update of each of the hypervisor's VMs a full one; of each VM whose directory lay below `shadow_dir`.
 void vm_refresh_all(const std::string& hv_hostname);
+void vm_refresh_below(const std::string& shadow_dir);
 
 // One update. Without force nothing is done shortly after an attempt: cache_ttl seconds after a success, 30 after a
 // failure. Errors: EINVAL when another VM has the directory; ENOENT for a disk without head; those of vd_update, of
