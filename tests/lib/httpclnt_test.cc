@@ -3,6 +3,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -423,6 +425,32 @@ int lock_after_refused_time_limit() {
 TEST(httpclnt, RefusedTimeLimitLeavesTheHandleLocked) {
     EXPECT_EQ(in_child(lock_after_refused_time_limit), 0);
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they need the address space for themselves
+// An inventory that did not fit must not read as an empty one.
+TEST(httpclnt, BodyBeyondMemoryIsAnError) {
+    constexpr std::size_t body_size = 200'000'000;
+    constexpr rlim_t room = 64'000'000;
+    http_server_t server([](const http_request_t&, http_connection_t& connection) {
+        connection.send("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body_size) + "\r\n\r\n");
+        const std::string piece(1'000'000, ' ');
+        for (std::size_t sent = 0; sent < body_size; sent += piece.size())
+            connection.send(piece);
+    });
+    EXPECT_EQ(in_child([&] {
+                  const std::string statm = read_file("/proc/self/statm");
+                  const rlim_t used = std::strtoul(statm.c_str(), nullptr, 10) * static_cast<rlim_t>(getpagesize());
+                  const rlimit limit{used + room, used + room};
+                  http_handle_ptr hndl = new_handle();
+                  http_response_t response;
+                  if (setrlimit(RLIMIT_AS, &limit) != 0)
+                      return 1;
+                  const errdesc_t* e = httpclnt_get(*hndl, server.url(), &response);
+                  return response.body.empty() && response.status == 200 ? number_of(e) : 2;
+              }),
+              ENOMEM);
+}
+#endif
 
 TEST(httpclnt, ProxiesOfTheEnvironmentAreNotAsked) {
     http_server_t server(answer_ok);
