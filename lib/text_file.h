@@ -9,8 +9,8 @@
 
 namespace mirador {
 
-// Reads the whole file into *text. It neither waits for a pipe nor touches a device. Errors: errno with the path; EINVAL
-// "<kind> refused, not a regular file: <path>" or "<kind> refused, too long: <path>" above `max_size` bytes.
+// Reads the whole file into *text. It neither waits for a pipe nor touches a device. Errors: errno with the path;
+// EINVAL "<kind> refused, not a regular file: <path>" or "<kind> refused, too long: <path>" above `max_size` bytes.
 [[nodiscard]] errdesc_t* read_text_file(const std::string& path, const char* kind, std::size_t max_size,
                                         std::string* text);
 
