@@ -62,9 +62,9 @@ bool vmware_can_take_snapshot(const std::string& mode) {
 errdesc_t* vmware_get_vhost_record(const std::string& vhost_path, vhost_record_t* record) {
     cor_assert(record->magic == vhost_record_t::magic_value);
     record->filename = vhost_path;
+    static_cast<void>(stat(vhost_path.c_str(), &record->stat));
     vmxdesc_t vmx;
     RETURN_IF_ERROR(open_patiently(vhost_path, &vmx));
-    static_cast<void>(stat(vhost_path.c_str(), &record->stat));
     copy_texts(vmx, record);
     errdesc_t* const e = copy_disks(vmx, record);
     vmx_close(&vmx);

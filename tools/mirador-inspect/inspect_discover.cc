@@ -120,7 +120,7 @@ json_ptr vdsk_json(const vhost_record_t& record) {
 json_ptr record_json(const vhost_record_t& record) {
     json_ptr json = json_map();
     json_add(json, "filename", json_text(record.filename));
-    json_add(json, "dirname", json_text(record.dirname));
+    json_add(json, "dirname", json_text(std::filesystem::path(record.filename).parent_path().string()));
     json_add(json, "vmx_path", path_json(record.filename));
     json_add(json, "err", error_json(record.err.get()));
     json_add(json, "name", json_text(record.name));
@@ -135,12 +135,15 @@ json_ptr record_json(const vhost_record_t& record) {
     return json;
 }
 
-// The record with what its files hold besides.
+// The record with what its files hold besides. Of a configuration that cannot be read there is only what its name
+// tells.
 json_ptr vm_json(const vhost_record_t& record) {
     json_ptr json = record_json(record);
     vmxdesc_t vmx;
-    if (vmx_open(record.filename, &vmx) != nullptr)
-        return json;
+    if (vmx_open(record.filename, &vmx) != nullptr) {
+        vmx.is_template = record.filename.ends_with(template_suffix);
+        vmx.dirname = std::filesystem::path(record.filename).parent_path();
+    }
     json_add(json, "is_template", json_bool(vmx.is_template));
     json_add(json, "ctk_enabled", json_bool(vmx.ctk_enabled));
     json_add(json, "working_directory", path_json(vmx_working_dir(vmx)));

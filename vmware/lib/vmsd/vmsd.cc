@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "lib/cor_assert.h"
-#include "lib/file_io.h"
 #include "lib/text_file.h"
 #include "vmware/lib/vmsd/vmsd_parse.h"
 #include "vmware/lib/vmsd/vmsd_reader.h"
@@ -18,18 +17,15 @@ constexpr std::string_view suffix = ".vmsd";
 
 // The names of all snapshot databases in a directory.
 errdesc_t* list_databases(const std::string& directory, std::vector<std::string>* names) {
-    const dir_ptr dir(opendir(directory.c_str()));
-    if (!dir)
-        return errdesc_set_str(errno, directory);
-    for (;;) {
-        errno = 0;
-        const dirent* const entry = readdir(dir.get());
-        if (!entry)
-            return errno == 0 ? nullptr : errdesc_set_str(errno, directory);
-        const std::string name = entry->d_name;
+    std::error_code failed;
+    const std::filesystem::directory_iterator end;
+    for (std::filesystem::directory_iterator entry(directory, failed); !failed && entry != end;
+         entry.increment(failed)) {
+        const std::string name = entry->path().filename();
         if (name.size() > suffix.size() && name.ends_with(suffix))
             names->push_back(name);
     }
+    return failed ? errdesc_set_str(failed.value(), directory) : nullptr;
 }
 
 std::string best_name(const std::vector<std::string>& names, const std::string& disk) {

@@ -39,7 +39,7 @@ struct vmx_address_t {
     unsigned controller = 0;
     unsigned unit = 0;
     vmx_bus_t bus = VMX_SCSI;
-    auto operator<=>(const vmx_address_t&) const = default;
+    auto operator<=>(const vmx_address_t&) const = default;  // NOLINT(modernize-use-nullptr)
 };
 
 // "scsi0:1".

@@ -108,6 +108,7 @@ class matcher_t {
 
 std::vector<components_t> split_all(const std::vector<std::string>& paths, const std::string& dirname) {
     std::vector<components_t> result;
+    result.reserve(paths.size());
     for (const std::string& path : paths)
         result.push_back(split(path, dirname));
     return result;
