@@ -25,7 +25,7 @@ mutex_t _cns_generation_mutex;
 namespace {
 
 constexpr std::int64_t sector = 512;  // bytes; the smallest block that a file system can have
-constexpr int check_debug_level = 2;  // above it the file's own status is looked at too
+constexpr int check_debug_level = 2;  // above it unusual attributes in headers are logged
 
 errdesc_t* read_bytes(const std::string& header_path, cns_stub_header_t* header) {
     const unique_fd fd(open(header_path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
@@ -41,9 +41,8 @@ errdesc_t* read_bytes(const std::string& header_path, cns_stub_header_t* header)
     if (done < sizeof *header)
         return errdesc_set_fmt(ENOKEY, "_cns_read_proxy_header(%s): short read %zd", header_path.c_str(),
                                static_cast<ssize_t>(done));
-    struct stat st {};
-    if (get_reg_settings()->debug_level > check_debug_level && fstat(fd.get(), &st) == 0)
-        cns_check_statb(header_path, "_cns_read_proxy_header", st, false);
+    if (get_reg_settings()->debug_level > check_debug_level)
+        cns_check_statb(header_path, "_cns_read_proxy_header", cor_statb_to_stat(header->cns_attrs.statb), false);
     return nullptr;
 }
 

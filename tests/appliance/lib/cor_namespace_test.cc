@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "appliance/lib/registry.h"
 #include "lib/clock.h"
 #include "lib/tool_paths.h"
 #include "lib/walker.h"
@@ -26,6 +27,7 @@ namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 constexpr std::uint64_t ours = 7;
@@ -474,6 +476,21 @@ TEST(cor_namespace, StatusIsToldWhenItIsUnusual) {
     EXPECT_EQ(told(S_IFDIR | 04777, false), "caller: /a: mode <40000 (DIR), 4777> , size 5\n");
     EXPECT_EQ(told(S_IFIFO | 0777, false), "caller: /a: mode <10000 (UNEXPECTED), 0777> , size 5\n");
     EXPECT_EQ(told(S_IFREG | 0777, true), "caller: /a: mode <100000 (REG), 0777> , size 5\n");
+}
+
+TEST_F(cor_namespace_test, UnusualAttributesOfAHeaderAreToldWhenDebugging) {
+    create("/a", ours, 1, 5);
+    const cns_node_t usual{.permissions = 0777};
+    ASSERT_EQ(cns_create_node(ns.get(), "/b", usual), nullptr);
+    get_reg_settings()->debug_level = 3;
+    testing::internal::CaptureStdout();
+    attrs("/a");
+    attrs("/b");
+    std::fflush(stdout);
+    const std::string told = testing::internal::GetCapturedStdout();
+    get_reg_settings()->debug_level = 0;
+    EXPECT_THAT(told, EndsWith(": _cns_read_proxy_header: " + root + "/a: mode <100000 (REG), 0755> , size 5\n"));
+    EXPECT_THAT(told, Not(HasSubstr("/b")));
 }
 
 TEST(cor_namespace, AttributesArePrinted) {
