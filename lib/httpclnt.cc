@@ -89,9 +89,17 @@ errdesc_t* check_status(const std::string& url, const http_response_t& resp) {
                            resp.header.c_str());
 }
 
+// Whether the header has its empty line. Interim replies have headers of their own before it, and a body in chunks may
+// have more lines behind it.
+bool has_header_end(const std::string& header) {
+    const std::size_t before_status = header.rfind("\nHTTP/");
+    const std::size_t last = before_status == std::string::npos ? 0 : before_status + 1;
+    return header.find("\n\r\n", last) != std::string::npos || header.find("\n\n", last) != std::string::npos;
+}
+
 // libcurl takes a reply that ends within its header for a whole one without a body.
 errdesc_t* check_header_end(const std::string& url, const http_response_t& resp) {
-    if (resp.status == status_none || resp.header.ends_with("\n\r\n") || resp.header.ends_with("\n\n"))
+    if (resp.status == status_none || has_header_end(resp.header))
         return nullptr;
     return perform_error(CURLE_PARTIAL_FILE, url, CURLE_PARTIAL_FILE);
 }

@@ -120,6 +120,7 @@ TEST_P(httpclnt_test, BodyArrivesWholeHoweverItIsSent) {
          text,
          -1},
         {"chunked, empty", "Transfer-Encoding: chunked\r\n\r\n", {"0\r\n\r\n"}, "", -1},
+        {"chunked, trailer", "Transfer-Encoding: chunked\r\n\r\n", {"2\r\n{}\r\n0\r\nSum: 7\r\n\r\n"}, "{}", -1},
         {"zero byte", "Content-Length: 3\r\n\r\n", {std::string("a\0b", 3)}, std::string("a\0b", 3), 3},
         {"header in pieces", "Content-", {"Length: 2\r", "\n\r\n{", "}"}, "{}", 2},
         {"50 MB", "Content-Length: 50000000\r\n\r\n", {big}, big, 50'000'000},
@@ -149,6 +150,7 @@ TEST_P(httpclnt_test, BrokenReplyIsAnError) {
         {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nhalf of it", ends_early},
         {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nfirst\r\n", ends_early},
         {"HTTP/1.1 200 OK\r\nContent-", ends_early},
+        {"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\nContent-", ends_early},
         {"", no_reply},
         {"SSH-2.0-OpenSSH\r\n", no_http},
     };
