@@ -2,10 +2,12 @@
 #include "appliance/exporter/vm_proxy_api.h"
 
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 #include "appliance/exporter/export_names.h"
 #include "appliance/exporter/runtime_alerts.h"
+#include "appliance/exporter/vm_proxy_evict.h"
 #include "appliance/exporter/vm_proxy_open.h"
 #include "lib/clock.h"
 #include "lib/cor_assert.h"
@@ -63,13 +65,45 @@ std::unique_ptr<fuse_fh_t> fuse_fh_new(unique_fd fd, const cookie_ptr& shared, c
     return fh;
 }
 
-// Opens on one cookie. *retry: it left the table before it could be locked, and the path has another one by now.
+bool is_same_file(const cor_statb_t& one, const cor_statb_t& other) {
+    return one.dev == other.dev && one.ino == other.ino;
+}
+
+// Whether the path belongs to another VM by now, or leads to another file. A disk of a VM that can be snapshotted is
+// served from its snapshot, whatever becomes of the VM's own files meanwhile.
+bool leads_elsewhere(const vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
+    const errdesc_keeper_t keep;
+    std::unique_ptr<vm_proxy_header_t> now;
+    if (vm_proxy_read_header_checked(cookie.shadow_path, &now) != nullptr)
+        return false;
+    const vm_proxy_header_t& then = cookie.header;
+    if (now->type != then.type || std::strcmp(now->vm_uuid, then.vm_uuid) != 0)
+        return true;
+    if (then.type == VM_PROXY_HEADER_VMDK_FLAT && then.can_snapshot != 0)
+        return false;
+    return std::strcmp(now->path, then.path) != 0 || !is_same_file(now->statb, then.statb);
+}
+
+// Takes a cookie out of the table whose path leads elsewhere. A disk that is open stays: what was opened is in use.
+errdesc_t* give_up(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
+    if (cookie.ref > 0 && cookie.header.type == VM_PROXY_HEADER_VMDK_FLAT)
+        return errdesc_set_fmt(EBUSY, "%s: another disk is still open under this path", cookie.path.c_str());
+    vm_proxy_remove_cookie(cookie);
+    if (errdesc_t* e = vm_proxy_do_evict(cookie, false))
+        _errdesc_log(e, ERRDESC_ERROR);
+    return nullptr;
+}
+
+// Opens on one cookie. *retry: it has left the table, and the path has another one or needs one.
 errdesc_t* open_cookie(const cookie_ptr& shared, std::unique_ptr<fuse_fh_t>* fh, bool* retry) {
     vm_proxy_cookie_t& cookie = *shared;
     const mutex_lock_t lock(cookie.mutex);
     *retry = cookie.detached;
     if (*retry)
         return nullptr;
+    *retry = leads_elsewhere(cookie);
+    if (*retry)
+        return give_up(cookie);
     cookie.ref++;
     cookie.stamp = clock_now();
     unique_fd fd;

@@ -5,8 +5,9 @@
 // Which cookies the table holds, and the only ways in and out:
 //   - a cookie enters with the first open (or attribute query) of its path, if need be in the place of a victim;
 //   - it stays after its last release, with its snapshot and mappings, so that a reopen is cheap;
-//   - it leaves when it is chosen as a victim, when an open of it fails, or at shutdown. What left never comes back:
-//     `detached` is set then, and the next open of the path makes a new cookie.
+//   - it leaves when it is chosen as a victim, when an open of it fails or finds that the path leads elsewhere by now,
+//     or at shutdown. What left never comes back: `detached` is set then, and the next open of the path makes a new
+//     cookie.
 // A handle owns what it reads from (descriptor, mapping, overlay, byte counter), so it goes on working when its cookie
 // has left the table; releasing it then changes no count.
 //

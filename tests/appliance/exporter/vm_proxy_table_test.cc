@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -68,6 +69,31 @@ TEST_F(vm_proxy_table, OpensOfOnePathShareOneSetUpAndItsCookieOutlivesThem) {
     release(open(disk));
     EXPECT_EQ(fake_vdsk().set_ups.size(), 1U);
     EXPECT_EQ(cached(), std::vector<std::string>{disk});
+}
+
+TEST_F(vm_proxy_table, PathThatLeadsElsewhereIsOpenedAnew) {
+    const std::string vmx = expose("a.vmx", VM_PROXY_HEADER_VMX, make_file("one.vmx", "one"));
+    fh_ptr old = open(vmx);
+    expose("a.vmx", VM_PROXY_HEADER_VMX, make_file("two.vmx", "second"));
+    fh_ptr fresh = open(vmx);
+    EXPECT_NE(old->cookie, fresh->cookie);
+    EXPECT_EQ(lseek(fresh->fd.get(), 0, SEEK_END), 6);
+    release(std::move(old));
+    release(std::move(fresh));
+
+    const std::string disk = expose_disk("a-flat.vmdk");
+    release(open(disk));
+    expose("a-flat.vmdk", VM_PROXY_HEADER_VMDK_FLAT, make_file("other", std::string(disk_size, 'o')));
+    fh_ptr other = open(disk);
+    EXPECT_EQ(fake_vdsk().set_ups, (std::vector<std::string>{fake_vdsk().device, root_ + "/other"}));
+    expose_disk("a-flat.vmdk");
+    EXPECT_EQ(open(disk), nullptr) << "the other disk is open";
+    EXPECT_EQ(saved_number(disk), EBUSY);
+    EXPECT_EQ(refs(*other), 1);
+    release(std::move(other));
+    release(open(disk));
+    EXPECT_EQ(fake_vdsk().set_ups.size(), 3U);
+    EXPECT_EQ(cached(), (std::vector<std::string>{vmx, disk}));
 }
 
 TEST_F(vm_proxy_table, FullTableGivesUpItsLongestUnusedCookieAtOnce) {
