@@ -3,6 +3,8 @@
 
 #include <cerrno>
 #include <optional>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -26,6 +28,24 @@ struct counts_t {
     int enabled = 0;
     int updated = 0;
     int failed = 0;
+};
+
+// What the controller lists in a cycle.
+struct listed_t {
+    std::unordered_set<std::string> hypervisors;                               // whose VMs could be had
+    std::unordered_map<std::string, std::pair<std::string, std::string>> vms;  // uuid -> hypervisor and name
+
+    void add(const ks_vm_config_t& vmc) { vms[ks_text(vmc.uuid)] = {ks_text(vmc.hv_hostname), ks_text(vmc.vm_name)}; }
+
+    // Whether an alert is about a VM that is not listed any more, or not under the name and hypervisor that it had.
+    bool outlived(const managed_alert_t& alert) const {
+        if (!ks_is_set(alert.vm_uuid))
+            return false;
+        const auto vm = vms.find(*alert.vm_uuid);
+        if (vm == vms.end())
+            return hypervisors.contains(ks_text(alert.hv_name));
+        return vm->second != std::pair(ks_text(alert.hv_name), ks_text(alert.vm_name));
+    }
 };
 
 bool is_exported(const ks_vm_config_t& vmc) {
@@ -59,12 +79,17 @@ bool update_vm(const ks_vm_config_t& vmc, const ks_hypervisor_config_t& hvc, con
     return false;
 }
 
-void update_vms(const ks_hypervisor_config_t& hvc, const cnt_cycle_t& cycle, counts_t* counts) {
+void update_vms(const ks_hypervisor_config_t& hvc, const cnt_cycle_t& cycle, counts_t* counts, listed_t* listed) {
     record_list_ptr<ks_vm_config_t> vms;
     if (errdesc_t* e = controller_get_vms(hvc, &vms)) {
         _errdesc_log(e, ERRDESC_INFO);
         return;
     }
+    listed->hypervisors.insert(ks_text(hvc.hostname));
+    list_iter(*vms, [listed](const ks_vm_config_t& vmc) {
+        listed->add(vmc);
+        return true;
+    });
     while (cycle.goes_on()) {
         std::optional<ks_vm_config_t> vmc = list_pop(*vms);
         if (!vmc)
@@ -74,18 +99,26 @@ void update_vms(const ks_hypervisor_config_t& hvc, const cnt_cycle_t& cycle, cou
     }
 }
 
-void update_hypervisor(const ks_hypervisor_config_t& hvc, const cnt_cycle_t& cycle, counts_t* counts) {
+void update_hypervisor(const ks_hypervisor_config_t& hvc, const cnt_cycle_t& cycle, counts_t* counts,
+                       listed_t* listed) {
     if (errdesc_t* e = ks_hypervisor_config_check(hvc)) {  // its name becomes part of URLs and paths
         _errdesc_log(e, ERRDESC_INFO);
         return;
     }
-    update_vms(hvc, cycle, counts);
+    update_vms(hvc, cycle, counts, listed);
     if (errdesc_t* e = hv_thr_update(hvc, cycle.gen, cycle.root))
         _errdesc_log(e, ERRDESC_INFO);
     else
         counts->hypervisors++;
     if (get_debug_level() > dump_debug_level)
         ks_hypervisor_config_dump(&hvc);
+}
+
+// A VM that could not be exported has no record whose end would clear its alerts.
+void clear_outlived_alerts(const listed_t& listed) {
+    const auto outlived = [&listed](const managed_alert_t& alert) { return listed.outlived(alert); };
+    if (errdesc_t* e = managed_alert_clear_if(get_reg_settings()->names().appliance_uuid, outlived))
+        _errdesc_log(e, ERRDESC_INFO);
 }
 
 // The folders that users defined; none when they cannot be had.
@@ -120,11 +153,13 @@ bool cnt_cycle_run(const cnt_cycle_t& cycle, user_folders_t* folders) {
     }
     folders->process_user_defined_folders(cycle.root, std::move(cur_folders));
     counts_t counts;
+    listed_t listed;
     while (const std::optional<ks_hypervisor_config_t> hvc = list_pop(*hypervisors))
-        update_hypervisor(*hvc, cycle, &counts);
+        update_hypervisor(*hvc, cycle, &counts, &listed);
     if (!cycle.goes_on())
         return false;
     vm_stop_old(cycle.gen);
+    clear_outlived_alerts(listed);
     folders->remove_old_user_defined_folders(cycle.root);
     if (get_debug_level() > dump_debug_level)
         folders->dump();

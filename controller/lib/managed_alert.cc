@@ -191,6 +191,13 @@ errdesc_t* managed_alert_clear_old(const std::string& node_uuid, const ks_string
     return clear_keys(table, table.keys_of(is_old), node_uuid);
 }
 
+errdesc_t* managed_alert_clear_if(const std::string& node_uuid,
+                                  const std::function<bool(const managed_alert_t&)>& is_over) {
+    alert_table_t& table = alert_table();
+    const mutex_lock_t lock(table.mutex);
+    return clear_keys(table, table.keys_of(is_over), node_uuid);
+}
+
 void managed_alert_shutdown() {
     alert_table_t& table = alert_table();
     const mutex_lock_t lock(table.mutex);

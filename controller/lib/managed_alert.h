@@ -11,6 +11,7 @@
 #pragma once
 
 #include <ctime>
+#include <functional>
 #include <string>
 
 #include "controller/lib/kestrel_types.h"
@@ -50,6 +51,10 @@ struct managed_alert_t {
 // Likewise the alerts, of that kind where one is given, that were neither raised nor cleared since `before`.
 [[nodiscard]] errdesc_t* managed_alert_clear_old(const std::string& node_uuid, const ks_string_t& alert_id,
                                                  std::time_t before);
+
+// Likewise the alerts that `is_over` picks. It is called under the table's mutex.
+[[nodiscard]] errdesc_t* managed_alert_clear_if(const std::string& node_uuid,
+                                                const std::function<bool(const managed_alert_t&)>& is_over);
 
 // Forgets all alerts without clearing them. Once; no operation may come after it (asserted).
 void managed_alert_shutdown();

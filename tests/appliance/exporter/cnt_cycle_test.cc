@@ -108,6 +108,10 @@ TEST_F(cnt_cycle_test, RecordsThatReachOutsideAreLeftOut) {
     EXPECT_TRUE(soon_names("esx1/vm", "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx"));
     EXPECT_EQ(names(""), "esx1 ok");
     EXPECT_THAT(alerts(), Contains(HasSubstr("alert_post vm_discovery esx1:bad")));
+
+    list({good});
+    ASSERT_TRUE(cycle());
+    EXPECT_THAT(alerts(), Contains(HasSubstr("alert_clear vm_discovery esx1:bad")));
 }
 
 TEST_F(cnt_cycle_test, FoldersAreMovedWhenEmptyAndStayBesideWhileVmsAreInThem) {
