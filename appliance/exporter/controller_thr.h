@@ -50,7 +50,8 @@ void cnt_thr_set_up(const std::string& namespaceroot, bool count_existing);
 // Starts the thread, after cnt_thr_set_up.
 void cnt_thr_start();
 
-// Stops the thread, and with it those of the hypervisors, and returns when they have ended.
+// Stops the thread, and with it those of the hypervisors, and returns when they have ended. A controller that does not
+// answer is given up after 10 seconds, for good.
 void cnt_thr_stop();
 
 // The shadow root given to cnt_thr_set_up.

@@ -11,6 +11,8 @@
 namespace mirador {
 namespace {
 
+std::atomic<int> given_up = 0;
+
 constexpr const char* json_content_type = "Content-Type: application/json; charset=UTF-8";
 
 errdesc_t* make_url(const std::string& base, const std::string& object, std::string* url) {
@@ -40,8 +42,7 @@ errdesc_t* controller_raw_do_get_ex(const std::string& base, const std::string& 
     http_response_t response;
     http_handle_ptr connection;
     RETURN_IF_ERROR(httpclnt_open(&connection));
-    if (interrupt != nullptr)
-        RETURN_IF_ERROR(httpclnt_interrupt(*connection, interrupt));
+    RETURN_IF_ERROR(httpclnt_interrupt(*connection, interrupt != nullptr ? interrupt : &given_up));
     RETURN_IF_ERROR(httpclnt_get(*connection, url, &response));
     httpclnt_close(&connection);
     return deliver(response, callback);
@@ -57,10 +58,15 @@ errdesc_t* controller_raw_do_post_json(std::string base, const std::string& obje
     http_response_t response;
     http_handle_ptr connection;
     RETURN_IF_ERROR(httpclnt_open(&connection));
+    RETURN_IF_ERROR(httpclnt_interrupt(*connection, &given_up));
     RETURN_IF_ERROR(httpclnt_set_content_type_in_header(*connection, json_content_type));
     RETURN_IF_ERROR(httpclnt_post(*connection, url, json_object_to_json_string(body), &response));
     httpclnt_close(&connection);
     return deliver(response, callback);
+}
+
+void controller_raw_give_up() {
+    given_up = 1;
 }
 
 errdesc_t* controller_post_json(const std::string& object, json_object* body) {

@@ -24,7 +24,7 @@ using controller_reply_t = std::function<errdesc_t*(const std::string& body)>;
 [[nodiscard]] errdesc_t* controller_raw_do_get(const std::string& base, const std::string& object,
                                                const controller_reply_t& callback);
 
-// As controller_raw_do_get; ends with 42 while *interrupt is not 0. Null: no interruption.
+// As controller_raw_do_get; ends with 42 while *interrupt is not 0. Null: as long as the controller takes.
 [[nodiscard]] errdesc_t* controller_raw_do_get_ex(const std::string& base, const std::string& object,
                                                   const std::atomic<int>* interrupt,
                                                   const controller_reply_t& callback);
@@ -33,6 +33,10 @@ using controller_reply_t = std::function<errdesc_t*(const std::string& body)>;
 // dropped.
 [[nodiscard]] errdesc_t* controller_raw_do_post_json(std::string base, const std::string& object, json_object* body,
                                                      const controller_reply_t& callback);
+
+// Ends all requests that have no interruption of their own, with 42, and lets every later one fail so. For the end of
+// the process, which must not hang on a controller that never answers.
+void controller_raw_give_up();
 
 // Posts to the controller itself; the reply's body is dropped.
 [[nodiscard]] errdesc_t* controller_post_json(const std::string& object, json_object* body);
