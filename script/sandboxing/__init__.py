@@ -5,5 +5,6 @@ root      the file tree that a sandboxed command sees
 keeper    sets up the namespaces, runs the command in them, passes signals and status
 guardian  outlives everybody else and takes away whatever the sandbox made
 loops     which loop devices belong to a sandbox
+mappings  which device-mapper devices do, and how they go
 cover     programs laid over losetup, dmsetup and exportfs, whose effect no namespace contains
 """

@@ -108,9 +108,9 @@ def _losetup_list(owner, arguments, is_json):
 _MAPPER = "/dev/mapper"
 
 
-def mapped_names(directory=_MAPPER):
+def _mapped_names():
     """Device-mapper devices of the sandbox: its /dev/mapper is its own, so those that have a node there."""
-    return [name for name in os.listdir(directory) if name != "control"]
+    return [name for name in os.listdir(_MAPPER) if name != "control"]
 
 
 def dmsetup(arguments):
@@ -120,12 +120,12 @@ def dmsetup(arguments):
         return _run("dmsetup", arguments).returncode
     if command == "remove_all":
         force = [word for word in arguments if word in ("-f", "--force")]
-        for name in mapped_names():
+        for name in _mapped_names():
             _run("dmsetup", ["remove", *force, name])
         return 0
     if command in ("remove", "suspend", "resume", "load", "reload", "clear", "wipe_table", "rename", "message"):
         name = os.path.basename(words[1]) if len(words) > 1 else ""
-        if name not in mapped_names():
+        if name not in _mapped_names():
             return _refuse("dmsetup", name)
     if command in ("mknodes", "udevcomplete_all"):
         return _refuse("dmsetup", command)

@@ -6,8 +6,9 @@ the sandbox's mounts as they are made; when the sandbox's first process or the k
 1. aborts the sandbox's FUSE connections: a server killed while a loop device reads from its own mount leaves threads
    that no signal ends,
 2. kills every process of the sandbox,
-3. removes its device-mapper devices, detaches its loop devices,
-4. lets go of the mount namespace, with which the mounts vanish, and waits for the loop devices to be unbound.
+3. detaches its loop devices and removes its mappings: each goes with its last user, which may be another of them, or a
+   mount,
+4. lets go of the mount namespace, with which the mounts vanish, and waits until the devices are gone.
 """
 
 import json
@@ -15,16 +16,15 @@ import os
 import pickle
 import select
 import signal
-import subprocess
 import sys
 import time
 
-from . import cover, kernel, loops
+from . import kernel, loops, mappings
 
 DONE = "done"  # the last line of the guardian's report
 _KILL_SECONDS = 20  # for every process to end after abort and kill
-_DETACH_SECONDS = 10  # for the loop devices to be unbound
-_HELPER_SECONDS = 5  # for one look at a loop device, which waits for whoever serves the file behind it
+_GONE_SECONDS = 30  # for the loop devices and mappings to go
+_HELPER_SECONDS = 15  # for one look at a loop device, which waits for whoever serves the file behind it
 
 
 class Guardian:
@@ -44,6 +44,7 @@ class Guardian:
             device = os.stat(path, dir_fd=self._root).st_dev
             self._owner.fixed |= {(os.major(device), os.minor(device))} - self._owner.foreign
         self._fuse = set()  # devices of the sandbox's FUSE connections, unmounted ones too
+        self._seen = {mount.device for mount in self._mounts()}  # what was mounted in it when last looked at
         self._note_mounts()
 
     def _open(self, path):
@@ -69,6 +70,9 @@ class Guardian:
 
     def _note_mounts(self):
         mounts = self._mounts()
+        # The number of a file system that this machine unmounted is free for one of the sandbox.
+        self._owner.foreign &= self._seen | {mount.device for mount in kernel.mounts()}
+        self._seen = {mount.device for mount in mounts}
         before = self._owner.mounted
         gone = self._owner.note(mounts)
         if gone:
@@ -90,7 +94,7 @@ class Guardian:
         dev = f"/proc/self/fd/{self._dev}"
         for number in _bound(dev) if devices else ():
             found = _in_helper(lambda number=number: loops.status(f"{dev}/loop{number}"))
-            if found is not None and found[0] in devices:
+            if found not in (None, loops.DEAD) and found[0] in devices:
                 self._owner.adopted.add((number, *found))
 
     def watch(self, keeper, first):
@@ -108,11 +112,11 @@ class Guardian:
     def clean(self):
         """Takes everything away; returns one line per thing that would not go."""
         problems = self._end_processes()
-        self._remove_mapped()
-        bound = self._detach_loops()
+        devices = self._detach_loops()
+        devices |= self._remove_mappings(devices)
         for descriptor in (self._table, self._dev, self._connections, self._root):
             os.close(descriptor)
-        return problems + _wait_unbound(bound)
+        return problems + _wait_gone(devices)
 
     def _end_processes(self):
         poll = select.poll()
@@ -126,6 +130,8 @@ class Guardian:
                 return []
             if poll.poll(20):
                 return []
+            for mapping in mappings.own(f"/proc/self/fd/{self._dev}"):
+                mappings.resume(mapping)
             if time.monotonic() > deadline:
                 return [f"a process would not end within {_KILL_SECONDS} s"]
 
@@ -143,27 +149,23 @@ class Guardian:
             except OSError:
                 pass  # it ended by itself
 
-    def _remove_mapped(self):
-        if not kernel.has_device_mapper():
-            return
-        for _ in range(3):  # a device that another one uses goes in a later pass
-            try:
-                names = cover.mapped_names(f"/proc/self/fd/{self._dev}/mapper")
-            except OSError:
-                return
-            for name in names:
-                subprocess.run(["dmsetup", "remove", "-f", name], timeout=10, capture_output=True, check=False)
-
     def _detach_loops(self):
-        """Detaches the sandbox's loop devices and returns their numbers."""
-        dev = f"/proc/self/fd/{self._dev}"
-        return [number for number in _bound(dev) if _in_helper(lambda number=number: self._detach_own(number, dev))]
+        """Detaches the sandbox's loop devices and returns which they were."""
+        dev, root = f"/proc/self/fd/{self._dev}", f"/proc/self/fd/{self._root}"
+        own = [number for number in _bound(dev)
+               if _in_helper(lambda number=number: self._owner.owns(number, dev, root))]
+        devices = _identities(f"loop{number}" for number in own)
+        for number in own:
+            _in_helper(lambda number=number: loops.detach(number, dev))
+        return devices
 
-    def _detach_own(self, number, dev):
-        if not self._owner.owns(number, dev, f"/proc/self/fd/{self._root}"):
-            return False
-        loops.detach(number, dev)
-        return True
+    def _remove_mappings(self, loop_devices):
+        """Removes the sandbox's mappings and returns which they were."""
+        own = mappings.own(f"/proc/self/fd/{self._dev}", loop_devices)
+        devices = _identities(own)
+        for mapping in own:
+            mappings.remove(mapping)
+        return devices
 
 
 def _mounted_elsewhere(namespace):
@@ -203,12 +205,24 @@ def _in_helper(action):
     return pickle.loads(result) if result else None
 
 
-def _wait_unbound(numbers):
-    deadline = time.monotonic() + _DETACH_SECONDS
-    while numbers and time.monotonic() < deadline:
-        numbers = [number for number in numbers if loops.backing_file(number) is not None]
-        time.sleep(0.01 if numbers else 0)
-    return [f"/dev/loop{number} is still bound" for number in numbers]
+def _identities(devices):
+    """By block device what tells it from a later one of the same name."""
+    return {device: kernel.disk_sequence(device) for device in devices}
+
+
+def _is_there(device, sequence):
+    if kernel.disk_sequence(device) != sequence:
+        return False
+    return bool(mappings.name(device)) or loops.backing_file(device.removeprefix("loop")) is not None
+
+
+def _wait_gone(devices):
+    """Waits for devices to go; returns a line for each that doesn't."""
+    deadline = time.monotonic() + _GONE_SECONDS
+    while devices and time.monotonic() < deadline:
+        devices = {device: sequence for device, sequence in devices.items() if _is_there(device, sequence)}
+        time.sleep(0.01 if devices else 0)
+    return [f"{mappings.name(device) or device} is still there" for device in sorted(devices)]
 
 
 def run(keeper, first, done, writable):

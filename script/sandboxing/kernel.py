@@ -72,3 +72,13 @@ def has_device_mapper():
     """True when the running kernel has device-mapper. The node /dev/mapper/control proves nothing."""
     with open("/proc/misc") as table:
         return any(line.split()[1:] == ["device-mapper"] for line in table)
+
+
+def disk_sequence(device):
+    """A number that a block device ("loop3") never has again once it is bound anew; "" when the device is absent or the
+    kernel older than 5.15."""
+    try:
+        with open(f"/sys/block/{device}/diskseq") as file:
+            return file.read().strip()
+    except OSError:
+        return ""

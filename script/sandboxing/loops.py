@@ -3,11 +3,14 @@
 Loop devices are the machine's: any process sees and detaches all of them. A sandbox owns the ones whose backing file
 lies on a file system that it has mounted itself, or below a directory of the host that it was given to write. The
 number of a file system that is unmounted may soon be another sandbox's; so loop devices on one are noted one by one when
-it goes from sight (lazily: the loop device keeps it, and its number, in being).
+it goes from sight (lazily: the loop device keeps it, and its number, in being). A loop device on an aborted FUSE
+connection can't tell its file system any more: it counts as owned by any sandbox whose /dev has a node of it, as only
+those do whose programs once asked for it.
 
 The guardian keeps what is needed to tell in STATE_FILE inside the sandbox, for the cover of losetup.
 """
 
+import errno
 import fcntl
 import json
 import os
@@ -18,6 +21,7 @@ import struct
 STATE_FILE = "/run/sandbox/state"
 LOOP_MAJOR = 7
 _LOOP_CLR_FD, _LOOP_GET_STATUS64, _LOOP_CTL_GET_FREE = 0x4C01, 0x4C05, 0x4C82
+DEAD = "dead"
 _STATUS64_SIZE = 232  # struct loop_info64; it begins with the backing file's device and inode number
 
 
@@ -55,8 +59,8 @@ class Owner:
         """True when loop device `number` is bound and the sandbox's own. dev and root are the sandbox's, as seen by
         the caller. Waits as long as the backing file system takes to answer a stat."""
         found = status(os.path.join(dev, f"loop{number}"))
-        if found is None:
-            return False
+        if found in (None, DEAD):
+            return found == DEAD
         return (found[0] in self.mounted | self.fixed or (number, *found) in self.adopted or
                 self._is_given(number, *found, root))
 
@@ -76,12 +80,13 @@ def _split(device):
 
 
 def status(node):
-    """((major, minor), inode) of the file behind a loop device's node, None when it is absent or unbound."""
+    """((major, minor), inode) of the file behind a loop device's node, DEAD when the FUSE connection that served it is
+    aborted, None when the device is absent or unbound."""
     try:
         with open(node, "rb", buffering=0) as device:
             device_number, inode = struct.unpack_from("QQ", fcntl.ioctl(device, _LOOP_GET_STATUS64, bytes(_STATUS64_SIZE)))
-    except OSError:
-        return None
+    except OSError as error:
+        return DEAD if error.errno in (errno.ENOTCONN, errno.ECONNABORTED) else None
     return _split(device_number), inode
 
 

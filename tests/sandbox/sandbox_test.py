@@ -147,8 +147,8 @@ class Covers(unittest.TestCase):
 
     def test_number_of_a_file_system_passes_on(self):
         """The kernel gives the number of a file system that is gone to the next one: here another sandbox's."""
-        before = start("sh", "-c", "for i in $(seq 20); do mkdir /d$i; mount -t tmpfs x /d$i; done; sleep 0.5; umount /d*;"
-                       "echo; while read n; do mknod /dev/loop$n b 7 $n; losetup -d /dev/loop$n; done 2>/dev/null")
+        before = start("sh", "-c", "for i in $(seq 20); do mkdir /d$i; mount -t tmpfs x /d$i; done; sleep 0.5;"
+                       "umount /d[0-9]*; echo; while read n; do mknod /dev/loop$n b 7 $n; losetup -d /dev/loop$n; done 2>/dev/null")
         first_line(before)
         after = start("sh", "-c", "for i in $(seq 12); do mkdir /d$i; mount -t tmpfs x /d$i; truncate -s 1M /d$i/f;"
                       "losetup -f --show /d$i/f; done; sleep 1000")
@@ -159,6 +159,22 @@ class Covers(unittest.TestCase):
         finally:
             after.terminate()
             after.communicate(timeout=60)
+        self.assertEqual([number for number in numbers if is_bound(number)], [])
+
+    def test_number_of_a_host_file_system_passes_on(self):
+        with tempfile.TemporaryDirectory(dir="/tmp") as mounted:
+            subprocess.run(["mount", "-t", "tmpfs", "x", mounted], check=True)
+            try:
+                running = start("sh", "-c", "echo; read go; for i in $(seq 12); do mkdir /d$i; mount -t tmpfs x /d$i;"
+                                "truncate -s 1M /d$i/f; losetup -f --show /d$i/f; done; sleep 1000")
+                first_line(running)
+            finally:
+                subprocess.run(["umount", mounted], check=True)
+        running.stdin.write(b"\n")
+        running.stdin.flush()
+        numbers = [re.search(r"\d+", first_line(running))[0] for _ in range(12)]
+        running.terminate()
+        running.communicate(timeout=60)
         self.assertEqual([number for number in numbers if is_bound(number)], [])
 
     def test_exportfs_only_notes_its_call(self):
