@@ -125,20 +125,6 @@ TEST_F(controller, ReadsAReplyInChunks) {
     EXPECT_EQ(list_pop(*list)->hostname, "h1");
 }
 
-TEST_F(controller, ReadsFiftyMegabytes) {
-    constexpr std::size_t size = 50 << 20;
-    std::string body = "[";
-    std::size_t count = 0;
-    while (body.size() < size) {
-        body += R"({"name":"vm)" + std::to_string(count++) + R"(","vmx_path":")" + std::string(400, 'x') + "\"},";
-    }
-    body.back() = ']';
-    fake_.answer("vhost?hv_hostname=h", body);
-    record_list_ptr<ks_vm_config_t> list;
-    ASSERT_EQ(number(controller_get_vms({.hostname = "h"}, &list)), 0);
-    EXPECT_EQ(static_cast<std::size_t>(list_count(*list)), count);
-}
-
 TEST_F(controller, FindsOneRecord) {
     fake_.answer("hvconfig", R"([{"hostname":"a"},{"hostname":"b","hv_port":1},{"hostname":"b","hv_port":2}])");
     ks_hypervisor_config_t hvc;
