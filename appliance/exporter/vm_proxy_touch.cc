@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "appliance/exporter/controller_thr.h"
+#include "appliance/exporter/vm_proxy_remove.h"
 #include "appliance/lib/registry.h"
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
@@ -85,6 +86,7 @@ errdesc_t* vm_proxy_touch(const std::string& shadow_path, const vm_proxy_touch_t
     cor_assert(vm_proxy_touch_check(touch) == nullptr);
     vm_proxy_header_t header = vm_proxy_header_make(touch.type);
     RETURN_IF_ERROR(fill_header(touch, &header));
+    const mutex_lock_t lock(vm_proxy_count_mutex());
     const std::unique_ptr<vm_proxy_header_t> old = read_old_header(shadow_path);
     if (old != nullptr && touch.keep_mtime) {
         header.statb.mtime_sec = old->statb.mtime_sec;
