@@ -6,8 +6,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <iterator>
 #include <utility>
 
+#include "appliance/exporter/vm_state.h"
 #include "appliance/lib/shadow_names.h"
 #include "controller/lib/inventory_check.h"
 #include "lib/errdesc.h"
@@ -30,13 +32,26 @@ bool folder_path(const std::string& root, const ks_vm_folder_t& folder, std::str
     return e == nullptr;
 }
 
+void make_folder(const std::string& path) {
+    if (mkdirp(path, folder_mode) != 0)
+        _errdesc_log(errdesc_set_str(errno, path), ERRDESC_INFO);
+}
+
 void add_folder(const std::string& root, const ks_vm_folder_t& folder) {
     std::string path;
     if (!folder_path(root, folder, &path))
         return;
     ts_printf("process_folders_iter: add folder %s\n", path.c_str());
-    if (mkdirp(path, folder_mode) != 0)
-        _errdesc_log(errdesc_set_str(errno, path), ERRDESC_INFO);
+    make_folder(path);
+}
+
+// Makes the directory if it is missing: there may have been no room for it, or a hypervisor of its name took it along.
+void keep_folder(const std::string& root, const ks_vm_folder_t& folder) {
+    std::string path;
+    if (!folder_path(root, folder, &path))
+        return;
+    ts_dprintf(folder_level, "process_folders_iter: existing folder %s\n", path.c_str());
+    make_folder(path);
 }
 
 // Moves a folder that holds no VMs.
@@ -52,6 +67,12 @@ bool move_folder(const std::string& root, const ks_vm_folder_t& old_folder, cons
     return false;
 }
 
+// Whether VMs are exported in the folder's directory, whatever the controller counts: a hypervisor may have its name.
+bool has_vms(const std::string& root, const ks_vm_folder_t& folder) {
+    const std::string inside = root + '/' + ks_text(folder.fldr_name) + '/';
+    return std::ranges::any_of(vm_state_get_keys(), [&](const std::string& key) { return key.starts_with(inside); });
+}
+
 }  // namespace
 
 void user_folders_t::rename_folder(const std::string& root, const ks_vm_folder_t& folder,
@@ -61,7 +82,7 @@ void user_folders_t::rename_folder(const std::string& root, const ks_vm_folder_t
     const std::string& name = ks_text(folder.fldr_name);
     ts_printf("process_folders_iter: rename folder from %s to %s (uuid = %s)\n", old_name.c_str(), name.c_str(),
               uuid.c_str());
-    if (old_folder->numVMs != 0) {
+    if (old_folder->numVMs != 0 || has_vms(root, *old_folder)) {
         ts_dprintf(folder_level,
                    "process_folders_iter: folder (uuid = %s) renamed from %s to %s with %d VMs in it, do nothing on "
                    "the old folder until hv_thr processed it\n",
@@ -79,8 +100,7 @@ void user_folders_t::process_folder(const std::string& root, const ks_vm_folder_
     if (old_folder == fldr_list_.end()) {
         add_folder(root, folder);
     } else if (ks_text(old_folder->fldr_name) == ks_text(folder.fldr_name)) {
-        ts_dprintf(folder_level, "process_folders_iter: existing folder %s/%s\n", root.c_str(),
-                   ks_text(folder.fldr_name).c_str());
+        keep_folder(root, folder);
         fldr_list_.erase(old_folder);
     } else {
         rename_folder(root, folder, old_folder);
@@ -98,23 +118,31 @@ void user_folders_t::process_user_defined_folders(const std::string& root,
         process_folder(root, folder);
 }
 
+// Whether a folder of this cycle has the name: the directory is its own then, whoever had it before.
+bool user_folders_t::is_current(const std::string& name) const {
+    return std::ranges::any_of(*cur_fldr_list_,
+                               [&](const ks_vm_folder_t& folder) { return ks_text(folder.fldr_name) == name; });
+}
+
 void user_folders_t::remove_old_user_defined_folders(const std::string& root) {
     if (!cur_fldr_list_) {
         ts_printf(
             "remove_old_user_defined_folders: WARNING: invalid list of cur_fldr_list or cnt_thr_state.fldr_list\n");
         return;
     }
+    std::vector<ks_vm_folder_t> still_there;
     for (ks_vm_folder_t& folder : fldr_list_) {
         std::string path;
-        if (!folder_path(root, folder, &path))
+        if (is_current(ks_text(folder.fldr_name)) || !folder_path(root, folder, &path))
             continue;
         ts_printf("remove_old_user_defined_folders: remove old folder %s\n", path.c_str());
         if (rmdir(path.c_str()) == 0 || errno == ENOENT)
             continue;
         _errdesc_log(errdesc_set_fmt(errno, "Failed to remove folder %s", path.c_str()), ERRDESC_INFO);
-        cur_fldr_list_->push_back(std::move(folder));
+        still_there.push_back(std::move(folder));
     }
     fldr_list_ = std::move(*cur_fldr_list_);
+    std::ranges::move(still_there, std::back_inserter(fldr_list_));
     cur_fldr_list_.reset();
 }
 

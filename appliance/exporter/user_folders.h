@@ -23,6 +23,7 @@ class user_folders_t {
     void dump() const;
 
   private:
+    bool is_current(const std::string& name) const;
     void process_folder(const std::string& root, const ks_vm_folder_t& folder);
     void rename_folder(const std::string& root, const ks_vm_folder_t& folder,
                        std::vector<ks_vm_folder_t>::iterator old_folder);
