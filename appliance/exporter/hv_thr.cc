@@ -124,10 +124,14 @@ void wait_until_started(const hv_thr_state_t& state) {
         std::this_thread::yield();
 }
 
-void stop_thread(hv_thr_state_t* state) {
+// Threads at work end at once, each by itself, while others are waited for.
+void tell_to_stop(hv_thr_state_t* state) {
     check_state(*state);
     wait_until_started(*state);
     state->state = HV_STATE_STOPPING;
+}
+
+void stop_thread(hv_thr_state_t* state) {
     {
         const mutex_lock_t lock(state->mutex);
         state->cond.notify_all();
@@ -165,6 +169,9 @@ errdesc_t* hv_thr_update(const ks_hypervisor_config_t& hvc, std::uint64_t gen, c
 }
 
 void hv_thr_stop_old(std::uint64_t gen) {
+    for (hv_thr_state_t& state : hv_thr_list().list)
+        if (state.gen != gen)
+            tell_to_stop(&state);
     hv_thr_list().list.remove_if([gen](hv_thr_state_t& state) {
         if (state.gen == gen)
             return false;
@@ -175,6 +182,8 @@ void hv_thr_stop_old(std::uint64_t gen) {
 
 void hv_thr_stop_all() {
     std::list<hv_thr_state_t>& list = hv_thr_list().list;
+    for (hv_thr_state_t& state : list)
+        tell_to_stop(&state);
     for (hv_thr_state_t& state : list)
         stop_thread(&state);
     list.clear();
