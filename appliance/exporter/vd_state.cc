@@ -109,11 +109,17 @@ errdesc_t* vd_create(const vd_look_t& look, const vd_update_t& update, std::uniq
     return nullptr;
 }
 
-// Gives the disk names that no other disk of this update has.
+bool has_name(const vd_state_t& state, const std::string& name) {
+    return state.new_vd_name == name || state.new_extent_name == name;
+}
+
+// Gives the disk names that no other disk has, be it for a descriptor or an extent. One that this update leaves behind
+// may be replaced by a descriptor of its name; otherwise its end would take the new disk's entry along.
 errdesc_t* vd_resolve_conflict(vd_list_t* vd_list, const vd_update_t& update, vd_state_t* state) {
     const auto stands_in_the_way = [&](const vd_state_t& other) {
-        return other.gen == update.gen && other.root_vd_fpath != state->root_vd_fpath &&
-               last_component(other.vd_shadow_path) == state->new_vd_name;
+        return other.root_vd_fpath != state->root_vd_fpath &&
+               (has_name(other, state->new_vd_name) || has_name(other, state->new_extent_name)) &&
+               (other.gen == update.gen || other.new_vd_name != state->new_vd_name);
     };
     while (find(vd_list, stands_in_the_way) != nullptr) {
         RETURN_IF_ERROR(vmdk_rename(&state->new_vd_name));
@@ -142,18 +148,21 @@ errdesc_t* take_names(vd_list_t* vd_list, const vd_update_t& update, const vd_st
     return nullptr;
 }
 
-// Takes the state out of the list whose place `state` takes.
-void drop_predecessor(vd_list_t* vd_list, const vd_state_t& state) {
+// Puts the state into the list, in the place of the one that had its name. That stays until here: a disk whose refresh
+// fails keeps its names, and its entries go with it one day.
+void replace(vd_list_t* vd_list, std::unique_ptr<vd_state_t> state) {
     const vd_state_t* predecessor =
-        find(vd_list, [&](const vd_state_t& other) { return other.vd_shadow_path == state.vd_shadow_path; });
+        find(vd_list, [&](const vd_state_t& other) { return other.vd_shadow_path == state->vd_shadow_path; });
     const char* change = predecessor == nullptr ? "added" : "updated";
-    if (predecessor == nullptr || predecessor->current_vd_path != state.current_vd_path)
-        ts_printf("vd_update: %s %s to %s\n", change, state.vd_shadow_path.c_str(), state.current_extent_fpath.c_str());
+    if (predecessor == nullptr || predecessor->current_vd_path != state->current_vd_path)
+        ts_printf("vd_update: %s %s to %s\n", change, state->vd_shadow_path.c_str(),
+                  state->current_extent_fpath.c_str());
     if (predecessor != nullptr)
         list_delete(*vd_list, predecessor);
+    list_add(*vd_list, std::move(state));
 }
 
-// A new state for a disk that is looked at again; the old one has left the list.
+// A new state for a disk that is looked at again.
 errdesc_t* vd_refresh(vd_list_t* vd_list, const ks_vdisk_t& vdisk, const vd_update_t& update, const vd_look_t& look,
                       const vd_state_t* old, std::unique_ptr<vd_state_t>* out) {
     struct ::stat extent_stat {};
@@ -163,7 +172,6 @@ errdesc_t* vd_refresh(vd_list_t* vd_list, const ks_vdisk_t& vdisk, const vd_upda
     RETURN_IF_ERROR(vd_create(look, update, &state));
     state->thinprovisioned = vdisk.thinprovisioned;
     RETURN_IF_ERROR(take_names(vd_list, update, old, state.get()));
-    drop_predecessor(vd_list, *state);
     state->stat = look.stat;
     state->extent_size = extent_stat.st_size;
     state->vd_size = static_cast<std::int64_t>(vdisk.flat_file_size);
@@ -317,7 +325,7 @@ errdesc_t* vd_update(vd_list_t* vd_list, const ks_vdisk_t& vdisk, const vd_updat
     RETURN_IF_ERROR(update_corcbt(*state, update));
     *vd_state_out = state;
     if (fresh != nullptr)
-        list_add(*vd_list, std::move(fresh));
+        replace(vd_list, std::move(fresh));
     return nullptr;
 }
 

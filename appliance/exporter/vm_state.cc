@@ -52,6 +52,15 @@ found_t look_up(const std::string& vm_shadow_path, vm_state_ref_t* state) {
     return found_t::here;
 }
 
+// The same for who can wait a little until a retired record is gone.
+found_t look_up_settled(const std::string& vm_shadow_path, vm_state_ref_t* state) {
+    const found_t found = look_up(vm_shadow_path, state);
+    if (found != found_t::retired)
+        return found;
+    clock_sleep(busy_wait);
+    return look_up(vm_shadow_path, state);
+}
+
 // Ends one use of a record. True, and the use goes on, when it is the last one of a retired record.
 bool is_last_use(vm_state_t* state, bool remove_state) {
     vm_state_table_t& states = vm_state_table();
@@ -75,10 +84,8 @@ void clean_up(vm_state_t* state) {
     if (!vm.paths.vm_symlink.empty())
         e = shadow_unlink_uuid(vm.paths.vm_symlink, vm.vm_path);
     cor_assert(e == nullptr);
-    e = vm_proxy_remove_tree(vm.vm_path);
-    if (e != nullptr && e->number == ENOENT)  // the hypervisor's directory went at the same time
-        e = vm_proxy_remove_tree(vm.vm_path);
-    cor_assert(e == nullptr);
+    if (errdesc_t* failure = vm_proxy_remove_tree(vm.vm_path))  // clients may have used all descriptors up
+        _errdesc_log(failure, ERRDESC_ERROR);
     const read_lock_t vmc_lock(vm.vmc_rwlock);
     if (errdesc_t* failure = managed_alert_clear_vm(ks_text(vm.vmc.uuid), get_reg_settings()->names().appliance_uuid))
         _errdesc_log(failure, ERRDESC_WARNING);
@@ -127,18 +134,21 @@ errdesc_t* same_name_error(const ks_vm_config_t& vmc, const std::string& stored_
                            ks_text(vmc.vm_name).c_str(), ks_text(vmc.fldr_name).c_str(), stored_hv.c_str());
 }
 
+// Whether another VM has the directory: of another uuid, or the same one registered with two hypervisors, both of which
+// list it in this cycle. *stored_hv is the hypervisor of the VM that has it.
+bool is_taken(const vm_state_t& state, const ks_vm_config_t& vmc, std::uint64_t gen, std::string* stored_hv) {
+    const read_lock_t lock(state.vmc_rwlock);
+    *stored_hv = ks_text(state.vmc.hv_hostname);
+    return state.vmc.uuid != vmc.uuid || (state.gen == gen && *stored_hv != ks_text(vmc.hv_hostname));
+}
+
 // Takes a changed record over, under the VM's mutex.
 errdesc_t* change(vm_state_t* state, const ks_vm_config_t& vmc, const std::string& root, std::uint64_t gen)
     REQUIRES(state->mutex) {
     ks_vdisk_list_t vdisks;
     RETURN_IF_ERROR(fetch_vdisks(vmc, &vdisks));
     std::string stored_hv;
-    {
-        const read_lock_t lock(state->vmc_rwlock);
-        if (state->vmc.uuid != vmc.uuid)
-            stored_hv = ks_text(state->vmc.hv_hostname);
-    }
-    if (!stored_hv.empty())
+    if (is_taken(*state, vmc, gen, &stored_hv))
         return same_name_error(vmc, stored_hv);
     RETURN_IF_ERROR(vm_state_copy(state, vmc, std::move(vdisks), root));
     state->gen = gen;
@@ -198,11 +208,10 @@ errdesc_t* update_vm(const ks_vm_config_t& vmc, const ks_hypervisor_config_t& hv
                      std::uint64_t gen, bool* updated) {
     if (ks_text(vmc.datastore_name).empty())
         return errdesc_set_fmt(ENOENT, "Datastore for VM '%s' is not accessible", ks_text(vmc.vm_name).c_str());
-    vm_paths_t paths;
-    RETURN_IF_ERROR(vm_paths_make(vmc, root, &paths));
-    const std::string& vm_path = paths.vm_path;
+    std::string vm_path;
+    RETURN_IF_ERROR(vm_path_make(vmc, root, &vm_path));
     vm_state_ref_t state;
-    switch (look_up(vm_path, &state)) {
+    switch (look_up_settled(vm_path, &state)) {
         case found_t::here:
             return update_known(&*state, vmc, root, gen, updated);
         case found_t::retired:
@@ -269,14 +278,14 @@ errdesc_t* vm_state_update(const ks_vm_config_t& vmc, const ks_hypervisor_config
     return e;
 }
 
+// An update on its way, which may last, is not waited for: its thread is the record's last user then.
 void vm_stop_old(std::uint64_t gen) {
     for (const std::string& key : vm_state_get_keys()) {
         vm_state_ref_t state = vm_state_get(key);
         if (!state || (*state).gen == gen)
             continue;
         {
-            vm_state_t& vm = *state;
-            const mutex_lock_t lock(vm.mutex);
+            const vm_state_t& vm = *state;
             const read_lock_t vmc_lock(vm.vmc_rwlock);
             ts_printf("vm_stop_old: releasing %s (hv_name: %s)\n", key.c_str(), ks_text(vm.vmc.hv_hostname).c_str());
         }

@@ -4,9 +4,9 @@
 // and update them (vm_update.h).
 //
 // Locks: the table's mutex guards the table, who counts as a user of a record, and release_pending; it is never held
-// while a record's mutex is taken. A record's `mutex` makes updates, the decision to retire it and its end follow one
-// another; `vmc_rwlock`, taken after it, guards what the controller said of the VM. A record that is retired stays in
-// the table, invisible, until its last user is gone and its directory with it; only then may a VM take its place.
+// while a record's mutex is taken. A record's `mutex` makes updates, changes and its end follow one another;
+// `vmc_rwlock`, taken after it, guards what the controller said of the VM. A record that is retired stays in the table,
+// invisible, until its last user is gone and its directory with it; only then may a VM take its place.
 #pragma once
 
 #include <atomic>
@@ -43,7 +43,9 @@ struct vm_state_t {
     ks_hypervisor_type_t hv_type = HYPERVISOR_TYPE_UNKNOWN;
     std::atomic<std::time_t> last_update = 0;  // end of the last attempt, seconds
     std::atomic<std::uint32_t> failed_attempts = 0;
-    std::atomic<bool> refresh_now = true;  // the next update must be a full one
+    std::atomic<bool> refresh_now = true;     // the next update must be a full one
+    std::atomic<bool> refresh_again = false;  // and the one after that which is on its way
+    std::time_t stamp GUARDED_BY(mutex) = 0;  // of the last update: no two of a VM bear the same
     vd_list_t vd_list GUARDED_BY(mutex);
     bool vmx_available GUARDED_BY(mutex) = false;  // the last full update could copy the VMX file
     bool release_pending = false;                  // by the table's mutex

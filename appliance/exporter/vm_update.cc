@@ -42,16 +42,16 @@ struct attempt_t {
 
 bool is_fresh(const vm_state_t& vm, std::time_t now) {
     const std::time_t interval = vm.failed_attempts == 0 ? get_reg_settings()->cache_ttl.get() : retry_interval;
-    return vm.last_update + interval > now;
+    return vm.last_update <= now && vm.last_update + interval > now;  // not after the clock was set back
 }
 
 std::string client_path(const vm_state_t& vm) {
     return translate_shadow_path(vm.vm_path, cnt_thr_namespaceroot());
 }
 
-vd_update_t disk_update(const attempt_t& attempt, const vm_paths_t& paths, std::time_t now, bool keep_mtime) {
+vd_update_t disk_update(const attempt_t& attempt, const vm_paths_t& paths, std::uint64_t stamp, bool keep_mtime) {
     const ks_vm_config_t& vmc = attempt.vmc;
-    return {.gen = static_cast<std::uint64_t>(now),
+    return {.gen = stamp,
             .vm_shadow_path = attempt.vm.vm_path,
             .vm_uuid = ks_text(vmc.uuid),
             .working_dir = ks_is_set(vmc.snapshot_directory) ? *vmc.snapshot_directory : paths.vm_ds_dir,
@@ -116,6 +116,7 @@ errdesc_t* update_disks(attempt_t* attempt) REQUIRES(attempt->vm.mutex) {
 
 errdesc_t* check_conflict(const attempt_t& attempt) REQUIRES(attempt.vm.mutex) {
     const shadow_owner_t owner{.vm_name = ks_text(attempt.vmc.vm_name),
+                               .vm_uuid = ks_text(attempt.vmc.uuid),
                                .group = ks_text(attempt.vmc.fldr_name),
                                .hv_hostname = ks_text(attempt.vmc.hv_hostname)};
     return check_naming_conflict(attempt.vm.paths.vmx_shadow_path, owner, attempt.vm.paths.vm_symlink);
@@ -160,46 +161,80 @@ void conclude(attempt_t* attempt, const errdesc_t* e, std::time_t start) {
                static_cast<long>(now - start), e == nullptr ? "successful" : "failed");
     vm.last_update = now;
     vm.refresh_now = false;
+    if (vm.refresh_again)
+        vm.refresh_now = true;
     vm.failed_attempts = e == nullptr ? 0 : vm.failed_attempts + 1;
 }
 
+// What the disks that this update keeps are marked with: the time, unless an update of this second has it already.
+std::uint64_t next_stamp(vm_state_t* vm, std::time_t now) REQUIRES(vm->mutex) {
+    if (vm->last_update == now)
+        now++;
+    vm->stamp = std::max(now, vm->stamp + 1);
+    return static_cast<std::uint64_t>(vm->stamp);
+}
+
 attempt_t begin(vm_state_t* vm, std::time_t now, bool full, bool keep_mtime) REQUIRES(vm->mutex) {
+    if (full)
+        vm->refresh_again = false;
+    vm_paths_locate(&vm->paths);
     const read_lock_t lock(vm->vmc_rwlock);
     attempt_t attempt{*vm};
     attempt.vmc = vm->vmc;
     attempt.vdisks = vm->vmc_vdisk_list;
     attempt.full = full;
-    attempt.update = disk_update(attempt, vm->paths, now, keep_mtime);
+    attempt.update = disk_update(attempt, vm->paths, next_stamp(vm, now), keep_mtime);
     return attempt;
 }
 
-errdesc_t* refresh(vm_state_t* vm, std::time_t now, bool force, bool keep_mtime) {
+// A failure counts as no attempt: whoever looks next tries again.
+errdesc_t* prepare(attempt_t* attempt) REQUIRES(attempt->vm.mutex) {
+    errdesc_t* e = attempt->full ? check_conflict(*attempt) : nullptr;
+    if (e == nullptr)
+        e = update_disks(attempt);
+    if (e != nullptr)
+        raise_vm_discovery_alert(e, attempt->vmc);
+    return e;
+}
+
+bool has_snapshot(const vm_state_t& vm) {
+    const read_lock_t lock(vm.vmc_rwlock);
+    return vm.vmc.snap_exists >= 1;
+}
+
+bool wants_update(const vm_state_t& vm, bool force, std::time_t now) {
+    return force || vm.refresh_now || !is_fresh(vm, now);
+}
+
+errdesc_t* refresh(vm_state_t* vm, bool force, bool keep_mtime) {
     const mutex_lock_t lock(vm->mutex);
-    attempt_t attempt = begin(vm, now, force || vm->refresh_now, keep_mtime);
-    if (!force && attempt.vmc.snap_exists >= 1) {
+    const std::time_t now = clock_now();
+    if (!wants_update(*vm, force, now))  // another thread has made it meanwhile
+        return nullptr;
+    if (!force && has_snapshot(*vm)) {
         ts_dprintf(skip_level, "%s skipping refresh because of snapshot lock\n", vm->vm_path.c_str());
         return nullptr;
     }
+    attempt_t attempt = begin(vm, now, force || vm->refresh_now, keep_mtime);
     if (attempt.full)
         ts_dprintf(update_level, "%s doing full update\n", vm->vm_path.c_str());
     ts_dprintf(update_level, "_vm_update: refreshing '%s'\n", vm->vm_path.c_str());
-    if (attempt.full)
-        RETURN_IF_ERROR(check_conflict(attempt));
-    RETURN_IF_ERROR(update_disks(&attempt));
+    RETURN_IF_ERROR(prepare(&attempt));
     errdesc_t* e = write_entries(&attempt);
     conclude(&attempt, e, now);
     return e;
 }
 
+// In this order, so that an update on its way, which sees the entries that are gone by now, does not end the wish.
+void want_refresh(vm_state_t* vm) {
+    vm->refresh_again = true;
+    vm->refresh_now = true;
+}
+
 }  // namespace
 
 errdesc_t* _vm_update(vm_state_t* vm_state, bool force, bool keep_mtime) {
-    std::time_t now = clock_now();
-    if (!force && !vm_state->refresh_now && is_fresh(*vm_state, now))
-        return nullptr;
-    if (vm_state->last_update == now)
-        now++;
-    return refresh(vm_state, now, force, keep_mtime);
+    return wants_update(*vm_state, force, clock_now()) ? refresh(vm_state, force, keep_mtime) : nullptr;
 }
 
 errdesc_t* vm_update(const std::string& vm_shadow_path, bool force, bool keep_mtime) {
@@ -223,14 +258,17 @@ void vm_update_all(const std::string& hv_hostname, const std::function<bool()>& 
 }
 
 void vm_refresh_all(const std::string& hv_hostname) {
-    vm_state_each(hv_hostname, [](vm_state_t& vm) { return vm.refresh_now = true; });
+    vm_state_each(hv_hostname, [](vm_state_t& vm) {
+        want_refresh(&vm);
+        return true;
+    });
 }
 
 void vm_refresh_below(const std::string& shadow_dir) {
     for (const std::string& key : vm_state_get_keys())
         if (key.starts_with(shadow_dir + '/'))
             if (const vm_state_ref_t state = vm_state_get(key))
-                (*state).refresh_now = true;
+                want_refresh(&*state);
 }
 
 }  // namespace mirador

@@ -46,6 +46,10 @@ errdesc_t* read_owner(const std::string& vmx_shadow_path, std::unique_ptr<vm_pro
     return nullptr;
 }
 
+bool is_own(const vm_proxy_header_t& header, const std::string& vm_uuid) {
+    return !vm_uuid.empty() && header.vm_uuid == vm_uuid;
+}
+
 }  // namespace
 
 errdesc_t* shadow_make_dir(const std::string& path) {
@@ -93,7 +97,7 @@ errdesc_t* check_naming_conflict(const std::string& vmx_shadow_path, const shado
 
     std::unique_ptr<vm_proxy_header_t> header;
     const errdesc_t* unread = read_owner(vmx_shadow_path, &header);
-    if (unread != nullptr || header->hv_name == vm.hv_hostname) {
+    if (unread != nullptr || header->hv_name == vm.hv_hostname || is_own(*header, vm.vm_uuid)) {
         if (!vm_symlink.empty())
             make_symbolic_link(directory, vm_symlink);
         return nullptr;

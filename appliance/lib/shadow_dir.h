@@ -28,14 +28,15 @@ void shadow_link_uuid(const std::string& root, const std::string& vm_symlink, co
 // Who wants a VM's directory.
 struct shadow_owner_t {
     std::string vm_name;
+    std::string vm_uuid = {};
     std::string group;        // folder, or host name
     std::string hv_hostname;  // the hypervisor that has the VM
 };
 
 // Whether the directory of `vmx_shadow_path` may hold this VM: the VMX entry that stands there must be of the same
-// hypervisor. Makes the directory when there is none and, when `vm_symlink` is not empty and the VM may have the
-// directory, the link to it. Errors: EINVAL "Cannot assign two VMs with the same name …"; errno with the directory when
-// it cannot be made.
+// hypervisor, or of this very VM, which then has come from another one. Makes the directory when there is none and,
+// when `vm_symlink` is not empty and the VM may have the directory, the link to it. Errors: EINVAL "Cannot assign two
+// VMs with the same name …"; errno with the directory when it cannot be made.
 [[nodiscard]] errdesc_t* check_naming_conflict(const std::string& vmx_shadow_path, const shadow_owner_t& vm,
                                                const std::string& vm_symlink);
 

@@ -71,6 +71,10 @@ std::string flat_name(const std::string& vmdk) {
     return vmdk.substr(0, vmdk.rfind('.')) + "-flat.vmdk";
 }
 
+std::string extent_name(const lab_disk_t& disk, const std::string& vmdk) {
+    return disk.extent.empty() || vmdk != disk.name ? flat_name(vmdk) : disk.extent;
+}
+
 }  // namespace
 
 inventory_lab_t::inventory_lab_t() {
@@ -100,8 +104,8 @@ void inventory_lab_t::make_disk(const lab_disk_t& disk) const {
     for (const std::string& name : {disk.name, disk.head.empty() ? disk.name : disk.head})
         write_file(in_dir + name, cor_format("# Disk DescriptorFile\nversion=1\nCID=0000ffff\nparentCID=ffffffff\n"
                                              "createType=\"vmfs\"\nRW %d VMFS \"%s\" 0\n",
-                                             static_cast<int>(disk_bytes / 512), flat_name(name).c_str()));
-    write_file(in_dir + flat_name(disk.name), std::string(disk_bytes, 'd'));
+                                             static_cast<int>(disk_bytes / 512), extent_name(disk, name).c_str()));
+    write_file(in_dir + extent_name(disk, disk.name), std::string(disk_bytes, 'd'));
     if (!disk.head.empty())
         write_file(in_dir + flat_name(disk.head), "");
 }
@@ -149,10 +153,10 @@ std::string inventory_lab_t::disks_json(const lab_vm_t& vm) const {
         set(json, "name", disk.name);
         set(json, "flat_file_size", disk_bytes);
         set(json, "base_ascii_path", in_dir + disk.name);
-        set(json, "base_extent_path", in_dir + flat_name(disk.name));
+        set(json, "base_extent_path", in_dir + extent_name(disk, disk.name));
         if (head != "-") {
             set(json, "head_ascii_path", in_dir + head);
-            set(json, "head_extent_path", in_dir + flat_name(head));
+            set(json, "head_extent_path", in_dir + extent_name(disk, head));
         }
         set(json, "independent", disk.independent ? 1 : 0);
         set(json, "thin_provisioned", disk.thin ? 1 : 0);

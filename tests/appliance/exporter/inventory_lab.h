@@ -23,6 +23,7 @@ struct lab_disk_t {
     std::string head = "";   // head descriptor's file name; the base's when empty
     bool independent = false;
     bool thin = false;
+    std::string extent = "";  // base extent's file name; the descriptor's with "-flat" when empty
 };
 
 struct lab_vm_t {

@@ -134,11 +134,13 @@ TEST_F(vm_state_test, RetiredVmGoesWithItsLastUser) {
     EXPECT_GT(get_fs_blocks_used(), 0);
     EXPECT_EQ(std::filesystem::read_symlink(shadow_ + "/.uuid/" + vm.uuid), shadow_ + "/esx1/vm");
     {
+        const manual_clock_t clock(1000);
         const vm_state_ref_t user = vm_state_get(shadow_ + "/esx1/vm");
         vm_stop_old(2);
         EXPECT_NE(names("esx1/vm"), "-");
         EXPECT_FALSE(vm_state_get(shadow_ + "/esx1/vm"));
         EXPECT_EQ(take(vm, 3), ETIMEDOUT);  // its place is not free yet
+        EXPECT_EQ(clock.slept(), 1);        // and whoever tries again and again does not spin
         EXPECT_THAT(alerts(), testing::Not(Contains(HasSubstr("alert_post"))));
     }
     EXPECT_EQ(names("esx1/vm"), "-");
@@ -168,6 +170,20 @@ TEST_F(vm_state_test, BusyVmIsLeftForLater) {
     done = true;
     holder.join();
     EXPECT_EQ(take(vm, 2), 0);
+}
+
+TEST_F(vm_state_test, RetiringWaitsForNoUpdate) {
+    lab_vm_t vm;
+    list({vm});
+    ASSERT_EQ(take(vm, 1), 0);
+    {
+        const vm_state_ref_t state = vm_state_get(shadow_ + "/esx1/vm");
+        const mutex_lock_t lock((*state).mutex);
+        std::thread([] { vm_stop_old(2); }).join();
+        EXPECT_FALSE(vm_state_get(shadow_ + "/esx1/vm"));
+        EXPECT_EQ(names("esx1/vm"), "");
+    }
+    EXPECT_EQ(names("esx1/vm"), "-");
 }
 
 TEST_F(vm_state_test, WaitsUntilTheControllerSeesTheSnapshots) {

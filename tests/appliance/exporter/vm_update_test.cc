@@ -3,14 +3,19 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
+#include <thread>
+#include <vector>
 
+#include "appliance/exporter/vm_proxy_remove.h"
 #include "appliance/lib/registry.h"
 #include "appliance/lib/vm_proxy_header.h"
 #include "lib/clock.h"
 #include "lib/error_hash.h"
 #include "tests/appliance/exporter/inventory_lab.h"
+#include "vmware/lib/vmdk/datastore_path.h"
 
 namespace mirador {
 namespace {
@@ -94,11 +99,87 @@ TEST_F(vm_update_test, DisksOfOneNameStandSideBySide) {
     EXPECT_THAT(cached("vm.cfg"), HasSubstr("vmdk.1.rename = \"disk.vmdk\""));
     EXPECT_THAT(cached("vm.cfg"), HasSubstr("vmdk.1.type = \"thin\""));
 
+    std::filesystem::remove(descriptor);
+    std::filesystem::create_directory(descriptor);  // its refresh fails
+    EXPECT_NE(update(vm, true), 0);
+    std::filesystem::remove(descriptor);
     vm.disks.erase(vm.disks.begin());  // the second keeps its name, and nobody takes the first one's
     vm.discovered = 1;
     take(vm, 2);
     ASSERT_EQ(update(vm), 0);
     EXPECT_EQ(names("esx1/vm"), "disk(1)-flat.vmdk disk(1).vmdk vm.cfg vm.vmx");
+}
+
+TEST_F(vm_update_test, ExtentsOfOneNameStandSideBySide) {
+    lab_vm_t vm;
+    vm.disks = {{.name = "x.vmdk", .extent = "d-flat.vmdk"}, {.name = "d.vmdk", .dir = "other"}};
+    expose(vm);
+    EXPECT_EQ(names("esx1/vm"), "d(1)-flat.vmdk d(1).vmdk d-flat.vmdk vm.cfg vm.vmx x.vmdk");
+    EXPECT_EQ(header("esx1/vm/d-flat.vmdk").path, datastore_ + "/vm/x.vmdk");
+    EXPECT_EQ(header("esx1/vm/d(1)-flat.vmdk").path, datastore_ + "/other/d.vmdk");
+}
+
+TEST_F(vm_update_test, DiskThatLeavesGoesInABusySecondToo) {
+    lab_vm_t vm;
+    vm.disks = {{.name = "a.vmdk"}, {.name = "b.vmdk"}};
+    make_files(vm);
+    take(vm);
+    const manual_clock_t clock(1000);
+    ASSERT_EQ(update(vm), 0);
+    ASSERT_EQ(update(vm, true), 0);
+    vm.disks.pop_back();
+    vm.discovered = 1;
+    take(vm, 2);
+    ASSERT_EQ(update(vm), 0);
+    EXPECT_EQ(names("esx1/vm"), "a-flat.vmdk a.vmdk vm.cfg vm.vmx");
+}
+
+TEST_F(vm_update_test, VmInAFolderMayComeFromAnotherHypervisor) {
+    lab_vm_t vm;
+    vm.folder = "all";
+    expose(vm);
+    vm.host = "esx2";
+    take(vm, 2);
+    ASSERT_EQ(update(vm), 0);
+    EXPECT_STREQ(header("all/vm/vm.vmx").hv_name, "esx2");
+
+    vm.host = "esx1";  // listed by both: the first of the cycle has it
+    list({vm});
+    bool updated = false;
+    const errdesc_t* e = vm_state_update(config(vm), host(vm), shadow_, 2, &updated);
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->number, EINVAL);
+}
+
+TEST_F(vm_update_test, VmxFileIsFoundWhereItsDatastoreIsMountedNow) {
+    datastore_mount_points = {dir_ / "direct", dir_ / "volumes"};
+    lab_vm_t vm;
+    expose(vm);
+    std::filesystem::create_directories(dir_ / "direct/ds1/vm");
+    std::filesystem::rename(datastore_ + "/vm/vm.vmx", dir_ / "direct/ds1/vm/vm.vmx");
+    std::filesystem::remove(dir_ / "cache/ds1/vm/vm.vmx");
+    ASSERT_EQ(update(vm, true), 0);
+    EXPECT_THAT(cached("vm.vmx"), HasSubstr("displayName"));
+}
+
+// A hypervisor's directory goes while its VM is updated: nothing is counted twice.
+TEST_F(vm_update_test, TreeMayGoUnderAnUpdate) {
+    lab_vm_t vm;
+    expose(vm);
+    std::atomic<bool> done = false;
+    std::vector<std::thread> removers;
+    for (int i = 0; i < 2; i++)
+        removers.emplace_back([&] {
+            while (!done)
+                EXPECT_EQ(vm_proxy_remove_tree(shadow_ + "/esx1"), nullptr);
+        });
+    for (int i = 0; i < 50; i++)
+        (void)update(vm, true);
+    done = true;
+    for (std::thread& remover : removers)
+        remover.join();
+    EXPECT_EQ(update(vm, true), 0);
+    EXPECT_EQ(names("esx1/vm"), "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx");
 }
 
 TEST_F(vm_update_test, ChangedBlockEntriesComeAndGoWithTracking) {
@@ -151,6 +232,7 @@ TEST_F(vm_update_test, HostileDiskPathsAreTurnedDown) {
         EXPECT_NE(update(vm), 0) << paths;
     }
     EXPECT_EQ(names("esx1/vm"), "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx");
+    EXPECT_THAT(alerts(), Contains("alert_post vm_discovery esx1:vm"));
 }
 
 TEST_F(vm_update_test, AttemptsAreSpacedAndTheirOutcomeIsVisible) {

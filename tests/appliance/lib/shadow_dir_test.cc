@@ -20,8 +20,9 @@ errnum_t number_of(const errdesc_t* e) {
     return e == nullptr ? 0 : e->number;
 }
 
-void write_vmx_entry(const std::string& path, const char* hv_name) {
+void write_vmx_entry(const std::string& path, const char* hv_name, const char* vm_uuid = "") {
     vm_proxy_header_t header = vm_proxy_header_make(VM_PROXY_HEADER_VMX);
+    std::strcpy(header.vm_uuid, vm_uuid);
     std::strcpy(header.hv_name, hv_name);
     ASSERT_EQ(vm_proxy_write_header(header, path), nullptr);
 }
@@ -82,6 +83,13 @@ TEST(shadow_dir, OneHypervisorHasADirectory) {
               "Cannot assign two VMs with the same name (vm) into the same folder (Lab): attempted to add the VM of "
               "hypervisor esx1 to the folder which already contains the VM (same name) of hypervisor esx2.");
     EXPECT_FALSE(fs::is_symlink(link));
+
+    shadow_owner_t moved = ours;  // the VM itself, from another hypervisor
+    moved.vm_uuid = "564d";
+    EXPECT_EQ(number_of(check_naming_conflict(vmx, moved, link)), EINVAL);
+    write_vmx_entry(vmx, "esx2", "564d");
+    EXPECT_EQ(check_naming_conflict(vmx, moved, link), nullptr);
+    fs::remove(link);
 
     write_file(vmx, "garbage");
     EXPECT_EQ(check_naming_conflict(vmx, ours, ""), nullptr);
