@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "appliance/exporter/cnt_cycle.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <unordered_map>
@@ -32,10 +33,13 @@ struct counts_t {
 
 // What the controller lists in a cycle.
 struct listed_t {
-    std::unordered_set<std::string> hypervisors;                               // whose VMs could be had
-    std::unordered_map<std::string, std::pair<std::string, std::string>> vms;  // uuid -> hypervisor and name
+    using registration_t = std::pair<std::string, std::string>;        // hypervisor and name
+    std::unordered_set<std::string> hypervisors;                       // whose VMs could be had
+    std::unordered_map<std::string, std::vector<registration_t>> vms;  // by uuid: two hypervisors may list one
 
-    void add(const ks_vm_config_t& vmc) { vms[ks_text(vmc.uuid)] = {ks_text(vmc.hv_hostname), ks_text(vmc.vm_name)}; }
+    void add(const ks_vm_config_t& vmc) {
+        vms[ks_text(vmc.uuid)].emplace_back(ks_text(vmc.hv_hostname), ks_text(vmc.vm_name));
+    }
 
     // Whether an alert is about a VM that is not listed any more, or not under the name and hypervisor that it had.
     bool outlived(const managed_alert_t& alert) const {
@@ -44,7 +48,8 @@ struct listed_t {
         const auto vm = vms.find(*alert.vm_uuid);
         if (vm == vms.end())
             return hypervisors.contains(ks_text(alert.hv_name));
-        return vm->second != std::pair(ks_text(alert.hv_name), ks_text(alert.vm_name));
+        const registration_t own(ks_text(alert.hv_name), ks_text(alert.vm_name));
+        return std::ranges::find(vm->second, own) == vm->second.end();
     }
 };
 
@@ -154,8 +159,12 @@ bool cnt_cycle_run(const cnt_cycle_t& cycle, user_folders_t* folders) {
     folders->process_user_defined_folders(cycle.root, std::move(cur_folders));
     counts_t counts;
     listed_t listed;
-    while (const std::optional<ks_hypervisor_config_t> hvc = list_pop(*hypervisors))
+    while (cycle.goes_on()) {
+        const std::optional<ks_hypervisor_config_t> hvc = list_pop(*hypervisors);
+        if (!hvc)
+            break;
         update_hypervisor(*hvc, cycle, &counts, &listed);
+    }
     if (!cycle.goes_on())
         return false;
     vm_stop_old(cycle.gen);

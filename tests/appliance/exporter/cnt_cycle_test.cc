@@ -114,6 +114,22 @@ TEST_F(cnt_cycle_test, RecordsThatReachOutsideAreLeftOut) {
     EXPECT_THAT(alerts(), Contains(HasSubstr("alert_clear vm_discovery esx1:bad")));
 }
 
+TEST_F(cnt_cycle_test, VmOfTwoHypervisorsKeepsTheAlertsOfBoth) {
+    lab_vm_t first;
+    first.folder = "all";
+    lab_vm_t second = first;
+    second.host = "esx2";
+    make_files(first);
+    answer("folder", R"([{"name": "all", "uuid": "f1"}])");
+    list({first, second});
+    ASSERT_TRUE(cycle());
+    EXPECT_THAT(alerts(), Contains("alert_post vm_discovery esx2:vm"));
+    EXPECT_TRUE(soon_names("all/vm", "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx"));
+    ASSERT_TRUE(cycle());
+    ASSERT_TRUE(cycle());
+    EXPECT_THAT(alerts(), testing::Not(Contains(HasSubstr("vm_discovery esx2:vm"))));
+}
+
 TEST_F(cnt_cycle_test, FoldersAreMovedWhenEmptyAndStayBesideWhileVmsAreInThem) {
     answer("folder", R"([{"name": "one", "uuid": "f1", "numVms": 0}, {"name": "two", "uuid": "f2", "numVms": 1}])");
     lab_vm_t vm;
