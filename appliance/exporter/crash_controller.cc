@@ -23,7 +23,7 @@ void reset_suffixes(const ks_hypervisor_config_t& hvc) {
     if (ks_hypervisor_config_check(hvc) != nullptr || controller_get_vms(hvc, &vms) != nullptr)
         return;
     while (const std::optional<ks_vm_config_t> vmc = list_pop(*vms))
-        if (ks_is_set(vmc->snap_suffix))
+        if (ks_is_set(vmc->snap_suffix) && ks_is_set(vmc->uuid))
             reset_suffix(*vmc);
 }
 
