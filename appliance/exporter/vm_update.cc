@@ -30,11 +30,10 @@ constexpr int skip_level = 4;
 
 // One update on its way. The records are copies: what the controller says meanwhile is for the next update.
 struct attempt_t {
-    vm_state_t& vm;
-    ks_vm_config_t vmc{};
-    ks_vdisk_list_t vdisks{};
-    vd_update_t update{};
-    vmx_conversion_t conversions{};
+    ks_vm_config_t vmc;
+    ks_vdisk_list_t vdisks;
+    vd_update_t update;
+    vmx_conversion_t conversions;
     bool full = false;
     bool remove_old_disks = true;
     bool may_retry = true;  // a missing file is looked for once more in each update
@@ -52,7 +51,7 @@ std::string client_path(const vm_state_t& vm) {
 vd_update_t disk_update(const attempt_t& attempt, const vm_paths_t& paths, std::uint64_t stamp, bool keep_mtime) {
     const ks_vm_config_t& vmc = attempt.vmc;
     return {.gen = stamp,
-            .vm_shadow_path = attempt.vm.vm_path,
+            .vm_shadow_path = paths.vm_path,
             .vm_uuid = ks_text(vmc.uuid),
             .working_dir = ks_is_set(vmc.snapshot_directory) ? *vmc.snapshot_directory : paths.vm_ds_dir,
             .vm_dir = paths.vm_ds_dir,
@@ -81,11 +80,11 @@ bool only_keeps_disks(errnum_t number) {
     return number == EAGAIN || number == EBADFD || number == ENOENT;
 }
 
-errdesc_t* update_exported_disk(attempt_t* attempt, const ks_vdisk_t& vdisk) REQUIRES(attempt->vm.mutex) {
+errdesc_t* update_exported_disk(vm_state_t* vm, attempt_t* attempt, const ks_vdisk_t& vdisk) REQUIRES(vm->mutex) {
     const vd_state_t* state = nullptr;
-    errdesc_t* e = vd_update(&attempt->vm.vd_list, vdisk, attempt->update, &state);
+    errdesc_t* e = vd_update(&vm->vd_list, vdisk, attempt->update, &state);
     if (e != nullptr && e->number == ENOENT && std::exchange(attempt->may_retry, false))
-        e = vd_update(&attempt->vm.vd_list, vdisk, attempt->update, &state);
+        e = vd_update(&vm->vd_list, vdisk, attempt->update, &state);
     if (e == nullptr) {
         attempt->conversions.emplace_back(state->current_vd_path, state->new_vd_name);
         return nullptr;
@@ -97,63 +96,62 @@ errdesc_t* update_exported_disk(attempt_t* attempt, const ks_vdisk_t& vdisk) REQ
     return nullptr;
 }
 
-errdesc_t* update_disk(attempt_t* attempt, const ks_vdisk_t& vdisk) REQUIRES(attempt->vm.mutex) {
+errdesc_t* update_disk(vm_state_t* vm, attempt_t* attempt, const ks_vdisk_t& vdisk) REQUIRES(vm->mutex) {
     if (!ks_is_set(vdisk.head_ascii_path))
         return errdesc_set_fmt(ENOENT, "Missing virtual disk head delta information in %s %s",
                                ks_text(attempt->vmc.vm_name).c_str(), ks_text(vdisk.name).c_str());
     post_independent_disk_alert(attempt->vmc, ks_text(vdisk.name), vdisk.independent);
-    return vdisk.independent ? nullptr : update_exported_disk(attempt, vdisk);
+    return vdisk.independent ? nullptr : update_exported_disk(vm, attempt, vdisk);
 }
 
-errdesc_t* update_disks(attempt_t* attempt) REQUIRES(attempt->vm.mutex) {
+errdesc_t* update_disks(vm_state_t* vm, attempt_t* attempt) REQUIRES(vm->mutex) {
     if (attempt->vdisks.empty())
         return nullptr;
-    vd_touch_gen(attempt->vdisks, &attempt->vm.vd_list, attempt->update.gen);
+    vd_touch_gen(attempt->vdisks, &vm->vd_list, attempt->update.gen);
     for (const ks_vdisk_t& vdisk : attempt->vdisks)
-        RETURN_IF_ERROR(update_disk(attempt, vdisk));
+        RETURN_IF_ERROR(update_disk(vm, attempt, vdisk));
     return nullptr;
 }
 
-errdesc_t* check_conflict(const attempt_t& attempt) REQUIRES(attempt.vm.mutex) {
+errdesc_t* check_conflict(const vm_state_t& vm, const attempt_t& attempt) REQUIRES(vm.mutex) {
     const shadow_owner_t owner{.vm_name = ks_text(attempt.vmc.vm_name),
                                .vm_uuid = ks_text(attempt.vmc.uuid),
                                .group = ks_text(attempt.vmc.fldr_name),
                                .hv_hostname = ks_text(attempt.vmc.hv_hostname)};
-    return check_naming_conflict(attempt.vm.paths.vmx_shadow_path, owner, attempt.vm.paths.vm_symlink);
+    return check_naming_conflict(vm.paths.vmx_shadow_path, owner, vm.paths.vm_symlink);
 }
 
 // Without the VMX file the disks are exported all the same.
-void copy_vmx(attempt_t* attempt) REQUIRES(attempt->vm.mutex) {
-    vm_state_t& vm = attempt->vm;
-    errdesc_t* e = vmx_copy_convert(vm.paths.vmx_ds_path, vm.paths.vm_cached_path, attempt->conversions);
-    vm.vmx_available = e == nullptr;
+void copy_vmx(vm_state_t* vm, attempt_t* attempt) REQUIRES(vm->mutex) {
+    errdesc_t* e = vmx_copy_convert(vm->paths.vmx_ds_path, vm->paths.vm_cached_path, attempt->conversions);
+    vm->vmx_available = e == nullptr;
     if (e == nullptr)
         return;
-    error_hash_save(client_path(vm), e);
+    error_hash_save(client_path(*vm), e);
     _errdesc_log(e, ERRDESC_WARNING);
 }
 
 // The steps that count as an attempt.
-errdesc_t* write_entries(attempt_t* attempt) REQUIRES(attempt->vm.mutex) {
-    vm_state_t& vm = attempt->vm;
+errdesc_t* write_entries(vm_state_t* vm, attempt_t* attempt) REQUIRES(vm->mutex) {
     if (attempt->full)
-        copy_vmx(attempt);
-    if (vm.vmx_available)
-        RETURN_IF_ERROR(touch_entry(*attempt, VM_PROXY_HEADER_VMX, vm.paths.vmx_shadow_path, vm.paths.vm_cached_path));
+        copy_vmx(vm, attempt);
+    if (vm->vmx_available)
+        RETURN_IF_ERROR(
+            touch_entry(*attempt, VM_PROXY_HEADER_VMX, vm->paths.vmx_shadow_path, vm->paths.vm_cached_path));
     if (attempt->remove_old_disks)
-        vd_stop_old(&vm.vd_list, attempt->update.gen);
+        vd_stop_old(&vm->vd_list, attempt->update.gen);
     if (attempt->full)
-        RETURN_IF_ERROR(vmx_write_cfg(attempt->vmc, vm.paths, vm.vd_list));
-    return touch_entry(*attempt, VM_PROXY_HEADER_CFG, vm.paths.vm_cfg_path, vm.paths.vm_cfg_cached_path);
+        RETURN_IF_ERROR(vmx_write_cfg(attempt->vmc, vm->paths, vm->vd_list));
+    return touch_entry(*attempt, VM_PROXY_HEADER_CFG, vm->paths.vm_cfg_path, vm->paths.vm_cfg_cached_path);
 }
 
 // Records how an attempt ended.
-void conclude(attempt_t* attempt, const errdesc_t* e, std::time_t start) {
+void conclude(vm_state_t* vm_state, const attempt_t& attempt, const errdesc_t* e, std::time_t start) {
     const errdesc_keeper_t keeper;
-    vm_state_t& vm = attempt->vm;
-    if (e == nullptr && attempt->vmc.cbt_reset_pending)
-        clear_cbt_reset_pending(&vm, attempt->vmc);
-    raise_vm_discovery_alert(e, attempt->vmc);
+    vm_state_t& vm = *vm_state;
+    if (e == nullptr && attempt.vmc.cbt_reset_pending)
+        clear_cbt_reset_pending(&vm, attempt.vmc);
+    raise_vm_discovery_alert(e, attempt.vmc);
     if (e != nullptr)
         error_hash_save(client_path(vm), e);
     const std::time_t now = clock_now();
@@ -179,7 +177,7 @@ attempt_t begin(vm_state_t* vm, std::time_t now, bool full, bool keep_mtime) REQ
         vm->refresh_again = false;
     vm_paths_locate(&vm->paths);
     const read_lock_t lock(vm->vmc_rwlock);
-    attempt_t attempt{*vm};
+    attempt_t attempt;
     attempt.vmc = vm->vmc;
     attempt.vdisks = vm->vmc_vdisk_list;
     attempt.full = full;
@@ -188,10 +186,10 @@ attempt_t begin(vm_state_t* vm, std::time_t now, bool full, bool keep_mtime) REQ
 }
 
 // A failure counts as no attempt: whoever looks next tries again.
-errdesc_t* prepare(attempt_t* attempt) REQUIRES(attempt->vm.mutex) {
-    errdesc_t* e = attempt->full ? check_conflict(*attempt) : nullptr;
+errdesc_t* prepare(vm_state_t* vm, attempt_t* attempt) REQUIRES(vm->mutex) {
+    errdesc_t* e = attempt->full ? check_conflict(*vm, *attempt) : nullptr;
     if (e == nullptr)
-        e = update_disks(attempt);
+        e = update_disks(vm, attempt);
     if (e != nullptr)
         raise_vm_discovery_alert(e, attempt->vmc);
     return e;
@@ -219,9 +217,9 @@ errdesc_t* refresh(vm_state_t* vm, bool force, bool keep_mtime) {
     if (attempt.full)
         ts_dprintf(update_level, "%s doing full update\n", vm->vm_path.c_str());
     ts_dprintf(update_level, "_vm_update: refreshing '%s'\n", vm->vm_path.c_str());
-    RETURN_IF_ERROR(prepare(&attempt));
-    errdesc_t* e = write_entries(&attempt);
-    conclude(&attempt, e, now);
+    RETURN_IF_ERROR(prepare(vm, &attempt));
+    errdesc_t* e = write_entries(vm, &attempt);
+    conclude(vm, attempt, e, now);
     return e;
 }
 
