@@ -86,8 +86,8 @@ errdesc_t* mapper_t::remove_until(const std::string& name, bool force, time_poin
 void mapper_t::remove_all(bool force) {
     const auto deadline = std::chrono::steady_clock::now() + close_delay;
     const std::vector<mapper_entry_t> entries = list();
-    for (const mapper_entry_t& entry : std::views::reverse(entries))
-        (void)remove_until(entry.name, force, deadline);
+    for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry)
+        (void)remove_until(entry->name, force, deadline);
 }
 
 bool mapper_t::is_empty() {
