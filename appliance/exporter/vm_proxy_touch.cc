@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cinttypes>
+#include <cstring>
 #include <memory>
 
 #include "appliance/exporter/controller_thr.h"
@@ -54,6 +55,11 @@ std::unique_ptr<vm_proxy_header_t> read_old_header(const std::string& shadow_pat
     return header;
 }
 
+// Whether writing it would change nothing; most updates of most VMs find everything as it was.
+bool is_same(const vm_proxy_header_t& a, const vm_proxy_header_t& b) {
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
 errdesc_t* fill_header(const vm_proxy_touch_t& touch, vm_proxy_header_t* header) {
     struct stat st {};
     if (stat(touch.stat_path.c_str(), &st) != 0)
@@ -97,6 +103,8 @@ errdesc_t* vm_proxy_touch(const std::string& shadow_path, const vm_proxy_touch_t
             vm_proxy_header_dump("Old proxy header", *old);
         vm_proxy_header_dump("New proxy header", header);
     }
+    if (old != nullptr && is_same(*old, header))
+        return nullptr;
     RETURN_IF_ERROR(vm_proxy_write_header(header, shadow_path));
     if (old != nullptr)
         dec_fs_blocks_used(static_cast<std::int64_t>(old->statb.blocks));

@@ -26,9 +26,10 @@ struct vm_proxy_touch_t {
 // Whether the texts fit a header and the type is one: EINVAL with the text that does not.
 [[nodiscard]] errdesc_t* vm_proxy_touch_check(const vm_proxy_touch_t& touch);
 
-// Writes the header of `shadow_path`, which must pass vm_proxy_touch_check (asserted). A flat disk whose extent file is
-// larger than its descriptor says (logged, 27) reports the real size and is not read through the optimised path.
-// Errors: what is published for `stat_path`, else errno with it; vm_proxy_write_header's.
+// Writes the header of `shadow_path`, unless it stands there already. `touch` must pass vm_proxy_touch_check
+// (asserted). A flat disk whose extent file is larger than its descriptor says (logged, 27) reports the real size and
+// is not read through the optimised path. Errors: what is published for `stat_path`, else errno with it;
+// vm_proxy_write_header's.
 [[nodiscard]] errdesc_t* vm_proxy_touch(const std::string& shadow_path, const vm_proxy_touch_t& touch);
 
 }  // namespace mirador

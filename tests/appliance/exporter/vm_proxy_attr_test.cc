@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 #include "appliance/exporter/shadow_fixture.h"
 #include "appliance/exporter/vm_proxy_api.h"
@@ -96,6 +97,28 @@ TEST_F(vm_proxy_attr, TouchKeepsSizeRulesAndTheCountOfBlocks) {
     touch.vm_uuid.clear();
     touch.stat_path = root_ + "/none";
     EXPECT_EQ(vm_proxy_touch(shadow_path("/none"), touch)->number, ENOENT);
+}
+
+TEST_F(vm_proxy_attr, TouchWritesOnlyWhatChanges) {
+    const auto inode = [this](const std::string& path) {
+        struct stat st {};
+        EXPECT_EQ(stat(shadow_path(path).c_str(), &st), 0);
+        return st.st_ino;
+    };
+    const std::string disk = expose_disk("a-flat.vmdk");
+    const std::int64_t blocks = get_fs_blocks_used();
+    std::filesystem::create_hard_link(shadow_path(disk), root_ + "/keeps-the-inode");
+    const ino_t first = inode(disk);
+    expose_disk("a-flat.vmdk");
+    EXPECT_EQ(inode(disk), first);
+    EXPECT_EQ(get_fs_blocks_used(), blocks);
+
+    expose_disk("a-flat.vmdk", "hv2");
+    EXPECT_NE(inode(disk), first);
+    std::unique_ptr<vm_proxy_header_t> header;
+    ASSERT_EQ(vm_proxy_read_header(shadow_path(disk), &header), nullptr);
+    EXPECT_STREQ(header->hv_name, "hv2");
+    EXPECT_EQ(get_fs_blocks_used(), blocks);
 }
 
 TEST_F(vm_proxy_attr, ExtendedAttributes) {
