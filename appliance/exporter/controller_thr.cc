@@ -62,6 +62,7 @@ struct cnt_thr_life_t {
     std::time_t start = clock_now();
     bool controller_seen = false;
     bool first_cycle = true;
+    bool has_settings = false;  // read once; a read that fails is repeated in the next cycle
     user_folders_t folders;
 };
 
@@ -106,10 +107,11 @@ void wait_for_generation(cnt_thr_life_t* life) {
     global_cnt_thr_state.interrupt = 0;
 }
 
-void prepare_first_cycle() {
-    crash_recover_reset_snap_suffix();
-    if (errdesc_t* e = registry_settings_update())
+bool read_settings() {
+    errdesc_t* e = registry_settings_update();
+    if (e != nullptr)
         _errdesc_log(e, ERRDESC_NOTICE);
+    return e == nullptr;
 }
 
 void report_generation(const std::string& gen_id) {
@@ -122,7 +124,8 @@ void report_generation(const std::string& gen_id) {
 void cycle(cnt_thr_life_t* life) {
     cnt_thr_state_t& state = global_cnt_thr_state;
     if (std::exchange(life->first_cycle, false))
-        prepare_first_cycle();
+        crash_recover_reset_snap_suffix();
+    life->has_settings = life->has_settings || read_settings();
     if (!cnt_cycle_run({.root = state.namespaceroot, .gen = state.gen, .goes_on = is_running}, &life->folders))
         return;
     state.gen++;
