@@ -148,7 +148,8 @@ def emission(rounds):
             for name, results in by_name.items()}
 
 
-def _status_kib(pid, field):
+def status_kib(pid, field):
+    """A field of a process's status that is a number of KiB."""
     text = pathlib.Path(f"/proc/{pid}/status").read_text()
     return int(re.search(rf"(?m)^{field}:\s+(\d+) kB$", text)[1])
 
@@ -174,18 +175,18 @@ def memory():
     daemon.export(*[Entry(name, store.link(disk), stat=str(store.directory / "base-flat.vmdk"), size=1 << 40)
                     for name in names])
     os.listdir(EXPORT / "many")
-    resident, seconds, files = [_status_kib(daemon.pid, "VmRSS")], [], []
+    resident, seconds, files = [status_kib(daemon.pid, "VmRSS")], [], []
     for name in names:
         begin = time.monotonic()
         files.append(open(EXPORT / name, "rb", buffering=0))
         seconds.append(time.monotonic() - begin)
         files[-1].read(1 << 20)
-        resident.append(_status_kib(daemon.pid, "VmRSS"))
-    peak = _status_kib(daemon.pid, "VmHWM")
+        resident.append(status_kib(daemon.pid, "VmRSS"))
+    peak = status_kib(daemon.pid, "VmHWM")
     stand_in = _stand_in()
     tool = program("fuse-dmsetup") if stand_in else "dmsetup"
     figures = {"resident": resident, "peak": peak, "open_seconds": statistics.median(seconds),
-               "stand_in": _status_kib(stand_in, "VmRSS") if stand_in else None,
+               "stand_in": status_kib(stand_in, "VmRSS") if stand_in else None,
                "table_lines": run(tool, "table", _mapping_of(daemon)).count("\n")}
     daemon.kill()  # stopping it takes a second for each disk; the sandbox cleans up
     for file in files:

@@ -1,18 +1,23 @@
 # SPDX-License-Identifier: Apache-2.0
 """Makes the report of a run's figures.
 
-    report.py OUTPUT-DIRECTORY     prints Markdown: goals, figures, ratios, and what falls short with a profile
+    report.py OUTPUT-DIRECTORY OLD-REPORT
+
+Prints Markdown: goals, figures, ratios, and what falls short with a profile. A part that the run has left out stands
+as the old report has it.
 """
 
 import json
 import pathlib
 import sys
 
+import report_inventory
+from markdown import QUIET, count, goals_table, origin, table
+
 EMISSION_GOAL = 5e6  # grains a second
 MEMORY_GOAL = 1024  # KiB for each open disk
 LEVEL = 0.95  # from this ratio on two figures count as level in "What falls short"
 PROFILE_LINES = 30
-QUIET = 0.15  # share of the processors' time that others may use
 
 ROWS = {"mirador first": "mirador, first read", "mirador": "mirador", "mirador again": "mirador, read again"}
 READ_VARIANTS = """\
@@ -28,18 +33,6 @@ REASONS = {
     "getattr": "each name's header of 960 bytes is opened, read and closed",
     "readdir": "each entry's header of 960 bytes is opened, read and closed, for its inode number and type",
 }
-
-
-def table(head, rows):
-    yield "| " + " | ".join(head) + " |"
-    yield "|---|" + "---:|" * (len(head) - 1)
-    yield from ("| " + " | ".join(row) + " |" for row in rows)
-    yield ""
-
-
-def count(value):
-    """Three significant digits at least, thousands set apart."""
-    return f"{value:,.0f}" if value >= 100 else f"{value:.3g}"
 
 
 def compared(figures, kinds, unit=1.0):
@@ -91,18 +84,15 @@ def shortfalls(figures):
 
 
 def head(figures):
-    machine = figures["machine"]
     yield "# Measured\n"
-    yield (f"`script/bench`, {figures['date'][:10]}, on {machine['processor']}, {machine['cores']} cores, "
-           f"{machine['memory_gib']} GiB, Linux {machine['kernel']}; commit {figures['commit']}. Medians of "
-           f"{figures['rounds']} rounds ({figures['short_rounds']} where not sequential) in which the contestants take "
-           f"turns. Between the rounds other work took {figures['busy']:.0%} of the processors' time.\n")
+    yield (f"{origin('script/bench', figures)} Medians of {figures['rounds']} rounds ({figures['short_rounds']} where "
+           f"not sequential) in which the contestants take turns. Between the rounds other work took "
+           f"{figures['busy']:.0%} of the processors' time.\n")
     if figures["busy"] > QUIET:
         yield ("**The machine was busy.** Ways to the bytes that use more processes then lose more: the ratios are not "
                "those of a quiet machine.\n")
     yield "## Goals\n"
-    yield from table(["goal", "measured", "reached"], [[goal, measured, "yes" if reached else "**no**"]
-                                                        for goal, measured, reached in goals(figures)])
+    yield from goals_table(goals(figures))
     yield "What is compared:\n"
     yield from (f"- {name}: {what}" for name, what in figures["subjects"].items())
     yield ""
@@ -161,11 +151,23 @@ def report(figures, profile):
     yield from falls_short(figures, profile)
 
 
+def old_parts(path):
+    """The report's two parts as they stand in a file."""
+    text = path.read_text() if path.exists() else ""
+    first, title, second = text.partition(report_inventory.TITLE)
+    return first.strip(), (title + second).strip()
+
+
 def main():
     directory = pathlib.Path(sys.argv[1])
-    profile = directory / "profile.txt"
-    lines = profile.read_text().splitlines() if profile.exists() else []
-    print("\n".join(report(json.loads((directory / "figures.json").read_text()), lines)))
+    bytes_part, inventory_part = old_parts(pathlib.Path(sys.argv[2]))
+    if (directory / "figures.json").exists():
+        profile = directory / "profile.txt"
+        lines = profile.read_text().splitlines() if profile.exists() else []
+        bytes_part = "\n".join(report(json.loads((directory / "figures.json").read_text()), lines))
+    if (directory / "inventory.json").exists():
+        inventory_part = "\n".join(report_inventory.report(json.loads((directory / "inventory.json").read_text())))
+    print("\n\n".join(part.strip() for part in (bytes_part, inventory_part) if part))
 
 
 if __name__ == "__main__":

@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Measures everything once and writes the figures as JSON. Runs in a sandbox; script/bench starts it.
+"""Measures one part once and writes the figures as JSON. Runs in a sandbox; script/bench starts it.
 
-    run.py OUTPUT-DIRECTORY [--quick]
+    run.py {bytes,inventory} OUTPUT-DIRECTORY [--quick]
 
-Leaves figures.json, and profile.txt with what the machine did during sequential reads. MIRADOR_BIN names the directory
-of the programs.
+Leaves figures.json, and profile.txt with what the machine did during sequential reads; or inventory.json. MIRADOR_BIN
+names the directory of the programs.
 """
 
 import argparse
@@ -22,6 +22,7 @@ import time
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests" / "e2e"))
 
 from harness import place  # noqa: E402
+import inventory  # noqa: E402
 import measure  # noqa: E402
 from subjects import all_subjects  # noqa: E402
 
@@ -59,18 +60,17 @@ def profile(subject, path):
     path.write_text("\n".join(lines) + "\n")
 
 
-def main():
-    parser = argparse.ArgumentParser(usage=__doc__)
-    parser.add_argument("output", type=pathlib.Path)
-    parser.add_argument("--quick", action="store_true", help="one round of everything: a trial, no result")
-    arguments = parser.parse_args()
-    if not place.is_safe():
-        sys.exit("bench/run.py: runs only in a sandbox; use script/bench")
-    place.furnish()
-    rounds = 1 if arguments.quick else 5
-    short_rounds = 1 if arguments.quick else 3
-    figures = {"machine": machine(), "date": datetime.datetime.now().astimezone().isoformat(timespec="minutes"),
-               "rounds": rounds, "short_rounds": short_rounds}
+def origin(output):
+    """Where, when and on what is measured."""
+    return {"machine": machine(), "date": datetime.datetime.now().astimezone().isoformat(timespec="minutes"),
+            "commit": (output / "commit").read_text().strip()}
+
+
+def measure_bytes(output, quick):
+    """Everything but the inventories."""
+    rounds = 1 if quick else 5
+    short_rounds = 1 if quick else 3
+    figures = {**origin(output), "rounds": rounds, "short_rounds": short_rounds}
     tell("disks and subjects")
     with all_subjects() as subjects:
         figures["subjects"] = {subject.name: subject.what for subject in subjects.values()}
@@ -82,18 +82,40 @@ def main():
         tell("open, getattr, readdir")
         figures["calls"] = measure.calls(subjects, short_rounds)
         tell("profile")
-        profile(subjects["mirador"], arguments.output / "profile.txt")
+        profile(subjects["mirador"], output / "profile.txt")
     tell("table emission")
     figures["emission"] = measure.emission(short_rounds)
     tell(f"memory with {measure.OPEN_DISKS} open disks")
     figures["memory"] = measure.memory()
     figures["busy"] = statistics.median(measure.busy_between_rounds)
-    figures["commit"] = (arguments.output / "commit").read_text().strip()
-    figures["seconds"] = time.monotonic() - _BEGIN
-    (arguments.output / "figures.json").write_text(json.dumps(figures, indent=1))
+    (output / "figures.json").write_text(json.dumps(figures, indent=1))
+
+
+def measure_inventories(output, quick):
+    """Inventories of growing size."""
+    rounds = 1 if quick else 3
+    figures = {**origin(output), "rounds": rounds, "busy": [], "sizes": {}}
+    for count in inventory.QUICK_SIZES if quick else inventory.SIZES:
+        tell(f"inventory of {count:,} VMs")
+        figures["busy"].append(measure.busy_share(2))
+        figures["sizes"][count] = inventory.measure(count, rounds)
+    (output / "inventory.json").write_text(json.dumps(figures, indent=1))
+
+
+def main():
+    parser = argparse.ArgumentParser(usage=__doc__)
+    parser.add_argument("part", choices=PARTS)
+    parser.add_argument("output", type=pathlib.Path)
+    parser.add_argument("--quick", action="store_true", help="one round of everything: a trial, no result")
+    arguments = parser.parse_args()
+    if not place.is_safe():
+        sys.exit("bench/run.py: runs only in a sandbox; use script/bench")
+    place.furnish()
+    PARTS[arguments.part](arguments.output, arguments.quick)
     tell("done")
 
 
+PARTS = {"bytes": measure_bytes, "inventory": measure_inventories}
 _BEGIN = time.monotonic()
 if __name__ == "__main__":
     main()
