@@ -26,6 +26,7 @@
 #include "lib/cor_string.h"
 #include "lib/file_io.h"
 #include "lib/log.h"
+#include "lib/startup.h"
 #include "lib/tool_paths.h"
 
 namespace mirador {
@@ -133,6 +134,7 @@ void cycle(cnt_thr_life_t* life) {
 }
 
 void cnt_thr() {
+    block_signals();
     cnt_thr_state_t& state = checked_state();
     cor_assert(state.state == CNT_STATE_STARTING);
     cor_assert(!state.namespaceroot.empty());

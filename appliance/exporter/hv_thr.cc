@@ -15,6 +15,7 @@
 #include "lib/clock.h"
 #include "lib/cor_assert.h"
 #include "lib/log.h"
+#include "lib/startup.h"
 #include "lib/thread_annotations.h"
 
 namespace mirador {
@@ -91,6 +92,7 @@ void clear_away(const hv_thr_state_t& state) {
 }
 
 void hv_thr(hv_thr_state_t* state) {
+    block_signals();
     check_state(*state);
     cor_assert(state->state == HV_STATE_STARTING);
     ts_printf("hv_thr: start: %s\n", state->hostname.c_str());

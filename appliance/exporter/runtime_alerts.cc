@@ -11,6 +11,7 @@
 #include "appliance/lib/registry.h"
 #include "appliance/lib/vm_proxy_header.h"
 #include "controller/lib/alertlib.h"
+#include "lib/startup.h"
 #include "lib/thread_annotations.h"
 
 namespace mirador {
@@ -62,6 +63,7 @@ void send(const runtime_alert_t& alert) {
 }
 
 void send_alerts() {
+    block_signals();
     while (const std::optional<runtime_alert_t> alert = next_alert())
         send(*alert);
 }
