@@ -7,4 +7,7 @@ daemon     a running daemon and its shadow tree
 census     what stands on the machine: loop devices, mappings, mounts, files, processes
 compare    an exported file against its reference
 case       the test case that starts a daemon and checks what it leaves behind
+machines   virtual machines on a datastore
+appliance  the embedded appliance, which is the daemon's controller
+inventory  the test case whose daemon follows an appliance
 """

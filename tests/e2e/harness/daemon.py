@@ -1,5 +1,6 @@
 """A running daemon and its shadow tree."""
 
+import contextlib
 import dataclasses
 import itertools
 import os
@@ -45,12 +46,12 @@ def flat_entry(name: str, disk: Disk) -> Entry:
 
 
 class Daemon:
-    """The daemon on EXPORT, without a controller."""
+    """The daemon on EXPORT: with `threads` it follows the controller, without them the tests write its shadow tree."""
 
-    def __init__(self, *options: str):
+    def __init__(self, *options: str, threads: bool = False):
         self._directory = WORK / f"run-{next(_run_numbers)}"
         self._directory.mkdir()
-        self._options = ("-L", str(self._directory), *options)
+        self._options = ("-L", str(self._directory), *options, *(() if threads else ("--no-threads",)))
         self._process: subprocess.Popen | None = None
         self.log_file = self._directory / "mirador"
 
@@ -59,7 +60,7 @@ class Daemon:
         return self._process.pid
 
     def command(self, *more: str) -> list[str]:
-        return [program("mirador"), *self._options, *more, "--no-threads", str(EXPORT), *MOUNT_OPTIONS]
+        return [program("mirador"), *self._options, *more, str(EXPORT), *MOUNT_OPTIONS]
 
     def start(self) -> None:
         if not place.is_safe():
@@ -80,10 +81,21 @@ class Daemon:
 
     def wait(self) -> None:
         """Waits for it to end; raises Failed when it does not end well."""
-        status = self._process.wait(timeout=120)
+        try:
+            status = self._process.wait(timeout=60)
+        except subprocess.TimeoutExpired:
+            raise Failed(f"the daemon does not end\n{self._threads()}\n{self.last_lines()}") from None
         faults = [line for line in self.log().splitlines() if _FAULTS.search(line)]
         if status != 0 or faults:
             raise Failed(f"the daemon ended with status {status}\n{faults}\n{self.last_lines()}")
+
+    def _threads(self) -> str:
+        """What each of its threads waits for."""
+        lines = []
+        for task in sorted(pathlib.Path(f"/proc/{self.pid}/task").iterdir()):
+            facts = [(task / name).read_text().strip() for name in ("comm", "wchan", "syscall")]
+            lines.append(" ".join([task.name, *facts]))
+        return "\n".join(lines)
 
     def kill(self) -> None:
         self._process.kill()
@@ -108,7 +120,11 @@ class Daemon:
     def descriptors(self) -> dict[str, str]:
         """Its open file descriptors and what each is open on."""
         directory = f"/proc/{self.pid}/fd"
-        return {name: os.readlink(f"{directory}/{name}") for name in os.listdir(directory)}
+        found = {}
+        for name in os.listdir(directory):
+            with contextlib.suppress(FileNotFoundError):  # closed meanwhile
+                found[name] = os.readlink(f"{directory}/{name}")
+        return found
 
     def export(self, *entries: Entry) -> None:
         export(entries)

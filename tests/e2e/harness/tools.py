@@ -6,6 +6,7 @@ import pathlib
 import subprocess
 import time
 from collections.abc import Callable
+from typing import Any
 
 WORK = pathlib.Path("/run/e2e")  # the tests' own files; the daemon clears and is checked in /tmp
 
@@ -37,6 +38,21 @@ def wait_until(condition: Callable[[], bool], what: str, seconds: float = 60) ->
         if time.monotonic() > deadline:
             raise Failed(f"not within {seconds} s: {what}")
         time.sleep(0.02)
+
+
+def wait_equal(get: Callable[[], Any], expected: Any, what: str, seconds: float = 60) -> None:
+    """Waits until `get` returns `expected`; tells the last value when it does not."""
+    last = None
+
+    def is_equal() -> bool:
+        nonlocal last
+        last = get()
+        return last == expected
+
+    try:
+        wait_until(is_equal, what, seconds)
+    except Failed as failure:
+        raise Failed(f"{failure}\nfound    {last}\nexpected {expected}") from None
 
 
 def xattr(path: str | os.PathLike, name: str, room: int | None = None) -> bytes:

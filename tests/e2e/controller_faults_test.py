@@ -1,0 +1,247 @@
+"""Faults of the controller, the shadow tmpfs and a datastore: the daemon neither dies, hangs, spins nor leaks, and the
+tree is whole again with the next generation."""
+
+import contextlib
+import os
+import struct
+import time
+
+from harness import place
+from harness.compare import first_difference
+from harness.daemon import EXPORT
+from harness.disks import datastore
+from harness.inventory import SHADOW, InventoryCase, by_group, tree
+from harness.machines import machine
+from harness.tools import WORK, wait_equal, wait_until
+
+HOST_A, HOST_B = "esx-a.example", "esx-b.example"
+HEADER_SIZE = 960  # bytes
+HEADER_START = struct.pack("<II", 0xffffffff, 1)  # magic and version
+
+AT_REST = 4  # connections and pipes that the daemon has at most while it waits
+
+GARBAGE = {
+    "not JSON": {"body": "<html>502 Bad Gateway</html>"},
+    "cut JSON": {"body": '[{"hostname": "esx-'},
+    "wrong shape": {"body": '{"genId": {}, "hostname": []}'},
+    "array of anything": {"body": '[null, 7, "x", [], {}, {"name": 7, "uuid": [], "hostname": {}}]'},
+    "zero bytes": {"body": "\\u0000\\u0000"},
+    "empty body": {"body": ""},
+    "cut reply": {"cut": 3},
+    "no reply": {"hang": 0},
+    "server error": {"status": 500},
+    "redirect": {"status": 302, "location": "/elsewhere"},
+}
+MAIN_GARBAGE = ("not JSON", "wrong shape", "array of anything", "cut reply", "server error")
+
+
+class ControllerFaults(InventoryCase):
+    options = ("-O", "size=512k,nr_inodes=1000,mode=0755")
+    settings = {"export.cache.ttl": "600"}
+    open_at_rest: dict[str, int] = {}
+
+    @classmethod
+    def make_machines(cls):
+        cls.a, cls.b = datastore("faults-a"), datastore("faults-b")
+        cls.on_a = [machine(cls.a, f"a-{number}") for number in range(8)]
+        cls.on_b = [machine(cls.b, f"b-{number}") for number in range(2)]
+        cls.template = machine(cls.a, "template", template=True)
+        return [f"{HOST_A}:{cls.a.directory}", f"{HOST_B}:{cls.b.directory}"]
+
+    def setUp(self):
+        if not self.open_at_rest:
+            type(self).open_at_rest = self.open_files()
+        self.addCleanup(self.check_recovery)
+
+    def check_recovery(self):
+        """After each test: with the faults gone, a change arrives, all VMs are there and no descriptor is kept."""
+        self.appliance.set_faults()
+        on = not self.status(self.on_a[0])["use_cbt"]
+        self.appliance.command("vm", "a-0", "use_cbt", str(int(on)))
+        self.wait_tree({**by_group(HOST_A, [*self.on_a[1:], self.template]), **by_group(HOST_B, self.on_b),
+                        f"{HOST_A}/a-0": self.on_a[0].entries(companions=on)})
+        self.assert_template_is_right()
+        wait_equal(self.open_files, self.open_at_rest, "no file is kept open")
+        wait_until(lambda: self.connections() <= AT_REST, "no connection is kept")
+
+    def assert_template_is_right(self):
+        self.wait_tree(by_group(HOST_A, [self.template]))
+        self.assertIsNone(first_difference(EXPORT / HOST_A / "template" / "disk-flat.vmdk", self.template.flat()))
+
+    def bump(self, *vms):
+        """Has the controller announce a new generation, in which these VMs have changed."""
+        self.appliance.command("refresh", *(vms or ["a-1"]))
+
+    def wait_request(self, start, name, query="", count=1):
+        wait_until(lambda: len(self.requests(start, name, query)) >= count, f"{name} is asked for")
+
+    # Answers
+
+    def test_garbage_in_a_cycle(self):
+        inventory = ["folder", "vhost", "vdisk"]
+        for name, fault in GARBAGE.items():
+            for objects in [inventory, ["hvconfig"]] if name in MAIN_GARBAGE else [inventory]:
+                with self.subTest(name, objects=objects):
+                    start = self.appliance.count()
+                    self.appliance.set_faults(*({"object": each, **fault} for each in objects))
+                    self.bump("b-0", "b-1")
+                    self.wait_request(start, "hvconfig")
+                    self.assertTrue(self.daemon.is_running())
+
+    def test_garbage_while_waiting(self):
+        for name in MAIN_GARBAGE:
+            with self.subTest(name):
+                start = self.appliance.count()
+                self.appliance.set_faults({"object": "fs_sync", "query": "type=wait", **GARBAGE[name]})
+                self.bump()
+                self.wait_request(start, "fs_sync", "type=wait")
+                self.assertTrue(self.daemon.is_running())
+
+    def test_one_hypervisor_fails(self):
+        """What another hypervisor has is none the worse for it."""
+        before = self.shadow_files(f"{HOST_A}/a-2")
+        start = self.appliance.count()
+        self.appliance.set_faults({"object": "vhost", "query": f"hv_hostname={HOST_B}", "status": 500})
+        added = machine(self.a, "added")
+        self.addCleanup(added.remove)
+        self.wait_tree(by_group(HOST_A, [added, *self.on_a[1:]]))
+        self.assertIn(500, {request["status"] for request in self.requests(start, "vhost")})
+        self.assertEqual(self.shadow_files(f"{HOST_A}/a-2"), before)
+
+    def test_a_controller_that_hangs_or_answers_at_once(self):
+        """The tree answers all the while, and the daemon waits without being busy."""
+        for what, fault in {
+            "no answer to the wait": {"object": "fs_sync", "query": "type=wait", "hang": 3},
+            "no answer in a cycle": {"object": "folder", "hang": 3},
+            "one answer, at once": {"object": "fs_sync", "query": "type=wait", "body": '{"genId": "9-9"}'},
+        }.items():
+            with self.subTest(what):
+                self.appliance.set_faults(fault)
+                start, used = self.appliance.count(), self.cpu_seconds()
+                self.bump()
+                end = time.monotonic() + 5
+                while time.monotonic() < end:
+                    began = time.monotonic()
+                    self.assertIn(f"{HOST_A}/a-2", tree())
+                    self.assertLess(time.monotonic() - began, 1, "seconds for a listing")
+                    time.sleep(0.25)
+                self.assertLess(self.cpu_seconds() - used, 1, "processor time")
+                self.assertLess(self.appliance.count() - start, 60, "requests")
+
+    def test_the_controller_is_killed_in_a_cycle(self):
+        self.appliance.set_faults({"object": "vhost", "hang": 60})
+        start = self.appliance.count()
+        self.bump()
+        self.wait_request(start, "hvconfig")
+        self.appliance.kill()
+        used = self.cpu_seconds()
+        self.appliance.set_faults()
+        self.appliance.start()
+        self.assertLess(self.cpu_seconds() - used, 0.5)
+
+    # The shadow tmpfs
+
+    def test_headers_are_whole_at_every_moment(self):
+        """Readers of the shadow tree and of the mount meet whole headers and final names only."""
+        names = {f"{HOST_A}/{vm.name}": vm.entries(companions=True) for vm in self.on_a}
+        enough = 4 * sum(len(vm.entries()) for vm in self.on_a)
+        seen = set()
+        end = time.monotonic() + 30
+        while len(seen) < enough and time.monotonic() < end:
+            self.bump(*(vm.name for vm in self.on_a))
+            self.look_at_headers(names, seen, 2)
+        self.assertGreaterEqual(len(seen), enough, "headers that were replaced while they were looked at")
+
+    def look_at_headers(self, names, seen, seconds):
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
+            for vm, entries in names.items():
+                self.assertLessEqual(set(os.listdir(EXPORT / vm)), entries)
+                for entry in os.scandir(SHADOW / vm):
+                    if not entry.name.endswith(".tmp"):
+                        seen.add((entry.path, self.read_header(entry.path)))
+
+    def read_header(self, path):
+        """Reads a header, which must be whole; returns the file's inode number."""
+        with open(path, "rb") as file:
+            content = file.read()
+            self.assertEqual((len(content), content[:len(HEADER_START)]), (HEADER_SIZE, HEADER_START), path)
+            return os.fstat(file.fileno()).st_ino
+
+    @staticmethod
+    def shadow_files(vm):
+        """What changes when one of a VM's files is written anew."""
+        return {entry.name: (entry.inode(), entry.stat().st_mtime_ns) for entry in os.scandir(SHADOW / vm)}
+
+    def test_the_shadow_tmpfs_is_full(self):
+        """What does not fit is told, what is there stays, and all is well once there is room."""
+        for name, fill in {"no-space": self.fill_space, "no-names": self.fill_names}.items():
+            with self.subTest(name):
+                fillers = fill()
+                vm = machine(self.a, name)
+                self.addCleanup(vm.remove)
+                self.wait_alert("vm_discovery", f"{HOST_A}:{name}", "No space left on device")
+                self.wait_tree(by_group(HOST_A, self.on_a[1:]))
+                for filler in fillers:
+                    os.unlink(filler)
+                self.bump(name)
+                self.wait_tree(by_group(HOST_A, [vm]))
+                self.wait_alert("vm_discovery", f"{HOST_A}:{name}", None)
+
+    @staticmethod
+    def fill_space():
+        filler = SHADOW / "filler"
+        with open(filler, "wb", buffering=0) as file, contextlib.suppress(OSError):
+            while True:
+                file.write(bytes(4096))
+        return [filler]
+
+    @staticmethod
+    def fill_names():
+        fillers = []
+        with contextlib.suppress(OSError):
+            while True:
+                path = SHADOW / f"filler-{len(fillers)}"
+                path.touch()
+                fillers.append(path)
+        return fillers
+
+    # A datastore
+
+    def test_a_datastore_vanishes_and_returns(self):
+        vms = by_group(HOST_A, [*self.on_a[1:], self.template])
+        away = WORK / "away"
+        self.a.directory.rename(away)
+        try:
+            self.wait_alert("datastore", self.a.name, "cannot be read")
+            self.bump("a-3", "template")
+            self.wait_taken_over()
+            self.wait_tree(vms)
+            with self.assertRaises(OSError):
+                (EXPORT / HOST_A / "a-3" / "disk.vmdk").read_bytes()
+        finally:
+            away.rename(self.a.directory)
+        self.wait_alert("datastore", self.a.name, None)
+        self.wait_tree(vms)
+
+    # The daemon's own end
+
+    def test_ends_and_dies_in_a_cycle(self):
+        for end in ("TERM", "KILL"):
+            with self.subTest(end):
+                self.appliance.set_faults({"object": "vhost", "hang": 60})
+                start = self.appliance.count()
+                self.bump()
+                self.wait_request(start, "hvconfig")
+                if end == "TERM":
+                    self.daemon.stop()
+                    self.assertFalse(SHADOW.exists())
+                else:
+                    self.daemon.kill()
+                self.appliance.set_faults()
+                self.daemon.start()
+                self.wait_tree({**by_group(HOST_A, self.on_a[1:]), **by_group(HOST_B, self.on_b)})
+
+
+if __name__ == "__main__":
+    place.main()

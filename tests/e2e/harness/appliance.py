@@ -1,0 +1,109 @@
+"""The embedded appliance, which is the daemon's controller."""
+
+import itertools
+import json
+import pathlib
+import signal
+import socket
+import subprocess
+import urllib.request
+from typing import Any
+
+from .tools import WORK, Failed, program, run, wait_until
+
+_PROGRAM = pathlib.Path(__file__).resolve().parents[3] / "standalone" / "mirador-appliance"
+_POLL = 0.2  # seconds between two looks at the datastores
+
+_run_numbers = itertools.count(1)
+
+Rule = dict[str, Any]
+
+
+def _free_port() -> int:
+    with socket.create_server(("127.0.0.1", 0)) as probe:
+        return probe.getsockname()[1]
+
+
+class Appliance:
+    """One appliance with its state, over any number of starts. Datastores are given as its command line takes them."""
+
+    def __init__(self, *datastores: str):
+        self._directory = WORK / f"appliance-{next(_run_numbers)}"
+        self._directory.mkdir()
+        self._state = self._directory / "state"
+        self._faults = self._directory / "faults"
+        self._journal = self._directory / "journal"
+        self._datastores = datastores
+        self._port = _free_port()  # kept over restarts, as the daemon asks for it but once
+        self._process: subprocess.Popen | None = None
+
+    def start(self) -> None:
+        command = [str(_PROGRAM), "serve", "--state", str(self._state), "--datastore", ",".join(self._datastores),
+                   "--port", str(self._port), "--poll", str(_POLL), "--inspect", program("mirador-inspect"),
+                   "--faults", str(self._faults), "--journal", str(self._journal)]
+        with open(self._directory / "output", "ab") as output:
+            self._process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=output)
+        wait_until(lambda: self._answers() or self._process.poll() is not None, "the appliance answers")
+        if self._process.poll() is not None:
+            raise Failed(f"the appliance ended with status {self._process.returncode}\n{self.output()}")
+
+    def _answers(self) -> bool:
+        try:
+            return isinstance(self.get("hvconfig"), list)
+        except OSError:
+            return False
+
+    def stop(self) -> None:
+        self._process.send_signal(signal.SIGTERM)
+        if self._process.wait(timeout=30) != 0:
+            raise Failed(f"the appliance ended with status {self._process.returncode}\n{self.output()}")
+
+    def kill(self) -> None:
+        self._process.kill()
+        self._process.wait(timeout=30)
+
+    def is_running(self) -> bool:
+        return self._process is not None and self._process.poll() is None
+
+    def output(self) -> str:
+        return (self._directory / "output").read_text(errors="replace")
+
+    # What people do
+
+    def command(self, *words: str) -> str:
+        """Runs one of the program's commands, "folder add NAME" and the like."""
+        names = 2 if words[0] == "folder" else 1
+        return run(_PROGRAM, *words[:names], "--state", str(self._state), *words[names:])
+
+    def status(self) -> dict[str, Any]:
+        return json.loads(self.command("status", "--json"))
+
+    def alerts(self) -> dict[tuple[str, str], str]:
+        """The alerts that stand: (kind, object) -> message."""
+        return {(alert["alert_id"], alert["object_id"]): alert["message"] for alert in self.get("alert")}
+
+    # What the daemon sees and does
+
+    def get(self, object_and_query: str) -> Any:
+        """Asks the controller as the daemon does."""
+        url = f"http://127.0.0.1:{self._port}/api/{object_and_query}"
+        with urllib.request.urlopen(url, timeout=10) as answer:
+            return json.load(answer)
+
+    def set_faults(self, *rules: Rule) -> None:
+        """Lets exactly these faults act from now on; see the program's --help."""
+        aside = self._faults.with_suffix(".new")
+        aside.write_text(json.dumps(rules))
+        aside.replace(self._faults)
+
+    def journal(self, start: int = 0) -> list[dict[str, Any]]:
+        """The requests received, from number `start` on: method, object, query, body and status of each. The tests' own
+        questions are among them."""
+        if not self._journal.exists():
+            return []
+        lines = self._journal.read_bytes().split(b"\n")[:-1]  # the last one may be half-written
+        return [json.loads(line) for line in lines[start:]]
+
+    def count(self) -> int:
+        """How many requests have been received."""
+        return len(self.journal())

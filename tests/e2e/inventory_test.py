@@ -1,0 +1,303 @@
+"""The tree follows the controller's inventory: hypervisors, VMs, folders, names, disks, settings, alerts."""
+
+import json
+import os
+
+from harness import place
+from harness.compare import first_difference
+from harness.daemon import EXPORT
+from harness.disks import KIB, MIB, SECTOR, base_disk, datastore, raw_image, reference, sparse_delta
+from harness.inventory import SHADOW, InventoryCase, by_group, tree
+from harness.machines import machine
+from harness.tools import WORK, program, run, wait_equal
+
+HOST_A, HOST_B, OWN_HOST = "esx-a.example", "esx-b.example", "appliance.example"
+
+# Displayed names and the directories that they become.
+NAMES = {
+    "käse/ß": "käse%2Fß",
+    "full stop.": "full stop%2E",
+    "..": ".%2E",
+    ".": "%2E",
+    "..x": "..x",
+    'q"*:<>?\\|': "q%22%2A%3A%3C%3E%3F%5C%7C",
+    "per%2Fcent": "per%2Fcent",
+    "stop": "stop",
+    "x" * 255: "x" * 255,
+    "ü" * 127 + "z": "ü" * 127 + "z",
+}
+# Names that can be no directory, and what the alert says of them.
+REFUSED_NAMES = {"y" * 256: "longer than 255 bytes", "z" * 254 + ".": "longer than 255 bytes",
+                 ".corvantis.lck": "a name of the system"}
+
+
+def exported_configuration(path):
+    """What an exported configuration file says."""
+    return json.loads(run(program("mirador-inspect"), "--json", "cfg", path))
+
+
+class Inventory(InventoryCase):
+    settings = {"export.cache.ttl": "600", "export.vm_uuid.enabled": "1", "appliance.cbt.percent": "5", "hypervisor.name": OWN_HOST}
+
+    @classmethod
+    def make_machines(cls):
+        cls.a, cls.b, cls.own = (datastore(f"inventory-{name}") for name in ("a", "b", "own"))
+        cls.still = machine(cls.a, "still")
+        cls.two = machine(cls.a, "two", disks=("disk.vmdk", "sub/disk.vmdk", "other.vmdk"))
+        cls.independent = machine(cls.a, "independent", disks=("disk.vmdk", "free.vmdk", "raw.vmdk"),
+                                  modes={"free.vmdk": "independent-persistent", "raw.vmdk": "independent-nonpersistent"})
+        cls.diskless = machine(cls.b, "diskless", disks=())
+        cls.named = [machine(cls.b, f"name-{number}", name) for number, name in enumerate(NAMES)]
+        cls.refused = [machine(cls.b, f"refused-{number}", name) for number, name in enumerate(REFUSED_NAMES)]
+        cls.flat_template = machine(cls.a, "flat-template", template=True)
+        image = raw_image(WORK / "inventory.img", 4 * MIB, seed=21)
+        cls.chain = sparse_delta(base_disk(cls.a, "chain-template", image), [(64 * KIB, MIB), (3 * MIB, 64 * KIB)])
+        cls.chain_template = machine(cls.a, "chain-template", disks=(cls.chain.descriptor.name,), template=True)
+        cls.foldered = [machine(cls.a, f"foldered-{number}") for number in range(2)]
+        cls.twins = [machine(store, "twin") for store in (cls.a, cls.b)]
+        cls.moved = machine(cls.own, "moved")
+        return [f"{HOST_A}:{cls.a.directory}", f"{HOST_B}:{cls.b.directory}", str(cls.own.directory)]
+
+    @classmethod
+    def _stop_all(cls):
+        """Before the end, all VMs go: nothing of them may stay in the tree, its space or the alerts."""
+        try:
+            if cls.appliance.is_running() and cls.daemon.is_running():
+                cls._check_that_all_can_go()
+        finally:
+            super()._stop_all()
+
+    @classmethod
+    def standing_alerts(cls):
+        """Alerts that last; those of single calls, which say what a client met, are not cleared."""
+        return {key for key in cls.appliance.alerts() if key[0] != "runtime"}
+
+    @classmethod
+    def _check_that_all_can_go(cls):
+        for store in (cls.a, cls.b, cls.own):
+            for entry in os.scandir(store.directory):
+                os.rename(entry.path, WORK / f"gone-{store.name}-{entry.name}")
+        wait_equal(lambda: [name for name in tree() if not name.startswith(".")], [], "all VMs are gone")
+        wait_equal(lambda: os.listdir(EXPORT / ".uuid"), [], "all links are gone")
+        wait_equal(lambda: os.statvfs(EXPORT).f_blocks - os.statvfs(EXPORT).f_bfree, 0, "no space is used")
+        wait_equal(cls.standing_alerts, set(), "no alert about a VM stands")
+
+    # As it is after the first cycle
+
+    def test_disks(self):
+        """Each disk that can be exported is there once, under a name of its own."""
+        first, second = self.two.entries("disk.vmdk", "other.vmdk"), {"disk(1).vmdk", "disk(1)-flat.vmdk"}
+        self.wait_tree({
+            f"{HOST_A}/still": self.still.entries(),
+            f"{HOST_A}/two": first | second,
+            f"{HOST_A}/independent": self.independent.entries("disk.vmdk"),
+            f"{HOST_B}/diskless": {"vm.vmx", "vm.cfg"},
+            f"{HOST_A}/flat-template": self.flat_template.entries(),
+            f"{OWN_HOST}/moved": self.moved.entries(),
+        })
+        for disk in ("free.vmdk", "raw.vmdk"):
+            self.wait_alert("independent_disk", f"{self.independent.uuid}:{disk}",
+                            f"^Disk '{disk}' on 'independent' does not support snapshot and will not be exported.")
+        directory = EXPORT / HOST_A / "two"
+        self.assertIn(b'"disk(1)-flat.vmdk"', (directory / "disk(1).vmdk").read_bytes())
+        self.assertIn(b'"disk-flat.vmdk"', (directory / "disk.vmdk").read_bytes())
+        self.assertRegex((directory / "vm.vmx").read_text(), r'(?s)"disk.vmdk".*"disk\(1\).vmdk".*"other.vmdk"')
+
+    def test_exported_configuration(self):
+        wait_equal((EXPORT / HOST_A / "two" / "vm.cfg").exists, True, "the configuration is exported")
+        found = exported_configuration(EXPORT / HOST_A / "two" / "vm.cfg")
+        store = self.a.name
+        for key, value in {"vmname": "two", "vmuuid": self.two.uuid, "servername": HOST_A, "directory": "two",
+                           "dsname": store, "vmxname": "vm.vmx", "on_conflict": "stop"}.items():
+            self.assertEqual(found[key], value, key)
+        self.assertEqual([(disk["name"], disk["extentname"], disk["rename"], disk["extentrename"], disk["fpath"],
+                           disk["directory"], disk["dsname"], disk["size"], disk["type"]) for disk in found["disks"]], [
+            ("disk.vmdk", "disk-flat.vmdk", None, None, f"/vmfs/volumes/{store}/two/disk.vmdk", "two", store, MIB,
+             "thick"),
+            ("disk(1).vmdk", "disk(1)-flat.vmdk", "disk.vmdk", "disk-flat.vmdk",
+             f"/vmfs/volumes/{store}/two/sub/disk.vmdk", "two/sub", store, MIB, "thick"),
+            ("other.vmdk", "other-flat.vmdk", None, None, f"/vmfs/volumes/{store}/two/other.vmdk", "two", store, MIB,
+             "thick"),
+        ])
+
+    def test_names(self):
+        """Names become directories that no name leads out of; those that cannot be any are told, and harm no other."""
+        self.wait_tree({f"{HOST_B}/{NAMES[vm.name]}": vm.entries() for vm in self.named})
+        groups = set(os.listdir(EXPORT)) - {".uuid"}
+        self.assertLessEqual(groups, {HOST_A, HOST_B, OWN_HOST, "shelf", "shelf of mine", "twins"})
+        for vm in self.refused:
+            self.wait_alert("vm_discovery", f"{HOST_B}:{vm.name}", REFUSED_NAMES[vm.name])
+        for name, directory in NAMES.items():
+            found = exported_configuration(EXPORT / HOST_B / directory / "vm.cfg")
+            self.assertEqual(found["vmname"], name)
+
+    def test_templates_are_read_byte_for_byte(self):
+        flat = EXPORT / HOST_A / "flat-template" / "disk-flat.vmdk"
+        self.assertIsNone(first_difference(flat, self.flat_template.flat()))
+        chain = EXPORT / HOST_A / "chain-template" / "disk-flat.vmdk"
+        self.assertIsNone(first_difference(chain, reference(self.chain)))
+
+    def test_links_by_uuid(self):
+        for vm, directory in ((self.two, f"{HOST_A}/two"), (self.named[0], f"{HOST_B}/{NAMES[self.named[0].name]}")):
+            link = EXPORT / ".uuid" / vm.uuid
+            self.assertEqual(sorted(os.listdir(link)), sorted(os.listdir(EXPORT / directory)))
+            self.assertEqual((link / "vm.cfg").read_bytes(), (EXPORT / directory / "vm.cfg").read_bytes())
+
+    def test_space_is_that_of_all_files(self):
+        def used():
+            space = os.statvfs(EXPORT)
+            return (space.f_blocks - space.f_bfree) * space.f_bsize // KIB
+
+        def described():
+            files = (EXPORT / vm / name for vm, names in tree().items() if not vm.startswith(".") for name in names)
+            return sum(os.stat(file).st_blocks for file in files) * SECTOR // (4 * KIB) * 4
+        wait_equal(lambda: used() == described() > 0, True, "the space is accounted for")
+
+    def test_settings_are_asked_for_in_order(self):
+        requests = [request for request in self.appliance.journal() if request["object"] in ("registry", "fs_sync")]
+        asked = [json.loads(request["body"])["method_args"] for request in requests if request["object"] == "registry"]
+        settings = self.appliance.status()["settings"]
+        self.assertEqual(asked, [key for key in settings if key in asked])
+        self.assertLessEqual(settings.keys() - asked, {"controller.uuid", "hypervisor.name"})
+        waits = [request["query"] for request in requests if "type=wait" in request["query"]]
+        self.assertEqual(waits[0], "target=dsfs&genId=0-0&type=wait")
+
+    # As it changes
+
+    def test_vms_come_change_and_go(self):
+        goes, changes, renamed = (machine(self.b, name) for name in ("goes", "changes", "renamed"))
+        self.wait_tree({f"{HOST_B}/{vm.name}": vm.entries() for vm in (goes, changes, renamed)})
+        start, untouched = self.appliance.count(), self.shadow_files(f"{HOST_A}/still")
+        goes.remove()
+        changes = changes.write(disks=("disk.vmdk", "more.vmdk"))
+        self.addCleanup(changes.remove)
+        renamed = renamed.write(name="named anew")
+        self.addCleanup(renamed.remove)
+        self.wait_tree({
+            f"{HOST_B}/goes": None,
+            f"{HOST_B}/changes": changes.entries(),
+            f"{HOST_B}/renamed": None,
+            f"{HOST_B}/named anew": renamed.entries(),
+        })
+        changes = changes.write(disks=("more.vmdk",))
+        self.wait_tree({f"{HOST_B}/changes": changes.entries()})
+        self.assertEqual(self.shadow_files(f"{HOST_A}/still"), untouched)
+        self.assertEqual(self.requests(start, "vdisk", self.still.uuid), [])
+
+    @staticmethod
+    def shadow_files(vm):
+        """What changes when one of a VM's files is written anew."""
+        return {entry.name: (entry.inode(), entry.stat().st_mtime_ns) for entry in os.scandir(SHADOW / vm)}
+
+    def test_folders(self):
+        first, second = self.foldered
+        home = by_group(HOST_A, self.foldered)
+        self.appliance.command("folder", "add", "shelf")
+        for vm in self.foldered:
+            self.appliance.command("folder", "move", vm.name, "shelf")
+        self.wait_tree({**by_group("shelf", self.foldered), **dict.fromkeys(home)})
+        self.assertEqual(self.requests(0, "folder")[-1]["status"], 200)
+
+        self.appliance.command("folder", "rename", "shelf", "shelf of mine")
+        self.wait_tree({**by_group("shelf of mine", self.foldered), **dict.fromkeys(by_group("shelf", self.foldered))})
+        wait_equal(lambda: (EXPORT / "shelf").exists(), False, "the old name is gone")
+        self.assertIsNone(first_difference(EXPORT / "shelf of mine" / first.name / "disk.vmdk",
+                                           first.directory / "disk.vmdk"))
+
+        for vm in self.foldered:
+            self.appliance.command("folder", "move", vm.uuid, "-")
+        self.wait_tree({**home, f"shelf of mine/{second.name}": None})
+        self.assertEqual(os.listdir(EXPORT / "shelf of mine"), [])
+        self.appliance.command("folder", "move", second.name, "shelf of mine")
+        self.appliance.command("folder", "remove", "shelf of mine")
+        wait_equal(lambda: (EXPORT / "shelf of mine").exists(), False, "the folder is gone")
+        self.wait_tree(home)
+
+    def test_equal_names_in_one_folder(self):
+        """The first one stays, the other is told until it can be exported."""
+        one, other = self.twins
+        self.appliance.command("folder", "add", "twins")
+        for vm in self.twins:
+            self.appliance.command("folder", "move", vm.uuid, "twins")
+        self.wait_tree({"twins/twin": one.entries(), f"{HOST_A}/twin": None, f"{HOST_B}/twin": None})
+        self.wait_alert("vm_discovery", f"{HOST_B}:twin",
+                        r"Cannot assign two VMs with the same name \(twin\) into the same folder \(twins\)")
+        self.assertEqual(self.uuid_of("twins/twin"), one.uuid)
+        self.appliance.command("folder", "move", one.uuid, "-")
+        self.wait_tree({f"{HOST_A}/twin": one.entries()})
+        wait_equal(lambda: self.uuid_of("twins/twin"), other.uuid, "the other is exported")
+        self.wait_alert("vm_discovery", f"{HOST_B}:twin", None)
+        self.appliance.command("folder", "remove", "twins")
+        self.wait_tree({f"{HOST_A}/twin": one.entries(), f"{HOST_B}/twin": other.entries()})
+
+    def test_a_name_goes_to_another_vm(self):
+        """Of two VMs with one name the first is exported; when it goes, the other one is, and no byte of the first."""
+        first = machine(self.b, "same-1", "same", template=True)
+        path, entries = f"{HOST_B}/same", {"vm.vmtx", "vm.cfg", "disk.vmdk", "disk-flat.vmdk"}
+        self.wait_tree({path: entries})
+        second = machine(self.b, "same-2", "same", template=True)
+        self.addCleanup(second.remove)
+        self.wait_alert("vm_discovery", path.replace("/", ":"), "Cannot assign two VMs with the same name")
+        self.assert_exports(path, first)
+        first.remove()
+        wait_equal(lambda: self.uuid_of(path), second.uuid, "the other one is exported")
+        self.wait_tree({path: entries})
+        self.wait_alert("vm_discovery", path.replace("/", ":"), None)
+        self.assert_exports(path, second)
+
+    def assert_exports(self, path, vm):
+        """Every file of the VM's directory is that VM's."""
+        self.assertEqual(self.uuid_of(path), vm.uuid)
+        for exported, real in (("disk-flat.vmdk", vm.flat()), ("disk.vmdk", vm.directory / "disk.vmdk"),
+                               ("vm.vmtx", vm.vmx)):
+            self.assertIsNone(first_difference(EXPORT / path / exported, real), exported)
+
+    def uuid_of(self, vm):
+        """The VM's uuid as its exported configuration tells it; none while that is not there."""
+        path = EXPORT / vm / "vm.cfg"
+        return exported_configuration(path)["vmuuid"] if path.exists() else None
+
+    def test_changed_block_entries(self):
+        start = self.appliance.count()
+        for vm in (self.still, self.two):
+            self.appliance.command("vm", vm.name, "use_cbt", "1")
+        self.appliance.command("vm", "still", "cbt_reset_pending", "1")
+        self.wait_tree({f"{HOST_A}/still": self.still.entries(companions=True)})
+        wait_equal(lambda: (EXPORT / HOST_A / "two" / "disk(1)-corcbt.vmdk").exists(), True, "the renamed disk's entry")
+        self.assertEqual(os.stat(EXPORT / HOST_A / "still" / "disk-corcbt.vmdk").st_size, 13 * 4096)  # 5 % of 1 MiB
+        wait_equal(lambda: self.status(self.still)["cbt_reset_pending"], 0, "the reset is reported as done")
+        posted = [json.loads(request["body"]) for request in self.requests(start, "vmconfig")]
+        self.assertIn({"uuid": self.still.uuid, "cbt_reset_pending": 0}, posted)
+
+        for vm in (self.still, self.two):
+            self.appliance.command("vm", vm.name, "use_cbt", "0")
+        self.wait_tree({f"{HOST_A}/still": self.still.entries()})
+        wait_equal(lambda: [name for name in os.listdir(EXPORT / HOST_A / "two") if "corcbt" in name], [], "no entry")
+        self.appliance.command("vm", "still", "export_enabled", "0")
+        self.wait_tree({f"{HOST_A}/still": None})
+        self.appliance.command("vm", "still", "export_enabled", "1")
+        self.wait_tree({f"{HOST_A}/still": self.still.entries()})
+
+    def test_hypervisors_come_and_go(self):
+        hosts = [host for host in self.appliance.get("hvconfig") if host["hostname"] != HOST_B]
+        vms, others = by_group(HOST_B, [self.diskless]), by_group(HOST_A, [self.still])
+        self.appliance.set_faults({"object": "hvconfig", "body": json.dumps(hosts)})
+        self.addCleanup(self.appliance.set_faults)
+        self.appliance.command("refresh", "moved")
+        wait_equal(lambda: (EXPORT / HOST_B).exists(), False, "the hypervisor's directory is gone")
+        self.wait_tree({**dict.fromkeys(vms), **others})
+        self.appliance.set_faults()
+        self.appliance.command("refresh", "moved")
+        self.wait_tree({**vms, **others, **{f"{HOST_B}/{NAMES[vm.name]}": vm.entries() for vm in self.named}})
+
+    def test_a_hypervisor_is_called_otherwise(self):
+        self.appliance.command("set", "hypervisor.name", "other.example")
+        self.addCleanup(self.appliance.command, "set", "hypervisor.name", OWN_HOST)
+        self.wait_tree({"other.example/moved": self.moved.entries(), f"{OWN_HOST}/moved": None})
+        wait_equal(lambda: (EXPORT / OWN_HOST).exists(), False, "the old name is gone")
+        found = exported_configuration(EXPORT / "other.example" / "moved" / "vm.cfg")
+        self.assertEqual((found["servername"], found["vmuuid"]), ("other.example", self.moved.uuid))
+
+
+if __name__ == "__main__":
+    place.main()
