@@ -235,7 +235,7 @@ class Controller:
                 if vm is not None:
                     taken.append(vm)
                     lines.append(f"VM {vm.name!r} {'changed' if old else 'added'} ({'/'.join(key)})")
-                    again = again or old is not None and old.uuid != vm.uuid
+                    again = again or old is not None and (old.uuid, old.name) != (vm.uuid, vm.name)
                     self._forget_documents(vm.uuid, *([old.uuid] if old else []))
             self._store.set_vms((vm.uuid, vm.changed, vm.facts) for vm in taken)
             if taken:
@@ -273,7 +273,7 @@ class Controller:
             self._store.remove_vms(keys)
             if lines:
                 self._tell(lines, f"{len(lines)} VMs removed")
-                self.generation.bump()
+                self.generation.bump(again=True)  # a name that becomes free is another VM's in the second pass only
 
     def keep_vms(self, datastore: str, present: list[str]) -> None:
         """Drops the VMs of a datastore that are not among `present` (vmx_paths)."""
