@@ -202,7 +202,7 @@ TEST_F(discover_test, EveryVmOnceAndWhatIsBrokenStandsInItsEntry) {
     EXPECT_THAT(at(json, "/1/err/string"), HasSubstr("no setting in it: " + (dir_ / "ds1/c/c.vmx")));
     EXPECT_EQ(at(json, "/1/size"), "3");
     EXPECT_EQ(at(json, "/1/is_template"), "false");
-    EXPECT_EQ(at(json, "/1/disks"), "[ ]");
+    EXPECT_EQ(at(json, "/1/disks"), "absent");
     EXPECT_EQ(at(json, "/2/err"), "null");
     EXPECT_THAT(at(json, "/2/disks/0/err/string"), HasSubstr("gone.vmdk: No such file"));
     EXPECT_THAT(at(json, "/3/err/string"), HasSubstr("no virtual disks for"));

@@ -135,25 +135,31 @@ json_ptr record_json(const vhost_record_t& record) {
     return json;
 }
 
-// The record with what its files hold besides. Of a configuration that cannot be read there is only what its name
-// tells.
-json_ptr vm_json(const vhost_record_t& record) {
-    json_ptr json = record_json(record);
-    vmxdesc_t vmx;
-    if (vmx_open(record.filename, &vmx) != nullptr) {
-        vmx.is_template = record.filename.ends_with(template_suffix);
-        vmx.dirname = std::filesystem::path(record.filename).parent_path();
-    }
-    json_add(json, "is_template", json_bool(vmx.is_template));
-    json_add(json, "ctk_enabled", json_bool(vmx.ctk_enabled));
-    json_add(json, "working_directory", path_json(vmx_working_dir(vmx)));
+json_ptr disks_json(const vmxdesc_t& vmx) {
     json_ptr disks = json_array();
     for (const auto& [address, device] : vmx_disks(vmx)) {
         json_ptr disk = vmx_device_json(address, *device);
         add_chain_json(vmx, *device, disk);
         json_append(disks, std::move(disk));
     }
-    json_add(json, "disks", std::move(disks));
+    return disks;
+}
+
+// The record with what its files hold besides. Of a configuration that cannot be read there is only what its name
+// tells, and no list of disks.
+json_ptr vm_json(const vhost_record_t& record) {
+    json_ptr json = record_json(record);
+    vmxdesc_t vmx;
+    const bool is_readable = vmx_open(record.filename, &vmx) == nullptr;
+    if (!is_readable) {
+        vmx.is_template = record.filename.ends_with(template_suffix);
+        vmx.dirname = std::filesystem::path(record.filename).parent_path();
+    }
+    json_add(json, "is_template", json_bool(vmx.is_template));
+    json_add(json, "ctk_enabled", json_bool(vmx.ctk_enabled));
+    json_add(json, "working_directory", path_json(vmx_working_dir(vmx)));
+    if (is_readable)
+        json_add(json, "disks", disks_json(vmx));
     return json;
 }
 
