@@ -3,6 +3,7 @@
 Standard library only. Each module may use those above it:
 
     places, texts, faults_told      fixed paths, JSON texts of any bytes, one-line errors
+    files                           opening files that others made
     settings, uuids                 the registry's keys; forms of a uuid
     vmdk, vmsd                      disk descriptors and chains, snapshot databases
     datastores                      the directories served and their places below the volume roots

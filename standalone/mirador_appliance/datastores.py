@@ -8,8 +8,10 @@ import re
 from .faults_told import Refused, reason
 from .places import VOLUMES, Places
 from .settings import HOST_PATTERN
+from .texts import to_bytes
 
-_NAME = re.compile(r"[^/\x00-\x1f]{1,63}")
+_NAME = re.compile(r"[^./\x00-\x1f][^/\x00-\x1f]*")
+_LONGEST_NAME = 63  # bytes
 
 
 class Elsewhere(Exception):
@@ -37,6 +39,8 @@ def _directory_of(word: str) -> tuple[str | None, str]:
     if colon and host and "/" not in host:
         if not HOST_PATTERN.fullmatch(host):
             raise Refused(f"{word}: {host!r} is no host name of letters, digits, dots and dashes", 2)
+        if not rest:
+            raise Refused(f"{word}: no directory is given", 2)
         return host, rest
     return None, word
 
@@ -72,7 +76,7 @@ def parse_argument(words: list[str], places: Places) -> list[Datastore]:
         host, directory = _directory_of(word)
         real = _readable(directory)
         name = _name_of(directory, real, places)
-        if not _NAME.fullmatch(name) or name.startswith("."):
+        if not _NAME.fullmatch(name) or len(to_bytes(name)) > _LONGEST_NAME:
             raise Refused(f"{directory}: its name cannot be a datastore's", 2)
         if name in found:
             raise Refused(f"{directory}: a second datastore named {name!r}", 2)
@@ -109,12 +113,17 @@ class Volumes:
                                            "/vmfs.direct/volumes"]))
 
     def locate(self, name: str, directory: str) -> str:
-        """The local path of a name as written in a file that lies in `directory` (local). Elsewhere."""
+        """The local path of a name as written in a file that lies in `directory` (local). Elsewhere, also for a name
+        that only links lead out of the datastores: who writes there must not choose what else of this machine is
+        exported."""
+        if "\0" in name:
+            raise Elsewhere("is no file's name")
         if not os.path.isabs(name):
             local = os.path.normpath(os.path.join(directory, name))
         else:
             local = self._from_root(os.path.normpath(name))
         self.store_of(local)
+        self.store_of(os.path.realpath(local))
         return local
 
     def _from_root(self, path: str) -> str:
@@ -138,7 +147,7 @@ class Volumes:
 
     def store_of(self, local: str) -> Datastore:
         """The datastore that a local path lies on, the innermost one. Elsewhere."""
-        inside = [store for store in self._stores.values() if f"{local}/".startswith(f"{store.directory}/")]
+        inside = [store for store in self._stores.values() if _is_inside(local, store.directory)]
         if not inside:
             raise Elsewhere("lies outside the datastores that are served")
         return max(inside, key=lambda store: len(store.directory))

@@ -80,6 +80,15 @@ def _working_directory(record: VmxRecord, volumes: Volumes) -> str:
     return directory if os.path.isdir(directory) else own
 
 
+def _whereabouts(path: str, volumes: Volumes) -> str:
+    """Why a configuration file is none of a datastore; "" when it is one."""
+    try:
+        volumes.store_of(os.path.realpath(path))
+    except Elsewhere as where:
+        return f"it {where}"
+    return ""
+
+
 class _DiskReader:
     """Reads the disks of one VM and notes each file that it looked at."""
 
@@ -142,8 +151,9 @@ def gather(record: VmxRecord, store: Datastore, volumes: Volumes) -> tuple[Facts
     cannot be exported at all have a problem with the object ""."""
     problems: list[list[str]] = []
     relative = store.relative(record.path)
-    if record.error:
-        problems.append(["", f"'{relative}' cannot be read: {record.error}."])
+    error = record.error or _whereabouts(record.path, volumes)
+    if error:
+        problems.append(["", f"'{relative}' cannot be read: {error}."])
     elif not record.name:
         problems.append(["", f"'{relative}' gives the virtual machine no name."])
     reader = _DiskReader(record, volumes)

@@ -85,10 +85,11 @@ class Store:
             self._connection.execute("BEGIN IMMEDIATE")
             try:
                 yield
+                self._connection.execute("COMMIT")
             except BaseException:
-                self._connection.execute("ROLLBACK")
+                if self._connection.in_transaction:  # some errors, as a full disk, have ended it already
+                    self._connection.execute("ROLLBACK")
                 raise
-            self._connection.execute("COMMIT")
 
     def _write(self, statement: str, *values: Any) -> None:
         with self._lock:
@@ -128,7 +129,9 @@ class Store:
         return {uuid: to_text(name) for uuid, name in self._rows("SELECT uuid, name FROM folder ORDER BY name")}
 
     def set_folder(self, uuid: str, name: str) -> None:
-        self._write("INSERT OR REPLACE INTO folder VALUES (?, ?)", uuid, to_bytes(name))
+        """Makes or renames a folder. sqlite3.IntegrityError when another one has the name."""
+        self._write("INSERT INTO folder VALUES (?, ?) ON CONFLICT (uuid) DO UPDATE SET name = excluded.name",
+                    uuid, to_bytes(name))
 
     def remove_folder(self, uuid: str) -> None:
         self._write("DELETE FROM folder WHERE uuid = ?", uuid)

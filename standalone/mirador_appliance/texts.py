@@ -5,6 +5,7 @@ no UTF-8 stands as a surrogate; in JSON, on the wire and in the database it is t
 """
 
 import json
+import math
 from typing import Any
 
 
@@ -21,16 +22,23 @@ def to_text(data: bytes) -> str:
 
 
 def pack(value: Any) -> bytes:
-    """A value as compact JSON."""
-    return to_bytes(json.dumps(value, ensure_ascii=False, separators=(",", ":")))
+    """A value as compact JSON. ValueError for a number that JSON cannot spell."""
+    return to_bytes(json.dumps(value, ensure_ascii=False, separators=(",", ":"), allow_nan=False))
 
 
 def unpack(data: bytes) -> Any:
-    """The value of a JSON text. ValueError when it is none."""
+    """The value of a JSON text. ValueError when it is none or has a number beyond all bounds."""
     try:
-        return json.loads(to_text(data))
+        return json.loads(to_text(data), parse_constant=_finite, parse_float=_finite)
     except RecursionError as error:
         raise ValueError("nested too deeply") from error
+
+
+def _finite(text: str) -> float:
+    value = float(text)
+    if not math.isfinite(value):
+        raise ValueError(f"{text} is no number")
+    return value
 
 
 def printable(text: str) -> str:

@@ -10,6 +10,7 @@ import re
 import struct
 from collections.abc import Callable
 
+from .files import open_regular
 from .texts import to_text
 
 SECTOR = 512
@@ -78,7 +79,7 @@ def _embedded(file, head: bytes) -> bytes:
 
 def read_text(path: str) -> str:
     """A descriptor's text. Unreadable, OSError."""
-    with open(path, "rb") as file:
+    with open_regular(path) as file:
         head = file.read(_MAX_TEXT + 1)
         if head.startswith(_SPARSE_MAGIC):
             return to_text(_embedded(file, head))
@@ -111,8 +112,6 @@ def read_link(path: str, locate: Locate) -> Link:
         descriptor = parse(path, read_text(path))
     except OSError as error:
         raise Unreadable(f"cannot be read: {error.strerror}") from error
-    except Unreadable as fault:
-        raise Unreadable(str(fault)) from None
     directory = os.path.dirname(path)
     return Link(descriptor, tuple(locate(extent.name, directory) for extent in descriptor.extents if extent.name))
 

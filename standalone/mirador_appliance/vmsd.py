@@ -2,17 +2,18 @@
 
 import re
 
+from .files import open_regular
 from .texts import to_bytes, to_text
 
 _MAX_TEXT = 4 << 20  # bytes
-_NAME = re.compile(r'\s*snapshot(\d+)\.displayName\s*=\s*"([^"]*)"', re.IGNORECASE)
+_NAME = re.compile(r'\s*snapshot(\d{1,9})\.displayName\s*=\s*"([^"]*)"', re.IGNORECASE)
 _ESCAPE = re.compile(rb"\|([0-9A-Fa-f]{2})")
 
 
 def snapshot_names(path: str) -> list[str]:
     """The names of a VM's snapshots as its database (a local path) lists them; none without a database. OSError."""
     try:
-        with open(path, "rb") as file:
+        with open_regular(path) as file:
             text = to_text(file.read(_MAX_TEXT))
     except FileNotFoundError:
         return []

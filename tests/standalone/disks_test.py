@@ -64,6 +64,8 @@ class Disks(TemporaryCase):
         flat_disk(self.home / "whole.vmdk")
         flat_disk(self.home / "grown.vmdk", 2 * FLAT_SIZE)
         write(self.home / "grown.vmdk", descriptor(f'RW {SECTORS} VMFS "grown-flat.vmdk"'))
+        os.mkfifo(self.home / "pipe.vmdk")
+        (self.home / "out").symlink_to("/etc")
         two = [f'RW {SECTORS} FLAT "whole-flat.vmdk" 0'] * 2
         cases = {
             "absent": (None, "absent.vmdk: cannot be read: No such file or directory"),
@@ -78,6 +80,10 @@ class Disks(TemporaryCase):
             "loop": (descriptor(f'RW {SECTORS} VMFSSPARSE "x"', parent="loop.vmdk"), "has no end"),
             "outside": (descriptor(f'RW {SECTORS} VMFS "/etc/passwd"'), "lies outside the datastores"),
             "above": (descriptor(f'RW {SECTORS} VMFS "../../../passwd"'), "lies outside the datastores"),
+            "link": (descriptor(f'RW {SECTORS} VMFS "out/passwd"'), "lies outside the datastores"),
+            "pipe": (None, "pipe.vmdk: cannot be read: no regular file"),
+            "piped": (descriptor(f'RW {SECTORS} VMFSSPARSE "x"', parent="pipe.vmdk"), "no regular file"),
+            "nul\0": (None, "is no file's name"),
             "elsewhere": (descriptor(f'RW {SECTORS} VMFSSPARSE "x"', parent="/vmfs/volumes/ds9/a.vmdk"),
                           "lies on datastore ds9, which is not served"),
             "empty": ("", "names no extent"),
@@ -93,6 +99,11 @@ class Disks(TemporaryCase):
                 (item, told), = facts["problems"]
                 self.assertEqual(item, f"{name}.vmdk")
                 self.assertIn(why, told)
+
+    def test_configuration_file_outside(self):
+        (self.home / "vm.vmx").symlink_to(write(self.directory / "outside.vmx", vmx_text("vm", "1")))
+        (_, told), = self.facts()["problems"]
+        self.assertIn("lies outside the datastores", told)
 
     def test_disk_is_looked_for_where_snapshots_go_first(self):
         other = self.add_store("ds2")
@@ -131,6 +142,12 @@ class Disks(TemporaryCase):
                      'snapshot1.displayName = "x"\nsnapshot1.description = "displayName"\n', "\r\n")
         self.assertEqual(snapshot_names(str(path)), ['a"bä', "x", "last"])
         self.assertEqual(snapshot_names(str(path) + ".none"), [])
+        write(path, f'snapshot{"1" * 5000}.displayName = "x"\n')
+        self.assertEqual(snapshot_names(str(path)), [])
+        path.unlink()
+        os.mkfifo(path)
+        with self.assertRaises(OSError):
+            snapshot_names(str(path))
 
 
 if __name__ == "__main__":
