@@ -5,12 +5,11 @@
 #include <ctime>
 #include <string>
 
+#include "appliance/lib/snapshot.h"
 #include "appliance/lib/vm_proxy_header.h"
 #include "lib/errdesc.h"
 
 namespace mirador {
-
-enum snapshot_action_t : unsigned { SNAPSHOT_UNKNOWN = 0, SNAPSHOT_CREATE = 1, SNAPSHOT_REMOVE = 2 };
 
 // Takes (gives back) a reference to the snapshot of the VM that `header` names, for the exported file `path`; other
 // actions are asserted against. Of a VM that cannot be snapshotted nothing is taken: *vmname becomes the header's VM
