@@ -148,13 +148,14 @@ void child_place(int fd, int std_fd) {
     _exit(errno);
 }
 
-// fork with every signal blocked meanwhile; -1 with errno.
+// A child with every signal blocked meanwhile; -1 with errno. vfork, for a fork would hold up all threads while it
+// copies the page tables, and make each of them pay for the pages that they write before the child's exec.
 pid_t fork_child(const child_plan_t& plan) {
     sigset_t all;
     sigset_t previous;
     sigfillset(&all);
     cor_assert(pthread_sigmask(SIG_SETMASK, &all, &previous) == 0);
-    const pid_t pid = fork();
+    const pid_t pid = vfork();
     if (pid == 0)
         child_run(plan);
     const int number = errno;
