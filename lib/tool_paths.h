@@ -19,6 +19,7 @@ struct tool_paths_t {
     std::string controller_watchdog = "/usr/local/corvantis/bin/watchdog-test-controller.py";
     std::string fusermount = "/usr/local/corvantis/bin/fusermount";
     std::string brand_reader = "/usr/local/corvantis/python/branding/BrandReader.py";
+    std::string jrpc_agent = "/usr/local/corvantis/bin/jrpc_wget.pl";
     std::string vol_id = "/lib/udev/vol_id";
     std::string vol_id_fallback = "/sbin/vol_id";
     // The program that stands in for `dmsetup` where the kernel has no device-mapper, in the daemon's own directory.
@@ -30,6 +31,8 @@ struct tool_paths_t {
     std::string fuse_connections = "/sys/fs/fuse/connections";
     std::string tmp_dir = "/tmp";
     std::string cache_dir = "/var/corvantis/vm_proxy_cache";
+    // What the agents keep their hypervisors' sessions in; "-<host name>-<port>" follows.
+    std::string jrpc_session_file = "/tmp/jrpc_session_file";
     std::string lock_file = "/run/mirador.lock";
     std::string brand_file = "/usr/local/corvantis/etc/brand.txt";
     std::string misc_devices = "/proc/misc";

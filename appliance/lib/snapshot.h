@@ -3,9 +3,10 @@
 //
 // Nothing is kept here and nothing locked; any thread may call, and waits for as long as the agent takes.
 //
-// Errors: EINVAL "Snapshot '<name>' of VM '<name>' refused, <fault>" for a request that lacks a name, user or password
-// or whose port is none; those of the agent and its session (vmware/lib/webservices/ws_snapshot.h). Asserted: a
-// record that snapshot_init has not made; a kind other than ESX_HYPERVISOR.
+// Errors: EINVAL "Snapshot '<name>' of VM '<name>' refused, <fault>" for a request without VM, uuid or snapshot name,
+// which come from the controller as well; those of the agent and its session (vmware/lib/webservices/ws_snapshot.h),
+// which refuses a server that cannot be connected to. Asserted: a record that snapshot_init has not made; a kind other
+// than ESX_HYPERVISOR.
 #pragma once
 
 #include <cstdint>

@@ -28,12 +28,12 @@ void ws_set_vendor_id(const std::string& vendor_id);
 // After an error the agent is back in the pool and *handle is null.
 [[nodiscard]] errdesc_t* ws_connect(const ks_hypervisor_config_t& hvc, jrpc_handle_t** handle);
 
-// Gives the agent back, and sets *handle to null. The agent's session stays open for the next user.
-[[nodiscard]] errdesc_t* ws_disconnect(jrpc_handle_t** handle);
+// Gives the agent back, and sets *handle to null. The agent keeps its session. Always succeeds, and leaves the calling
+// thread's error descriptor alone.
+errdesc_t* ws_disconnect(jrpc_handle_t** handle);
 
-// One call, `args` as of jrpc_call_raw, in a session of its own. The outcome is the call's: what goes wrong when the
-// agent is given back is logged only. `result` may be null; otherwise *result is the reply's data, null when it has
-// none and after an error.
+// One call in a session of its own. `result` may be null; otherwise *result is the reply's data, null when it has none
+// and after an error.
 [[nodiscard]] errdesc_t* jrpc_single_call_raw(const ks_hypervisor_config_t& hvc, const jrpc_args_t& args,
                                               json_ptr* result);
 
