@@ -80,8 +80,11 @@ extern std::atomic<unsigned> _jrpc_sleep_during_disconnect;
 // fails to run after all shows in the first call.
 [[nodiscard]] errdesc_t* jrpc_connect(const std::vector<std::string>& argv, std::unique_ptr<jrpc_handle_t>* handle);
 
-// Closes both streams, which tells the agent to end, waits for that and frees the handle; *handle is null afterwards.
-// Waits for a call on the handle to return first. Errors: how the agent ended, or ETIME, with "cmd failed".
+// Closes both streams, which tells the agent to end, and leaves the handle broken. Waits for a call on it to return.
+void jrpc_hang_up(jrpc_handle_t& handle);
+
+// Hangs up, waits for the agent to end and frees the handle; *handle is null afterwards. Errors: how the agent ended,
+// or ETIME, with "cmd failed".
 [[nodiscard]] errdesc_t* jrpc_disconnect(std::unique_ptr<jrpc_handle_t>* handle);
 
 // Whether calls can be made: the agent runs and its handle is not broken. False for null.
@@ -102,11 +105,11 @@ using jrpc_result_fn_t = std::function<errdesc_t*(const std::string& type, json_
 [[nodiscard]] errdesc_t* jrpc_call(jrpc_handle_t& handle, const jrpc_args_t& args,
                                    const jrpc_result_fn_t& result_fn = nullptr);
 
-// The same with the data decoded by `decode_fn`, a marshaller of T. `result_fn(type, T*)` gets null when the reply has
-// no data; what it gets lives as long as its call. Further error: EPROTO when the data does not decode.
+// jrpc_call<T>: the same with the data decoded by `decode_fn`, a marshaller of T. `result_fn(type, T*)` gets null when
+// the reply has no data; what it gets lives as long as its call. Further error: EPROTO when the data does not decode.
 template <typename T, typename decode_fn_t, typename result_fn_t>
-[[nodiscard]] errdesc_t* jrpc_call_decoded(jrpc_handle_t& handle, const jrpc_args_t& args, decode_fn_t decode_fn,
-                                           result_fn_t result_fn) {
+[[nodiscard]] errdesc_t* jrpc_call(jrpc_handle_t& handle, const jrpc_args_t& args, decode_fn_t decode_fn,
+                                   result_fn_t result_fn) {
     return jrpc_call(handle, args, [&](const std::string& type, json_object* data) -> errdesc_t* {
         if (data == nullptr)
             return result_fn(type, static_cast<T*>(nullptr));

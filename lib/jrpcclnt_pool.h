@@ -89,10 +89,13 @@ class jrpcclnt_pool_t {
     errdesc_t* _connect(const std::vector<std::string>& argv, const std::string& hint, jrpcclnt_pool_entry_t** entry)
         REQUIRES(mutex_);
     void _evict() REQUIRES(mutex_);
+    void _count() REQUIRES(mutex_);
     void _end(entries_t evicted) REQUIRES(mutex_);
+    void _stop_thread();
     void _end_all();
     void _cleanup();
 
+    const bool with_thread_;
     mutex_t mutex_;
     std::condition_variable_any cond_;  // the end of the pool, an agent released
     bool running_ GUARDED_BY(mutex_) = true;
@@ -102,7 +105,7 @@ class jrpcclnt_pool_t {
     std::once_flag shutdown_once_;
     std::once_flag destroy_once_;
     std::optional<jrpc_watch_t> watch_;  // made by begin_shutdown, gone with destroy
-    std::thread thread_;
+    std::thread thread_;                 // runs once there is an agent
 };
 
 }  // namespace mirador

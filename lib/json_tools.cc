@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "lib/json_tools.h"
 
-#include <json-c/json_tokener.h>
-
 #include <cinttypes>
 
 #include "lib/cor_assert.h"
@@ -10,11 +8,6 @@
 
 namespace mirador {
 namespace {
-
-struct tokener_freer_t {
-    void operator()(json_tokener* tokener) const { json_tokener_free(tokener); }
-};
-using tokener_ptr = std::unique_ptr<json_tokener, tokener_freer_t>;
 
 json_object* new_string(const std::string& text) {
     return json_object_new_string_len(text.c_str(), static_cast<int>(text.size()));
@@ -46,18 +39,39 @@ void json_add_uint32_field(json_object* obj, const char* name, std::uint32_t val
     json_add_uint64_field(obj, name, value);
 }
 
+json_parser_t::json_parser_t() : tokener_(json_tokener_new()) {
+    cor_assert(tokener_ != nullptr);
+}
+
+json_parser_t::~json_parser_t() {
+    json_tokener_free(tokener_);
+}
+
+json_parser_t::outcome_t json_parser_t::feed(std::string_view piece, std::size_t* used) {
+    // Far below what the tokener can count.
+    constexpr std::size_t most_at_once = std::size_t{1} << 20;
+    for (*used = 0; *used < piece.size();) {
+        const std::string_view part = piece.substr(*used, most_at_once);
+        value_.reset(json_tokener_parse_ex(tokener_, part.data(), static_cast<int>(part.size())));
+        *used += json_tokener_get_parse_end(tokener_);
+        const json_tokener_error outcome = json_tokener_get_error(tokener_);
+        if (outcome != json_tokener_continue)
+            return outcome == json_tokener_success ? WHOLE : INVALID;
+    }
+    return MORE;
+}
+
 json_ptr json_read_object(std::FILE* stream) {
     cor_assert(stream != nullptr);
-    const tokener_ptr tokener(json_tokener_new());
-    cor_assert(tokener != nullptr);
+    json_parser_t parser;
     for (int c = std::getc(stream); c != EOF; c = std::getc(stream)) {
         const char byte = static_cast<char>(c);
-        json_ptr value(json_tokener_parse_ex(tokener.get(), &byte, 1));
-        const json_tokener_error outcome = json_tokener_get_error(tokener.get());
-        if (outcome == json_tokener_success)
-            return value;
-        if (outcome != json_tokener_continue) {
-            std::printf("Parse error: %p\n", static_cast<void*>(tokener.get()));
+        std::size_t used = 0;
+        const json_parser_t::outcome_t outcome = parser.feed({&byte, 1}, &used);
+        if (outcome == json_parser_t::WHOLE)
+            return parser.take();
+        if (outcome == json_parser_t::INVALID) {
+            std::printf("Parse error: %p\n", static_cast<void*>(&parser));
             return nullptr;
         }
     }

@@ -3,12 +3,15 @@
 #pragma once
 
 #include <json-c/json_object.h>
+#include <json-c/json_tokener.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 
 namespace mirador {
 
@@ -30,6 +33,28 @@ void json_add_int_field(json_object* obj, const char* name, std::int32_t value);
 // A string of decimal digits: how the controller takes unsigned numbers.
 void json_add_uint64_field(json_object* obj, const char* name, std::uint64_t value);
 void json_add_uint32_field(json_object* obj, const char* name, std::uint32_t value);
+
+// Finds one value in text that arrives in pieces. One value per parser.
+class json_parser_t {
+  public:
+    enum outcome_t { MORE, WHOLE, INVALID };
+
+    json_parser_t();
+    ~json_parser_t();
+    json_parser_t(const json_parser_t&) = delete;
+    json_parser_t& operator=(const json_parser_t&) = delete;
+
+    // Takes the next piece. *used is how much of it belongs to the value: all of it while MORE is wanted. INVALID: it
+    // is no JSON, or nested deeper than 32 levels.
+    outcome_t feed(std::string_view piece, std::size_t* used);
+
+    // The value, once it is WHOLE.
+    json_ptr take() { return std::move(value_); }
+
+  private:
+    json_tokener* tokener_;
+    json_ptr value_;
+};
 
 // Reads exactly one value from the stream, byte by byte, and nothing behind it; blocks until it is whole. A number is
 // whole at the byte behind it. Null at the end of the stream (std::feof, std::ferror tell), for the value null, and for

@@ -265,6 +265,7 @@ errdesc_t* spawn_tool(const std::vector<std::string>& argv, int timeout_s) {
 errdesc_t* spawn_wait(pid_t pid, int options, const std::string& text, int timeout_s) {
     cor_assert(pid > 0);
     cor_assert(timeout_s >= 0);
+    reap_abandoned();
     if (timeout_s == 0)
         await_end(pid);
     for (int left = timeout_s; left > 0;) {

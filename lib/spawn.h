@@ -4,7 +4,7 @@
 //
 // A child gets the standard streams and nothing else: every descriptor above 2 is closed in it. It starts with no
 // signal blocked and the signals that the program handles at their defaults. A child whose pid nobody took, or that did
-// not end at once when it was killed at its time limit, is reaped when the next one is started.
+// not end at once when it was killed at its time limit, is reaped when the next one is started or waited for.
 #pragma once
 
 #include <sys/types.h>
