@@ -15,6 +15,7 @@
 #include "appliance/exporter/dm_tool.h"
 #include "appliance/exporter/fuse_front.h"
 #include "appliance/exporter/options.h"
+#include "appliance/exporter/stats_thr.h"
 #include "appliance/exporter/vm_proxy_evict.h"
 #include "controller/lib/managed_alert.h"
 #include "lib/cor_assert.h"
@@ -136,14 +137,17 @@ int serve(fuse_args* args, background_t* background) {
     if (!prepare_tmpfs())
         return 1;
     cnt_thr_set_up(options.tmpfs_mount_point, options.use_existing_dir != 0);
-    if (options.start_cnt_threads != 0)
+    if (options.start_cnt_threads != 0) {
+        stats_thr_enable();
         cnt_thr_start();
+    }
     (void)fuse_serve(args, [&] { background->serving(options.log_dir != nullptr); });  // it has told its failure
     if (options.start_cnt_threads != 0)
         cnt_thr_stop();
     if (!remove_tmpfs())
         return 1;
     vm_proxy_release_all();
+    stats_thr_stop();
     managed_alert_shutdown();
     cor_assert(cor_exit() == nullptr);
     return 0;

@@ -7,6 +7,7 @@
 
 #include "appliance/exporter/export_names.h"
 #include "appliance/exporter/runtime_alerts.h"
+#include "appliance/exporter/stats_thr.h"
 #include "appliance/exporter/vm_proxy_evict.h"
 #include "appliance/exporter/vm_proxy_open.h"
 #include "lib/clock.h"
@@ -58,6 +59,8 @@ std::unique_ptr<fuse_fh_t> fuse_fh_new(unique_fd fd, const cookie_ptr& shared, c
     auto fh = std::make_unique<fuse_fh_t>();
     fh->fd = std::move(fd);
     fh->buffered_data = cookie.buffered_data;
+    fh->collect_stats =
+        cookie.header.type == VM_PROXY_HEADER_VMDK_FLAT || cookie.header.type == VM_PROXY_HEADER_VMDK_CORCBT;
     fh->path = cookie.path;
     fh->extended_error_path = extended_error_path(cookie);
     fh->vdskdesc = cookie.vdskdesc;
@@ -133,8 +136,10 @@ errdesc_t* vm_proxy_open(const std::string& path, const std::string& shadow_path
     std::string export_path = path;
     std::string export_shadow = shadow_path;
     errdesc_t* e = open_locked(&export_path, &export_shadow, fh);
-    if (e == nullptr)
+    if (e == nullptr) {
+        (*fh)->cbt_losetup = export_path != path;
         return nullptr;
+    }
     _errdesc_log(e, ERRDESC_ERROR);
     error_hash_save(export_path, e);
     raise_runtime_alert(export_path, export_shadow, e);
@@ -157,6 +162,8 @@ errdesc_t* vm_proxy_release(const std::string& path, std::unique_ptr<fuse_fh_t> 
         cookie.ref--;
         cor_assert(cookie.ref >= 0);
         cookie.stamp = clock_now();
+    } else if (fh->collect_stats) {
+        stats_thr_close_stats(fh->path, fh->cbt_losetup);  // it may have read on since the cookie was torn down
     }
     return nullptr;
 }

@@ -10,6 +10,7 @@
 #include <limits>
 
 #include "appliance/exporter/snapshot_thr.h"
+#include "appliance/exporter/stats_thr.h"
 #include "appliance/lib/registry.h"
 #include "lib/clock.h"
 #include "lib/cor_assert.h"
@@ -70,6 +71,8 @@ errdesc_t* evict_flat(vm_proxy_cookie_t& cookie, bool check_vmdk_ref) REQUIRES(c
     cookie.devicemapper_path.clear();
     cookie.buffered_data = {};
     cookie.publish_info();
+    stats_thr_close_stats(cookie.path, false);
+    stats_thr_close_stats(cookie.path, true);
     return snapshot_update(cookie.path, cookie.shadow_path, get_reg_settings()->names().master_uuid, SNAPSHOT_REMOVE,
                            &cookie.header, &cookie.virtual_machine, &cookie.snapshot_time);
 }

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "appliance/exporter/snapshot_thr.h"
+#include "appliance/exporter/stats_thr.h"
 #include "appliance/exporter/vm_proxy_evict.h"
 #include "appliance/lib/mbr.h"
 #include "appliance/lib/registry.h"
@@ -129,8 +130,10 @@ errdesc_t* open_flat(vm_proxy_cookie_t& cookie, unique_fd* fd) REQUIRES(cookie.m
         RETURN_IF_ERROR(first_open(cookie));
     cor_assert(cookie.ref >= 0);
     RETURN_IF_ERROR(open_for_reading(cookie.devicemapper_path, cookie.header.path, fd));
-    if (is_first)
+    if (is_first) {
         place_header(cookie, fd->get());
+        stats_thr_update_flat_size(cookie.path, cookie.header.statb.size);
+    }
     return nullptr;
 }
 

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "appliance/exporter/stats_thr.h"
 #include "appliance/lib/registry.h"
 #include "lib/cor_assert.h"
 #include "lib/digest.h"
@@ -69,6 +70,8 @@ errdesc_t* vm_proxy_read(char* buf, std::size_t size, off_t offset, const fuse_f
         DEBUG_digest_buf("vm_proxy_read", fh->path.c_str(), offset, static_cast<ssize_t>(count), buf, e);
     if (e != nullptr)
         return e;
+    if (fh->collect_stats && count >= 1)
+        stats_thr_update_stats(fh->path, static_cast<std::int32_t>(count), 0, fh->cbt_losetup);
     fh->cookie->external_read_bytes.fetch_add(count, std::memory_order_relaxed);
     *bytes_read = count;
     return nullptr;

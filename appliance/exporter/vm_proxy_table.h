@@ -90,6 +90,8 @@ struct fuse_fh_t {
     std::uint32_t version = version_value;
     unique_fd fd;
     fuse_fh_buffer_t buffered_data;
+    bool collect_stats = false;  // what is read is counted
+    bool cbt_losetup = false;    // as the second stream: a disk opened by its loop-file name
     std::string path;
     std::string extended_error_path;       // whose extended attributes carry the real error; empty: none
     std::shared_ptr<vdskdesc_t> vdskdesc;  // keeps the mapping behind `fd`

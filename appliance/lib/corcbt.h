@@ -3,12 +3,42 @@
 // holds only the blocks that changed since the last backup.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
 #include "lib/errdesc.h"
 
 namespace mirador {
+
+#pragma pack(push, 1)
+
+// The head of a changed-block file, little-endian. Behind it stand the list of changed ranges and, back to back, their
+// data. Offsets and sizes are in bytes of this file, but for `flat_file_size`.
+struct cbt_file_header_t {
+    static constexpr std::uint32_t magic_value = 0xcbcb1111;
+
+    std::uint32_t magic_header;
+    std::uint32_t version;
+    std::int64_t block_list_offset;
+    std::int64_t block_data_offset;  // the list ends here
+    std::int64_t total_change_size;  // of all changed data; 0: there is no list
+    std::int64_t corcbt_file_size;
+    std::int64_t flat_file_size;  // of the disk that the changes apply to
+    char changeid[64];            // terminated
+    char device[256];             // terminated; of the device or disk
+    std::uint32_t magic_block_list;
+};
+static_assert(sizeof(cbt_file_header_t) == 372);
+static_assert(offsetof(cbt_file_header_t, magic_header) == 0 && offsetof(cbt_file_header_t, version) == 4);
+static_assert(offsetof(cbt_file_header_t, block_list_offset) == 8);
+static_assert(offsetof(cbt_file_header_t, block_data_offset) == 16);
+static_assert(offsetof(cbt_file_header_t, total_change_size) == 24);
+static_assert(offsetof(cbt_file_header_t, corcbt_file_size) == 32);
+static_assert(offsetof(cbt_file_header_t, flat_file_size) == 40 && offsetof(cbt_file_header_t, changeid) == 48);
+static_assert(offsetof(cbt_file_header_t, device) == 112 && offsetof(cbt_file_header_t, magic_block_list) == 368);
+
+#pragma pack(pop)
 
 // A companion's size in percent of its disk where the controller has no record of it.
 inline constexpr std::uint32_t corcbt_default_size_percent = 5;
