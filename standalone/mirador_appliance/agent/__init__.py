@@ -1,0 +1,15 @@
+"""The agent: the program that the daemon runs, one process for each session with a hypervisor.
+
+It takes requests on standard input and answers on standard output, a line each; see framing. Everything that it needs
+to know it reads from the appliance's database at each call, so it works beside a running controller and without one.
+
+    framing    requests, replies and errors as lines
+    machines   the VMs and hypervisors as the controller knows them
+    faults     faults on demand
+    journal    what was asked and how it went
+    session    whom the agent speaks for
+    bell       tells the watching process to look at the datastores at once
+    methods    what can be asked
+    removal    removals that nobody waits for
+    program    the process
+"""
