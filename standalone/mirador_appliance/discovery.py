@@ -38,19 +38,11 @@ class Inspector:
 
     def read(self, paths: list[str]) -> list[VmxRecord]:
         """A record for each path (local, ".vmx" or ".vmtx"), in order."""
-        found = {path: self._read_alone(path) for path in paths if _shown(path) != path}
-        found.update(self._discover([path for path in paths if path not in found]))
+        odd = [path for path in paths if _shown(path) != path]  # each alone: the answer does not have its own bytes
+        found = self._discover([path for path in paths if path not in odd])
+        for path in odd:
+            found |= self._discover([path])
         return [found[path] for path in paths]
-
-    def _read_alone(self, path: str) -> VmxRecord:
-        """A file whose path is no UTF-8. The program's answer then does not have the path's own bytes."""
-        try:
-            records = [record for record in self._run_discover([path]) if record.path == _shown(path)]
-        except Failed as failure:
-            return VmxRecord(path, error=str(failure))
-        if len(records) != 1:
-            return VmxRecord(path, error="its name is no UTF-8 and cannot be told from others")
-        return dataclasses.replace(records[0], path=path)
 
     def _discover(self, paths: list[str]) -> dict[str, VmxRecord]:
         """Records by path. One run for all; when it fails, halves, so that one file's fault stays with that file."""
@@ -60,14 +52,14 @@ class Inspector:
             records = {record.path: record for record in self._run_discover(paths)}
         except Failed as failure:
             if len(paths) == 1:
-                return {paths[0]: VmxRecord(paths[0], error=str(failure))}
+                return {paths[0]: VmxRecord(paths[0], error=str(failure), is_passing=True)}
             middle = len(paths) // 2
             return {**self._discover(paths[:middle]), **self._discover(paths[middle:])}
-        return {path: records.get(path, VmxRecord(path, error="it was not found again")) for path in paths}
+        missing = VmxRecord("", error="it was not found again", is_passing=True)
+        return {path: dataclasses.replace(records.get(_shown(path), missing), path=path) for path in paths}
 
     def _run_discover(self, paths: list[str]) -> list[VmxRecord]:
-        directories = list(dict.fromkeys(os.path.dirname(path) for path in paths))
-        answer = self._run(["--json", "discover", *directories], len(paths))
+        answer = self._run(["--json", "discover", *paths], len(paths))
         return [_record(vm) for vm in _objects(answer)]
 
     def _run(self, arguments: list[str], files: int) -> bytes:

@@ -39,17 +39,19 @@ class VmxDisk:
 
 @dataclasses.dataclass(frozen=True)
 class VmxRecord:
-    """A configuration file as discovery reads it. path: local; error: why it could not be read."""
+    """A configuration file as discovery reads it. path: local; error: why it could not be read; is_passing: the fault
+    is not known to be the file's own, so that the next try may do."""
     path: str
     name: str = ""
     uuids: tuple[str, ...] = ()  # as written, best first
     working_dir: str = ""  # as written
     disks: tuple[VmxDisk, ...] = ()
     error: str = ""
+    is_passing: bool = False
 
 
-# Size and modification time (ns) of a file; None when it is not there.
-Stamp = tuple[int, int] | None
+# Size, times of modification and of change (ns), inode; None when the file is not there.
+Stamp = tuple[int, int, int, int] | None
 
 
 def stamp(path: str) -> Stamp:
@@ -58,11 +60,13 @@ def stamp(path: str) -> Stamp:
         found = os.stat(path)
     except OSError:
         return None
-    return found.st_size, found.st_mtime_ns
+    return found.st_size, found.st_mtime_ns, found.st_ctime_ns, found.st_ino
 
 
 def digest(stamps: dict[str, Stamp]) -> str:
-    text = repr(sorted(stamps.items())).encode("utf-8", "surrogateescape")
+    """Differs when the size or time of modification of a file does."""
+    told = sorted((path, found and found[:2]) for path, found in stamps.items())
+    text = repr(told).encode("utf-8", "surrogateescape")
     return hashlib.blake2b(text, digest_size=12).hexdigest()
 
 

@@ -18,13 +18,12 @@ rule that fits a request acts on it. A rule's members, all but "object" optional
 """
 
 import dataclasses
-import os
 import pathlib
 import threading
 
-from .facts import stamp
+from .facts import Stamp, stamp
 from .faults_told import Refused, reason
-from .texts import to_text, unpack
+from .texts import unpack
 
 
 @dataclasses.dataclass
@@ -69,9 +68,8 @@ class Mischief:
     def __init__(self, path: str | None) -> None:
         self._path = pathlib.Path(path) if path else None
         self._lock = threading.Lock()
-        self._stamp: tuple[int, int, int] | None = None
+        self._stamp: Stamp = None
         self._rules: list[Rule] = []
-        self.error = ""  # why the file was not taken, the last time it changed
 
     def rule_for(self, method: str, name: str, query: str) -> Rule | None:
         """The rule to apply to a request; it counts as applied."""
@@ -85,13 +83,12 @@ class Mischief:
             return rule
 
     def _read_again(self, path: pathlib.Path) -> None:
-        found = stamp(str(path))
-        new = None if found is None else (*found, os.stat(path).st_ino)
+        """A file that makes no sense has no rules."""
+        new = stamp(str(path))
         if new == self._stamp:
             return
         self._stamp = new
         try:
             self._rules = read_rules(path) if new is not None else []
-            self.error = ""
-        except Refused as refused:
-            self._rules, self.error = [], to_text(str(refused).encode("utf-8", "surrogateescape"))
+        except Refused:
+            self._rules = []

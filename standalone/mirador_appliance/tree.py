@@ -4,6 +4,7 @@ import os
 import time
 
 _SUFFIXES = (".vmx", ".vmtx")
+_PAST = ("~snapshot", "#snapshot")  # a file server's own copies of the past: the VMs in there are not VMs
 _SETTLED = 3_000_000_000  # ns after which a directory's time tells every later change
 
 
@@ -22,10 +23,12 @@ class Tree:
             directory = waiting.pop()
             try:
                 entry = self._entry(directory)
-            except OSError:
+            except OSError as error:
                 if directory == self._root:
                     raise
-                continue
+                if isinstance(error, (FileNotFoundError, NotADirectoryError)) or directory not in self._known:
+                    continue
+                entry = self._known[directory]  # what cannot be read now is not gone
             known[directory] = entry
             waiting.extend(entry[1])
             found.extend(entry[2])
@@ -40,7 +43,7 @@ class Tree:
         with os.scandir(directory) as entries:
             for entry in entries:
                 if entry.is_dir(follow_symlinks=False):
-                    if not entry.name.startswith("."):
+                    if not entry.name.startswith(".") and entry.name not in _PAST:
                         directories.append(entry.path)
                 elif _is_configuration(entry.name) and entry.is_file():
                     files.append(entry.path)

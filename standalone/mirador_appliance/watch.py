@@ -1,6 +1,7 @@
 """Follows one datastore: which VMs are new, changed or gone since the last look."""
 
 import dataclasses
+import math
 import os
 import time
 from collections.abc import Iterator
@@ -11,7 +12,8 @@ from .facts import Facts, Stamp, VmxRecord, digest, gather, stamp
 from .tree import Tree
 
 _FIRST_CHUNK, _LARGEST_CHUNK = 8, 64  # files read in one go: few at first, so that something is seen at once
-_DATA_SUFFIX = "-flat.vmdk"
+_DATA_SUFFIXES = ("-flat.vmdk", "-delta.vmdk", "-sesparse.vmdk")
+_RETRY = 60.0  # seconds between two tries to read a VM whose trouble may pass by itself
 _FRESH = 3_000_000_000  # ns: a file written this recently may have been written while it was read
 
 
@@ -22,6 +24,7 @@ class _Seen:
     told: float  # monotonic time at which the facts were handed on
     doubted: bool = False  # looks worse than before; believed when it does so twice
     fresh: bool = False  # to be read once more, since files had just been written
+    retry: float = math.inf  # monotonic time at which it is read again, whatever its files look like
 
 
 @dataclasses.dataclass(frozen=True)
@@ -65,7 +68,7 @@ class Watch:
 
     def _is_changed(self, path: str) -> bool:
         seen = self._seen.get(path)
-        if seen is None or seen.doubted or seen.fresh:
+        if seen is None or seen.doubted or seen.fresh or time.monotonic() >= seen.retry:
             return True
         changed = [name for name, old in seen.stamps.items() if stamp(name) != old]
         if not changed:
@@ -87,6 +90,8 @@ class Watch:
         stamps = {path: stamp(path) for path in files}
         facts["files"] = digest(stamps)
         new = _Seen(facts, stamps, time.monotonic(), fresh=_is_fresh(stamps))
+        if record.is_passing:
+            new.retry = new.told + _RETRY
         old = self._seen.get(record.path)
         if old is not None and not old.doubted and len(facts["problems"]) > len(old.facts["problems"]):
             old.doubted = True
@@ -101,10 +106,10 @@ class Watch:
 def _is_fresh(stamps: dict[str, Stamp]) -> bool:
     now = time.time_ns()
     return any(found is not None and abs(now - found[1]) < _FRESH
-               for path, found in stamps.items() if not path.endswith(_DATA_SUFFIX))
+               for path, found in stamps.items() if not path.endswith(_DATA_SUFFIXES))
 
 
 def _is_data_change(path: str, old: Stamp) -> bool:
     """Whether nothing but the time of a data file has changed."""
     new = stamp(path)
-    return path.endswith(_DATA_SUFFIX) and new is not None and old is not None and new[0] == old[0]
+    return path.endswith(_DATA_SUFFIXES) and new is not None and old is not None and new[0] == old[0]

@@ -1,10 +1,12 @@
 """Following a datastore: what is new, changed, doubtful, gone; datastores that vanish."""
 
+import errno
 import os
 import re
 import shutil
 import time
 import unittest
+from unittest import mock
 
 from fixture import FLAT_SIZE, OLD, TemporaryCase, delta_disk, flat_disk, make_vm, uuid_of, vmx_text, write
 
@@ -12,6 +14,8 @@ from mirador_appliance.datastores import Datastore, Volumes
 from mirador_appliance.facts import VmxDisk, VmxRecord
 from mirador_appliance.places import Places
 from mirador_appliance.watch import Watch
+
+REAL_STAT = os.stat
 
 
 class Reader:
@@ -63,7 +67,8 @@ class Following(TemporaryCase):
         make_vm(self.home / "deep" / "er", "c", 3, suffix=".vmtx")
         for name in (".vmx", "x.VMX", "x.vmxf", "x.vmsd"):
             write(self.home / "a" / name, "")
-        write(self.home / ".hidden" / "h.vmx", vmx_text("h", uuid_of(9)))
+        for directory in (".hidden", "~snapshot"):
+            write(self.home / directory / "h.vmx", vmx_text("h", uuid_of(9)))
         os.symlink(self.home, self.home / "loop")
         self.assert_look(["a", "b", "c"])
         self.assert_look([])
@@ -105,9 +110,13 @@ class Following(TemporaryCase):
         self.assert_look(["z"])
 
     def test_running_vm_is_told_now_and_then(self):
-        flat = make_vm(self.home, "a", 1).with_name("a-flat.vmdk")
+        path = make_vm(self.home, "a", 1)
+        flat = path.with_name("a-flat.vmdk")
+        os.utime(delta_disk(path.with_name("a-000001.vmdk"), "a.vmdk").with_name("a-000001-delta.vmdk"))
+        write(path, vmx_text("a", uuid_of(1), "a-000001.vmdk"))
         self.assert_look(["a"])
         os.utime(flat, (OLD + 1, OLD + 1))
+        os.utime(path.with_name("a-000001-delta.vmdk"))
         self.assert_look([])
         self.watch = self.new_watch(settle=0)
         self.assert_look(["a"])
@@ -131,6 +140,23 @@ class Following(TemporaryCase):
         flat.touch()
         os.truncate(flat, FLAT_SIZE)
         self.assertEqual(self.assert_look(["a"])["a"]["problems"], [])
+
+    def test_trouble_that_may_pass(self):
+        make_vm(self.home, "a", 1)
+        failing = lambda paths: [VmxRecord(path, error="no such program", is_passing=True) for path in paths]
+        with mock.patch.object(self.reader, "read", failing):
+            self.assert_look([""])
+        self.assert_look([])
+        later = time.monotonic() + 3600
+        with mock.patch("mirador_appliance.watch.time.monotonic", lambda: later):
+            self.assert_look(["a"])
+
+    def test_directory_that_cannot_be_read_is_not_gone(self):
+        make_vm(self.home, "a", 1)
+        self.assert_look(["a"])
+        with mock.patch("mirador_appliance.tree.os.stat", side_effect=lambda path: _stat(path, self.home / "a")):
+            self.assert_look([])
+        self.assert_look([])
 
     def test_datastore_vanishes_and_returns(self):
         make_vm(self.home, "a", 1)
@@ -157,6 +183,12 @@ class Following(TemporaryCase):
         started = time.monotonic()
         self.assert_look([])
         self.assertLess(time.monotonic() - started, 1)
+
+
+def _stat(path, broken):
+    if path == str(broken):
+        raise OSError(errno.EIO, "Input/output error")
+    return REAL_STAT(path)
 
 
 if __name__ == "__main__":

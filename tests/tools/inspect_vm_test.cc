@@ -213,7 +213,7 @@ TEST_F(discover_test, EveryVmOnceAndWhatIsBrokenStandsInItsEntry) {
     EXPECT_EQ(clock_.slept(), 6);
 }
 
-TEST_F(discover_test, AnyNumberOfDirectories) {
+TEST_F(discover_test, AnyNumberOfDirectoriesOrFiles) {
     std::vector<std::string> args = {"--json", "discover"};
     for (int i = 0; i < 150; ++i) {
         const std::string vm = "ds/" + std::to_string(i);
@@ -222,6 +222,10 @@ TEST_F(discover_test, AnyNumberOfDirectories) {
     }
     EXPECT_EQ(names(parsed(inspect(args))).size(), 150U);
     EXPECT_EQ(inspect({"--json", "discover", dir_ / "ds/0"}).status, 0);
+    write("ds/vm.vmtx", vmx_text("here", ""));
+    EXPECT_THAT(names(parsed(inspect({"--json", "discover", dir_ / "ds/vm.vmtx", dir_ / "ds/0/vm.vmx"}))),
+                ElementsAre("0", "here"));
+    EXPECT_EQ(inspect({"--json", "discover", dir_ / "ds/gone.vmx"}).status, 1);
     write("none/x", "");
     EXPECT_EQ(names(parsed(inspect({"--json", "discover", dir_ / "none"}))).size(), 0U);
     EXPECT_EQ(inspect({"discover"}).status, 2);

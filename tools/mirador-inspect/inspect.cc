@@ -65,7 +65,7 @@ const std::vector<inspect_kind_t>& inspect_kinds() {
         {.name = "vmx", .help = "a VM's or template's configuration", .print = inspect_vmx},
         {.name = "vmsd", .help = "a VM's snapshot database", .print = inspect_vmsd},
         {.name = "discover",
-         .help = "all VMs and templates below the directories FILE...",
+         .help = "all VMs and templates below the directories FILE..., or of these files",
          .print = inspect_discover,
          .takes_directories = true},
         {.name = "extent", .help = "a sparse or copy-on-write extent", .print = inspect_extent, .takes_grains = true},

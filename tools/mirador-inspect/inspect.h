@@ -34,7 +34,7 @@ struct inspect_kind_t {
     bool takes_sector = false;
     bool takes_grains = false;
     bool takes_device = false;       // a block device is as good as a file
-    bool takes_directories = false;  // instead of a file, any number of them
+    bool takes_directories = false;  // instead of a file, any number of them and of configuration files
 };
 
 struct inspect_options_t {

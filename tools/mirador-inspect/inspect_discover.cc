@@ -48,11 +48,15 @@ bool is_past(const std::string& path) {
     return std::any_of(names.begin(), names.end(), within);
 }
 
-bool is_vm(const std::string& path) {
+bool is_configuration(const std::string& path) {
     const bool named_so = vhost_get_type(path) == VHOST_VMWARE ||
                           (path.size() > template_suffix.size() && path.ends_with(template_suffix));
     std::error_code ignored;
-    return named_so && !is_past(path) && std::filesystem::is_regular_file(path, ignored);
+    return named_so && std::filesystem::is_regular_file(path, ignored);
+}
+
+bool is_vm(const std::string& path) {
+    return !is_past(path) && is_configuration(path);
 }
 
 // Discovers below some directories, walker_max_threads at most. A directory that is a symbolic link, as names of
@@ -74,8 +78,17 @@ bool by_filename(const std::unique_ptr<vhost_record_t>& a, const std::unique_ptr
     return a->filename < b->filename;
 }
 
+// What a command line names: configuration files, and directories to look for them in.
+struct sources_t {
+    std::vector<std::string> files;
+    std::vector<std::string> directories;
+};
+
 // All records, ordered by file, each once though directories may lie in one another.
-errdesc_t* discover(const std::vector<std::string>& directories, records_t* records) {
+errdesc_t* discover(const sources_t& sources, records_t* records) {
+    for (const std::string& file : sources.files)
+        static_cast<void>(vhost_record_new_any(file, &records->emplace_back()));  // the record keeps its error
+    const std::vector<std::string>& directories = sources.directories;
     for (auto begin = directories.begin(); begin != directories.end();) {
         const auto count = std::min<std::ptrdiff_t>(directories.end() - begin, walker_max_threads);
         RETURN_IF_ERROR(discover_some({begin, begin + count}, records));
@@ -92,15 +105,17 @@ errdesc_t* discover(const std::vector<std::string>& directories, records_t* reco
     return nullptr;
 }
 
-// Leaves those directories that can be read; the error is the first fault.
-errdesc_t* check_directories(const std::vector<std::string>& directories, std::vector<std::string>* readable) {
+// Sorts paths, and leaves out those that are neither a configuration file nor a directory that can be read; the error is
+// the first fault.
+errdesc_t* sort_paths(const std::vector<std::string>& paths, sources_t* sources) {
     errdesc_t* fault = nullptr;
-    for (const std::string& directory : directories) {
-        const dir_ptr dir(opendir(directory.c_str()));
-        if (dir)
-            readable->push_back(directory);
+    for (const std::string& path : paths) {
+        if (is_configuration(path))
+            sources->files.push_back(path);
+        else if (const dir_ptr dir(opendir(path.c_str())); dir)
+            sources->directories.push_back(path);
         else if (fault == nullptr)
-            fault = errdesc_set_str(errno, directory);
+            fault = errdesc_set_str(errno, path);
     }
     return fault;
 }
@@ -191,14 +206,14 @@ void print_text(const records_t& records, std::FILE* out) {
 }  // namespace
 
 errdesc_t* inspect_discover(inspect_file_t&, const inspect_options_t& options, std::FILE* out) {
-    std::vector<std::string> readable;
+    sources_t sources;
     records_t records;
     std::unique_ptr<const errdesc_t> fault;
-    if (const errdesc_t* e = check_directories(options.directories, &readable))
+    if (const errdesc_t* e = sort_paths(options.directories, &sources))
         fault = std::make_unique<const errdesc_t>(*e);
     {
         const log_aside_t aside;
-        RETURN_IF_ERROR(discover(readable, &records));
+        RETURN_IF_ERROR(discover(sources, &records));
     }
     if (options.json)
         print_json(records, out);
