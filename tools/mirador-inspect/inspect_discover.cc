@@ -105,8 +105,8 @@ errdesc_t* discover(const sources_t& sources, records_t* records) {
     return nullptr;
 }
 
-// Sorts paths, and leaves out those that are neither a configuration file nor a directory that can be read; the error is
-// the first fault.
+// Sorts paths, and leaves out those that are neither a configuration file nor a directory that can be read; the error
+// is the first fault.
 errdesc_t* sort_paths(const std::vector<std::string>& paths, sources_t* sources) {
     errdesc_t* fault = nullptr;
     for (const std::string& path : paths) {
