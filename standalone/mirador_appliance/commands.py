@@ -12,20 +12,22 @@ from .installer import install
 from .records import Vm
 from .state import Lock, open_store, places_of, state_of
 from .store import Store
-from .texts import to_bytes
 
 
 def show_status(options: argparse.Namespace) -> int:
     found = status.collect(open_store(options), Lock(state_of(options)).is_taken())
     text = json.dumps(found, ensure_ascii=False, indent=1) + "\n" if options.json else status.as_text(found)
-    sys.stdout.buffer.write(to_bytes(text))
+    sys.stdout.buffer.write(text.encode("utf-8", "backslashreplace"))  # stray bytes as "\udc..", which is JSON
+    sys.stdout.buffer.flush()
     return 0
 
 
 def set_setting(options: argparse.Namespace) -> int:
     """Stores a setting; also before the first start."""
-    store = open_store(options, create=True)
     setting = settings.checked(options.key, options.value)
+    store = open_store(options, create=True)
+    if options.key == "hypervisor.name" and options.value in store.folders().values():
+        raise Refused(f"{options.key}: {options.value!r} is the name of a folder")
     old = choices.current_settings(store)[options.key]
     store.set_setting(options.key, options.value)
     when = "at once" if options.key == "hypervisor.name" else "the daemon reads it at its next start"
@@ -92,29 +94,31 @@ def _new_folder_name(store: Store, name: str) -> str:
 
 def folder_add(options: argparse.Namespace) -> int:
     store = open_store(options)
-    store.set_folder(str(uuid.uuid4()), _new_folder_name(store, options.name))
+    with store.transaction():
+        store.set_folder(str(uuid.uuid4()), _new_folder_name(store, options.name))
     return 0
 
 
 def folder_rename(options: argparse.Namespace) -> int:
     store = open_store(options)
-    folder = _folder_named(store, options.name)
-    store.set_folder(folder, _new_folder_name(store, options.new))
+    with store.transaction():
+        store.set_folder(_folder_named(store, options.name), _new_folder_name(store, options.new))
     return 0
 
 
 def folder_move(options: argparse.Namespace) -> int:
     store = open_store(options)
     vm = choices.find_vm(_vms(store), options.vm)
-    folder = None if options.folder == "-" else _folder_named(store, options.folder)
-    store.set_choices(vm.uuid, {choices.FOLDER: folder})
+    with store.transaction():
+        folder = None if options.folder == "-" else _folder_named(store, options.folder)
+        store.set_choices(vm.uuid, {choices.FOLDER: folder})
     return 0
 
 
 def folder_remove(options: argparse.Namespace) -> int:
     store = open_store(options)
-    folder = _folder_named(store, options.name)
     with store.transaction():
+        folder = _folder_named(store, options.name)
         for vm, chosen in store.choices().items():
             if chosen.get(choices.FOLDER) == folder:
                 store.set_choices(vm, {choices.FOLDER: None})

@@ -165,13 +165,13 @@ class Controller:
         with self._lock:
             if self._vms.by_uuid(uuid) is None:
                 raise Unknown(f"no VM {uuid}")
-            chosen = self._choices.setdefault(uuid, {})
+            chosen = self._choices.get(uuid, {})
             changed = {key: value for key, value in values.items()
                        if chosen.get(key, records.VM_CHOICES.get(key)) != value}
             if not changed:
                 return
-            chosen.update(changed)
             self._store.set_choices(uuid, changed)
+            self._choices[uuid] = chosen | changed
             self._vm_documents.pop(uuid, None)
             if not changed.keys() <= _QUIET:
                 self.generation.bump()
@@ -195,9 +195,10 @@ class Controller:
             known = vm is not None and any(disk["name"] == name for disk in vm.facts["disks"])
             if vm is None or not (known or records.COMPANION in name):
                 raise Unknown(f"no disk {name} of VM {uuid}")
-            note = self._notes.setdefault(uuid, {}).setdefault(name, {})
-            note.update((key, posted[key]) for key in records.DISK_NOTES if key in posted)
+            note = self._notes.get(uuid, {}).get(name, {})
+            note = note | {key: posted[key] for key in records.DISK_NOTES if key in posted}
             self._store.set_disk_note(uuid, name, note)
+            self._notes.setdefault(uuid, {})[name] = note
             self._disk_documents.pop(uuid, None)
 
     def post_alert(self, posted: dict[str, Any]) -> None:
@@ -226,7 +227,6 @@ class Controller:
         with self._lock:
             now, taken, lines, again = int(time.time()), [], [], False
             for facts in found:
-                self._keep_vm_alerts(facts)
                 key = facts["datastore"], facts["vmx_path"]
                 old = self._vms.get(key)
                 if any(item == "" for item, _ in facts["problems"]):
@@ -237,10 +237,13 @@ class Controller:
                     lines.append(f"VM {vm.name!r} {'changed' if old else 'added'} ({'/'.join(key)})")
                     again = again or old is not None and (old.uuid, old.name) != (vm.uuid, vm.name)
                     self._forget_documents(vm.uuid, *([old.uuid] if old else []))
-            self._store.set_vms((vm.uuid, vm.changed, vm.facts) for vm in taken)
             if taken:
                 self._tell(lines, f"{len(lines)} VMs added or changed")
                 self.generation.bump(again)
+            # Last: what cannot be stored is served all the same.
+            self._store.set_vms((vm.uuid, vm.changed, vm.facts) for vm in taken)
+            for facts in found:
+                self._keep_vm_alerts(facts)
 
     def _keep_vm_alerts(self, facts: Facts) -> None:
         owner = f"{facts['datastore']}/{facts['vmx_path']}"
@@ -265,15 +268,16 @@ class Controller:
         with self._lock:
             lines = []
             for key in keys:
-                self._keep_vm_alerts({"datastore": key[0], "vmx_path": key[1], "name": "", "problems": []})
                 vm = self._vms.drop(key)
                 if vm is not None:
                     self._forget_documents(vm.uuid)
                     lines.append(f"VM {vm.name!r} removed ({'/'.join(key)})")
-            self._store.remove_vms(keys)
             if lines:
                 self._tell(lines, f"{len(lines)} VMs removed")
                 self.generation.bump(again=True)  # a name that becomes free is another VM's in the second pass only
+            self._store.remove_vms(keys)
+            for datastore, path in keys:
+                self._keep_vm_alerts({"datastore": datastore, "vmx_path": path, "name": "", "problems": []})
 
     def keep_vms(self, datastore: str, present: list[str]) -> None:
         """Drops the VMs of a datastore that are not among `present` (vmx_paths)."""
@@ -287,13 +291,13 @@ class Controller:
             record = self._records[name]
             came_or_went = bool(record.get("accessible")) != accessible
             record |= {"accessible": int(accessible), "time": int(time.time()), **space}
+            if came_or_went:
+                self._say(f"datastore {name!r} {'is back' if accessible else 'is lost'}")
+                self.generation.bump()
             self._store.set_datastore(name, record)
             texts = {} if accessible else {name: f"Datastore '{name}' cannot be read: {error}."}
             for message in self._alerts.keep_own("datastore", name, texts, self._hypervisor(name), ""):
                 self._say(f"alert datastore: {message}")
-            if came_or_went:
-                self._say(f"datastore {name!r} {'is back' if accessible else 'is lost'}")
-                self.generation.bump()
 
     def stores_with_vms(self) -> tuple[str, ...]:
         """The datastores that VMs are known of."""
@@ -324,7 +328,6 @@ class Controller:
             changes = self._store.foreign_changes()
             if changes == self._foreign:
                 return
-            self._foreign = changes
             before = self._commanded()
             self._settings = choices.current_settings(self._store)
             self._choices = self._store.choices()
@@ -336,6 +339,7 @@ class Controller:
             if self._commanded() != before:
                 self._vm_documents.clear()
                 self.generation.bump(again=True)
+            self._foreign = changes
 
     def _commanded(self) -> tuple[Any, ...]:
         """Everything that the daemon sees of what commands change. Settings are read at its start only, but for those

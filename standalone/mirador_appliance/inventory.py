@@ -1,6 +1,7 @@
 """The VMs, and which uuid each has."""
 
 from collections.abc import Iterable
+from uuid import uuid4
 
 from .facts import Facts
 from .records import Vm
@@ -50,10 +51,12 @@ class Inventory:
         return vm
 
     def _uuid_for(self, key: Key, facts: Facts, old: Vm | None) -> str:
-        wanted = [*facts["uuids"], derived("\0".join(key))]
+        own = derived("\0".join(key))
+        wanted = [*facts["uuids"], own]
         if old is not None and old.uuid in wanted:
             return old.uuid
-        return next(uuid for uuid in wanted if uuid not in self._by_uuid)
+        free = (uuid for uuid in wanted if uuid not in self._by_uuid)
+        return next(free, None) or str(uuid4())  # somebody's files may give what is derived here
 
     def set_change_time(self, uuid: str, changed: int) -> None:
         vm = self._by_uuid[uuid]

@@ -164,9 +164,14 @@ def _watch_all(orders: Orders) -> None:
             return
 
 
+def _end(*_: Any) -> None:
+    raise SystemExit  # which also ends a program that is being waited for
+
+
 def main() -> int:
     """The worker's whole life."""
     signal.signal(signal.SIGINT, signal.SIG_IGN)  # Ctrl-C is for the controller, which then closes our input
+    signal.signal(signal.SIGTERM, _end)
     name_process(PROCESS_NAME)
     orders = Orders.unpacked(sys.stdin.buffer.raw.readline())
     try:
@@ -177,6 +182,6 @@ def main() -> int:
                 pass
         else:
             _watch_all(orders)
-    except BrokenPipeError:
+    except (BrokenPipeError, SystemExit):
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # nothing is left to flush there
     return 0

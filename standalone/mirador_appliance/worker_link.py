@@ -88,7 +88,7 @@ class WorkerLink:
                     told += 1
                     if told == 1:
                         self._controller.discovery_failed("")
-            except (OSError, ValueError, KeyError, sqlite3.Error) as error:
+            except Exception as error:  # whatever it is: the datastores are watched again, and people are told
                 process.terminate()
                 return f"{type(error).__name__}: {error}", told
         return f"the process that does ended with status {process.returncode}", told

@@ -1,6 +1,7 @@
 """The controller's state: identities, generations, alerts, what is posted, what outlives a restart."""
 
 import json
+import sqlite3
 import threading
 import time
 import unittest
@@ -138,6 +139,25 @@ class Generations(ControllerCase):
         self.assertEqual(json.loads(self.controller.folders()), [{"name": "Sales", "uuid": "f", "numVms": 1}])
         self.assertEqual(self.controller.setting("export.cache.ttl"), "5")
 
+    def test_what_cannot_be_stored_is_served(self):
+        connection = self.store._connection
+        for what, action in (("come", lambda: self.controller.take_vms([vm_facts("new", B, problems=[["d", "x"]])])),
+                             ("go", lambda: self.controller.drop_vms([("ds1", "vm/vm.vmx")])),
+                             ("lost", lambda: self.controller.take_datastore("ds1", False, {}, "gone"))):
+            with self.subTest(what):
+                token = self.controller.generation.token
+                connection.execute("PRAGMA query_only = 1")  # as a full disk
+                with self.assertRaises(sqlite3.Error):
+                    action()
+                connection.execute("PRAGMA query_only = 0")
+                self.assertNotEqual(self.controller.generation.token, token)
+        self.assertEqual(list(self.vms()), ["new"])
+        connection.execute("PRAGMA query_only = 1")
+        with self.assertRaises(sqlite3.Error):
+            self.controller.choose(B, {"use_cbt": 1})  # the daemon is told that it failed and posts it again
+        connection.execute("PRAGMA query_only = 0")
+        self.assert_bumps(True, lambda: self.controller.choose(B, {"use_cbt": 1}))
+
     def test_waiting(self):
         generation = self.controller.generation
         token = generation.token
@@ -204,7 +224,8 @@ class Records(ControllerCase):
         self.store.close()
         self.start()
         one, two, three = json.loads(self.controller.disks(A))
-        self.assertEqual((one["name"], one["flat_file_size"], two["name"]), ("vm-00000.vmdk", "77", "vm-00000_1.vmdk"))
+        self.assertEqual((one["name"], one["flat_file_size"], two["name"]),
+                         ("vm-00000.vmdk", synthetic.CAPACITY, "vm-00000_1.vmdk"))
         self.assertEqual(three, {"vhost_uuid": A, "name": "vm-00000-corcbt.vmdk", "changeid": "52 01/3",
                                  "changeid_incr": "y"})
         self.assertEqual(json.loads(self.controller.disks(A, "vm-00000-corcbt.vmdk")), [three])
