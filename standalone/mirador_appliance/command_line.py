@@ -8,7 +8,7 @@ from collections.abc import Callable
 from typing import NoReturn
 
 from . import choices, commands, serving, worker
-from .faults_told import Refused
+from .faults_told import Refused, reason
 from .places import PROGRAM
 from .state import state_of
 from .texts import printable, to_bytes
@@ -39,7 +39,7 @@ class _Parser(argparse.ArgumentParser):
     """Tells a wrong command line in one line."""
 
     def error(self, message: str) -> NoReturn:
-        self.exit(2, f"{PROGRAM}: {message}; see {self.prog} --help\n")
+        self.exit(2, f"{PROGRAM}: {printable(message)}; see {self.prog} --help\n")
 
 
 class _Builder:
@@ -86,7 +86,7 @@ def _parser() -> argparse.ArgumentParser:
 def _add_others(top: _Builder) -> None:
     install = top.add("install-scripts", "only put the programs that the daemon runs to their places",
                       commands.install_scripts)
-    install.add_argument("--port", type=port, default=DEFAULT_PORT, help=f"of the controller ({DEFAULT_PORT})")
+    install.add_argument("--port", type=fixed_port, default=DEFAULT_PORT, help=f"of the controller ({DEFAULT_PORT})")
     install.add_argument("--https", action="store_true", help="it speaks HTTPS")
     synthesize = top.add("synthesize", "make the files of N small machines with two disks each in DIR",
                          commands.synthesize, "DIR")
@@ -136,12 +136,23 @@ def port(text: str) -> int:
     return value
 
 
+def fixed_port(text: str) -> int:
+    """A TCP port."""
+    if not port(text):
+        raise argparse.ArgumentTypeError(f"{text}: not from 1 to 65535")
+    return port(text)
+
+
 def seconds(text: str) -> float:
     """A length of time."""
     value = float(text)
     if not 0.05 <= value <= 86400:
         raise argparse.ArgumentTypeError(f"{text}: not from 0.05 to 86400")
     return value
+
+
+def _forget_output() -> None:
+    os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
 
 
 def main(arguments: list[str]) -> int:
@@ -156,7 +167,10 @@ def main(arguments: list[str]) -> int:
     except sqlite3.Error as error:
         text, code = f"{state_of(options)}: {error}", 1
     except BrokenPipeError:
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        _forget_output()
         return 1
+    except OSError as error:
+        _forget_output()
+        text, code = f"{error.filename or 'standard output'}: {reason(error)}", 1
     sys.stderr.buffer.write(to_bytes(f"{PROGRAM}: {printable(text)}\n"))
     return code

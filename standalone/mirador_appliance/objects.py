@@ -72,7 +72,10 @@ class Objects:
         getter = self._getters.get(name)
         if getter is None:
             raise BadRequest(404, f"no object {name}")
-        return getter(parse_query(query), is_wanted)
+        try:
+            return getter(parse_query(query), is_wanted)
+        except ValueError as error:
+            raise BadRequest(400, str(error)) from None
 
     def post(self, name: str, data: bytes) -> bytes:
         """Takes in a POST; returns the JSON text that answers it. BadRequest."""
@@ -110,10 +113,11 @@ class Objects:
 
     @staticmethod
     def _seconds(query: Query) -> float:
-        try:
-            return min(float(query.get("timeout") or _LONGEST_WAIT), _LONGEST_WAIT)
-        except ValueError:
-            raise BadRequest(400, "fs_sync: timeout is no number") from None
+        """ValueError."""
+        seconds = float(query.get("timeout") or _LONGEST_WAIT)
+        if not seconds >= 0:
+            raise ValueError("fs_sync: timeout is no length of time")
+        return min(seconds, _LONGEST_WAIT)
 
     def _post_registry(self, data: bytes) -> dict[str, Any]:
         posted = _body(data, dict)

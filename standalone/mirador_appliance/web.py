@@ -1,6 +1,7 @@
 """The HTTP server: a thread for each connection, one request for each connection."""
 
 import http.server
+import io
 import json
 import os
 import pathlib
@@ -21,8 +22,8 @@ from .texts import pack, to_text
 
 ADDRESS = "127.0.0.1"
 _PREFIX = "/api/"
-_LARGEST_POST = 64 << 20  # bytes
-_PATIENCE = 60.0  # seconds that a client may be silent while it sends
+_LARGEST_POST = 16 << 20  # bytes
+_PATIENCE = 60.0  # seconds in which a client must have sent its request, or take a piece of the answer
 _CHUNK = 1021  # bytes
 
 
@@ -108,10 +109,26 @@ def _tls_context(certificate: pathlib.Path) -> ssl.SSLContext:
     return context
 
 
+class _PromptReader(socket.SocketIO):
+    """Reads from a connection until a point of (monotonic) time, however little comes at once."""
+
+    def __init__(self, connection: socket.socket, deadline: float) -> None:
+        super().__init__(connection, "r")
+        self._connection, self._deadline = connection, deadline
+
+    def readinto(self, buffer: Any) -> int | None:
+        self._connection.settimeout(max(self._deadline - time.monotonic(), 0.001))
+        return super().readinto(buffer)
+
+
 class _Handler(http.server.BaseHTTPRequestHandler):
     server: Server
     protocol_version = "HTTP/1.1"
-    timeout = _PATIENCE
+
+    def setup(self) -> None:
+        super().setup()
+        self.rfile.close()
+        self.rfile = io.BufferedReader(_PromptReader(self.connection, time.monotonic() + _PATIENCE))
 
     def do_GET(self) -> None:
         self._serve(b"")
@@ -169,6 +186,7 @@ class _Handler(http.server.BaseHTTPRequestHandler):
 
     def _answer(self, status: int, answer: bytes, rule: Rule | None = None) -> None:
         """Head and body in one piece, so that neither waits for the other's acknowledgement."""
+        self.connection.settimeout(_PATIENCE)
         reason_phrase = self.responses.get(status, ("",))[0]
         chunked = rule is not None and bool(rule.chunked)
         head = [f"HTTP/1.1 {status} {reason_phrase}", "Content-Type: application/json; charset=UTF-8",

@@ -110,6 +110,8 @@ class Objects(SharedCase):
                 ("alert", b'{"action":"alert_post","alert_id":"\xff\\ud800","object_id":"\\u0000"}', 200),
                 ("vmstats", {}, 400),
                 ("vmstats", [5], 400),
+                ("vmstats", b'[{"vmdk_path":"a","vmdk_bytes_read":1e999}]', 400),
+                ("alert", b'{"action":"alert_post","alert_id":"a","object_id":"c","message":NaN}', 400),
                 ("hvconfig", {}, 404),
                 ("nothing", {}, 404)):
             with self.subTest(name, value=value):
@@ -134,6 +136,9 @@ class Objects(SharedCase):
         self.assertEqual(self.appliance.status()["controller"]["taken_over"], answers[0])
         for wrong in ("target=vmfs&type=wait", "target=x&type=query", "target=dsfs&type=set", "target=dsfs"):
             self.assertEqual(self.appliance.get(f"fs_sync?{wrong}").status, 404)
+        for wrong in ("target=dsfs&type=wait&timeout=nan", "target=dsfs&type=wait&timeout=-1",
+                      "target=vmfs&type=set&genId=%ff"):
+            self.assertEqual(self.appliance.get(f"fs_sync?{wrong}").status, 400)
 
     def test_waiting_client_that_leaves_is_noticed(self):
         def threads():
