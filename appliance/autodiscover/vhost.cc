@@ -13,9 +13,23 @@ namespace {
 
 constexpr std::string_view vmware_suffix = ".vmx";
 
-errdesc_t* fill_and_validate(const std::string& path, vhost_record_t* record) {
-    RETURN_IF_ERROR(vmware_get_vhost_record(path, record));
+using fill_t = errdesc_t* (*)(const std::string& path, vhost_record_t* record);
+
+errdesc_t* fill_and_validate(const std::string& path, fill_t fill, vhost_record_t* record) {
+    RETURN_IF_ERROR(fill(path, record));
     return vhost_record_validate(path, *record);
+}
+
+errdesc_t* make_record(const std::string& path, fill_t fill, std::unique_ptr<vhost_record_t>* record) {
+    cor_assert(*record == nullptr);
+    *record = std::make_unique<vhost_record_t>();
+    (*record)->magic = vhost_record_t::magic_value;
+    (*record)->version = vhost_record_t::version_value;
+    (*record)->type = VHOST_VMWARE;
+    errdesc_t* const e = fill_and_validate(path, fill, record->get());
+    if (e != nullptr)
+        (*record)->err = std::make_unique<const errdesc_t>(*e);
+    return e;
 }
 
 // What a walk found becomes a record, complete or not.
@@ -47,15 +61,11 @@ errdesc_t* vhost_record_new(const std::string& vhost_path, std::unique_ptr<vhost
 }
 
 errdesc_t* vhost_record_new_any(const std::string& vhost_path, std::unique_ptr<vhost_record_t>* record) {
-    cor_assert(*record == nullptr);
-    *record = std::make_unique<vhost_record_t>();
-    (*record)->magic = vhost_record_t::magic_value;
-    (*record)->version = vhost_record_t::version_value;
-    (*record)->type = VHOST_VMWARE;
-    errdesc_t* const e = fill_and_validate(vhost_path, record->get());
-    if (e != nullptr)
-        (*record)->err = std::make_unique<const errdesc_t>(*e);
-    return e;
+    return make_record(vhost_path, vmware_get_vhost_record, record);
+}
+
+errdesc_t* vhost_record_new_at_once(const std::string& vhost_path, std::unique_ptr<vhost_record_t>* record) {
+    return make_record(vhost_path, vmware_get_vhost_record_at_once, record);
 }
 
 errdesc_t* vhost_record_validate(const std::string& path, const vhost_record_t& record) {

@@ -64,6 +64,10 @@ vhost_type_t vhost_get_type(const std::string& path);
 // The same for a file of any name, a template's say.
 [[nodiscard]] errdesc_t* vhost_record_new_any(const std::string& vhost_path, std::unique_ptr<vhost_record_t>* record);
 
+// The same for somebody who will ask again: a file that cannot be read is not waited for.
+[[nodiscard]] errdesc_t* vhost_record_new_at_once(const std::string& vhost_path,
+                                                  std::unique_ptr<vhost_record_t>* record);
+
 // Errors: EINVAL with "invalid uuid for %s", "invalid name for %s", "invalid operating system for %s", "invalid
 // directory for %s", "no virtual disks for %s" or "invalid virtual disk %d for %s" (a disk without a name, from 0).
 [[nodiscard]] errdesc_t* vhost_record_validate(const std::string& path, const vhost_record_t& record);

@@ -53,6 +53,19 @@ errdesc_t* copy_disks(const vmxdesc_t& vmx, vhost_record_t* record) {
     return nullptr;
 }
 
+// Fills the record from what `open` reads.
+errdesc_t* fill(const std::string& path, errdesc_t* (*open)(const std::string&, vmxdesc_t*), vhost_record_t* record) {
+    cor_assert(record->magic == vhost_record_t::magic_value);
+    record->filename = path;
+    static_cast<void>(stat(path.c_str(), &record->stat));
+    vmxdesc_t vmx;
+    RETURN_IF_ERROR(open(path, &vmx));
+    copy_texts(vmx, record);
+    errdesc_t* const e = copy_disks(vmx, record);
+    vmx_close(&vmx);
+    return e;
+}
+
 }  // namespace
 
 bool vmware_can_take_snapshot(const std::string& mode) {
@@ -60,15 +73,11 @@ bool vmware_can_take_snapshot(const std::string& mode) {
 }
 
 errdesc_t* vmware_get_vhost_record(const std::string& vhost_path, vhost_record_t* record) {
-    cor_assert(record->magic == vhost_record_t::magic_value);
-    record->filename = vhost_path;
-    static_cast<void>(stat(vhost_path.c_str(), &record->stat));
-    vmxdesc_t vmx;
-    RETURN_IF_ERROR(open_patiently(vhost_path, &vmx));
-    copy_texts(vmx, record);
-    errdesc_t* const e = copy_disks(vmx, record);
-    vmx_close(&vmx);
-    return e;
+    return fill(vhost_path, open_patiently, record);
+}
+
+errdesc_t* vmware_get_vhost_record_at_once(const std::string& vhost_path, vhost_record_t* record) {
+    return fill(vhost_path, vmx_open, record);
 }
 
 }  // namespace mirador

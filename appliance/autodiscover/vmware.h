@@ -17,4 +17,7 @@ bool vmware_can_take_snapshot(const std::string& mode);
 // Errors: those of vmx_open; EINVAL "more than 32 virtual disks for %s", the record then has none.
 [[nodiscard]] errdesc_t* vmware_get_vhost_record(const std::string& vhost_path, vhost_record_t* record);
 
+// The same with one try and no pause.
+[[nodiscard]] errdesc_t* vmware_get_vhost_record_at_once(const std::string& vhost_path, vhost_record_t* record);
+
 }  // namespace mirador

@@ -11,7 +11,7 @@ from .faults_told import Refused
 from .texts import to_bytes, to_text, unpack
 
 PROGRAM = "mirador-inspect"
-_SECONDS_A_FILE = 8  # a broken file is tried twice, with a pause of 3 s behind each try
+_SECONDS, _SECONDS_A_FILE = 30, 2  # time for an answer; on a slow file server a chain takes a while
 
 
 def find_program(given: str | None, checkout: str) -> str:
@@ -65,7 +65,7 @@ class Inspector:
     def _run(self, arguments: list[str], files: int) -> bytes:
         try:
             done = subprocess.run([self._program, *arguments], stdin=subprocess.DEVNULL, capture_output=True,
-                                  timeout=30 + _SECONDS_A_FILE * files, check=False)
+                                  timeout=_SECONDS + _SECONDS_A_FILE * files, check=False)
         except subprocess.TimeoutExpired:
             raise Failed("it takes too long to read") from None
         except OSError as error:

@@ -225,6 +225,9 @@ TEST_F(discover_test, AnyNumberOfDirectoriesOrFiles) {
     write("ds/vm.vmtx", vmx_text("here", ""));
     EXPECT_THAT(names(parsed(inspect({"--json", "discover", dir_ / "ds/vm.vmtx", dir_ / "ds/0/vm.vmx"}))),
                 ElementsAre("0", "here"));
+    write("ds/vm.vmx", "broken");
+    EXPECT_THAT(names(parsed(inspect({"--json", "discover", dir_ / "ds/vm.vmx"}))), ElementsAre(""));
+    EXPECT_EQ(clock_.slept(), 0);
     EXPECT_EQ(inspect({"--json", "discover", dir_ / "ds/gone.vmx"}).status, 1);
     write("none/x", "");
     EXPECT_EQ(names(parsed(inspect({"--json", "discover", dir_ / "none"}))).size(), 0U);

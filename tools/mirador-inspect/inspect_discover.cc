@@ -87,7 +87,7 @@ struct sources_t {
 // All records, ordered by file, each once though directories may lie in one another.
 errdesc_t* discover(const sources_t& sources, records_t* records) {
     for (const std::string& file : sources.files)
-        static_cast<void>(vhost_record_new_any(file, &records->emplace_back()));  // the record keeps its error
+        static_cast<void>(vhost_record_new_at_once(file, &records->emplace_back()));  // the record keeps its error
     const std::vector<std::string>& directories = sources.directories;
     for (auto begin = directories.begin(); begin != directories.end();) {
         const auto count = std::min<std::ptrdiff_t>(directories.end() - begin, walker_max_threads);
