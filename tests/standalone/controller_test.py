@@ -2,7 +2,6 @@
 
 import json
 import sqlite3
-import threading
 import time
 import unittest
 
@@ -157,22 +156,6 @@ class Generations(ControllerCase):
             self.controller.choose(B, {"use_cbt": 1})  # the daemon is told that it failed and posts it again
         connection.execute("PRAGMA query_only = 0")
         self.assert_bumps(True, lambda: self.controller.choose(B, {"use_cbt": 1}))
-
-    def test_waiting(self):
-        generation = self.controller.generation
-        token = generation.token
-        self.assertEqual(generation.wait("0-0", 60, lambda: True), token)
-        self.assertEqual(generation.wait(token, 0.05, lambda: True), token)
-        self.assertEqual(generation.wait(token, 60, lambda: False), token)
-        answers = []
-        waiters = [threading.Thread(target=lambda: answers.append(generation.wait(token, 60, lambda: True)))
-                   for _ in range(3)]
-        for waiter in waiters:
-            waiter.start()
-        new = generation.bump()
-        for waiter in waiters:
-            waiter.join(10)
-        self.assertEqual(answers, [new] * 3)
 
     def test_no_token_comes_twice(self):
         token = self.controller.generation.token
