@@ -203,14 +203,12 @@ void start(stats_thr_state_t* state) REQUIRES(state->wake_mutex) {
 
 // Whether counts are taken. The first one starts the thread.
 bool is_in_use(stats_thr_state_t* state) {
-    if (state->state == STATS_THR_STATE_RUNNING)
-        return true;
-    if (!state->enabled)
-        return false;
-    const mutex_lock_t lock(state->wake_mutex);
-    if (state->state == STATS_THR_STATE_UNKNOWN)
-        start(state);
-    return state->state != STATS_THR_STATE_STOPPED;
+    if (state->state == STATS_THR_STATE_UNKNOWN && state->enabled) {
+        const mutex_lock_t lock(state->wake_mutex);
+        if (state->state == STATS_THR_STATE_UNKNOWN)
+            start(state);
+    }
+    return state->state != STATS_THR_STATE_UNKNOWN && state->state != STATS_THR_STATE_STOPPED;
 }
 
 void send_at_once(stats_figures_t figures) {
