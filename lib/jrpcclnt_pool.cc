@@ -15,7 +15,7 @@
 
 namespace mirador {
 
-std::atomic<bool> _jrpcclnt_pool_with_thread = true;
+std::atomic<bool> _jrpcclnt_pool_with_threads = true;
 
 namespace {
 
@@ -35,14 +35,14 @@ std::string hint_of(const std::vector<std::string>& argv) {
 jrpcclnt_pool_t& the_pool() {
     static jrpcclnt_pool_t& pool = []() -> jrpcclnt_pool_t& {
         cor_assert(std::atexit(jrpcclnt_pool_destroy) == 0);
-        return *std::make_unique<jrpcclnt_pool_t>(_jrpcclnt_pool_with_thread).release();
+        return *std::make_unique<jrpcclnt_pool_t>(_jrpcclnt_pool_with_threads).release();
     }();
     return pool;
 }
 
 }  // namespace
 
-jrpcclnt_pool_t::jrpcclnt_pool_t(bool with_thread) : with_thread_(with_thread) {}
+jrpcclnt_pool_t::jrpcclnt_pool_t(bool with_threads) : with_threads_(with_threads) {}
 
 jrpcclnt_pool_t::~jrpcclnt_pool_t() {
     destroy();
@@ -83,7 +83,7 @@ errdesc_t* jrpcclnt_pool_t::_connect(const std::vector<std::string>& argv, const
     connected->hint = hint;
     *entry = connected.get();
     entries_.push_back(std::move(connected));
-    if (with_thread_ && !thread_.joinable())
+    if (with_threads_ && !thread_.joinable())
         thread_ = std::thread([this] { _cleanup(); });
     return nullptr;
 }
@@ -176,7 +176,10 @@ void jrpcclnt_pool_t::_cleanup() {
 }
 
 void jrpcclnt_pool_t::begin_shutdown() {
-    std::call_once(shutdown_once_, [this] { watch_.emplace(jrpcclnt_pool_call_limit); });
+    std::call_once(shutdown_once_, [this] {
+        if (with_threads_)
+            watch_.emplace(jrpcclnt_pool_call_limit);
+    });
 }
 
 void jrpcclnt_pool_t::destroy() {

@@ -54,9 +54,10 @@ void jrpcclnt_pool_begin_shutdown();
 // latest; a second caller waits for the first.
 void jrpcclnt_pool_destroy();
 
-// Whether the process's pool has a thread that looks for agents to end, every 180 seconds; read when the pool is first
-// used. A test with a hand-driven clock, which that thread would drive, turns it off.
-extern std::atomic<bool> _jrpcclnt_pool_with_thread;
+// Whether the process's pool has threads: one that looks for agents to end every 180 seconds and, at shutdown, one that
+// looks for overdue calls. Read when the pool is first used. A test with a hand-driven clock, which they would drive,
+// turns them off.
+extern std::atomic<bool> _jrpcclnt_pool_with_threads;
 
 struct jrpcclnt_pool_entry_t {
     bool inuse = false;
@@ -68,7 +69,7 @@ struct jrpcclnt_pool_entry_t {
 // A pool. The process has one, which the functions above work on; tests make their own.
 class jrpcclnt_pool_t {
   public:
-    explicit jrpcclnt_pool_t(bool with_thread);
+    explicit jrpcclnt_pool_t(bool with_threads);
     ~jrpcclnt_pool_t();  // destroys it
     jrpcclnt_pool_t(const jrpcclnt_pool_t&) = delete;
     jrpcclnt_pool_t& operator=(const jrpcclnt_pool_t&) = delete;
@@ -95,7 +96,7 @@ class jrpcclnt_pool_t {
     void _end_all();
     void _cleanup();
 
-    const bool with_thread_;
+    const bool with_threads_;
     mutex_t mutex_;
     std::condition_variable_any cond_;  // the end of the pool, an agent released
     bool running_ GUARDED_BY(mutex_) = true;

@@ -55,8 +55,12 @@ json_parser_t::outcome_t json_parser_t::feed(std::string_view piece, std::size_t
         value_.reset(json_tokener_parse_ex(tokener_, part.data(), static_cast<int>(part.size())));
         *used += json_tokener_get_parse_end(tokener_);
         const json_tokener_error outcome = json_tokener_get_error(tokener_);
-        if (outcome != json_tokener_continue)
-            return outcome == json_tokener_success ? WHOLE : INVALID;
+        if (outcome == json_tokener_success)
+            return WHOLE;
+        if (outcome != json_tokener_continue) {
+            std::printf("Parse error: %p\n", static_cast<void*>(tokener_));
+            return INVALID;
+        }
     }
     return MORE;
 }
@@ -68,12 +72,8 @@ json_ptr json_read_object(std::FILE* stream) {
         const char byte = static_cast<char>(c);
         std::size_t used = 0;
         const json_parser_t::outcome_t outcome = parser.feed({&byte, 1}, &used);
-        if (outcome == json_parser_t::WHOLE)
+        if (outcome != json_parser_t::MORE)
             return parser.take();
-        if (outcome == json_parser_t::INVALID) {
-            std::printf("Parse error: %p\n", static_cast<void*>(&parser));
-            return nullptr;
-        }
     }
     return nullptr;
 }

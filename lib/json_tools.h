@@ -45,10 +45,10 @@ class json_parser_t {
     json_parser_t& operator=(const json_parser_t&) = delete;
 
     // Takes the next piece. *used is how much of it belongs to the value: all of it while MORE is wanted. INVALID: it
-    // is no JSON, or nested deeper than 32 levels.
+    // is no JSON, or nested deeper than 32 levels; prints "Parse error: <address>" to standard output.
     outcome_t feed(std::string_view piece, std::size_t* used);
 
-    // The value, once it is WHOLE.
+    // The value, once it is WHOLE; null before, and when it is INVALID.
     json_ptr take() { return std::move(value_); }
 
   private:
@@ -58,7 +58,7 @@ class json_parser_t {
 
 // Reads exactly one value from the stream, byte by byte, and nothing behind it; blocks until it is whole. A number is
 // whole at the byte behind it. Null at the end of the stream (std::feof, std::ferror tell), for the value null, and for
-// what is no JSON or nested deeper than 32 levels; that prints "Parse error: <address>" to standard output.
+// what is INVALID to a parser.
 json_ptr json_read_object(std::FILE* stream);
 
 // Prints "JSON result:" and the value's text to standard output.

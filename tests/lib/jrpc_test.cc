@@ -1,0 +1,323 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "lib/jrpc.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "lib/clock.h"
+#include "lib/log.h"
+#include "lib/spawn.h"
+#include "tests/lib/children.h"
+#include "tests/lib/temp_dir.h"
+
+namespace mirador {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr const char* no_response = "Failed to get response to JRPC request: ";
+constexpr const char* transport_failure = "JRPC Transport Failure: ";
+
+std::string text_of(const json_ptr& value) {
+    return json_object_to_json_string_ext(value.get(), JSON_C_TO_STRING_PLAIN);
+}
+
+// Each test ends with neither process nor descriptor more than it began with.
+class jrpc_test : public testing::Test {
+  protected:
+    jrpc_test() { survive_broken_pipes(); }
+    ~jrpc_test() override {
+        disconnect();
+        EXPECT_FALSE(leaves_children());
+        EXPECT_EQ(open_descriptors(), descriptors);
+    }
+
+    jrpc_handle_t& connect() {
+        EXPECT_EQ(jrpc_connect({UNRULY_AGENT}, &handle), nullptr);
+        return *handle;
+    }
+    void disconnect() {
+        if (handle != nullptr)
+            (void)jrpc_disconnect(&handle);
+    }
+    // The text of a call's result.
+    std::string result_of(const jrpc_args_t& args) {
+        json_ptr result;
+        errdesc_t* const error = jrpc_call_raw(*handle, args, &result);
+        return error != nullptr ? error->string : text_of(result);
+    }
+
+    std::ptrdiff_t descriptors = open_descriptors();
+    fast_clock_t clock{100};
+    std::unique_ptr<jrpc_handle_t> handle;
+};
+
+// What an agent that answers this way leaves: it can be called again, or never again.
+enum after_t { USABLE, BROKEN };
+
+TEST_F(jrpc_test, EachWayToFailHasItsNumberAndText) {
+    const std::string remote = R"("err_string":"x","linenumber":5,"filename":"f")";
+    struct {
+        jrpc_args_t args;
+        errnum_t number;
+        std::string text;
+        after_t after;
+    } const cases[] = {
+        {{"say", "hello\n"}, ERR_JSON_PARSE_ERROR, "json parse error", BROKEN},
+        {{"say", "{\"response_data\": nul}\n"}, ERR_JSON_PARSE_ERROR, "json parse error", BROKEN},
+        {{"say", std::string("{\"a\0\": 1}\n", 10)}, ERR_JSON_PARSE_ERROR, "json parse error", BROKEN},
+        {{"say", "null\n"}, ERR_JSON_PARSE_ERROR, "json parse error", BROKEN},
+        {{"say", "[{}]\n"}, ERR_JSON_PARSE_ERROR, "json parse error", BROKEN},
+        {{"say", "0 errors\n"}, ERR_JSON_PARSE_ERROR, "json parse error", BROKEN},
+        {{"say", "{\"errdesc\": 7}\n"}, ERR_JSON_PARSE_ERROR, "json parse error", USABLE},
+        {{"say", "{\"errdesc\": {\"err_num\": 2}}\n"}, ERR_JSON_PARSE_ERROR, "json parse error", USABLE},
+        {{"say", "{\"errdesc\": {\"err_num\": 2," + remote + "}}\n"}, ENOENT, "x", USABLE},
+        {{"say", "{\"errdesc\": {\"err_num\": 0," + remote + "}}\n"}, ERR_UNKNOWN, "x", USABLE},
+        {{"say", "{\"errdesc\": {\"err_num\": -1," + remote + "}}\n"}, ERR_UNKNOWN, "x", USABLE},
+        {{"say_and_die", ""}, EPIPE, std::string(no_response) + "Broken pipe", BROKEN},
+        {{"say_and_die", "{\"response_da"}, EPIPE, std::string(no_response) + "Broken pipe", BROKEN},
+    };
+    for (const auto& c : cases) {
+        connect();
+        errdesc_t* const error = jrpc_call_raw(*handle, c.args, nullptr);
+        ASSERT_NE(error, nullptr) << c.args[1];
+        EXPECT_EQ(error->number, c.number) << c.args[1];
+        EXPECT_STREQ(error->string, c.text.c_str()) << c.args[1];
+        EXPECT_EQ(jrpc_is_alive(handle.get()), c.after == USABLE) << c.args[1];
+        EXPECT_EQ(result_of({"echo", "1"}),
+                  c.after == USABLE ? "[\"1\"]" : std::string(transport_failure) + "Broken pipe")
+            << c.args[1];
+        disconnect();
+    }
+}
+
+TEST_F(jrpc_test, RemoteErrorsComeFromWhereTheyWereRaised) {
+    connect();
+    const std::string long_text(700, 'e');
+    errdesc_t* const error = jrpc_call(*handle, {"say", R"({"errdesc":{"err_num":114,"err_string":")" + long_text +
+                                                            R"(","linenumber":5,"filename":"snapshot.pl"}})" + "\n"});
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->string, long_text);
+    EXPECT_EQ(error->linenumber, 5U);
+    EXPECT_STREQ(error->filename, "snapshot.pl");
+}
+
+// A reply that nobody waits for any more must not become the answer to the next request.
+TEST_F(jrpc_test, OutputThatNobodyAskedForEndsTheHandle) {
+    connect();
+    EXPECT_EQ(result_of({"say", "{\"response_data\": 1} \r\n\n \t\n"}), "1");  // white space is nothing
+    EXPECT_EQ(result_of({"echo", "2"}), "[\"2\"]");
+    EXPECT_EQ(result_of({"say", "{\"response_data\": 3}\n{\"response_data\": 4}\n"}), "3");
+    EXPECT_EQ(result_of({"echo", "5"}), std::string(transport_failure) + "Protocol error");
+    EXPECT_FALSE(jrpc_is_alive(handle.get()));
+}
+
+// Nothing would be told of what the request did, so it is not sent.
+TEST_F(jrpc_test, NothingIsAskedOfAnAgentThatCannotAnswer) {
+    temp_dir_t dir;
+    connect();
+    EXPECT_EQ(result_of({"hang_up", dir / "done"}), "null");
+    while (!std::filesystem::exists(dir / "done"))
+        clock_sleep(1);
+    EXPECT_EQ(result_of({"act_and_die", dir / "acted"}), std::string(transport_failure) + "Broken pipe");
+    disconnect();
+    EXPECT_FALSE(std::filesystem::exists(dir / "acted"));
+}
+
+TEST_F(jrpc_test, DeathAfterActingIsAnError) {
+    temp_dir_t dir;
+    connect();
+    EXPECT_EQ(result_of({"act_and_die", dir / "acted"}), std::string(no_response) + "Broken pipe");
+    EXPECT_TRUE(std::filesystem::exists(dir / "acted"));
+}
+
+struct pair_t {
+    std::uint32_t number = 0;
+    const char* text = nullptr;
+};
+
+ssize_t jdr_pair(jdr_op_t op, json_object** obj, const char* key, pair_t* pair) {
+    if (op == JDR_SIZE)
+        return sizeof *pair;
+    json_object* sub = jdr_get_sub_obj(op, *obj, key);
+    const bool failed =
+        jdr_uint32(op, &sub, "number", &pair->number) < 0 || jdr_string(op, &sub, "text", &pair->text) < 0;
+    return failed ? jdr_failed : static_cast<ssize_t>(sizeof *pair);
+}
+
+ssize_t jdr_pairs(jdr_op_t op, json_object** obj, const char* key, std::vector<pair_t>* pairs) {
+    return jdr_array(op, obj, key, pairs, jdr_pair);
+}
+
+TEST_F(jrpc_test, ResultsAreDecodedAndNamed) {
+    std::string seen;
+    const auto see_pair = [&seen](const std::string& type, const pair_t* pair) -> errdesc_t* {
+        seen = type + (pair == nullptr ? " nothing" : " " + std::to_string(pair->number) + pair->text);
+        return seen == "UNKNOWN nothing" ? errdesc_set(ENOENT) : nullptr;
+    };
+    connect();
+    EXPECT_EQ(jrpc_call<pair_t>(*handle, {"say", R"({"response_type":"pair","response_data":{"number":7,"text":"x"}})"},
+                                jdr_pair, see_pair),
+              nullptr);
+    EXPECT_EQ(seen, "pair 7x");
+    errdesc_t* error = jrpc_call<pair_t>(*handle, {"say", "{}"}, jdr_pair, see_pair);
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->number, ENOENT);
+    error = jrpc_call<pair_t>(*handle, {"say", R"({"response_data":{"number":7}})"}, jdr_pair, see_pair);
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->number, EPROTO);
+    EXPECT_TRUE(jrpc_is_alive(handle.get()));
+
+    std::size_t count = 0;
+    EXPECT_EQ(jrpc_call<std::vector<pair_t>>(
+                  *handle, {"say", R"({"response_data":[{"number":7,"text":"x"},{"number":8,"text":"y"}]})"}, jdr_pairs,
+                  [&count](const std::string&, const std::vector<pair_t>* pairs) -> errdesc_t* {
+                      count = pairs->size();
+                      return nullptr;
+                  }),
+              nullptr);
+    EXPECT_EQ(count, 2U);
+}
+
+TEST_F(jrpc_test, AnErrorRoundTripsThroughItsMarshaller) {
+    jrpc_err_t err{2, "x", 5, "f"};
+    json_object* obj = nullptr;
+    EXPECT_EQ(jdr_jrpc_err_t(JDR_ENCODE, &obj, nullptr, &err), static_cast<ssize_t>(sizeof err));
+    const json_ptr own(obj);
+    EXPECT_EQ(text_of(own), R"({"err_num":2,"err_string":"x","linenumber":5,"filename":"f"})");
+    EXPECT_EQ(jdr_jrpc_err_t(JDR_FREE, &obj, nullptr, &err), static_cast<ssize_t>(sizeof err));
+    EXPECT_EQ(err.err_string, nullptr);
+}
+
+TEST_F(jrpc_test, RepliesMayBeLongButNotEndless) {
+    connect();
+    json_ptr result;
+    const auto begin = std::chrono::steady_clock::now();
+    ASSERT_EQ(jrpc_call_raw(*handle, {"big", "10000000"}, &result), nullptr);
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+    RecordProperty("seconds_for_10_mb", std::to_string(took.count()));
+    EXPECT_EQ(json_object_array_length(result.get()), 10000000U / 94);
+    EXPECT_EQ(result_of({"echo", std::string(300000, 'r')}).size(), 300004U);  // more than a pipe holds
+    EXPECT_EQ(result_of({"big", std::to_string(jrpc_max_reply + 1000000)}),
+              std::string(no_response) + "Message too long");
+    EXPECT_FALSE(jrpc_is_alive(handle.get()));
+}
+
+TEST_F(jrpc_test, ThreadsTakeTurnsAndGetTheirOwnReplies) {
+    constexpr int calls = 100;
+    connect();
+    std::atomic<int> right = 0;
+    {
+        std::vector<std::jthread> threads;
+        for (const char* name : {"a", "b", "c", "d", "e", "f", "g", "h"})
+            threads.emplace_back([this, name, &right] {
+                for (int i = 0; i < calls; i++)
+                    right += result_of({"echo", name, std::to_string(i)}) ==
+                             "[\"" + std::string(name) + "\",\"" + std::to_string(i) + "\"]";
+            });
+    }
+    EXPECT_EQ(right, 8 * calls);
+}
+
+// A silent agent, one that does not even read, one that floods a stream that nobody waits for.
+TEST_F(jrpc_test, AWatchEndsCallsThatWouldLastForEver) {
+    connect();
+    EXPECT_EQ(result_of({"slow", "0.2"}), "[\"late\"]");  // 20 seconds of this clock
+    const jrpc_watch_t watch(120);
+    const std::time_t begin = clock_now();
+    EXPECT_EQ(result_of({"slow", "0.2"}), "[\"late\"]");
+    EXPECT_EQ(result_of({"silence"}), std::string(no_response) + "Broken pipe");
+    EXPECT_GE(clock_now() - begin, 120);
+    EXPECT_FALSE(jrpc_is_alive(handle.get()));
+    disconnect();
+
+    ASSERT_EQ(jrpc_connect({"/bin/sleep", "100"}, &handle), nullptr);
+    EXPECT_EQ(result_of({"echo", std::string(1 << 20, 'r')}), std::string(transport_failure) + "Broken pipe");
+}
+
+TEST_F(jrpc_test, AnAgentsDeathIsSeenThoughItsChildHoldsThePipes) {
+    connect();
+    const pid_t grandchild = std::stoi(result_of({"leave_child"}));
+    EXPECT_EQ(result_of({"say_and_die", "{\"respon"}), std::string(no_response) + "Broken pipe");
+    EXPECT_EQ(kill(grandchild, SIGKILL), 0);
+}
+
+TEST_F(jrpc_test, AnAgentThatDoesNotEndIsKilled) {
+    connect();
+    EXPECT_EQ(result_of({"ignore_end"}), "null");
+    errdesc_t* const error = jrpc_disconnect(&handle);
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->number, ETIME);
+    EXPECT_THAT(error->string, HasSubstr("cmd failed"));
+    EXPECT_EQ(handle, nullptr);
+}
+
+TEST_F(jrpc_test, AgentsGetTheStandardStreamsOnly) {
+    connect();
+    std::unique_ptr<jrpc_handle_t> second;
+    ASSERT_EQ(jrpc_connect({UNRULY_AGENT}, &second), nullptr);
+    json_ptr result;
+    EXPECT_EQ(jrpc_call_raw(*second, {"descriptors"}, &result), nullptr);
+    EXPECT_EQ(text_of(result), "[0,1,2,3]");  // 3: the directory that it reads
+    // The first agent sees the end of its input, though the second was started meanwhile.
+    const std::time_t begin = clock_now();
+    EXPECT_EQ(jrpc_disconnect(&handle), nullptr);
+    EXPECT_LT(clock_now() - begin, jrpc_disconnect_timeout);
+    EXPECT_EQ(jrpc_disconnect(&second), nullptr);
+}
+
+TEST_F(jrpc_test, WhatCannotRunIsNoAgent) {
+    temp_dir_t dir;
+    const std::string data = write_file(dir / "data", "x");
+    EXPECT_FALSE(jrpc_is_alive(nullptr));
+    errdesc_t* error = jrpc_connect({data}, &handle);
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->string, data + ": Permission denied");
+    error = jrpc_connect({"/nowhere/agent", "x"}, &handle);
+    ASSERT_NE(error, nullptr);
+    EXPECT_STREQ(error->string, "/nowhere/agent: No such file or directory");
+    EXPECT_EQ(handle, nullptr);
+
+    ASSERT_EQ(jrpc_connect({dir.path()}, &handle), nullptr);
+    errdesc_t* const dead = jrpc_call(*handle, {"echo"});
+    ASSERT_NE(dead, nullptr);
+    EXPECT_EQ(dead->number, EPIPE);
+}
+
+TEST_F(jrpc_test, NeitherLogNorErrorTellsWhatWasSent) {
+    const std::string password = "open-sesame";
+    const int level = get_debug_level();
+    set_debug_level(9);
+    std::string told;
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    for (const jrpc_args_t& args : {jrpc_args_t{"flood", "1000000", password},
+                                    {"say", "garbage\n", password},
+                                    {"say", "{}{}\n", password},
+                                    {"say_and_die", "{\"errd", password}}) {
+        connect();
+        told += result_of(args);
+        told += result_of({"say", "no reply\n"});
+        errdesc_t* const error = jrpc_call(*handle, {"connect", "root", password});
+        ASSERT_NE(error, nullptr);
+        _errdesc_log(error, ERRDESC_ERROR);
+        disconnect();
+    }
+    set_debug_level(level);
+    const std::string log = testing::internal::GetCapturedStdout();
+    const std::string agents_own = testing::internal::GetCapturedStderr();
+    EXPECT_THAT(log, HasSubstr("JRPC Transport Failure"));
+    EXPECT_THAT(log, Not(HasSubstr(password)));
+    EXPECT_THAT(agents_own, Not(HasSubstr(password)));
+    EXPECT_THAT(agents_own, HasSubstr(std::string(1000000, 'f')));
+    EXPECT_THAT(told, Not(HasSubstr(password)));
+}
+
+}  // namespace
+}  // namespace mirador
