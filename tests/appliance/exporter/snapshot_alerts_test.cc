@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <regex>
 
 #include "controller/lib/controller_url.h"
 #include "lib/clock.h"
@@ -21,6 +20,11 @@ using testing::IsEmpty;
 
 constexpr const char* creation = "Snapshot creation failed";
 constexpr const char* removal = "Snapshot removal failed";
+
+std::string without_time(std::string body) {
+    const std::size_t time = body.find("\"alert_time\"");
+    return time == std::string::npos ? body : body.erase(time, body.find(", ", time) + 2 - time);
+}
 
 class snapshot_alerts : public testing::Test {
   protected:
@@ -48,13 +52,11 @@ class snapshot_alerts : public testing::Test {
 
     // What was posted since the last look, "<object> <body>" with times left out.
     std::vector<std::string> posted() {
-        static const std::regex time(R"re("alert_time": \d+, )re");
         std::vector<std::string> all;
         const std::vector<http_request_t> requests = fake_.received();
         for (; seen_ < requests.size(); seen_++)
             if (requests[seen_].method == "POST")
-                all.push_back(requests[seen_].target.substr(5) + " " +
-                              std::regex_replace(requests[seen_].body, time, ""));
+                all.push_back(requests[seen_].target.substr(5) + " " + without_time(requests[seen_].body));
         return all;
     }
 
