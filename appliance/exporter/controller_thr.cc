@@ -16,6 +16,7 @@
 #include "appliance/exporter/crash.h"
 #include "appliance/exporter/hv_thr.h"
 #include "appliance/exporter/runtime_alerts.h"
+#include "appliance/exporter/snapshot_thr.h"
 #include "appliance/exporter/vm_proxy_table.h"
 #include "appliance/lib/registry.h"
 #include "appliance/lib/vm_proxy_header.h"
@@ -127,6 +128,7 @@ void cycle(cnt_thr_life_t* life) {
     if (std::exchange(life->first_cycle, false))
         crash_recover_reset_snap_suffix();
     life->has_settings = life->has_settings || read_settings();
+    snapshot_state_init();
     if (!cnt_cycle_run({.root = state.namespaceroot, .gen = state.gen, .goes_on = is_running}, &life->folders))
         return;
     state.gen++;

@@ -11,11 +11,13 @@
 #include <array>
 #include <cerrno>
 #include <cinttypes>
+#include <condition_variable>
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 
 #include "appliance/exporter/call_tracker.h"
@@ -30,10 +32,13 @@
 #include "appliance/lib/cor_namespace.h"
 #include "appliance/lib/registry.h"
 #include "appliance/lib/shadow_names.h"
+#include "lib/clock.h"
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
 #include "lib/error_hash.h"
 #include "lib/log.h"
+#include "lib/startup.h"
+#include "lib/thread_annotations.h"
 
 namespace mirador {
 namespace {
@@ -285,6 +290,38 @@ int count_mount_points(void* data, const char* arg, int key, fuse_args*) {
     return fail;
 }
 
+// Tells when the file system is asked to end. Its loop waits for the requests on their way before it does, and one that
+// opens a disk may wait for a hypervisor.
+class ending_watch_t {
+  public:
+    ending_watch_t(fuse* handle, const std::function<void()>& on_ending)
+        : thr_([this, handle, &on_ending] { watch(handle, on_ending); }) {}
+    ~ending_watch_t() {
+        {
+            const mutex_lock_t lock(mutex_);
+            done_ = true;
+            cond_.notify_all();
+        }
+        thr_.join();
+    }
+    ending_watch_t(const ending_watch_t&) = delete;
+    ending_watch_t& operator=(const ending_watch_t&) = delete;
+
+  private:
+    void watch(fuse* handle, const std::function<void()>& on_ending) {
+        block_signals();
+        const mutex_lock_t lock(mutex_);
+        while (!done_ && fuse_exited(handle) == 0)
+            clock_wait(cond_, mutex_, 1);
+        on_ending();
+    }
+
+    mutex_t mutex_;
+    std::condition_variable_any cond_;
+    bool done_ GUARDED_BY(mutex_) = false;
+    std::thread thr_;
+};
+
 }  // namespace
 
 bool fuse_check_arguments(const fuse_args& args, bool* foreground) {
@@ -305,7 +342,7 @@ bool fuse_check_arguments(const fuse_args& args, bool* foreground) {
     return passed;
 }
 
-bool fuse_serve(fuse_args* args, const std::function<void()>& on_serving) {
+bool fuse_serve(fuse_args* args, const std::function<void()>& on_serving, const std::function<void()>& on_ending) {
     static const fuse_operations oper = mirador_oper();
     char* mountpoint = nullptr;
     int multithreaded = 0;
@@ -318,10 +355,13 @@ bool fuse_serve(fuse_args* args, const std::function<void()>& on_serving) {
         return false;
     }
     on_serving();
-    if (multithreaded != 0)
-        fuse_loop_mt(handle);
-    else
-        fuse_loop(handle);
+    {
+        const ending_watch_t watch(handle, on_ending);
+        if (multithreaded != 0)
+            fuse_loop_mt(handle);
+        else
+            fuse_loop(handle);
+    }
     fuse_teardown(handle, mountpoint);
     open_files().release_all();
     return true;

@@ -15,9 +15,11 @@ namespace mirador {
 // *foreground: they ask FUSE to stay in the foreground or to print its debug output.
 [[nodiscard]] bool fuse_check_arguments(const fuse_args& args, bool* foreground);
 
-// Mounts and serves until the file system is unmounted or a signal ends it; `on_serving` runs once the mount stands.
+// Mounts and serves until the file system is unmounted or a signal ends it; `on_serving` runs once the mount stands,
+// `on_ending`, on another thread, once its end is asked for, while requests may still be on their way.
 // The process must be in the background already if it is to be: no fork happens here. False, with a line on standard
 // error, when the mount fails.
-[[nodiscard]] bool fuse_serve(fuse_args* args, const std::function<void()>& on_serving);
+[[nodiscard]] bool fuse_serve(fuse_args* args, const std::function<void()>& on_serving,
+                              const std::function<void()>& on_ending);
 
 }  // namespace mirador

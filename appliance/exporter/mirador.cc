@@ -15,12 +15,14 @@
 #include "appliance/exporter/dm_tool.h"
 #include "appliance/exporter/fuse_front.h"
 #include "appliance/exporter/options.h"
+#include "appliance/exporter/snapshot_thr.h"
 #include "appliance/exporter/stats_thr.h"
 #include "appliance/exporter/vm_proxy_evict.h"
 #include "controller/lib/managed_alert.h"
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
 #include "lib/instance_lock.h"
+#include "lib/jrpcclnt_pool.h"
 #include "lib/startup.h"
 #include "lib/tmpfs.h"
 #include "lib/tool_paths.h"
@@ -127,6 +129,12 @@ bool remove_tmpfs() {
     return false;
 }
 
+// The daemon ends: nothing waits for hypervisors any more than it must.
+void hurry() {
+    snapshot_state_hurry();
+    jrpcclnt_pool_begin_shutdown();
+}
+
 // From recovery to the end; what has been started is stopped in the reverse order.
 int serve(fuse_args* args, background_t* background) {
     const mirador_options_t& options = fs_options();
@@ -141,16 +149,20 @@ int serve(fuse_args* args, background_t* background) {
         stats_thr_enable();
         cnt_thr_start();
     }
-    (void)fuse_serve(args, [&] { background->serving(options.log_dir != nullptr); });  // it has told its failure
+    // It has told its failure.
+    (void)fuse_serve(
+        args, [&] { background->serving(options.log_dir != nullptr); }, hurry);
+    hurry();
     if (options.start_cnt_threads != 0)
         cnt_thr_stop();
-    if (!remove_tmpfs())
-        return 1;
+    const bool removed = remove_tmpfs();
     vm_proxy_release_all();
     stats_thr_stop();
+    snapshot_state_shutdown();
     managed_alert_shutdown();
+    jrpcclnt_pool_destroy();
     cor_assert(cor_exit() == nullptr);
-    return 0;
+    return removed ? 0 : 1;
 }
 
 }  // namespace

@@ -52,6 +52,16 @@ void post_independent_disk_alert(const ks_vm_config_t& vmc, const std::string& d
         ts_printf("Failed to alert user: %s\n", failure->string);
 }
 
+void post_in_use_alert(const ks_vm_config_t& vmc, const std::string& vm_path) {
+    const errdesc_keeper_t keeper;
+    const std::string text = cor_format(
+        "Cannot remove %s (hypervisor: %s) from the namespace because there are "
+        "application(s) accessing the VM %s.\n",
+        vm_path.c_str(), ks_text(vmc.hv_hostname).c_str(), ks_text(vmc.vm_name).c_str());
+    if (errdesc_t* failure = managed_alert_post("user_defined_folder", vm_path, node_uuid(), severity, text, vmc, 0))
+        ts_printf("vm_stop_old: Failed to alert user: %s\n", failure->string);
+}
+
 errdesc_t* clear_unexpected_changeid_alert(const ks_vm_config_t& vmc) {
     return managed_alert_clear("unexpected_changeid", object_of(vmc.vm_name, ks_text(vmc.hv_hostname)), node_uuid(),
                                vmc);

@@ -16,6 +16,9 @@ void raise_vm_discovery_alert(const errdesc_t* e, const ks_vm_config_t& vmc);
 // Tells, or no longer tells, that a disk cannot be exported because snapshots leave it out.
 void post_independent_disk_alert(const ks_vm_config_t& vmc, const std::string& disk_name, bool independent);
 
+// Tells that a VM that left the inventory stays in the tree while its disks are read.
+void post_in_use_alert(const ks_vm_config_t& vmc, const std::string& vm_path);
+
 // Clears the alert that a disk's change id was not the expected one. Errors: the controller client's.
 [[nodiscard]] errdesc_t* clear_unexpected_changeid_alert(const ks_vm_config_t& vmc);
 

@@ -7,6 +7,7 @@
 
 #include "appliance/exporter/export_names.h"
 #include "appliance/exporter/runtime_alerts.h"
+#include "appliance/exporter/snapshot_thr.h"
 #include "appliance/exporter/stats_thr.h"
 #include "appliance/exporter/vm_proxy_evict.h"
 #include "appliance/exporter/vm_proxy_open.h"
@@ -63,6 +64,7 @@ std::unique_ptr<fuse_fh_t> fuse_fh_new(unique_fd fd, const cookie_ptr& shared, c
         cookie.header.type == VM_PROXY_HEADER_VMDK_FLAT || cookie.header.type == VM_PROXY_HEADER_VMDK_CORCBT;
     fh->path = cookie.path;
     fh->extended_error_path = extended_error_path(cookie);
+    fh->snapshot = cookie.snapshot;
     fh->vdskdesc = cookie.vdskdesc;
     fh->cookie = shared;
     return fh;
@@ -162,6 +164,8 @@ errdesc_t* vm_proxy_release(const std::string& path, std::unique_ptr<fuse_fh_t> 
         cookie.ref--;
         cor_assert(cookie.ref >= 0);
         cookie.stamp = clock_now();
+        if (cookie.header.type == VM_PROXY_HEADER_VMDK_FLAT && cookie.ref == 0)
+            kick_snapshot_thr();
     } else if (fh->collect_stats) {
         stats_thr_close_stats(fh->path, fh->cbt_losetup);  // it may have read on since the cookie was torn down
     }

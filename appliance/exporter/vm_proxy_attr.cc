@@ -7,6 +7,7 @@
 
 #include "appliance/exporter/controller_thr.h"
 #include "appliance/exporter/export_names.h"
+#include "appliance/exporter/snapshot_command.h"
 #include "appliance/exporter/vm_proxy_open.h"
 #include "appliance/exporter/vm_proxy_table.h"
 #include "appliance/exporter/vm_update.h"
@@ -61,6 +62,10 @@ const errdesc_t* saved_error(const std::string& path) {
     return error_hash_get(losetup_file_to_export(path, &export_path) == nullptr ? export_path : path);
 }
 
+bool is_command(const std::string& name) {
+    return name.starts_with(snapshot_command_name);
+}
+
 // The value of an attribute; *length counts its terminator, and is 0 for a value that is not there at all.
 errdesc_t* attribute_value(const std::string& path, const std::string& shadow_path, const std::string& name,
                            std::string* value, std::size_t* length) {
@@ -80,9 +85,19 @@ errdesc_t* attribute_value(const std::string& path, const std::string& shadow_pa
         *value = saved == nullptr ? "" : saved->string;
         *length = 1;
     }
+    if (is_command(name))
+        *value = snapshot_command(shadow_path, name);
     if (!value->empty())
         *length = value->size() + 1;
     return nullptr;
+}
+
+// Who asks how long a command's value is will ask for the value next: the command is carried out only once.
+bool is_length_of_command(const std::string& name, std::size_t room, std::size_t* length) {
+    if (room != 0 || !is_command(name))
+        return false;
+    *length = snapshot_command_max;
+    return true;
 }
 
 }  // namespace
@@ -110,10 +125,12 @@ errdesc_t* vm_proxy_getxattr(const std::string& path, const std::string& shadow_
                              char* value, std::size_t* size) {
     ts_dprintf(2, "vm_proxy_getxattr : path %s, name %s, size %zd\n", path.c_str(), name.c_str(),
                static_cast<ssize_t>(*size));
+    const std::size_t room = *size;
+    if (is_length_of_command(name, room, size))
+        return nullptr;
     std::string text;
     std::size_t length = 0;
     RETURN_IF_ERROR(attribute_value(path, shadow_path, name, &text, &length));
-    const std::size_t room = *size;
     *size = length;
     if (value == nullptr || room == 0)
         return nullptr;

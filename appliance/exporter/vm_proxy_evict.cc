@@ -11,7 +11,6 @@
 
 #include "appliance/exporter/snapshot_thr.h"
 #include "appliance/exporter/stats_thr.h"
-#include "appliance/lib/registry.h"
 #include "lib/clock.h"
 #include "lib/cor_assert.h"
 #include "lib/log.h"
@@ -61,7 +60,7 @@ bool read_vmdk_ref(const std::string& path, int* ref) {
     return true;
 }
 
-errdesc_t* evict_flat(vm_proxy_cookie_t& cookie, bool check_vmdk_ref) REQUIRES(cookie.mutex) {
+void evict_flat(vm_proxy_cookie_t& cookie, bool check_vmdk_ref) REQUIRES(cookie.mutex) {
     if (cookie.vdskdesc != nullptr) {
         const std::string extent_path = cookie.vdskdesc->vdsk_extent_path;
         cookie.vdskdesc.reset();
@@ -73,8 +72,7 @@ errdesc_t* evict_flat(vm_proxy_cookie_t& cookie, bool check_vmdk_ref) REQUIRES(c
     cookie.publish_info();
     stats_thr_close_stats(cookie.path, false);
     stats_thr_close_stats(cookie.path, true);
-    return snapshot_update(cookie.path, cookie.shadow_path, get_reg_settings()->names().master_uuid, SNAPSHOT_REMOVE,
-                           &cookie.header, &cookie.virtual_machine, &cookie.snapshot_time);
+    cookie.snapshot.reset();
 }
 
 cookie_ptr pop_cookie(vm_proxy_open_list_t& table) {
@@ -138,7 +136,8 @@ errdesc_t* vm_proxy_evict(bool force) {
 errdesc_t* vm_proxy_do_evict(vm_proxy_cookie_t& cookie, bool check_vmdk_ref) {
     switch (cookie.header.type) {
         case VM_PROXY_HEADER_VMDK_FLAT:
-            return evict_flat(cookie, check_vmdk_ref);
+            evict_flat(cookie, check_vmdk_ref);
+            return nullptr;
         case VM_PROXY_HEADER_VMDK_ASCII:
         case VM_PROXY_HEADER_VMX:
         case VM_PROXY_HEADER_CFG:

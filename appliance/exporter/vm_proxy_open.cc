@@ -63,10 +63,19 @@ errdesc_t* find_volumes(vdskdesc_t& disk) {
     return nullptr;
 }
 
+// Freezes the VM's disks. It may last, and the path may meanwhile have become another VM's.
+errdesc_t* take_snapshot(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
+    const std::string vm_uuid = cookie.header.vm_uuid;
+    RETURN_IF_ERROR(snapshot_use_t::take(cookie.path, cookie.shadow_path, &cookie.header, &cookie.virtual_machine,
+                                         &cookie.snapshot_time, &cookie.snapshot));
+    if (vm_uuid != cookie.header.vm_uuid)
+        return errdesc_set_fmt(EBUSY, "%s: another disk has taken this path", cookie.path.c_str());
+    return nullptr;
+}
+
 // Everything that happens once for a cookie, before its device can be opened.
 errdesc_t* first_open(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
-    RETURN_IF_ERROR(snapshot_update(cookie.path, cookie.shadow_path, get_reg_settings()->names().master_uuid,
-                                    SNAPSHOT_CREATE, &cookie.header, &cookie.virtual_machine, &cookie.snapshot_time));
+    RETURN_IF_ERROR(take_snapshot(cookie));
     ts_printf("vm_proxy_open_vmdk_flat: opening %s on %s (%s)\n", cookie.header.path, cookie.virtual_machine.c_str(),
               cookie.header.hv_name);
     RETURN_IF_ERROR(set_up_chain(cookie));

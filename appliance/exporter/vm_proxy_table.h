@@ -8,8 +8,8 @@
 //   - it leaves when it is chosen as a victim, when an open of it fails or finds that the path leads elsewhere by now,
 //     or at shutdown. What left never comes back: `detached` is set then, and the next open of the path makes a new
 //     cookie.
-// A handle owns what it reads from (descriptor, mapping, overlay, byte counter), so it goes on working when its cookie
-// has left the table; releasing it then changes no count.
+// A handle owns what it reads from (descriptor, mapping, snapshot, overlay, byte counter), so it goes on working when
+// its cookie has left the table; releasing it then changes no count.
 //
 // Locks, in this order: the table lock (`mutex`: one open, release or idle eviction at a time), a cookie's `mutex`
 // (its state while it is opened or torn down), `list_mutex` (the list itself, held for moments only). Choosing a victim
@@ -31,6 +31,8 @@
 #include "lib/thread_annotations.h"
 
 namespace mirador {
+
+class snapshot_use_t;
 
 // Bytes that replace the underlying ones in a range of an exported file.
 struct fuse_fh_buffer_t {
@@ -67,7 +69,8 @@ struct vm_proxy_cookie_t {
     std::string virtual_machine GUARDED_BY(mutex);     // the VM's name
     std::string devicemapper_path GUARDED_BY(mutex);   // block device that the data comes from; empty: not opened yet
     fuse_fh_buffer_t buffered_data GUARDED_BY(mutex);  // the overlay
-    std::shared_ptr<vdskdesc_t> vdskdesc GUARDED_BY(mutex);  // the opened chain; torn down with its last owner
+    std::shared_ptr<snapshot_use_t> snapshot GUARDED_BY(mutex);  // what the chain is frozen by; given back likewise
+    std::shared_ptr<vdskdesc_t> vdskdesc GUARDED_BY(mutex);      // the opened chain; torn down with its last owner
     vm_proxy_header_t header GUARDED_BY(mutex) = {};
     bool detached GUARDED_BY(mutex) = false;  // has left the table
 
@@ -88,6 +91,7 @@ struct fuse_fh_t {
 
     std::uint32_t magic = magic_value;
     std::uint32_t version = version_value;
+    std::shared_ptr<snapshot_use_t> snapshot;  // keeps the snapshot below the mapping
     unique_fd fd;
     fuse_fh_buffer_t buffered_data;
     bool collect_stats = false;  // what is read is counted

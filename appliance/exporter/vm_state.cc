@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "appliance/exporter/vm_state.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <utility>
 
+#include "appliance/exporter/snapshot_thr.h"
 #include "appliance/exporter/vm_alerts.h"
 #include "appliance/exporter/vm_proxy_remove.h"
 #include "appliance/lib/registry.h"
@@ -222,20 +224,14 @@ errdesc_t* update_vm(const ks_vm_config_t& vmc, const ks_hypervisor_config_t& hv
     return create(vm_path, vmc, hvc, root, gen);
 }
 
+ks_vm_config_t config_of(const vm_state_t& vm) {
+    const read_lock_t lock(vm.vmc_rwlock);
+    return vm.vmc;
+}
+
 bool is_on(const vm_state_t& vm, const std::string& hv_hostname) {
     const read_lock_t lock(vm.vmc_rwlock);
     return vm.vmc.hv_hostname == hv_hostname;
-}
-
-// The number of snapshots of a VM that the controller has seen.
-errdesc_t* count_snapshots(const std::string& vm_shadow_path, int* count) {
-    const vm_state_ref_t state = vm_state_get(vm_shadow_path);
-    if (!state)
-        return errdesc_set_fmt(EINVAL, "Cannot find VM in %s", vm_shadow_path.c_str());
-    const vm_state_t& vm = *state;
-    const read_lock_t lock(vm.vmc_rwlock);
-    *count = vm.vmc.snap_exists;
-    return nullptr;
 }
 
 }  // namespace
@@ -284,11 +280,13 @@ void vm_stop_old(std::uint64_t gen) {
         vm_state_ref_t state = vm_state_get(key);
         if (!state || (*state).gen == gen)
             continue;
-        {
-            const vm_state_t& vm = *state;
-            const read_lock_t vmc_lock(vm.vmc_rwlock);
-            ts_printf("vm_stop_old: releasing %s (hv_name: %s)\n", key.c_str(), ks_text(vm.vmc.hv_hostname).c_str());
+        const ks_vm_config_t vmc = config_of(*state);
+        const std::string hv_name = ks_text(vmc.hv_hostname);
+        if (snapshot_existed(hv_name, ks_text(vmc.uuid))) {
+            post_in_use_alert(vmc, key);
+            continue;
         }
+        ts_printf("vm_stop_old: releasing %s (hv_name: %s)\n", key.c_str(), hv_name.c_str());
         vm_state_release(std::move(state), true);
     }
 }
@@ -301,14 +299,25 @@ void vm_state_each(const std::string& hv_hostname, const std::function<bool(vm_s
     }
 }
 
-errdesc_t* vm_wait_snapshot(const std::string& vm_shadow_path, int snapshot_expected, std::time_t timeout) {
+errdesc_t* vm_count_snapshots(const std::string& vm_shadow_path, int* count) {
+    const vm_state_ref_t state = vm_state_get(vm_shadow_path);
+    if (!state)
+        return errdesc_set_fmt(EINVAL, "Cannot find VM in %s", vm_shadow_path.c_str());
+    const vm_state_t& vm = *state;
+    const read_lock_t lock(vm.vmc_rwlock);
+    *count = std::max(vm.vmc.snap_exists, 0);
+    return nullptr;
+}
+
+errdesc_t* vm_wait_snapshot(const std::string& vm_shadow_path, int snapshot_expected, std::time_t timeout,
+                            const std::function<bool()>& goes_on) {
     const std::time_t start = clock_now();
     for (;;) {
         int found = 0;
-        RETURN_IF_ERROR(count_snapshots(vm_shadow_path, &found));
+        RETURN_IF_ERROR(vm_count_snapshots(vm_shadow_path, &found));
         if (snapshot_expected == 0 ? found == 0 : found >= snapshot_expected)
             return nullptr;
-        if (clock_now() - start >= timeout)
+        if (clock_now() - start >= timeout || (goes_on && !goes_on()))
             return errdesc_set_fmt(ETIME, "Cannot find %d snapshots on %s in %jd seconds, only found %d snapshots",
                                    snapshot_expected, vm_shadow_path.c_str(), static_cast<std::intmax_t>(timeout),
                                    found);

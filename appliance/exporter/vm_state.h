@@ -97,9 +97,12 @@ void vm_stop_old(std::uint64_t gen);
 // Calls `visit` for each VM of a hypervisor until it returns false.
 void vm_state_each(const std::string& hv_hostname, const std::function<bool(vm_state_t&)>& visit);
 
+// The number of this vendor's snapshots that the controller has seen on a VM. Error: EINVAL for an unknown VM.
+[[nodiscard]] errdesc_t* vm_count_snapshots(const std::string& vm_shadow_path, int* count);
+
 // Waits until the controller has seen as many snapshots of a VM as expected: none, or at least that many. Errors:
-// EINVAL for an unknown VM; ETIME after `timeout` seconds.
-[[nodiscard]] errdesc_t* vm_wait_snapshot(const std::string& vm_shadow_path, int snapshot_expected,
-                                          std::time_t timeout);
+// EINVAL for an unknown VM; ETIME after `timeout` seconds, or sooner when `goes_on` (null: always) says no.
+[[nodiscard]] errdesc_t* vm_wait_snapshot(const std::string& vm_shadow_path, int snapshot_expected, std::time_t timeout,
+                                          const std::function<bool()>& goes_on);
 
 }  // namespace mirador

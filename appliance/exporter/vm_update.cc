@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "appliance/exporter/controller_thr.h"
+#include "appliance/exporter/snapshot_state.h"
 #include "appliance/exporter/vm_alerts.h"
 #include "appliance/exporter/vm_cbt_reset.h"
 #include "appliance/exporter/vm_proxy_touch.h"
@@ -209,7 +210,7 @@ errdesc_t* refresh(vm_state_t* vm, bool force, bool keep_mtime) {
     const std::time_t now = clock_now();
     if (!wants_update(*vm, force, now))  // another thread has made it meanwhile
         return nullptr;
-    if (!force && has_snapshot(*vm)) {
+    if (!force && (has_snapshot(*vm) || snapshot_state_is_locked(vm->vm_path))) {
         ts_dprintf(skip_level, "%s skipping refresh because of snapshot lock\n", vm->vm_path.c_str());
         return nullptr;
     }

@@ -192,19 +192,19 @@ TEST_F(vm_state_test, WaitsUntilTheControllerSeesTheSnapshots) {
     ASSERT_EQ(take(vm), 0);
     manual_clock_t clock(1000);
     const std::string path = shadow_ + "/esx1/vm";
-    EXPECT_EQ(vm_wait_snapshot(path + "x", 1, 300)->number, EINVAL);
-    const errdesc_t* e = vm_wait_snapshot(path, 1, 300);
+    EXPECT_EQ(vm_wait_snapshot(path + "x", 1, 300, nullptr)->number, EINVAL);
+    const errdesc_t* e = vm_wait_snapshot(path, 1, 300, nullptr);
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->number, ETIME);
     EXPECT_EQ(clock.slept(), 300);
-    EXPECT_EQ(vm_wait_snapshot(path, 0, 0)->number, ETIME);  // -1 is not none
+    EXPECT_EQ(vm_wait_snapshot(path, 0, 0, nullptr), nullptr);  // none known: -1
     vm.snap_exists = 2;
     ASSERT_EQ(take(vm, 2), 0);
-    EXPECT_EQ(vm_wait_snapshot(path, 1, 0), nullptr);
-    EXPECT_EQ(vm_wait_snapshot(path, 0, 0)->number, ETIME);
+    EXPECT_EQ(vm_wait_snapshot(path, 1, 0, nullptr), nullptr);
+    EXPECT_EQ(vm_wait_snapshot(path, 0, 0, nullptr)->number, ETIME);
     vm.snap_exists = 0;
     ASSERT_EQ(take(vm, 3), 0);
-    EXPECT_EQ(vm_wait_snapshot(path, 0, 0), nullptr);
+    EXPECT_EQ(vm_wait_snapshot(path, 0, 0, nullptr), nullptr);
 }
 
 // Updates, cycles and look-ups of one VM at the same time.

@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: Apache-2.0
+// The snapshot of a VM that open disks are read from: its record, its name and the lock file in the VM's directory.
+//
+// A record's users are counted; the snapshot goes when it has had none for a while (snapshot_remove.h). While it exists
+// a shared flock on the VM's lock file tells other programs that the VM's directory is to stay as it is.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "appliance/lib/snapshot.h"
+#include "controller/lib/kestrel_types.h"
+#include "lib/errdesc.h"
+#include "lib/file_io.h"
+#include "lib/list.h"
+
+namespace mirador {
+
+struct snapshot_state_t {
+    static constexpr std::uint32_t magic_value = 0xbbbbccbb;
+    static constexpr std::uint32_t version_value = 1;
+
+    // Constant from the moment in which the record enters the list.
+    std::uint32_t magic = magic_value;
+    std::uint32_t version = version_value;
+    std::string hvname;                         // hypervisor's host name
+    std::string vmname;                         //
+    std::string vmuuid;                         //
+    std::string snapshotname;                   // on the hypervisor
+    std::optional<std::string> vm_shadow_path;  // absent for one that an earlier run left behind
+    std::time_t ctime = 0;                      // when the snapshot was made
+    bool quiesce = false;
+    bool snapshot_created = false;      // the hypervisor has it, or may have it: it must be removed
+    ks_hypervisor_config_t hypervisor;  // as last known, for a removal while the controller is away
+
+    // Under the thread's mutex.
+    std::int64_t ref = 0;   // users; never negative
+    std::time_t atime = 0;  // last change of `ref`
+    unique_fd lockfd;       // holds the lock on the VM's lock file
+
+    bool is_leftover() const { return !vm_shadow_path; }
+};
+using snapshot_state_ptr = std::shared_ptr<snapshot_state_t>;
+using snapshot_list_t = list_t<snapshot_state_ptr>;
+
+// Magic and version of a record are right, and its count is not negative (asserted).
+void snapshot_state_check(const snapshot_state_t& state);
+
+// The record of a VM; null when the list has none. Takes the list's own mutex only.
+snapshot_state_ptr snapshot_state_find(const snapshot_list_t& list, const std::string& hv_name,
+                                       const std::string& vm_uuid);
+
+// Prints the list, at debug level 2.
+void snapshot_state_dump(const snapshot_list_t& list);
+
+// The request that names the state's snapshot on a hypervisor.
+snapshotdesc_t snapshot_state_desc(const snapshot_state_t& state, const ks_hypervisor_config_t& hvc, bool blocking);
+
+// Names. All snapshots of this vendor begin with "<vendor id>: ", those of this appliance with "<vendor id>: <uuid>";
+// the VM's suffix, where it has one, comes behind a blank.
+
+// Errors: EINVAL for a suffix of 21 characters or more; ERR_NOT_AVAILABLE while vendor or uuid is empty, for such a
+// name would pass for everybody's.
+[[nodiscard]] errdesc_t* snapshot_name_make(const std::string& vendor_id, const std::string& uuid,
+                                            const ks_string_t& suffix, std::string* name);
+
+// Regular expressions for the agent, the names' own characters escaped: of this appliance, of this vendor.
+std::string snapshot_name_pattern(const std::string& vendor_id, const std::string& uuid);
+std::string snapshot_name_pattern(const std::string& vendor_id);
+
+// Whether a name is one of this vendor's; of this appliance's. Neither is while vendor or uuid is empty.
+bool snapshot_name_is_vendors(const std::string& name, const std::string& vendor_id);
+bool snapshot_name_is_ours(const std::string& name, const std::string& vendor_id, const std::string& uuid);
+
+// Opens the lock file in the directory of `path`, making it where it is missing, and takes a lock on it: a shared one,
+// waiting for it, or an exclusive one, at once or not at all. Errors: errno with the lock file's path.
+[[nodiscard]] errdesc_t* snapshot_state_lock(const std::string& path, unique_fd* fd, bool shared);
+
+// Whether somebody holds a lock on the lock file of a VM's directory.
+bool snapshot_state_is_locked(const std::string& dir);
+
+}  // namespace mirador
