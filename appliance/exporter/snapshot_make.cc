@@ -141,18 +141,17 @@ errdesc_t* follow_snapshot(const snapshot_state_t& state, int expected, attempts
 }
 
 errdesc_t* fill_state(const snapshot_request_t& request, snapshot_state_t* state) {
+    const std::string& vendor_id = get_reg_settings()->names().vendor_id;
+    RETURN_IF_ERROR(snapshot_name_make(vendor_id, request.caller_uuid, std::nullopt, &state->snapshotname));
     std::unique_ptr<ks_vm_config_t> vmc;
-    errdesc_t* e = controller_get_vm(&vmc, request.vmuuid);
-    if (e != nullptr)
-        return e;
+    RETURN_IF_ERROR(controller_get_vm(&vmc, request.vmuuid));
     if (vmc == nullptr)
         return errdesc_set_fmt(EINVAL,
                                "Cannot find VM config for vm_uuid %s (hv_name %s, path %s), the uuid may be invalid.",
                                request.vmuuid.c_str(), request.hvname.c_str(), request.path.c_str());
     state->vmname = ks_text(vmc->vm_name);
     state->quiesce = vmc->quiesce_enabled;
-    return snapshot_name_make(get_reg_settings()->names().vendor_id, request.caller_uuid, vmc->snap_suffix,
-                              &state->snapshotname);
+    return snapshot_name_make(vendor_id, request.caller_uuid, vmc->snap_suffix, &state->snapshotname);
 }
 
 errdesc_t* make(const snapshot_request_t& request, snapshot_state_t* state) {

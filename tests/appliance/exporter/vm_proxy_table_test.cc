@@ -173,7 +173,7 @@ TEST_F(vm_proxy_table, FailedOpenIsSavedForItsPathAndLeavesNothing) {
 
     const std::string snapshotted = expose("s-flat.vmdk", VM_PROXY_HEADER_VMDK_FLAT, fake_vdsk().device, "hv1", false);
     EXPECT_EQ(open(snapshotted), nullptr);
-    EXPECT_EQ(saved_number(snapshotted), ERR_NOT_SUPPORTED);
+    EXPECT_EQ(saved_number(snapshotted), ERR_NOT_AVAILABLE);
 }
 
 TEST_F(vm_proxy_table, PipeInThePlaceOfAFileHoldsNobody) {
