@@ -7,7 +7,7 @@ import sys
 from collections.abc import Callable
 from typing import NoReturn
 
-from . import choices, commands, serving, worker
+from . import choices, commands, serving, snapshot_arguments, worker
 from .faults_told import Refused, reason
 from .places import PROGRAM
 from .state import state_of
@@ -79,6 +79,9 @@ def _parser() -> argparse.ArgumentParser:
     refresh = top.add("refresh", "let the daemon read machines anew", commands.refresh)
     refresh.add_argument("vm", metavar="VM", nargs="*")
     refresh.add_argument("--first", type=number, default=0, metavar="N", help="the first N machines as well")
+    snapshot_arguments.add_snapshots(top)
+    snapshot_arguments.add_guest(top)
+    snapshot_arguments.add_faults(top)
     _add_others(top)
     return parser
 

@@ -6,7 +6,7 @@ import sys
 import time
 import uuid
 
-from . import choices, settings, status, synthetic
+from . import choices, overview, settings, status, synthetic
 from .faults_told import Refused, reason
 from .installer import install
 from .records import Vm
@@ -15,7 +15,8 @@ from .store import Store
 
 
 def show_status(options: argparse.Namespace) -> int:
-    found = status.collect(open_store(options), Lock(state_of(options)).is_taken())
+    store = open_store(options)
+    found = status.collect(store, Lock(state_of(options)).is_taken(), overview.of_all(store, places_of(options)))
     text = json.dumps(found, ensure_ascii=False, indent=1) + "\n" if options.json else status.as_text(found)
     sys.stdout.buffer.write(text.encode("utf-8", "backslashreplace"))  # stray bytes as "\udc..", which is JSON
     sys.stdout.buffer.flush()
@@ -36,7 +37,7 @@ def set_setting(options: argparse.Namespace) -> int:
 
 
 def install_scripts(options: argparse.Namespace) -> int:
-    install(places_of(options), options.port, options.https)
+    install(places_of(options), state_of(options), options.port, options.https)
     return 0
 
 

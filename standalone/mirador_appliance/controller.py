@@ -4,6 +4,7 @@ Documents are kept as the bytes that go out and made anew when something in them
 should see ends in a new generation. Any thread may call anything.
 """
 
+import sqlite3
 import threading
 import time
 from collections.abc import Callable, Iterable
@@ -16,6 +17,7 @@ from .facts import Facts
 from .generation import Generation
 from .inventory import Inventory, Key
 from .records import Vm
+from .snapshot_names import owns
 from .statistics import StatisticsBook
 from .store import Store
 from .texts import pack
@@ -41,7 +43,7 @@ class Controller:
         self._lock = threading.RLock()
         self._store = store
         self._say = say
-        self.generation = Generation(choices.prepare(store))
+        self.generation = Generation(choices.prepare(store), self._note_generation)
         self._stores = {datastore.name: datastore for datastore in stores}
         self._settings = choices.current_settings(store)
         self._choices = store.choices()
@@ -68,6 +70,13 @@ class Controller:
         vms = [Vm(uuid, changed, facts) for uuid, changed, facts in self._store.vms()]
         self._store.remove_vms(vm.key for vm in vms if vm.key[0] not in self._stores)
         self._vms = Inventory(vm for vm in vms if vm.key[0] in self._stores)
+
+    def _note_generation(self, token: str) -> None:
+        """For whoever waits until the daemon has taken it over."""
+        try:
+            self._store.set_meta("generation", token)
+        except sqlite3.Error:
+            pass  # then nobody waits
 
     def _notes_by_vm(self) -> dict[str, dict[str, dict[str, Any]]]:
         notes: dict[str, dict[str, dict[str, Any]]] = {}
@@ -105,8 +114,12 @@ class Controller:
 
     def _own_snapshots(self, vm: Vm) -> int:
         """Snapshots of others are none of the daemon's business: it would wait for them to go."""
-        mine = f"{self._settings['vendor.id']}: {self._settings['controller.uuid']}"
-        return sum(name == mine or name.startswith(f"{mine} ") for name in vm.facts["snapshots"])
+        return sum(owns(self._settings, name) for name in vm.facts["snapshots"])
+
+    def _readable_disks(self, vm: Vm) -> list[dict[str, Any]]:
+        """The disks as the daemon is to read them: as this appliance's newest snapshot froze them, else as they are."""
+        mine = [name for name in vm.facts["snapshots"] if owns(self._settings, name)]
+        return vm.facts.get("frozen", {}).get(mine[-1], []) if mine else vm.facts["disks"]
 
     def disks(self, uuid: str | None, name: str | None = None) -> bytes:
         """All disks, those of a VM, or those of a VM that have a name; changed-block files' records included."""
@@ -128,7 +141,7 @@ class Controller:
         if vm is None:
             return []
         notes = self._notes.get(uuid, {})
-        disks = [records.disk_document(uuid, disk, notes.get(disk["name"], {})) for disk in vm.facts["disks"]]
+        disks = [records.disk_document(uuid, disk, notes.get(disk["name"], {})) for disk in self._readable_disks(vm)]
         companions = [records.companion_document(uuid, name, note) for name, note in notes.items()
                       if records.COMPANION in name]
         return disks + companions
@@ -338,6 +351,7 @@ class Controller:
                     self._vms.set_change_time(uuid, changed)
             if self._commanded() != before:
                 self._vm_documents.clear()
+                self._disk_documents.clear()
                 self.generation.bump(again=True)
             self._foreign = changes
 

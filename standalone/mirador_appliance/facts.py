@@ -9,6 +9,8 @@ Facts are a dict, as the worker tells them and the database keeps them:
     working_directory  hypervisor's path of the directory that snapshots go to
     snapshots    names of its snapshots
     files        digest of sizes and times of everything read; differs when a file does
+    frozen       what snapshots of appliances have frozen: name of the snapshot -> list as in disks, whose heads are what
+                 the newest snapshot of that name froze
     disks        list of {name, independent, thin (0 or 1), capacity (bytes), and for base and head:
                  base_ascii_path, base_extent_path (hypervisor's paths), base_ascii_size, base_extent_size (bytes), …}
     problems     list of [object, text]: what of it cannot be exported, and why; object "" for the VM
@@ -22,6 +24,9 @@ from typing import Any
 from . import vmdk, vmsd
 from .datastores import Datastore, Elsewhere, Volumes
 from .faults_told import reason
+from .hypervisor.machine import Refused
+from .hypervisor.snapshots import frozen
+from .snapshot_names import is_appliances
 from .uuids import normalised
 from .vmdk import Unreadable
 
@@ -94,12 +99,13 @@ def _whereabouts(path: str, volumes: Volumes) -> str:
 
 
 class _DiskReader:
-    """Reads the disks of one VM and notes each file that it looked at."""
+    """Reads the disks of one VM. seen: each file that was looked at; written: those that the VM writes to."""
 
     def __init__(self, record: VmxRecord, volumes: Volumes) -> None:
         self._volumes = volumes
         self._directories = list(dict.fromkeys([_working_directory(record, volumes), os.path.dirname(record.path)]))
         self.seen: list[str] = []
+        self.written: set[str] = set()
 
     def _locate(self, name: str, directory: str) -> str:
         try:
@@ -113,13 +119,14 @@ class _DiskReader:
         self.seen.extend(candidates)
         return next((path for path in candidates if os.path.isfile(path)), candidates[-1])
 
-    def read(self, disk: VmxDisk) -> dict[str, Any]:
-        """One disk's facts. Unreadable."""
-        chain = vmdk.read_chain(self._head(disk.name), self._locate, self.seen)
+    def read(self, disk: VmxDisk, head: str | None) -> dict[str, Any]:
+        """One disk's facts. head: local path of the descriptor to take for its head. Unreadable."""
+        chain = vmdk.read_chain(head or self._head(disk.name), self._locate, self.seen)
         vmdk.check_exportable(chain)
         if disk.refused:
             raise Unreadable(disk.refused)
         head, base = chain[0], chain[-1]
+        self.written.update(head.extent_paths)
         return {
             "name": os.path.basename(base.descriptor.path),
             "independent": int(disk.is_independent),
@@ -139,15 +146,37 @@ class _DiskReader:
         }
 
 
-def _read_disks(record: VmxRecord, reader: _DiskReader, problems: list[list[str]]) -> list[dict[str, Any]]:
+def _read_disks(record: VmxRecord, reader: _DiskReader, problems: list[list[str]],
+                heads: dict[str, str] | None = None) -> list[dict[str, Any]]:
+    """heads: local paths of the descriptors to take for the disks' heads, by the disks' names; a disk without one is
+    then left out."""
     disks = []
     for disk in record.disks:
         try:
-            disks.append(reader.read(disk))
+            if heads is not None and disk.name not in heads:
+                raise Unreadable("what its snapshot froze is not to be found")
+            disks.append(reader.read(disk, heads and heads[disk.name]))
         except (Unreadable, OSError) as fault:  # a file may go while it is looked at
             why = reason(fault) if isinstance(fault, OSError) else str(fault)
-            problems.append([disk.name, f"Disk '{disk.name}' cannot be exported: {why}."])
+            if all(item != disk.name for item, _ in problems):
+                problems.append([disk.name, f"Disk '{disk.name}' cannot be exported: {why}."])
     return disks
+
+
+def _read_frozen(record: VmxRecord, reader: _DiskReader, names: list[str], volumes: Volumes,
+                 problems: list[list[str]]) -> dict[str, list[dict[str, Any]]]:
+    """What appliances' snapshots have frozen. When that is not to be found, no disks: those that the VM writes to are
+    never served in their place."""
+    found = {}
+    for name in dict.fromkeys(filter(is_appliances, names)):
+        heads: dict[str, str] = {}
+        try:
+            heads = {disk.name: disk.frozen for disk in frozen(record.path, name.__eq__, names=volumes)}
+        except (Refused, OSError) as fault:
+            why = reason(fault) if isinstance(fault, OSError) else fault.text
+            problems.append(["snapshots", f"Snapshot '{name}' of '{record.name}' cannot be read: {why}."])
+        found[name] = _read_disks(record, reader, problems, heads)
+    return found
 
 
 def gather(record: VmxRecord, store: Datastore, volumes: Volumes) -> tuple[Facts, list[str]]:
@@ -167,6 +196,8 @@ def gather(record: VmxRecord, store: Datastore, volumes: Volumes) -> tuple[Facts
     except OSError as error:
         snapshots = []
         problems.append(["snapshots", f"The snapshots of '{relative}' cannot be read: {reason(error)}."])
+    holder = _DiskReader(record, volumes)
+    held = _read_frozen(record, holder, snapshots, volumes, problems)
     facts = {
         "datastore": store.name,
         "vmx_path": relative,
@@ -174,7 +205,10 @@ def gather(record: VmxRecord, store: Datastore, volumes: Volumes) -> tuple[Facts
         "uuids": [text for text in map(normalised, record.uuids) if text],
         "working_directory": volumes.hypervisor_path(_working_directory(record, volumes)),
         "snapshots": snapshots,
+        "frozen": held,
         "disks": disks,
         "problems": problems,
     }
-    return facts, [record.path, vmsd_path(record.path), *dict.fromkeys(reader.seen)]
+    seen = dict.fromkeys([record.path, vmsd_path(record.path), *reader.seen, *holder.seen])
+    passing = reader.written - set(holder.seen) if held else set()  # nobody is told of these as long as that is held
+    return facts, [path for path in seen if path not in passing]

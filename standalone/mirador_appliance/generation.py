@@ -8,14 +8,17 @@ _LOOK = 1.0  # seconds between two looks whether the waiting client is still the
 
 
 class Generation:
-    """A token "START-NUMBER": START counts the controller's starts, so that no token comes twice. Thread-safe."""
+    """A token "START-NUMBER": START counts the controller's starts, so that no token comes twice. Thread-safe.
+    told: receives every token before it can be seen."""
 
-    def __init__(self, start: int) -> None:
+    def __init__(self, start: int, told: Callable[[str], None] = lambda token: None) -> None:
         self._start = start
+        self._told = told
         self._number = 0
         self._again = False
         self._ended = False
         self._changed = threading.Condition()
+        told(self.token)
 
     @property
     def token(self) -> str:
@@ -25,6 +28,7 @@ class Generation:
         """A new token. again: once it has been taken over, another one; for what takes the daemon two passes."""
         with self._changed:
             self._number += 1
+            self._told(self.token)
             self._again = self._again or again
             self._changed.notify_all()
             return self.token

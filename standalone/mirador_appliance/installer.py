@@ -10,22 +10,25 @@ import shutil
 
 from .faults_told import Refused, reason
 from .places import Places
+from .texts import to_bytes
 
 _SOURCES = pathlib.Path(__file__).resolve().parent / "scripts"
+_LIBRARY = pathlib.Path(__file__).resolve().parents[1]  # what the agent's program is made of
 _MARK = b"# Installed by mirador-appliance."
 _FUSERMOUNT = "fusermount"
 
 
-def install(places: Places, port: int, use_https: bool) -> None:
-    """Installs the scripts and tells them where the controller is. Programs of somebody else are not replaced:
-    Refused."""
+def install(places: Places, state: pathlib.Path, port: int, use_https: bool) -> None:
+    """Installs the scripts and tells them where the controller and its state are. Programs of somebody else are not
+    replaced: Refused."""
     try:
-        for target in (places.brand_script, places.watchdog_script):
+        for target in (places.brand_script, places.watchdog_script, places.agent_script):
             _install_script(_SOURCES / target.name, target)
         _link_fusermount(places.product / "bin" / _FUSERMOUNT)
         text = (f"# Written by mirador-appliance when it starts.\ncontroller.port = {port}\n"
-                f"controller.use_https = {int(use_https)}\n")
-        _replace(places.controller_conf, text.encode(), 0o644)
+                f"controller.use_https = {int(use_https)}\nappliance.library = {_LIBRARY}\n"
+                f"appliance.state = {os.path.realpath(state)}\nappliance.root = {places.root}\n")
+        _replace(places.controller_conf, to_bytes(text), 0o644)
     except OSError as error:
         raise Refused(f"{error.filename or places.product}: cannot be installed: {reason(error)}") from error
 

@@ -42,5 +42,10 @@ class Places:
         return self.product / "python/branding/BrandReader.py"
 
     @property
+    def agent_script(self) -> pathlib.Path:
+        """The program that the daemon runs for each session with a hypervisor."""
+        return self.product / "bin/jrpc_wget.pl"
+
+    @property
     def watchdog_script(self) -> pathlib.Path:
         return self.product / "bin/watchdog-test-controller.py"

@@ -9,7 +9,7 @@ import sys
 import threading
 import time
 
-from . import synthetic, worker
+from . import bell, synthetic, worker
 from .controller import Controller
 from .datastores import Datastore, parse_argument, publish
 from .discovery import find_program
@@ -70,8 +70,9 @@ def serve(options: argparse.Namespace) -> int:
     server = Server(options.port, Objects(controller), Mischief(options.faults), Journal(options.journal), certificate)
     for datastore in stores if options.datastore else []:
         publish(datastore, places)
-    install(places, server.server_port, server.is_https)
-    orders = Orders(stores, str(places.root), inspect, options.poll, options.settle, options.synthetic)
+    install(places, state_of(options), server.server_port, server.is_https)
+    orders = Orders(stores, str(places.root), inspect, options.poll, options.settle, options.synthetic,
+                    bell=str(bell.path_in(state_of(options))))
     program = os.path.realpath(sys.argv[0])
     _run(controller, server, store, WorkerLink(program, orders, controller, say))
     return 0

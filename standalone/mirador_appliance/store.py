@@ -168,6 +168,10 @@ class Store:
         rows = self._rows("SELECT uuid, changed, facts FROM vm ORDER BY datastore, vmx_path")
         return [(uuid, changed, unpack(facts)) for uuid, changed, facts in rows]
 
+    def facts_of(self, uuid: str) -> list[dict[str, Any]]:
+        """The facts of a VM; none for a uuid that no VM has."""
+        return [unpack(facts) for (facts,) in self._rows("SELECT facts FROM vm WHERE uuid = ?", uuid)]
+
     def set_vms(self, vms: Iterable[tuple[str, int, dict[str, Any]]]) -> None:
         self._write_many("INSERT OR REPLACE INTO vm VALUES (?, ?, ?, ?, ?)",
                          ((to_bytes(facts["datastore"]), to_bytes(facts["vmx_path"]), uuid, changed, pack(facts))

@@ -6,13 +6,15 @@ import os
 import time
 from collections.abc import Iterator
 
+from .busy import is_busy
 from .datastores import Datastore, Volumes
 from .discovery import Inspector
 from .facts import Facts, Stamp, VmxRecord, digest, gather, stamp
 from .tree import Tree
 
 _FIRST_CHUNK, _LARGEST_CHUNK = 8, 64  # files read in one go: few at first, so that something is seen at once
-_DATA_SUFFIXES = ("-flat.vmdk", "-delta.vmdk", "-sesparse.vmdk")
+_FLAT_SUFFIX = "-flat.vmdk"
+_DATA_SUFFIXES = (_FLAT_SUFFIX, "-delta.vmdk", "-sesparse.vmdk")
 _RETRY = 60.0  # seconds between two tries to read a VM whose trouble may pass by itself
 _FRESH = 3_000_000_000  # ns: a file written this recently may have been written while it was read
 
@@ -87,6 +89,8 @@ class Watch:
     def _read(self, record: VmxRecord) -> Facts | None:
         """A VM's facts; none when they are the old ones or should be looked at once more before anybody is told."""
         facts, files = gather(record, self._store, self._volumes)
+        if is_busy(record.path):
+            return None  # half of a snapshot task; what was told stays until it ends
         stamps = {path: stamp(path) for path in files}
         facts["files"] = digest(stamps)
         new = _Seen(facts, stamps, time.monotonic(), fresh=_is_fresh(stamps))
@@ -110,6 +114,8 @@ def _is_fresh(stamps: dict[str, Stamp]) -> bool:
 
 
 def _is_data_change(path: str, old: Stamp) -> bool:
-    """Whether nothing but the time of a data file has changed."""
+    """Whether nothing but the time of a data file has changed, or a delta has grown, as it does when it is written."""
     new = stamp(path)
-    return path.endswith(_DATA_SUFFIXES) and new is not None and old is not None and new[0] == old[0]
+    if new is None or old is None or not path.endswith(_DATA_SUFFIXES):
+        return False
+    return new[0] == old[0] or new[0] > old[0] and not path.endswith(_FLAT_SUFFIX)

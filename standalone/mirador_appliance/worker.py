@@ -22,6 +22,7 @@ from collections.abc import Iterator
 from typing import Any
 
 from . import synthetic
+from .bell import Bell
 from .datastores import Datastore, Volumes
 from .discovery import Inspector
 from .faults_told import reason
@@ -39,7 +40,8 @@ Message = dict[str, Any]
 @dataclasses.dataclass(frozen=True)
 class Orders:
     """What a worker is to do. poll: seconds between two looks; settle: see watch.Watch; synthetic: number of VMs to
-    make up instead of looking for them; expected: names of the datastores that are known to hold VMs."""
+    make up instead of looking for them; expected: names of the datastores that are known to hold VMs; bell: path of the
+    FIFO that says that something has changed, see bell."""
     stores: list[Datastore]
     root: str
     inspect: str
@@ -47,6 +49,7 @@ class Orders:
     settle: float
     synthetic: int | None = None
     expected: tuple[str, ...] = ()
+    bell: str = ""
 
     def packed(self) -> bytes:
         return pack(dataclasses.asdict(self)) + b"\n"
@@ -141,15 +144,17 @@ def _tell(message: Message) -> None:
     sys.stdout.buffer.flush()
 
 
-def _is_wanted(seconds: float) -> bool:
-    """Waits; whether the controller is still there."""
-    ready, _, _ = select.select([sys.stdin], [], [], seconds)
-    return not ready
+def _is_wanted(seconds: float, bell: Bell) -> bool:
+    """Waits for the time or the bell; whether the controller is still there."""
+    ready, _, _ = select.select([sys.stdin, *bell.descriptors()], [], [], seconds)
+    bell.quieten()
+    return sys.stdin not in ready
 
 
 def _watch_all(orders: Orders) -> None:
     volumes = Volumes(orders.stores, Places(pathlib.Path(orders.root)))
     inspector = Inspector(orders.inspect)
+    bell = Bell(orders.bell)
     watchers = [_StoreWatcher(store, Watch(store, volumes, inspector, orders.settle, store.name in orders.expected))
                 for store in orders.stores]
     while True:
@@ -160,7 +165,7 @@ def _watch_all(orders: Orders) -> None:
         for watcher in watchers:
             for message in watcher.read():
                 _tell(message)
-        if not _is_wanted(orders.poll):
+        if not _is_wanted(orders.poll, bell):
             return
 
 
@@ -178,7 +183,7 @@ def main() -> int:
         if orders.synthetic is not None:
             for message in _synthetic_messages(orders.synthetic, orders.stores[0].name):
                 _tell(message)
-            while _is_wanted(3600):
+            while _is_wanted(3600, Bell("")):
                 pass
         else:
             _watch_all(orders)

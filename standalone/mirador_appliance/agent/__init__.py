@@ -8,8 +8,8 @@ to know it reads from the appliance's database at each call, so it works beside 
     faults     faults on demand
     journal    what was asked and how it went
     session    whom the agent speaks for
-    bell       tells the watching process to look at the datastores at once
+    following  waits until controller and daemon have taken in a change
+    removal    removals, also such that nobody waits for
     methods    what can be asked
-    removal    removals that nobody waits for
     program    the process
 """

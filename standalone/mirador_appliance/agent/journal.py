@@ -6,9 +6,13 @@
 
 IDs are "PID-NUMBER" of the agent's process and its calls. Outcomes: "done" (with "result" when it is a number, with
 "moment": [{"node", "base", "sha256"}, …] when a fault asks for it), "refused" (with "error" and "text"), "died", "silent",
-"garbage", "cut"; what a fault did stands beside it as "fault". A call without an end is one whose process was killed.
-A removal that went on behind its call has a third line, {"event": "finished", "time", "method", "vmx", "snapshot", and
-"count" or "error" and "text"}. There are no passwords in it. Grown to 4 MiB it is renamed to `….1`.
+"garbage", "cut". "fault" is the rule that acted, "steps" the names of the steps of a snapshot operation that were done. A
+call without an end is one whose process was killed. A removal that went on behind its call has one more line:
+
+    {"event": "finished", "time": SECONDS, "method": NAME, "vmx": PATH, "snapshot": NAME, "steps": […],
+     "count": N or "error": N and "text": TEXT}
+
+There are no passwords in it. Grown to 4 MiB it is renamed to `….1`.
 """
 
 import os

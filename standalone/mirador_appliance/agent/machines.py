@@ -99,6 +99,23 @@ class Machines:
             raise AgentError(errno.EINVAL, f"no such virtual machine on {hypervisor}: {what}")
         return found[0]
 
+    def snapshots_known(self, uuid: str) -> list[str]:
+        """The names of a VM's snapshots as the controller knows them."""
+        return [name for facts in self._store.facts_of(uuid) for name in facts["snapshots"]]
+
+    def generation(self) -> str:
+        """The controller's newest."""
+        return self._store.meta("generation")
+
+    def is_followed(self) -> bool:
+        """Whether a daemon has taken over a generation of the controller's present run."""
+        return _start(self._store.meta("taken_over")) == _start(self.generation()) != ""
+
+    def has_taken_over(self, token: str) -> bool:
+        """Whether the daemon has taken over a generation or a later one of its run."""
+        taken = self._store.meta("taken_over")
+        return _start(taken) != _start(token) or _number(taken) >= _number(token)
+
     def spaces(self, hypervisor: str) -> Iterator[dict[str, Any]]:
         """The hypervisor's datastores with their space as it is now, in bytes."""
         for name, record in self._stores.items():
@@ -114,3 +131,11 @@ class Machines:
             yield {**{key: document[key] for key in ("name", "url", "type", "timestamp", "accessible", "capacity")},
                    "hv": hypervisor, "dc": document["datacenter"], "freeSpace": document["free"],
                    "paths": unpack(to_bytes(document["path"]))}
+
+
+def _start(token: str) -> str:
+    return token.partition("-")[0]
+
+
+def _number(token: str) -> int:
+    return int(token.partition("-")[2] or 0)

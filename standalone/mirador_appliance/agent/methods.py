@@ -20,9 +20,10 @@ import time
 from collections.abc import Callable
 from typing import Any, Protocol
 
+from .. import bell
 from ..hypervisor import snapshots
 from ..hypervisor.machine import Refused
-from . import bell, removal
+from . import following, removal
 from .faults import Rule
 from .framing import AgentError, Request
 from .machines import Home, Machine
@@ -124,6 +125,7 @@ class Methods:
                              steps=self._watcher.step, moment=self._watcher.moment if self._rule.moment else None)
         finally:
             bell.ring(self._home.state)
+        following.wait(self._home, machine)
         return "void", None
 
     def _create_top(self, vm: str, uuid: str, name: str, quiesce: str) -> Answer:
@@ -137,7 +139,10 @@ class Methods:
     def _remove(self, vm: str, uuid: str, name: str, blocking: str) -> Answer:
         machine = self._machine(vm, uuid)
         if blocking == "1":
-            return "int", removal.remove(self._home.state, machine, name, self._watcher.step)
+            count = removal.remove(self._home.state, machine, name, self._watcher.step)
+            if count:
+                following.wait(self._home, machine)
+            return "int", count
         return "int", removal.remove_behind(self._home.state, machine, name, self._watcher.step)
 
     def _list(self, pattern: str) -> Answer:

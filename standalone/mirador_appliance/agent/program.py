@@ -9,7 +9,7 @@ import signal
 import sqlite3
 import sys
 import time
-from typing import NoReturn
+from typing import Any, NoReturn
 
 from ..faults_told import Refused, reason
 from ..hypervisor.snapshots import Moment
@@ -93,7 +93,7 @@ class _Call:
 
     def __init__(self, journal: Journal, hypervisor: str, subject: Subject, rule: Rule | None) -> None:
         self._journal, self._rule = journal, rule
-        self._shown = {**subject.shown(), **({"fault": rule.shown()} if rule else {})}
+        self._shown: dict[str, Any] = {**subject.shown(), **({"fault": rule.shown()} if rule else {})}
         self.result: int | None = None  # a count
         self._refusal: dict[str, object] = {}
         self._id = journal.begin(hypervisor=hypervisor, **self._shown)
@@ -119,6 +119,7 @@ class _Call:
 
     def step(self, name: str) -> None:
         """A step of an operation is done."""
+        self._shown.setdefault("steps", []).append(name)
         if self._rule is not None and self._rule.step == name:
             self._die()
 

@@ -7,14 +7,15 @@ import signal
 from collections.abc import Callable
 from typing import NoReturn
 
+from .. import bell
 from ..faults_told import reason
 from ..hypervisor import snapshots
 from ..hypervisor.machine import Refused, Steps
 from ..texts import pack, unpack
-from . import bell
 from .framing import AgentError
 from .journal import Journal
 from .machines import Machine
+
 
 def remove(state: pathlib.Path, machine: Machine, name: str, steps: Steps) -> int:
     """Removes every snapshot of that name; returns how many there were. Refused, OSError."""
@@ -65,6 +66,7 @@ class _Behind:
     def __init__(self, state: pathlib.Path, machine: Machine, name: str, pipe: int) -> None:
         self._state, self._machine, self._name, self._pipe = state, machine, name, pipe
         self._has_told = False
+        self._steps: list[str] = []
 
     def _tell(self, told: dict[str, object]) -> None:
         if not self._has_told:
@@ -80,10 +82,12 @@ class _Behind:
             told = {"error": refused.number, "text": str(refused)}
         except OSError as error:
             told = {"error": error.errno or errno.EIO, "text": f"{self._machine.vmx}: {reason(error)}"}
-        Journal(self._state).finish("remove_snapshot", vmx=self._machine.vmx, snapshot=self._name, **told)
+        Journal(self._state).finish("remove_snapshot", vmx=self._machine.vmx, snapshot=self._name,
+                                    steps=self._steps, **told)
         self._tell(told)
 
     def _step(self, steps: Steps, name: str) -> None:
         """With the first step it is under way: nothing refuses it any more."""
         self._tell({})
+        self._steps.append(name)
         steps(name)

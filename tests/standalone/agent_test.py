@@ -1,0 +1,275 @@
+"""The agent as the daemon runs it: requests over pipes, what they do to a datastore, and the controller that follows."""
+
+import json
+import os
+import pathlib
+import select
+import signal
+import stat
+import subprocess
+import time
+import unittest
+
+from fixture import Appliance, TemporaryCase, make_vm, uuid_of, wait_until
+
+from mirador_appliance.agent import faults, journal
+from mirador_appliance.busy import is_busy
+from mirador_appliance.hypervisor import locks
+from mirador_appliance.store import Store
+
+WEB, MAIL = uuid_of(1), uuid_of(2)
+
+
+class Agent:
+    """An agent process."""
+
+    def __init__(self, root: pathlib.Path, hypervisor: str) -> None:
+        program = root / "usr/local/corvantis/bin/jrpc_wget.pl"
+        self.process = subprocess.Popen([program, "--hypervisor", hypervisor, "--portnumber", "443"],
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+    def send(self, text: str) -> None:
+        self.process.stdin.write(text.encode())
+        self.process.stdin.flush()
+
+    def reply(self, seconds: float = 20) -> bytes:
+        """What comes: a line, less before the end of the stream, b"" at once at the end. TimeoutError."""
+        if not select.select([self.process.stdout], [], [], seconds)[0]:
+            raise TimeoutError
+        return self.process.stdout.readline()
+
+    def ask(self, *words: str):
+        """The data of the reply, or the number of the error that it is."""
+        self.send(json.dumps(words) + "\n")
+        reply = json.loads(self.reply())
+        return reply["errdesc"]["err_num"] if "errdesc" in reply else reply.get("response_data")
+
+    def close(self, number: int | None = None) -> int:
+        if number is not None:
+            self.process.send_signal(number)
+        for stream in (self.process.stdin, self.process.stdout, self.process.stderr):
+            stream.close()
+        return self.process.wait(timeout=20)
+
+
+class AgentCase(TemporaryCase):
+    """Two hosts, a VM each; the watching process looks once a minute unless it is told to."""
+
+    def setUp(self):
+        super().setUp()
+        self.vmx = {name: make_vm(self.directory / store, name, number)
+                    for number, (store, name) in enumerate((("ds1", "web"), ("ds2", "mail")), 1)}
+        self.state = self.directory / "root/var/corvantis/appliance"
+        stores = [f"{host}:{self.directory / store}" for host, store in (("esx1", "ds1"), ("esx2", "ds2"))]
+        self.appliance = Appliance(self.directory / "root", "--datastore", ",".join(stores), "--poll", "60").start()
+        self.addCleanup(self.appliance.stop)
+        wait_until(lambda: len(self.appliance.vms()) == 2, "the VMs are known")
+        wait_until(lambda: all(store["complete"] for store in self.appliance.status()["datastores"]), "all is read")
+        store = Store(self.state / "appliance.db", create=False)
+        self.addCleanup(store.close)
+        self.password = store.meta("password")
+        self.mine = f"Corvantis: {store.settings()['controller.uuid']}"
+
+    def start(self, hypervisor="esx1"):
+        agent = Agent(self.directory / "root", hypervisor)
+        self.addCleanup(lambda: agent.process.poll() is None and agent.close())
+        return agent
+
+    def connected(self, hypervisor="esx1"):
+        agent = self.start(hypervisor)
+        self.assertIsNone(agent.ask("set_vendor_id", "Corvantis"))
+        self.assertIsNone(agent.ask("connect", "root", self.password, str(self.directory / "session")))
+        return agent
+
+    def names(self, agent, pattern=".*"):
+        return [entry["name"] for entry in agent.ask("list_snapshot", pattern)]
+
+    def heads(self, name):
+        vm = self.appliance.vms()[name]
+        return [os.path.basename(disk["head_ascii_path"])
+                for disk in self.appliance.get(f"vdisk?vhost_uuid={vm['uuid']}").json()]
+
+    def fault(self, *words):
+        done = self.appliance.run("fault", "add", *words)
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+
+    def ended(self):
+        """The last call's end in the journal."""
+        return [record for record in journal.read(self.state) if record["event"] == "ended"][-1]
+
+
+class Protocol(AgentCase):
+    def test_nothing_is_done_for_strangers(self):
+        agent, file = self.start(), str(self.directory / "session")
+        for request in (("create_snapshot", "web", WEB, "x", "0"), ("create_top_snapshot", "web", WEB, "x", "0"),
+                        ("remove_snapshot", "web", WEB, "x", "1"), ("list_snapshot", ".*"), ("df",)):
+            self.assertEqual(agent.ask(*request), 107, request)
+        self.assertEqual(agent.ask("connect", "root", "guess", file), 13)
+        self.assertEqual(agent.ask("connect", "admin", self.password, file), 13)
+        self.assertEqual(agent.ask("df"), 107)
+        self.assertEqual(self.start("esx3").ask("connect", "root", self.password, file), 113)
+        self.assertFalse(os.path.exists(file))
+
+    def test_session_file_is_private_and_replaces_what_lies_there(self):
+        victim, file = self.directory / "victim", self.directory / "session"
+        victim.write_text("precious")
+        file.symlink_to(victim)
+        agent = self.connected()
+        self.assertEqual(stat.S_IMODE(file.lstat().st_mode), 0o600)
+        self.assertEqual(victim.read_text(), "precious")
+        for path in (file, *self.state.glob("agent*")):
+            self.assertNotIn(self.password.encode(), path.read_bytes(), path)
+        self.assertIsNone(agent.ask("disconnect"))
+        self.assertFalse(file.exists())
+        self.assertEqual(agent.ask("df"), 107)
+
+    def test_bad_requests_are_answered_and_harm_nobody(self):
+        agent = self.connected()
+        for line, number in (("nonsense", 1007), ("{}", 1007), ("[]", 1007), ("[1]", 1007), ('["nope"]', 38),
+                             ('["df", "x"]', 22), ('["list_snapshot", "("]', 22),
+                             (json.dumps(["create_snapshot", "web", uuid_of(9), "x", "0"]), 22),
+                             (json.dumps(["remove_snapshot", "mail", MAIL, "x", "1"]), 22),  # another host's
+                             (json.dumps(["create_snapshot", "web", WEB, "", "0"]), 22)):
+            agent.send(f"\n{line}\n")
+            told = json.loads(agent.reply())["errdesc"]
+            self.assertEqual((told["err_num"], set(told)),
+                             (number, {"err_num", "err_string", "linenumber", "filename"}), line)
+        store, = agent.ask("df")
+        self.assertEqual((store["hv"], store["name"], store["accessible"]), ("esx1", "ds1", 1))
+        self.assertGreater(store["capacity"], store["freeSpace"])
+        self.assertEqual(agent.close(), 0)
+
+
+class Snapshots(AgentCase):
+    def test_controller_follows_and_serves_what_was_frozen(self):
+        agent, before = self.connected(), self.vmx["web"].read_bytes()
+        files = sorted(os.listdir(self.directory / "ds1/web"))
+        self.appliance.run("snapshot", "create", "web", "mine, not yours")
+        wait_until(lambda: self.heads("web") == ["web-000001.vmdk"], "a user's snapshot is seen", 2)
+        token, started = self.appliance.token(), time.monotonic()
+        self.assertIsNone(agent.ask("create_snapshot", "web", WEB, self.mine, "1"))
+        wait_until(lambda: self.appliance.vms()["web"]["snap_exists"] == 1, "the snapshot is seen", 2)
+        self.assertLess(time.monotonic() - started, 1.5)
+        self.assertNotEqual(self.appliance.token(), token)
+        self.assertIn(b"web-000002.vmdk", self.vmx["web"].read_bytes())
+        self.assertEqual(self.heads("web"), ["web-000001.vmdk"])  # what the guest writes to now is the second one
+        entry = next(entry for entry in agent.ask("list_snapshot", "Corv") if entry["name"] == self.mine)
+        self.assertEqual((entry["vmname"], entry["vmuuid"], entry["quiesced"]), ("web", WEB, 1))
+        self.assertLess(abs(entry["createTime"] - time.time()), 20)
+        self.assertEqual(self.names(agent, "yours"), [])  # only at the start
+        self.assertEqual(self.names(self.connected("esx2")), [])
+
+        self.assertEqual(agent.ask("remove_snapshot", "web", WEB, self.mine, "1"), 1)
+        wait_until(lambda: self.appliance.vms()["web"]["snap_exists"] == 0, "it is gone", 2)
+        self.assertEqual(self.names(agent), ["mine, not yours"])
+        self.assertEqual(agent.ask("remove_snapshot", "web", WEB, self.mine, "1"), 0)
+        self.assertEqual(self.appliance.run("snapshot", "remove", "web", "mine, not yours").returncode, 0)
+        self.assertEqual(self.vmx["web"].read_bytes(), before)
+        left = set(os.listdir(self.directory / "ds1/web")) - set(files)
+        self.assertLessEqual(left, {"web.vmsd"})
+
+    def test_top_snapshot_counts(self):
+        agent = self.connected()
+        self.assertEqual(agent.ask("create_top_snapshot", "web", WEB, self.mine, "0"), 0)
+        self.assertEqual(self.names(agent), [])
+        self.fault("--method", "create_top_snapshot", "--top")
+        self.assertEqual(agent.ask("create_top_snapshot", "web", WEB, self.mine, "0"), 1)
+        self.assertIsNone(agent.ask("create_snapshot", "web", WEB, self.mine, "0"))
+        wait_until(lambda: self.appliance.vms()["web"]["snap_exists"] == 2, "both are seen", 3)
+        self.assertEqual(self.heads("web"), ["web-000001.vmdk"])
+        self.assertEqual(agent.ask("remove_snapshot", "web", WEB, self.mine, "1"), 2)
+        wait_until(lambda: self.heads("web") == ["web.vmdk"], "both are gone", 3)
+
+    def test_works_without_controller_and_for_a_renamed_vm(self):
+        agent = self.connected()
+        agent.ask("create_snapshot", "web", WEB, self.mine, "0")
+        self.appliance.stop()
+        agent.close()
+        agent = self.connected()
+        self.assertEqual(self.names(agent), [self.mine])
+        self.assertEqual(agent.ask("remove_snapshot", "old name", WEB, self.mine, "0"), 1)
+        wait_until(lambda: not self.names(agent), "it is gone")
+
+    def test_busy_vm(self):
+        agent = self.connected()
+        agent.ask("create_snapshot", "web", WEB, self.mine, "0")
+        with locks.task(str(self.vmx["web"])):
+            for request in (("create_snapshot", "web", WEB, "y", "0"), ("remove_snapshot", "web", WEB, self.mine, "1"),
+                            ("remove_snapshot", "web", WEB, self.mine, "0")):
+                self.assertEqual(agent.ask(*request), 114, request)
+            vm = next(vm for vm in self.appliance.status()["vms"] if vm["name"] == "web")
+            self.assertTrue(vm["busy"])
+        self.assertEqual(self.names(agent), [self.mine])
+
+
+class Faults(AgentCase):
+    def test_what_the_daemon_sees_and_what_was_done(self):
+        made, nothing = [self.mine], []
+        for words, reply, names, outcome in (
+                (("--die", "before"), b"", nothing, "died"),
+                (("--die", "after"), b"", made, "died"),
+                (("--error", "5", "--text", "told", "--times", "1"), b'{"errdesc":{"err_num":5,"err_string":"told"', nothing,
+                 "refused"),
+                (("--error", "5", "--acts"), b'{"errdesc":{"err_num":5', made, "refused"),
+                (("--busy", "--for", "60"), b'{"errdesc":{"err_num":114', nothing, "refused"),
+                (("--garbage", "<html>\n"), b"<html>\n", nothing, "garbage"),
+                (("--cut", "9"), b'{"respons', made, "cut"),
+                (("--noise", "60000"), b'{"response_type"', made, "done"),
+                (("--vm", "mail", "--error", "5"), b'{"response_type"', made, "done")):
+            with self.subTest(words=words):
+                agent = self.connected()
+                self.fault("--method", "create_snapshot", *words)
+                agent.send(json.dumps(["create_snapshot", "web", WEB, self.mine, "0"]) + "\n")
+                self.assertTrue((told := agent.reply()).startswith(reply) and bool(told) == bool(reply), told)
+                self.assertEqual(self.ended()["outcome"], outcome)
+                agent.close()
+                self.appliance.run("fault", "clear")
+                agent = self.connected()
+                self.assertEqual(self.names(agent), names)
+                self.assertEqual(agent.ask("remove_snapshot", "web", WEB, self.mine, "1"), len(names))
+                agent.close()
+
+    def test_delay_silence_and_their_end(self):
+        agent = self.connected()
+        self.fault("--method", "df", "--delay", "0.5", "--times", "1", "--free", "7")
+        started = time.monotonic()
+        self.assertEqual(agent.ask("df")[0]["freeSpace"], 7)
+        self.assertGreaterEqual(time.monotonic() - started, 0.5)
+        self.assertNotEqual(agent.ask("df")[0]["freeSpace"], 7)
+        self.assertEqual(self.appliance.status()["agent_faults"], [])
+        self.fault("--method", "df", "--silence")
+        agent.send('["df"]\n')
+        with self.assertRaises(TimeoutError):
+            agent.reply(1)
+        self.assertEqual(agent.close(signal.SIGKILL), -signal.SIGKILL)
+
+    def test_death_in_the_middle_leaves_what_the_next_removal_mends(self):
+        agent, before = self.connected(), self.vmx["web"].read_bytes()
+        agent.ask("create_snapshot", "web", WEB, self.mine, "0")
+        agent.ask("remove_snapshot", "web", WEB, self.mine, "1")
+        files = sorted(os.listdir(self.directory / "ds1/web"))
+        for method, flag in (("create_snapshot", "0"), ("remove_snapshot", "1"), ("remove_snapshot", "0")):
+            for step in self.steps(method):
+                with self.subTest(method=method, flag=flag, step=step):
+                    if method == "remove_snapshot":
+                        self.assertIsNone(agent.ask("create_snapshot", "web", WEB, self.mine, "0"))
+                    faults.add(self.state, faults.Rule(method=method, step=step))
+                    agent.send(json.dumps([method, "web", WEB, self.mine, flag]) + "\n")
+                    agent.reply()
+                    wait_until(lambda: not is_busy(str(self.vmx["web"])), "the process is dead")
+                    faults.clear(self.state)
+                    agent.close()
+                    agent = self.connected()
+                    self.assertIn(agent.ask("remove_snapshot", "web", WEB, self.mine, "1"), (0, 1))
+                    self.assertEqual((self.names(agent), self.vmx["web"].read_bytes()), ([], before))
+                    self.assertEqual(sorted(os.listdir(self.directory / "ds1/web")), files)
+
+    def steps(self, method):
+        """The steps that an operation takes, each once."""
+        taken = [record["steps"] for record in journal.read(self.state)
+                 if record["event"] == "ended" and record["method"] == method and "steps" in record]
+        return list(dict.fromkeys(taken[0]))
+
+
+if __name__ == "__main__":
+    unittest.main()
