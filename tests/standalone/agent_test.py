@@ -7,6 +7,7 @@ import select
 import signal
 import stat
 import subprocess
+import threading
 import time
 import unittest
 
@@ -167,6 +168,29 @@ class Snapshots(AgentCase):
         self.assertEqual(self.vmx["web"].read_bytes(), before)
         left = set(os.listdir(self.directory / "ds1/web")) - set(files)
         self.assertLessEqual(left, {"web.vmsd"})
+
+    def test_answer_comes_when_the_daemon_has_taken_it_over(self):
+        taken, ending = [], threading.Event()
+
+        def daemon():
+            token = "none"
+            while not ending.is_set():
+                token = self.appliance.get(f"fs_sync?target=dsfs&type=wait&genId={token}&timeout=1").json()["genId"]
+                count = self.appliance.vms()["web"]["snap_exists"]
+                time.sleep(0.3)  # a cycle's own work
+                self.appliance.get(f"fs_sync?target=vmfs&type=set&genId={token}")
+                taken.append(count)
+
+        thread = threading.Thread(target=daemon)
+        thread.start()
+        self.addCleanup(thread.join)
+        self.addCleanup(ending.set)
+        agent = self.connected()
+        wait_until(lambda: taken, "the daemon follows")
+        agent.ask("create_snapshot", "web", WEB, self.mine, "0")
+        self.assertEqual(taken[-1], 1)
+        agent.ask("remove_snapshot", "web", WEB, self.mine, "1")
+        self.assertEqual(taken[-1], 0)
 
     def test_top_snapshot_counts(self):
         agent = self.connected()

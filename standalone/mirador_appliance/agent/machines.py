@@ -7,11 +7,12 @@ import dataclasses
 import errno
 import os
 import pathlib
-from collections.abc import Iterator
+from collections.abc import Iterable, Iterator
 from typing import Any
 
 from .. import choices
 from ..datastores import Datastore, Volumes
+from ..facts import Facts
 from ..faults_told import Refused
 from ..places import Places
 from ..records import LOGIN_NAME, Vm, datastore_document
@@ -84,7 +85,10 @@ class Machines:
                 yield machine
 
     def _all(self) -> Iterator[Machine]:
-        for uuid, _, facts in self._store.vms():
+        return self._of((uuid, facts) for uuid, _, facts in self._store.vms())
+
+    def _of(self, vms: Iterable[tuple[str, Facts]]) -> Iterator[Machine]:
+        for uuid, facts in vms:
             store = self._stores.get(facts["datastore"])
             if store is not None:
                 yield Machine(uuid, facts["name"], self._hypervisor(facts["datastore"]),
@@ -92,8 +96,9 @@ class Machines:
 
     def find(self, hypervisor: str, name: str, uuid: str) -> Machine:
         """The VM of a uuid, whatever it is called by now; without a uuid, the only one of that name. AgentError."""
-        found = [machine for machine in self.of_hypervisor(hypervisor)
-                 if (machine.uuid == uuid if uuid else machine.name == name)]
+        candidates = self._of((uuid, facts) for facts in self._store.facts_of(uuid)) if uuid else self._all()
+        found = [machine for machine in candidates
+                 if machine.hypervisor == hypervisor and (uuid or machine.name == name)]
         if len(found) != 1:
             what = f"{name} ({uuid})" if uuid else f"{len(found)} virtual machines named {name}"
             raise AgentError(errno.EINVAL, f"no such virtual machine on {hypervisor}: {what}")
