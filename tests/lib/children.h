@@ -18,10 +18,10 @@ namespace mirador {
 // reaps what had been killed.
 inline bool leaves_children() {
     siginfo_t info{};
-    for (int tries = 0; tries < 100; tries++) {
+    for (int tries = 0; tries < 20; tries++) {
         if (waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != 0 && errno == ECHILD)
             return false;
-        (void)spawn_tool({"/bin/true"}, 1);
+        (void)spawn_tool({"/bin/true"});
     }
     return true;
 }

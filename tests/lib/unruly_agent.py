@@ -14,8 +14,15 @@ def say(text):
     sys.stdout.flush()
 
 
+def say_what_is_wanted(text):  # the other side may hang up
+    try:
+        say(text)
+    except BrokenPipeError:
+        os._exit(1)
+
+
 def reply(data, kind="any"):
-    say(json.dumps({"response_type": kind, "response_data": data}) + "\n")
+    say_what_is_wanted(json.dumps({"response_type": kind, "response_data": data}) + "\n")
 
 
 def serve(method, *args):
