@@ -174,6 +174,7 @@ class _Merger:
             else:
                 self._merge_below(merge, family)
         remove_unused(self._machine, self._journal)
+        self._journal.files = [path for path in self._journal.files if os.path.lexists(path)]
         self._journal.merge = None
         self._save("merged")
 

@@ -8,10 +8,11 @@ A sector: the magic word, round, disk, place (64 bits each, little-endian), byte
 """
 
 import argparse
-import contextlib
 import os
 import random
+import signal
 import struct
+import threading
 import time
 import zlib
 from collections.abc import Callable, Iterable, Iterator
@@ -121,15 +122,17 @@ def run(vmx: str, seed: int, go_on: Callable[[], bool], pause: float = 0.001, na
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description="Writes into the disks of a VM as if it ran.")
+    parser = argparse.ArgumentParser(
+        description="Writes into the disks of a VM as if it ran, until SIGINT or SIGTERM ends it; prints the last round.")
     parser.add_argument("vmx", help="the VM's configuration file")
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--seconds", type=float, default=float("inf"), help="how long; without end by default")
     parser.add_argument("--pause", type=float, default=0.001, help="seconds between two rounds")
     options = parser.parse_args()
-    deadline = time.monotonic() + options.seconds
-    with contextlib.suppress(KeyboardInterrupt):
-        print(run(options.vmx, options.seed, lambda: time.monotonic() < deadline, options.pause))
+    deadline, ended = time.monotonic() + options.seconds, threading.Event()
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, lambda *_: ended.set())
+    print(run(options.vmx, options.seed, lambda: time.monotonic() < deadline and not ended.is_set(), options.pause))
 
 
 if __name__ == "__main__":
