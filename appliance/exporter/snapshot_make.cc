@@ -15,6 +15,7 @@
 #include "appliance/lib/registry.h"
 #include "controller/lib/controller.h"
 #include "lib/clock.h"
+#include "lib/fault_point.h"
 #include "lib/log.h"
 
 namespace mirador {
@@ -116,6 +117,7 @@ errdesc_t* take_snapshot(snapshot_state_t* state, const ks_hypervisor_config_t& 
     state->snapshot_created = true;
     RETURN_IF_ERROR(while_busy(attempts, "WARNING: Creating top snapshot: another task is in progress",
                                [&] { return snapshot_create(desc, &count); }));
+    RETURN_IF_ERROR(fault_point("snapshot.top_created"));
     ts_printf("Creating snapshot %s on %s %s\n", state->snapshotname.c_str(), state->vmname.c_str(),
               state->hvname.c_str());
     RETURN_IF_ERROR(
@@ -160,10 +162,14 @@ errdesc_t* make(const snapshot_request_t& request, snapshot_state_t* state) {
     RETURN_IF_ERROR(fill_state(request, state));
     RETURN_IF_ERROR(controller_get_hypervisor(&state->hypervisor, state->hvname));
     RETURN_IF_ERROR(snapshot_state_lock(request.file_shadow_path, &state->lockfd, true));
+    RETURN_IF_ERROR(fault_point("snapshot.locked"));
     RETURN_IF_ERROR(remove_orphans(*state, state->hypervisor, &attempts));
+    RETURN_IF_ERROR(fault_point("snapshot.orphans_removed"));
     RETURN_IF_ERROR(settle(*state, state->hypervisor, request.goes_on, &expected));
     RETURN_IF_ERROR(take_snapshot(state, state->hypervisor, &attempts, &expected));
-    return follow_snapshot(*state, expected, &attempts, request.goes_on);
+    RETURN_IF_ERROR(fault_point("snapshot.created"));
+    RETURN_IF_ERROR(follow_snapshot(*state, expected, &attempts, request.goes_on));
+    return fault_point("snapshot.followed");
 }
 
 // Removes again what a creation that failed may have made. Whether the hypervisor may still have it.

@@ -14,6 +14,7 @@
 #include "lib/clock.h"
 #include "lib/cor_assert.h"
 #include "lib/error_hash.h"
+#include "lib/fault_point.h"
 #include "lib/log.h"
 
 namespace mirador {
@@ -53,6 +54,8 @@ errdesc_t* remove_from_hypervisor(snapshot_state_t* state, bool blocking, bool a
     ks_hypervisor_config_t hvc;
     int count = 0;
     errdesc_t* e = find_hypervisor(*state, &hvc);
+    if (e == nullptr)
+        e = fault_point("snapshot.removing");
     if (e == nullptr) {
         ts_printf("Removing snapshot %s on %s %s\n", state->snapshotname.c_str(), state->vmname.c_str(),
                   state->hvname.c_str());
@@ -62,6 +65,7 @@ errdesc_t* remove_from_hypervisor(snapshot_state_t* state, bool blocking, bool a
         raise_snapshot_alert(state->hvname, state->vmname, e, SNAPSHOT_REMOVE);
     RETURN_IF_ERROR(e);
     state->snapshot_created = false;
+    RETURN_IF_ERROR(fault_point("snapshot.removed"));
     return blocking && count > 0 ? follow_removal(*state, goes_on) : nullptr;
 }
 
