@@ -63,7 +63,7 @@ def add_faults(top: Builder) -> None:
         ("times", "N", int, "only the next N calls"),
         ("delay", "SECONDS", float, "wait before acting"),
         ("noise", "BYTES", int, "write to standard error before acting"),
-        ("step", "STEP", str, "die behind this step of making or removing a snapshot"),
+        ("step", "STEP", str, "die behind this step of a snapshot operation (the journal names them)"),
         ("error", "N", int, "answer with this error number"),
         ("text", "TEXT", str, "text of that error"),
         ("garbage", "TEXT", str, "answer with this text"),

@@ -135,6 +135,8 @@ class Protocol(AgentCase):
             told = json.loads(agent.reply())["errdesc"]
             self.assertEqual((told["err_num"], set(told)),
                              (number, {"err_num", "err_string", "linenumber", "filename"}), line)
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            agent.process.send_signal(number)  # as a whole service gets them when it is stopped
         store, = agent.ask("df")
         self.assertEqual((store["hv"], store["name"], store["accessible"]), ("esx1", "ds1", 1))
         self.assertGreater(store["capacity"], store["freeSpace"])

@@ -1,4 +1,8 @@
-"""The agent's process: serves requests from standard input until it ends."""
+"""The agent's process: serves requests from standard input until it ends.
+
+Signals that end a whole service or terminal session do not end it: the daemon still needs it then, to remove its
+snapshots, and closes the input when it has done so.
+"""
 
 import argparse
 import dataclasses
@@ -35,6 +39,8 @@ def main(words: list[str]) -> int:
     parser.add_argument("--state", required=True, type=pathlib.Path)
     parser.add_argument("--root", required=True, type=pathlib.Path)
     options = parser.parse_args(words)
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, signal.SIG_IGN)
     agent = Agent(Home(options.state, options.root), Session(options.hypervisor, options.portnumber))
     try:
         while (line := read_line(sys.stdin.buffer)) is not None:

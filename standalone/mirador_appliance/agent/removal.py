@@ -3,7 +3,6 @@
 import errno
 import os
 import pathlib
-import signal
 from collections.abc import Callable
 from typing import NoReturn
 
@@ -51,7 +50,6 @@ def _leave(run: Callable[[], None]) -> NoReturn:
     try:
         os.setsid()
         if os.fork() == 0:
-            signal.signal(signal.SIGINT, signal.SIG_IGN)
             nothing = os.open(os.devnull, os.O_RDWR)
             for descriptor in (0, 1, 2):
                 os.dup2(nothing, descriptor)
