@@ -10,6 +10,7 @@
 
 #include "appliance/exporter/snapshot_alerts.h"
 #include "appliance/exporter/snapshot_remove.h"
+#include "appliance/exporter/snapshot_space.h"
 #include "appliance/exporter/vm_state.h"
 #include "appliance/exporter/vm_update.h"
 #include "appliance/lib/registry.h"
@@ -142,11 +143,11 @@ errdesc_t* follow_snapshot(const snapshot_state_t& state, int expected, attempts
     }
 }
 
-errdesc_t* fill_state(const snapshot_request_t& request, snapshot_state_t* state) {
+errdesc_t* fill_state(const snapshot_request_t& request, snapshot_state_t* state, std::unique_ptr<ks_vm_config_t>* vm) {
     const std::string& vendor_id = get_reg_settings()->names().vendor_id;
     RETURN_IF_ERROR(snapshot_name_make(vendor_id, request.caller_uuid, std::nullopt, &state->snapshotname));
-    std::unique_ptr<ks_vm_config_t> vmc;
-    RETURN_IF_ERROR(controller_get_vm(&vmc, request.vmuuid));
+    RETURN_IF_ERROR(controller_get_vm(vm, request.vmuuid));
+    const ks_vm_config_t* const vmc = vm->get();
     if (vmc == nullptr)
         return errdesc_set_fmt(EINVAL,
                                "Cannot find VM config for vm_uuid %s (hv_name %s, path %s), the uuid may be invalid.",
@@ -159,10 +160,12 @@ errdesc_t* fill_state(const snapshot_request_t& request, snapshot_state_t* state
 errdesc_t* make(const snapshot_request_t& request, snapshot_state_t* state) {
     attempts_t attempts(request.goes_on);
     int expected = 0;
-    RETURN_IF_ERROR(fill_state(request, state));
+    std::unique_ptr<ks_vm_config_t> vmc;
+    RETURN_IF_ERROR(fill_state(request, state, &vmc));
     RETURN_IF_ERROR(controller_get_hypervisor(&state->hypervisor, state->hvname));
     RETURN_IF_ERROR(snapshot_state_lock(request.file_shadow_path, &state->lockfd, true));
     RETURN_IF_ERROR(fault_point("snapshot.locked"));
+    snapshot_check_space(state->hypervisor, *vmc);
     RETURN_IF_ERROR(remove_orphans(*state, state->hypervisor, &attempts));
     RETURN_IF_ERROR(fault_point("snapshot.orphans_removed"));
     RETURN_IF_ERROR(settle(*state, state->hypervisor, request.goes_on, &expected));

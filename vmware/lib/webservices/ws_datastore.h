@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+// The agent's view of a hypervisor's datastores.
+#pragma once
+
+#include <json-c/json_object.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "controller/lib/kestrel_types.h"
+#include "lib/errdesc.h"
+#include "lib/jdr.h"
+
+namespace mirador {
+
+// One datastore as the agent reports it.
+struct datastore_info_t {
+    std::string hv;
+    std::string name;
+    std::string url;
+    std::string type;
+    std::string dc;                // datacenter
+    std::time_t timestamp = 0;     // of the report
+    std::uint32_t accessible = 0;  // not 0: it is
+    std::uint64_t capacity = 0;    // bytes, as the next
+    std::uint64_t free_space = 0;
+    std::vector<std::string> paths;  // of its files
+};
+
+// Reads one from an object of the reply: false when a member is missing or of another kind; "paths" may be missing.
+[[nodiscard]] bool datastore_info_decode(json_object* obj, datastore_info_t* info);
+
+// Appends the hypervisor's datastores to *list; null: the reply is only checked. Errors: the session's and the agent's
+// (vmware/lib/webservices/ws_session.h); ENOENT for a reply without an array, or with an element that is no datastore.
+// The list is empty then.
+[[nodiscard]] errdesc_t* ws_df(const ks_hypervisor_config_t& hvc, std::vector<datastore_info_t>* list);
+
+}  // namespace mirador
