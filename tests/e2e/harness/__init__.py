@@ -9,5 +9,6 @@ compare    an exported file against its reference
 case       the test case that starts a daemon and checks what it leaves behind
 machines   virtual machines on a datastore
 appliance  the embedded appliance, which is the daemon's controller
+guests     VMs that write to their disks all the time
 inventory  the test case whose daemon follows an appliance
 """

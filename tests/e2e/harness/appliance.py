@@ -11,8 +11,9 @@ from typing import Any
 
 from .tools import WORK, Failed, program, run, wait_until
 
-_PROGRAM = pathlib.Path(__file__).resolve().parents[3] / "standalone" / "mirador-appliance"
+PROGRAM = pathlib.Path(__file__).resolve().parents[3] / "standalone" / "mirador-appliance"
 _POLL = 0.2  # seconds between two looks at the datastores
+_GROUPS = ("folder", "snapshot", "fault")  # of commands
 
 _run_numbers = itertools.count(1)
 
@@ -38,7 +39,7 @@ class Appliance:
         self._process: subprocess.Popen | None = None
 
     def start(self) -> None:
-        command = [str(_PROGRAM), "serve", "--state", str(self._state), "--datastore", ",".join(self._datastores),
+        command = [str(PROGRAM), "serve", "--state", str(self._state), "--datastore", ",".join(self._datastores),
                    "--port", str(self._port), "--poll", str(_POLL), "--inspect", program("mirador-inspect"),
                    "--faults", str(self._faults), "--journal", str(self._journal)]
         with open(self._directory / "output", "ab") as output:
@@ -62,6 +63,11 @@ class Appliance:
         self._process.kill()
         self._process.wait(timeout=30)
 
+    @property
+    def state(self) -> pathlib.Path:
+        """Where its database and its agents' journal and faults are."""
+        return self._state
+
     def is_running(self) -> bool:
         return self._process is not None and self._process.poll() is None
 
@@ -72,11 +78,18 @@ class Appliance:
 
     def command(self, *words: str) -> str:
         """Runs one of the program's commands, "folder add NAME" and the like."""
-        names = 2 if words[0] == "folder" else 1
-        return run(_PROGRAM, *words[:names], "--state", str(self._state), *words[names:])
+        return run(*self.command_line(*words))
+
+    def command_line(self, *words: str) -> list[str]:
+        names = 2 if words[0] in _GROUPS else 1
+        return [str(PROGRAM), *words[:names], "--state", str(self._state), *words[names:]]
 
     def status(self) -> dict[str, Any]:
         return json.loads(self.command("status", "--json"))
+
+    def snapshots(self, vm: str) -> list[dict[str, Any]]:
+        """A VM's snapshots on the datastore, everybody's."""
+        return json.loads(self.command("snapshot", "list", vm, "--json"))[0]["snapshots"]
 
     def alerts(self) -> dict[tuple[str, str], str]:
         """The alerts that stand: (kind, object) -> message."""
@@ -103,6 +116,13 @@ class Appliance:
             return []
         lines = self._journal.read_bytes().split(b"\n")[:-1]  # the last one may be half-written
         return [json.loads(line) for line in lines[start:]]
+
+    def agent_calls(self, start: int = 0) -> list[dict[str, Any]]:
+        """What the agents noted of their calls, from line `start` on; see the program's agent/journal."""
+        journal = self._state / "agent-journal.jsonl"
+        if not journal.exists():
+            return []
+        return [json.loads(line) for line in journal.read_bytes().split(b"\n")[:-1][start:]]
 
     def count(self) -> int:
         """How many requests have been received."""

@@ -46,12 +46,15 @@ def flat_entry(name: str, disk: Disk) -> Entry:
 
 
 class Daemon:
-    """The daemon on EXPORT: with `threads` it follows the controller, without them the tests write its shadow tree."""
+    """The daemon on EXPORT: with `threads` it follows the controller, without them the tests write its shadow tree.
+    environment: variables that its next start has beside those of the tests."""
 
-    def __init__(self, *options: str, threads: bool = False):
+    def __init__(self, *options: str, threads: bool = False, environment: dict[str, str] | None = None):
+        self.environment = dict(environment or {})
         self._directory = WORK / f"run-{next(_run_numbers)}"
         self._directory.mkdir()
         self._options = ("-L", str(self._directory), *options, *(() if threads else ("--no-threads",)))
+        self._environment = {**os.environ, **(environment or {})}
         self._process: subprocess.Popen | None = None
         self.log_file = self._directory / "mirador"
 
@@ -66,7 +69,8 @@ class Daemon:
         if not place.is_safe():
             raise Failed("the daemon is only started in a sandbox")
         with open(self._directory / "output", "ab") as output:  # nothing, once it logs
-            self._process = subprocess.Popen(self.command("-f"), stdin=subprocess.DEVNULL, stdout=output, stderr=output)
+            self._process = subprocess.Popen(self.command("-f"), stdin=subprocess.DEVNULL, stdout=output, stderr=output,
+                                             env={**os.environ, **self.environment})
         wait_until(lambda: _is_served() or self._process.poll() is not None, "the mount stands")
         if self._process.poll() is not None:
             raise Failed(f"the daemon ended with status {self._process.returncode}\n{self.last_lines()}")

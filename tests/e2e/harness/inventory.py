@@ -34,16 +34,23 @@ def _names(directory: pathlib.Path) -> list[str]:
 
 
 class InventoryCase(DaemonCase):
-    """One appliance and one daemon serve all tests of a class; make_machines is called before they start. When the
-    tests are done, the daemon must stop in order, and with the appliance gone nothing may be left."""
+    """One appliance and one daemon serve all tests of a class; make_machines is called before they start, prepare
+    between the two. When the tests are done, the daemon must stop in order, and with the appliance gone nothing may be
+    left."""
 
     appliance: Appliance
     settings: dict[str, str] = {}
+    environment: dict[str, str] = {}  # the daemon's, added to the tests' own
+    environment: dict[str, str] = {}  # of the daemon
 
     @classmethod
     def make_machines(cls) -> list[str]:
         """Makes the VMs that are there from the start. Returns the datastores as the appliance's command takes them."""
         raise NotImplementedError
+
+    @classmethod
+    def prepare(cls) -> None:
+        """The appliance runs and knows the VMs; the daemon does not run yet."""
 
     @classmethod
     def setUpClass(cls) -> None:
@@ -56,7 +63,8 @@ class InventoryCase(DaemonCase):
         cls.addClassCleanup(cls._stop_all)
         # Complete before the daemon looks: its first cycle then is the only one.
         wait_until(lambda: all(store["complete"] for store in cls.appliance.status()["datastores"]), "discovery")
-        cls.daemon = Daemon(*cls.options, threads=True)
+        cls.prepare()
+        cls.daemon = Daemon(*cls.options, threads=True, environment=cls.environment)
         cls.daemon.start()
         cls.wait_taken_over()
 
