@@ -54,7 +54,6 @@ class Daemon:
         self._directory = WORK / f"run-{next(_run_numbers)}"
         self._directory.mkdir()
         self._options = ("-L", str(self._directory), *options, *(() if threads else ("--no-threads",)))
-        self._environment = {**os.environ, **(environment or {})}
         self._process: subprocess.Popen | None = None
         self.log_file = self._directory / "mirador"
 

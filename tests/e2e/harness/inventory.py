@@ -40,7 +40,6 @@ class InventoryCase(DaemonCase):
 
     appliance: Appliance
     settings: dict[str, str] = {}
-    environment: dict[str, str] = {}  # the daemon's, added to the tests' own
     environment: dict[str, str] = {}  # of the daemon
 
     @classmethod
