@@ -41,12 +41,15 @@ def main(words: list[str]) -> int:
     options = parser.parse_args(words)
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, signal.SIG_IGN)
-    agent = Agent(Home(options.state, options.root), Session(options.hypervisor, options.portnumber))
+    session = Session(options.hypervisor, options.portnumber)
+    agent = Agent(Home(options.state, options.root), session)
     try:
         while (line := read_line(sys.stdin.buffer)) is not None:
             agent.serve(line)
     except BrokenPipeError:
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+    finally:
+        session.disconnect()
     return 0
 
 
