@@ -6,6 +6,7 @@ import os
 from .tools import run
 
 _KERNEL_THREADS = 2  # parent of all of them
+_SESSION = "jrpc_session_file-"  # an agent's, which one that is killed leaves for the next
 
 
 @dataclasses.dataclass(frozen=True)
@@ -24,7 +25,8 @@ class Census:
 
 
 def take() -> Census:
-    return Census(loops(), mappings(), _mounts(), frozenset(os.listdir("/tmp")), _processes())
+    temporary = (name for name in os.listdir("/tmp") if not name.startswith(_SESSION))
+    return Census(loops(), mappings(), _mounts(), frozenset(temporary), _processes())
 
 
 def loops() -> frozenset[str]:
