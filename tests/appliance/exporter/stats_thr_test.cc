@@ -98,8 +98,8 @@ class post_gate_t {
 class stats_thr : public shadow_fixture_t {
   protected:
     stats_thr() {
-        fake_.answer("vmstats", [this](const http_request_t& request, http_connection_t& connection) {
-            gate_.hold(request, connection);
+        fake_.answer("vmstats", [gate = shared_](const http_request_t& request, http_connection_t& connection) {
+            gate->hold(request, connection);
         });
         clock_.emplace(start_time);
     }
@@ -123,7 +123,9 @@ class stats_thr : public shadow_fixture_t {
     }
 
     fake_controller_t& fake_ = fake_controller_t::fresh(controller_get_url);
-    post_gate_t gate_;
+    // The server's thread may still leave it when the reply has been read and the test is over.
+    const std::shared_ptr<post_gate_t> shared_ = std::make_shared<post_gate_t>();
+    post_gate_t& gate_ = *shared_;
     std::optional<manual_clock_t> clock_;
 };
 
