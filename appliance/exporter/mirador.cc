@@ -157,8 +157,8 @@ int serve(fuse_args* args, background_t* background) {
         cnt_thr_stop();
     const bool removed = remove_tmpfs();
     vm_proxy_release_all();
-    stats_thr_stop();
     snapshot_state_shutdown();
+    stats_thr_stop();  // may give the controller up for good, which snapshots still need
     managed_alert_shutdown();
     jrpcclnt_pool_destroy();
     cor_assert(cor_exit() == nullptr);
