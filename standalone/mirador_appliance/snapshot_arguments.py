@@ -78,6 +78,6 @@ def add_faults(top: Builder) -> None:
                         ("top", "let create_top_snapshot make a snapshot"),
                         ("moment", "note in the journal what the disks hold when a snapshot is made")):
         rule.add_argument(f"--{name}", action="store_const", const=1, help=about)
-    rule.add_argument("--busy", action="store_true", help=f"the same as --error {faults.BUSY}: another task works on it")
+    rule.add_argument("--busy", action="store_true", help=f"as --error {faults.BUSY}: another task works on it")
     group.add("list", "show the faults in force", commands.fault_list)
     group.add("clear", "end all faults", commands.fault_clear)

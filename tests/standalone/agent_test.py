@@ -1,4 +1,4 @@
-"""The agent as the daemon runs it: requests over pipes, what they do to a datastore, and the controller that follows."""
+"""The agent as the daemon runs it: requests over pipes, what they do to a datastore, the controller that follows."""
 
 import json
 import os
@@ -15,7 +15,7 @@ from fixture import Appliance, TemporaryCase, make_vm, uuid_of, wait_until
 
 from mirador_appliance.agent import faults, journal
 from mirador_appliance.busy import is_busy
-from mirador_appliance.hypervisor import locks
+from mirador_appliance.hypervisor import locks, snapshots
 from mirador_appliance.store import Store
 
 WEB, MAIL = uuid_of(1), uuid_of(2)
@@ -73,7 +73,7 @@ class AgentCase(TemporaryCase):
 
     def start(self, hypervisor="esx1"):
         agent = Agent(self.directory / "root", hypervisor)
-        self.addCleanup(lambda: agent.process.poll() is None and agent.close())
+        self.addCleanup(agent.close)
         return agent
 
     def connected(self, hypervisor="esx1"):
@@ -216,6 +216,28 @@ class Snapshots(AgentCase):
         self.assertEqual(agent.ask("remove_snapshot", "old name", WEB, self.mine, "0"), 1)
         wait_until(lambda: not self.names(agent), "it is gone")
 
+    def test_creation_that_died_is_finished_by_a_listing(self):
+        agent, before = self.connected(), self.vmx["web"].read_bytes()
+        faults.add(self.state, faults.Rule(method="create_snapshot", step="running again", times=1))
+        agent.send(json.dumps(["create_snapshot", "web", WEB, self.mine, "0"]) + "\n")
+        self.assertEqual(agent.reply(), b"")
+        agent = self.connected()
+        self.assertEqual(self.names(agent), [self.mine])  # it had come so far that the snapshot counts
+        self.assertFalse([name for name in os.listdir(self.vmx["web"].parent) if name.startswith(".web")])
+        self.assertEqual(agent.ask("remove_snapshot", "web", WEB, self.mine, "1"), 1)
+        self.assertEqual(self.vmx["web"].read_bytes(), before)
+
+    def test_unfinished_removal_is_finished_by_a_listing(self):
+        agent, before = self.connected(), self.vmx["web"].read_bytes()
+        agent.ask("create_snapshot", "web", WEB, self.mine, "0")
+        snapshots.remove(str(self.vmx["web"]), self.mine, merging=False)
+        vm = next(vm for vm in self.appliance.status()["vms"] if vm["name"] == "web")
+        self.assertEqual((vm["consolidation_needed"], vm["snapshots"]), (True, []))
+        self.assertEqual(agent.ask("create_snapshot", "web", WEB, self.mine, "0"), 16)
+        self.assertEqual(self.names(agent), [])
+        wait_until(lambda: self.vmx["web"].read_bytes() == before, "it is finished")
+        wait_until(lambda: not snapshots.needs_consolidation(str(self.vmx["web"])), "nothing is left to do")
+
     def test_busy_vm(self):
         agent = self.connected()
         agent.ask("create_snapshot", "web", WEB, self.mine, "0")
@@ -234,7 +256,7 @@ class Faults(AgentCase):
         for words, reply, names, outcome in (
                 (("--die", "before"), b"", nothing, "died"),
                 (("--die", "after"), b"", made, "died"),
-                (("--error", "5", "--text", "told", "--times", "1"), b'{"errdesc":{"err_num":5,"err_string":"told"', nothing,
+                (("--error", "5", "--text", "x", "--times", "1"), b'{"errdesc":{"err_num":5,"err_string":"x"', nothing,
                  "refused"),
                 (("--error", "5", "--acts"), b'{"errdesc":{"err_num":5', made, "refused"),
                 (("--busy", "--for", "60"), b'{"errdesc":{"err_num":114', nothing, "refused"),
@@ -275,7 +297,7 @@ class Faults(AgentCase):
         agent.ask("remove_snapshot", "web", WEB, self.mine, "1")
         files = sorted(os.listdir(self.directory / "ds1/web"))
         for method, flag in (("create_snapshot", "0"), ("remove_snapshot", "1"), ("remove_snapshot", "0")):
-            for step in self.steps(method):
+            for step in self.steps(method)[::3]:
                 with self.subTest(method=method, flag=flag, step=step):
                     if method == "remove_snapshot":
                         self.assertIsNone(agent.ask("create_snapshot", "web", WEB, self.mine, "0"))

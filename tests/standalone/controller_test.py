@@ -171,6 +171,20 @@ class Records(ControllerCase):
         self.controller.take_vms([vm_facts("vm", A, snapshots=names)])
         self.assertEqual(self.vms()["vm"]["snap_exists"], 2)
 
+    def test_disks_are_served_as_the_newest_own_snapshot_froze_them(self):
+        mine = f"Corvantis: {self.controller.setting('controller.uuid')}"
+        facts = vm_facts("vm", A, disks=synthetic.facts_of(0)["disks"][:1])
+        frozen = {name: [{**disk, "head_ascii_path": name} for disk in facts["disks"]]
+                  for name in (mine, f"{mine} x", "Corvantis: somebody-else")}
+        live = facts["disks"][0]["head_ascii_path"]
+        for names, heads in (([], {live}), (["a user's"], {live}), ([mine], {mine}), ([mine, f"{mine} x"], {f"{mine} x"}),
+                             ([mine, "Corvantis: somebody-else"], {mine}), (["Corvantis: somebody-else"], {live}),
+                             ([f"{mine} unreadable"], set())):  # never what the VM writes to
+            with self.subTest(names):
+                self.controller.take_vms([{**facts, "snapshots": names, "frozen": frozen}])
+                served = {disk["head_ascii_path"] for disk in json.loads(self.controller.disks(A))}
+                self.assertEqual(served, heads)
+
     def test_hosts(self):
         self.store.close()
         self.start("esx2")

@@ -5,14 +5,14 @@
     {"event": "ended", "call": ID, "time": SECONDS, "method": NAME, "outcome": WORD, …}
 
 IDs are "PID-NUMBER" of the agent's process and its calls. Outcomes: "done" (with "result" when it is a number, with
-"moment": [{"node", "base", "sha256"}, …] when a fault asks for it), "refused" (with "error" and "text"), "died", "silent",
-"garbage", "cut". "fault" is the rule that acted, "steps" the names of the steps of a snapshot operation that were done. A
-call without an end is one whose process was killed. A removal that went on behind its call has one more line:
+"moment": [{"node", "base", "sha256"}, …] when a fault asks for it), "refused" (with "error" and "text"), "died",
+"silent", "garbage", "cut". "fault" is the rule that acted, "steps" the names of the steps of a snapshot operation that
+were done. A call without an end is one whose process was killed. A removal that went on behind its call has one more line:
 
     {"event": "finished", "time": SECONDS, "method": NAME, "vmx": PATH, "snapshot": NAME, "steps": […],
      "count": N or "error": N and "text": TEXT}
 
-There are no passwords in it. Grown to 4 MiB it is renamed to `….1`.
+The same with the method "consolidate" stands for what an earlier removal left to do. There are no passwords in it. Grown to 4 MiB it is renamed to `….1`.
 """
 
 import os

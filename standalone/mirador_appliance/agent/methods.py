@@ -152,8 +152,10 @@ class Methods:
         except re.error as error:
             raise AgentError(errno.EINVAL, f"{pattern}: no regular expression: {error}") from None
         with self._home.machines() as machines:
-            return "list", [entry for machine in machines.of_hypervisor(self._session.hypervisor)
-                            for entry in _entries(machine, wanted)]
+            known = list(machines.of_hypervisor(self._session.hypervisor))
+        for machine in known:  # a daemon lists when it starts and once an hour: the time to tidy up after the dead
+            removal.tidy_up(self._home.state, machine)
+        return "list", [entry for machine in known for entry in _entries(machine, wanted)]
 
     def _df(self) -> Answer:
         self._session.check()

@@ -7,7 +7,9 @@ from collections.abc import Callable
 from typing import NoReturn
 
 from .. import bell
+from ..busy import is_busy
 from ..faults_told import reason
+from ..hypervisor import journal as journal_of_tasks
 from ..hypervisor import snapshots
 from ..hypervisor.machine import Refused, Steps
 from ..texts import pack, unpack
@@ -43,6 +45,34 @@ def remove_behind(state: pathlib.Path, machine: Machine, name: str, steps: Steps
     if "error" in told:
         raise AgentError(told["error"], told["text"])
     return told.get("count", count)
+
+
+def tidy_up(state: pathlib.Path, machine: Machine) -> None:
+    """Finishes or undoes what a task that died left to do, unless somebody works on the VM. Nobody waits for data to be
+    merged; how it went stands in the journal."""
+    try:
+        is_long = snapshots.needs_consolidation(machine.vmx)
+    except Refused:
+        return
+    if is_busy(machine.vmx) or not (is_long or os.path.exists(journal_of_tasks.path_of(machine.vmx))):
+        return
+    if not is_long:
+        _consolidate(state, machine)
+        return
+    child = os.fork()
+    if child == 0:
+        _leave(lambda: _consolidate(state, machine))
+    os.waitpid(child, 0)
+
+
+def _consolidate(state: pathlib.Path, machine: Machine) -> None:
+    told: dict[str, object] = {}
+    try:
+        snapshots.consolidate(machine.vmx, names=machine.names)
+    except Refused as refused:
+        told = {"error": refused.number, "text": refused.text}
+    bell.ring(state)
+    Journal(state).finish("consolidate", vmx=machine.vmx, **told)
 
 
 def _leave(run: Callable[[], None]) -> NoReturn:
