@@ -33,6 +33,7 @@ def read(path: str | pathlib.Path) -> bytes:
 
 class MachineCase(TemporaryCase):
     """A VM "vm" with the disks a, b and, independent, c."""
+    sectors = SECTORS  # of each disk
 
     def setUp(self):
         super().setUp()
@@ -42,10 +43,10 @@ class MachineCase(TemporaryCase):
         self.home = self.directory / "vm"
         self.vmx = self.make(self.home)
 
-    def make(self, home, sectors=SECTORS):
+    def make(self, home):
         for seed, name in enumerate("abc"):
-            flat_disk(home / f"{name}.vmdk", sectors * SECTOR)
-            (home / f"{name}-flat.vmdk").write_bytes(random.Random(seed).randbytes(sectors * SECTOR))
+            flat_disk(home / f"{name}.vmdk", self.sectors * SECTOR)
+            (home / f"{name}-flat.vmdk").write_bytes(random.Random(seed).randbytes(self.sectors * SECTOR))
         text = vmx_text("vm", uuid_of(1), "a.vmdk", "b.vmdk", "c.vmdk").replace("\n", "\r\n")
         return str(write(home / "vm.vmx", text + INDEPENDENT))
 
@@ -137,8 +138,8 @@ class Contents(MachineCase):
         patch.start()
         self.addCleanup(patch.stop)
         start = self.contents()
-        running = subprocess.Popen([sys.executable, "-B", "-m", guest.__name__, self.vmx, "--seed", "3", "--pause", "0"],
-                                   cwd=PROGRAM.parent, stdout=subprocess.PIPE, text=True)
+        command = [sys.executable, "-B", "-m", guest.__name__, self.vmx, "--seed", "3", "--pause", "0"]
+        running = subprocess.Popen(command, cwd=PROGRAM.parent, stdout=subprocess.PIPE, text=True)
         self.addCleanup(running.stdout.close)
         wait_until(lambda: read(self.home / "a.vmdk") != start["scsi0:0"], "the guest writes")
         held, rounds = {}, {}
@@ -183,6 +184,7 @@ class Contents(MachineCase):
 
 class Interrupted(MachineCase):
     """A task is killed at each of its steps, the VM goes on writing, and the next task makes good what was left."""
+    sectors = 301
 
     def killed_at(self, step, task):
         """Runs a task in a process that is killed as soon as that many steps are done; whether it came so far."""
@@ -365,6 +367,18 @@ class Files(MachineCase):
         with self.assertRaises(Refused) as refused:
             self.create(OURS, steps=full)
         self.assertEqual((refused.exception.number, self.files(), snapshots.list(self.vmx)), (28, before, []))
+
+    def test_data_that_is_lost_is_not_merged(self):
+        self.create(OURS)
+        self.run_guest(1)
+        before = (self.home / "b-flat.vmdk").read_bytes()
+        delta = self.home / "b-000001-delta.vmdk"
+        os.truncate(delta, delta.stat().st_size - SECTOR)
+        with self.assertRaisesRegex(Refused, "ends early"):
+            snapshots.remove(self.vmx, OURS)
+        self.assertTrue(delta.exists() and snapshots.needs_consolidation(self.vmx))
+        self.assertNotEqual((self.home / "b-flat.vmdk").read_bytes(), before)  # what came before it is merged
+        self.assertEqual(Machine(self.vmx, PlainNames(), no_steps).disks()[1].name, "b-000001.vmdk")
 
     def test_disk_that_others_stand_on_is_not_touched(self):
         """Two branches stand on the disk that the snapshot holds; a third file is missing."""

@@ -22,7 +22,7 @@ def check_links(links: list[Link]) -> None:
     """Whether each disk stands on the content that it was made on. Unreadable."""
     for child, parent in zip(links, links[1:]):
         if parent_content_id(child.descriptor) != content_id(parent.descriptor):
-            raise Unreadable(f"{os.path.basename(child.descriptor.path)}: its parent has been changed since it was made")
+            raise Unreadable(f"{os.path.basename(child.descriptor.path)}: its parent has changed since it was made")
 
 
 def sectors_of(link: Link) -> int:
@@ -43,8 +43,8 @@ def open_extent(link: Link, writable: bool) -> Extent:
 
 
 class Chain:
-    """A disk. links: from the head to the base. A writer gives the head a new content id with its first write; `has_new_id`
-    says that this has been done. A context manager."""
+    """A disk. links: from the head to the base. A writer gives the head a new content id with its first write;
+    `has_new_id` says that this has been done. A context manager."""
 
     def __init__(self, links: list[Link], writable: bool = False, has_new_id: bool = False) -> None:
         """Unreadable, OSError."""

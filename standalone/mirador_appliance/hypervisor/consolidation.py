@@ -4,7 +4,7 @@ The steps, each on the datastore before the next:
 
 1. the journal tells which snapshots go and which disks they held
 2. the database is written without them; it tells that a consolidation is needed
-3. each disk that is held no more takes up the data of the delta above it, which is then removed: one merge after the other
+3. each disk that is held no more takes up the data of the delta above it, which is then removed: merge after merge
 4. the database tells that no consolidation is needed
 5. the journal goes
 
@@ -13,15 +13,15 @@ A merge of a delta into its parent:
 a. the journal tells of it and of the parent's new content id, which parent and delta then get: another delta that was
    made on the parent's old content is not taken for one of its new content
 b. the delta's grains are written to the parent. The delta hides what it changes there from all that stands on it
-c. what stood on the delta stands on the parent from now on, each by one rename: other deltas, snapshots in the database,
-   the VM itself in its configuration
+c. what stood on the delta stands on the parent from now on, each by one rename: other deltas, snapshots in the
+   database, the VM itself in its configuration
 d. the delta's files go
 
-A crash in a, b or c is made up for by doing the merge again: while anything still stands on the delta, nobody writes to the
-parent. When nothing does, only d is left.
+A crash in a, b or c is made up for by doing the merge again: while anything still stands on the delta, nobody writes to
+the parent. When nothing does, only d is left.
 
-The VM goes on writing to the delta that is its disk. If that one is to be merged and is large, the VM gets another delta
-on top of it first; a small one is merged while the VM stands still.
+The VM goes on writing to the delta that is its disk. If that one is to be merged and is large, the VM gets another
+delta on top of it first; a small one is merged while the VM stands still.
 
 A disk that is held no more and on which several deltas or none stand is left as it is: the former share it, and whose
 data the latter holds cannot be told.

@@ -3,8 +3,8 @@
 A header, a directory of the sectors of grain tables, then tables and grains as they come; each table lists the sectors
 of 4096 grains; 0 stands for what is not there. All numbers are 32-bit, little-endian, in sectors.
 
-A writer that dies leaves a good extent: a grain is written before the table names it, a table before the directory does.
-The header's number of the first free sector may then be too low; the file's length tells better.
+A writer that dies leaves a good extent: a grain is written before the table names it, a table before the directory
+does. The header's number of the first free sector may then be too low; the file's length tells better.
 """
 
 import array
@@ -29,6 +29,8 @@ _TABLE_SECTORS = _ENTRIES * _ENTRY // SECTOR
 _MOST_SECTORS = 0xffffffff
 _TABLES_KEPT = 1024  # in memory
 _MOST_GRAIN = 1 << 16
+_STRIDE = 64  # entries that are compared at once
+_NO_GRAINS = array.array("I", bytes(_STRIDE * _ENTRY))
 
 
 @dataclasses.dataclass(frozen=True)
@@ -47,6 +49,11 @@ def _words(data: bytes = b"") -> array.array:
     if sys.byteorder == "big":
         words.byteswap()
     return words
+
+
+def _expected(place: int, step: int) -> array.array:
+    """What a table has for _STRIDE grains that follow each other in the file; step 0 for grains that are not there."""
+    return array.array("I", range(place, place + _STRIDE * step, step)) if step else _NO_GRAINS
 
 
 def _header(shape: _Shape, free: int) -> bytes:
@@ -86,6 +93,8 @@ class CowdExtent:
         self._tables: collections.OrderedDict[int, array.array] = collections.OrderedDict()
 
     def _read_header(self, name: str, sectors: int) -> tuple[_Shape, int]:
+        if os.fstat(self._fd).st_size < _HEADER_SECTORS * SECTOR:
+            raise OSError(errno.EINVAL, f"{name} is shorter than its header")
         fields = _HEADER.unpack(self._read(0, _HEADER.size))
         magic, version, flags, capacity, grain, directory, tables, free = fields
         if (magic, version, flags) != (_MAGIC, _VERSION, _FLAGS):
@@ -137,6 +146,9 @@ class CowdExtent:
         last = -(-end // self.grain) - index * _ENTRIES  # the entry behind the last
         place, step = table[entry], self.grain if table[entry] else 0
         following = entry + 1
+        while following + _STRIDE <= last and place + (following - entry + _STRIDE) * step <= _MOST_SECTORS and \
+                table[following:following + _STRIDE] == _expected(place + (following - entry) * step, step):
+            following += _STRIDE
         while following < last and table[following] == place + (following - entry) * step:
             following += 1
         stop = min(end, (index * _ENTRIES + following) * self.grain)
@@ -150,7 +162,9 @@ class CowdExtent:
         return (run for run in self.runs(0, self.sectors) if run.place is not None)
 
     def stored_bytes(self) -> int:
-        return sum(run.count for run in self.stored()) * SECTOR
+        tables = (self._table(index) for index in range(self._shape.tables))
+        grains = sum(_ENTRIES - table.count(0) for table in tables if table is not None)
+        return grains * self.grain * SECTOR
 
     def write(self, first: int, data: memoryview) -> None:
         at, end = first, first + len(data) // SECTOR

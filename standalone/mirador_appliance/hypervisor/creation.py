@@ -4,13 +4,13 @@ The steps, each on the datastore before the next:
 
 1. the journal tells what is going to be made
 2. an empty extent for the new delta of each disk
-3. while the VM stands still: the deltas' descriptors, then the configuration with the deltas as the VM's disks. That one
-   rename is what makes the snapshot: of all disks, or of none
+3. while the VM stands still: the deltas' descriptors, then the configuration with the deltas as the VM's disks. That
+   one rename is what makes the snapshot: of all disks, or of none
 4. the database tells of the snapshot
 5. the journal goes
 
-After a crash the configuration tells which way to go: with the deltas in it the snapshot is finished, else what was made
-of it is removed. The VM may have gone on writing to its disks meanwhile, as the configuration gives them.
+After a crash the configuration tells which way to go: with the deltas in it the snapshot is finished, else what was
+made of it is removed. The VM may have gone on writing to its disks meanwhile, as the configuration gives them.
 """
 
 import contextlib

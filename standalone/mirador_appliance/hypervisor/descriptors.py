@@ -1,7 +1,7 @@
 """Descriptors of disks as text: what identifies their content and their parent, and how that is changed.
 
-A content id stands for the content of a disk at a time: whoever opens a disk for writing gives it a new one, and a delta
-keeps its parent's, so that a delta is never read over a parent that has changed since.
+A content id stands for the content of a disk at a time: whoever opens a disk for writing gives it a new one, and a
+delta keeps its parent's, so that a delta is never read over a parent that has changed since.
 """
 
 import errno

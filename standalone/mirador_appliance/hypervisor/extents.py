@@ -41,12 +41,11 @@ class Extent(Protocol):
 
 
 def read_exactly(fd: int, buffer: memoryview, offset: int) -> None:
-    """Fills the buffer from the file; behind the file's end are zeros."""
+    """Fills the buffer from the file. OSError, EIO when the file ends before."""
     while buffer:
         size = os.preadv(fd, [buffer], offset)
         if size == 0:
-            buffer[:] = bytes(len(buffer))
-            return
+            raise OSError(errno.EIO, "a disk's file ends early")
         buffer, offset = buffer[size:], offset + size
 
 

@@ -1,8 +1,8 @@
 """A guest: writes into the disks of a VM as if it ran.
 
-It works in rounds. A round writes some sectors at one place of every disk, all of it between two moments: a snapshot has
-a round whole or not at all, on all disks. What a round writes and where follows from the seed, the round and the disk
-alone, so that anybody can tell from a copy of the disks which rounds it has, and what it has to be then.
+It works in rounds. A round writes some sectors at one place of every disk, all of it between two moments: a snapshot
+has a round whole or not at all, on all disks. What a round writes and where follows from the seed, the round and the
+disk alone, so that anybody can tell from a copy of the disks which rounds it has, and what it has to be then.
 
 A sector: the magic word, round, disk, place (64 bits each, little-endian), bytes drawn from the seed, and a checksum.
 """
@@ -38,7 +38,8 @@ def sector(seed: int, number: int, disk: int, place: int) -> bytes:
 
 def round_of(data: bytes | memoryview) -> int | None:
     """The round that wrote a sector; None for a sector that no round wrote whole."""
-    if data[:len(_MAGIC)] != _MAGIC or _CHECKSUM.unpack(data[-_CHECKSUM.size:])[0] != zlib.crc32(data[:-_CHECKSUM.size]):
+    checked, checksum = data[:-_CHECKSUM.size], data[-_CHECKSUM.size:]
+    if data[:len(_MAGIC)] != _MAGIC or _CHECKSUM.unpack(checksum)[0] != zlib.crc32(checked):
         return None
     return _HEAD.unpack_from(data)[1]
 
@@ -123,7 +124,7 @@ def run(vmx: str, seed: int, go_on: Callable[[], bool], pause: float = 0.001, na
 
 def main() -> None:
     parser = argparse.ArgumentParser(
-        description="Writes into the disks of a VM as if it ran, until SIGINT or SIGTERM ends it; prints the last round.")
+        description="Writes into the disks of a VM as if it ran, until SIGINT or SIGTERM; prints the last round.")
     parser.add_argument("vmx", help="the VM's configuration file")
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--seconds", type=float, default=float("inf"), help="how long; without end by default")

@@ -3,8 +3,8 @@
     task   one snapshot task at a time works on a VM
     run    the running VM holds it shared whenever it reads or writes; whoever holds it alone makes the VM stand still
 
-Each is a file beside the configuration file, there only while somebody uses it. A file may go while one waits for it, so
-a lock counts only when its file is still in place. Held alone, it is removed before it is let go.
+Each is a file beside the configuration file, there only while somebody uses it. A file may go while one waits for it,
+so a lock counts only when its file is still in place. Held alone, it is removed before it is let go.
 """
 
 import contextlib

@@ -1,6 +1,7 @@
 """A VM as it lies on the datastore: its configuration, its snapshot database, its disks and how they hang together."""
 
 import dataclasses
+import functools
 import os
 import re
 from collections.abc import Callable
@@ -117,13 +118,14 @@ class Machine:
             return self.directory
         return directory if os.path.isdir(directory) else self.directory
 
+    @functools.cached_property
     def _directories(self) -> list[str]:
-        """Where names without a directory are looked for."""
+        """Where names without a directory are looked for; a VM keeps its working directory while it is worked on."""
         return [*dict.fromkeys([self.working_directory(), self.directory])]
 
     def find(self, name: str) -> str:
         """The local path of a disk as configuration and database name it."""
-        candidates = [self.locate(name, directory) for directory in self._directories()]
+        candidates = [self.locate(name, directory) for directory in self._directories]
         return next((path for path in candidates if os.path.isfile(path)), candidates[-1])
 
     def name_of(self, path: str) -> str:
@@ -180,7 +182,7 @@ class Machine:
         their names are looked for. taken: paths that are not free either."""
         match = _NUMBERED.fullmatch(os.path.basename(head))
         stem = match[1] if match else os.path.basename(head)
-        directories = self._directories()
+        directories = self._directories
         for number in range(1, 1_000_000):
             names = f"{stem}-{number:06d}.vmdk", f"{stem}-{number:06d}-delta.vmdk"
             paths = [os.path.join(directory, name) for directory in directories for name in names]

@@ -9,7 +9,8 @@ from collections.abc import Iterator
 from ..texts import to_bytes, to_text
 
 _MARK = b"\xef\xbb\xbf"
-_LINE = re.compile(rb'(?P<key>[^"#=\n]+?)[ \t\r\v\f]*=[ \t\r\v\f]*(?:(?P<quoted>"(?P<text>[^"\n]*)"?)|(?P<bare>[^#\n]*))')
+_LINE = re.compile(rb'(?P<key>[^"#=\n]+?)[ \t\r\v\f]*=[ \t\r\v\f]*'
+                   rb'(?:(?P<quoted>"(?P<text>[^"\n]*)"?)|(?P<bare>[^#\n]*))')
 _DEVICE = re.compile(r"((?:scsi|ide|sata|nvme)\d+:\d+)\.(\w+)")
 _ESCAPE = re.compile(rb"\|([0-9A-Fa-f]{2})")
 _ESCAPED = re.compile(r'[\x00-\x1f\x7f"|#]')
