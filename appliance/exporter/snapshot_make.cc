@@ -88,19 +88,16 @@ errdesc_t* count_vendors(const snapshot_state_t& state, const ks_hypervisor_conf
     return nullptr;
 }
 
-// Waits until the controller shows the snapshots that the VM has, *before: one that is gone but still shown would pass
-// for the one about to be made, and the disks would be read where they no longer are.
+// *before: the snapshots that the VM has. Waits until the controller shows no more than those: one that is gone but
+// still shown would pass for the one about to be made, and the disks would be read where they no longer are.
 errdesc_t* settle(const snapshot_state_t& state, const ks_hypervisor_config_t& hvc,
                   const std::function<bool()>& goes_on, int* before) {
     const std::string& path = *state.vm_shadow_path;
     const std::time_t start = clock_now();
     int shown = 0;
-    *before = 0;
     RETURN_IF_ERROR(vm_count_snapshots(path, &shown));
-    if (shown == 0)
-        return nullptr;
     RETURN_IF_ERROR(count_vendors(state, hvc, before));
-    while (shown != *before) {
+    while (shown > *before) {
         if (clock_now() - start >= snapshot_patience || !goes_on())
             return errdesc_set_fmt(ETIME, "%s has %d snapshots, and still shows %d", path.c_str(), *before, shown);
         clock_sleep(1);
@@ -130,11 +127,14 @@ errdesc_t* take_snapshot(snapshot_state_t* state, const ks_hypervisor_config_t& 
 // Waits until the VM's disks are told as the snapshot froze them, and takes that over into the shadow tree.
 errdesc_t* follow_snapshot(const snapshot_state_t& state, int expected, attempts_t* attempts,
                            const std::function<bool()>& goes_on) {
+    int shown = 0;
     RETURN_IF_ERROR(vm_wait_snapshot(*state.vm_shadow_path, expected, snapshot_patience, goes_on));
     for (;;) {
         errdesc_t* e = vm_update(*state.vm_shadow_path, true, true);
+        if (e == nullptr)  // of a VM that was retired meanwhile nothing was updated
+            return vm_count_snapshots(*state.vm_shadow_path, &shown);
         int retry = 0;
-        if (e == nullptr || !attempts->take(&retry))
+        if (!attempts->take(&retry))
             return e;
         const errdesc_keeper_t keeper;
         _errdesc_log(e, ERRDESC_WARNING);

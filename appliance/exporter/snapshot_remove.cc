@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "appliance/exporter/snapshot_remove.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <vector>
 
@@ -90,6 +91,7 @@ std::vector<snapshot_state_ptr> choose(snapshot_list_t* list, const snapshot_rem
     std::vector<snapshot_state_ptr> due;
     list_iter(*list, [&](const snapshot_state_ptr& state) {
         snapshot_state_check(*state);
+        state->atime = std::min(state->atime, removal.now);  // the clock may have been set back
         if (is_due(*state, removal))
             due.push_back(state);
         return true;
@@ -126,6 +128,7 @@ bool snapshot_pause(unsigned seconds, const std::function<bool()>& goes_on) {
 errdesc_t* snapshot_state_destroy(snapshot_state_t* state, bool blocking, bool alert,
                                   const std::function<bool()>& goes_on) {
     snapshot_state_check(*state);
+    state->removal_begun = true;
     errdesc_t* e = state->snapshot_created ? remove_from_hypervisor(state, blocking, alert, goes_on) : nullptr;
     if (e != nullptr)
         remember(*state, e);

@@ -38,9 +38,10 @@ struct snapshot_state_t {
     ks_hypervisor_config_t hypervisor;  // as last known, for a removal while the controller is away
 
     // Under the thread's mutex.
-    std::int64_t ref = 0;   // users; never negative
-    std::time_t atime = 0;  // last change of `ref`
-    unique_fd lockfd;       // holds the lock on the VM's lock file
+    std::int64_t ref = 0;        // users; never negative
+    std::time_t atime = 0;       // last change of `ref`
+    unique_fd lockfd;            // holds the lock on the VM's lock file
+    bool removal_begun = false;  // the snapshot may be gone, whatever was answered: nobody reads from it any more
 
     bool is_leftover() const { return !vm_shadow_path; }
 };

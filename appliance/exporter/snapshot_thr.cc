@@ -131,9 +131,14 @@ void snapshot_thr_start() {
     thr.thr = std::thread(snapshot_thr);
 }
 
-// A snapshot that an earlier run left is as old as that run: nobody reads from it.
-errdesc_t* drop_leftover(snapshot_thr_t* thr, snapshot_state_ptr* state) REQUIRES(thr->mutex) {
-    while (*state != nullptr && (*state)->is_leftover()) {
+// A snapshot that an earlier run left is as old as that run, and one whose removal failed may be gone or going: nobody
+// reads from them.
+bool is_unusable(const snapshot_state_t& state) {
+    return state.ref == 0 && (state.is_leftover() || state.removal_begun);
+}
+
+errdesc_t* drop_unusable(snapshot_thr_t* thr, snapshot_state_ptr* state) REQUIRES(thr->mutex) {
+    while (*state != nullptr && is_unusable(**state)) {
         RETURN_IF_ERROR(snapshot_state_destroy(state->get(), true, true, goes_on));
         cor_assert(list_delete(thr->list, *state));
         *state = snapshot_state_find(thr->list, (*state)->hvname, (*state)->vmuuid);
@@ -204,7 +209,7 @@ errdesc_t* find_or_make(snapshot_thr_t* thr, const snapshot_request_t& request, 
     *state = snapshot_state_find(thr->list, request.hvname, request.vmuuid);
     if (action == SNAPSHOT_REMOVE)
         return nullptr;
-    RETURN_IF_ERROR(drop_leftover(thr, state));
+    RETURN_IF_ERROR(drop_unusable(thr, state));
     return *state != nullptr ? nullptr : make_state(thr, request, state);
 }
 
