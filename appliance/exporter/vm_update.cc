@@ -13,6 +13,7 @@
 #include "appliance/exporter/vm_alerts.h"
 #include "appliance/exporter/vm_cbt_reset.h"
 #include "appliance/exporter/vm_proxy_touch.h"
+#include "appliance/exporter/vmx_frozen.h"
 #include "appliance/exporter/vmx_write_cfg.h"
 #include "appliance/lib/registry.h"
 #include "appliance/lib/shadow_dir.h"
@@ -35,6 +36,7 @@ struct attempt_t {
     ks_vdisk_list_t vdisks;
     vd_update_t update;
     vmx_conversion_t conversions;
+    std::vector<std::string> heads;  // where the descriptor of each entry in `conversions` can be read
     bool full = false;
     bool remove_old_disks = true;
     bool may_retry = true;  // a missing file is looked for once more in each update
@@ -88,6 +90,7 @@ errdesc_t* update_exported_disk(vm_state_t* vm, attempt_t* attempt, const ks_vdi
         e = vd_update(&vm->vd_list, vdisk, attempt->update, &state);
     if (e == nullptr) {
         attempt->conversions.emplace_back(state->current_vd_path, state->new_vd_name);
+        attempt->heads.push_back(state->current_vd_fpath);
         return nullptr;
     }
     if (!only_keeps_disks(e->number))
@@ -124,6 +127,8 @@ errdesc_t* check_conflict(const vm_state_t& vm, const attempt_t& attempt) REQUIR
 
 // Without the VMX file the disks are exported all the same.
 void copy_vmx(vm_state_t* vm, attempt_t* attempt) REQUIRES(vm->mutex) {
+    if (attempt->vmc.snap_exists >= 1)
+        vmx_follow_to_frozen(vm->paths.vmx_ds_path, attempt->heads, &attempt->conversions);
     errdesc_t* e = vmx_copy_convert(vm->paths.vmx_ds_path, vm->paths.vm_cached_path, attempt->conversions);
     vm->vmx_available = e == nullptr;
     if (e == nullptr)

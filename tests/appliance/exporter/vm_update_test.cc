@@ -271,6 +271,32 @@ TEST_F(vm_update_test, VmWithASnapshotIsLeftAloneUnlessForced) {
     EXPECT_EQ(header("esx1/vm/disk-flat.vmdk").statb.mtime_sec, before);
 }
 
+// The VM writes to deltas that are not exported: its configuration names the disks below them.
+TEST_F(vm_update_test, FrozenDisksStandInTheConfigurationForTheDeltasAboveThem) {
+    lab_vm_t vm;
+    vm.disks = {{}, {.name = "other.vmdk"}, {.name = "still.vmdk"}};
+    vm.snap_exists = 1;
+    make_files(vm);
+    const auto delta = [this](const std::string& name, const std::string& parent) {
+        write_file(datastore_ + "/vm/" + name,
+                   "# Disk DescriptorFile\nversion=1\nCID=0000fffe\nparentCID=0000ffff\ncreateType=\"vmfsSparse\"\n"
+                   "parentFileNameHint=\"" +
+                       parent + "\"\nRW 2048 VMFSSPARSE \"delta.vmdk\"\n");
+    };
+    delta("disk-000001.vmdk", "disk.vmdk");
+    delta("other-000001.vmdk", "other.vmdk");
+    delta("other-000002.vmdk", datastore_ + "/vm/other-000001.vmdk");
+    const auto vmx = [](const std::string& first, const std::string& second, const std::string& third) {
+        return "displayName = \"vm\"\nscsi0:0.present = \"TRUE\"\nscsi0:0.fileName = \"" + first +
+               "\"\nscsi0:1.present = \"TRUE\"\nscsi0:1.fileName = \"" + second +
+               "\"\nscsi0:2.present = \"TRUE\"\nscsi0:2.fileName = \"" + third + "\"\n";
+    };
+    write_file(datastore_ + "/vm/vm.vmx", vmx("disk-000001.vmdk", "other-000002.vmdk", "still.vmdk"));
+    take(vm);
+    ASSERT_EQ(update(vm, true), 0);
+    EXPECT_EQ(cached("vm.vmx"), vmx("disk.vmdk", "other.vmdk", "still.vmdk"));
+}
+
 TEST_F(vm_update_test, MissingVmxFileHidesOnlyItself) {
     lab_vm_t vm;
     make_files(vm);
