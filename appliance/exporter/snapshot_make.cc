@@ -88,20 +88,23 @@ errdesc_t* count_vendors(const snapshot_state_t& state, const ks_hypervisor_conf
     return nullptr;
 }
 
-// *before: the snapshots that the VM has. Waits until the controller shows no more than those: one that is gone but
-// still shown would pass for the one about to be made, and the disks would be read where they no longer are.
+// *before: the snapshots that the controller shows, once they are no more than the VM has: one that is gone but still
+// shown would pass for the one about to be made, and the disks would be read where they no longer are. Whether those of
+// other appliances of this vendor are shown is the controller's.
 errdesc_t* settle(const snapshot_state_t& state, const ks_hypervisor_config_t& hvc,
                   const std::function<bool()>& goes_on, int* before) {
     const std::string& path = *state.vm_shadow_path;
     const std::time_t start = clock_now();
-    int shown = 0;
-    RETURN_IF_ERROR(vm_count_snapshots(path, &shown));
-    RETURN_IF_ERROR(count_vendors(state, hvc, before));
-    while (shown > *before) {
+    int existing = 0;
+    RETURN_IF_ERROR(vm_count_snapshots(path, before));
+    if (*before == 0)
+        return nullptr;
+    RETURN_IF_ERROR(count_vendors(state, hvc, &existing));
+    while (*before > existing) {
         if (clock_now() - start >= snapshot_patience || !goes_on())
-            return errdesc_set_fmt(ETIME, "%s has %d snapshots, and still shows %d", path.c_str(), *before, shown);
+            return errdesc_set_fmt(ETIME, "%s has %d snapshots, and still shows %d", path.c_str(), existing, *before);
         clock_sleep(1);
-        RETURN_IF_ERROR(vm_count_snapshots(path, &shown));
+        RETURN_IF_ERROR(vm_count_snapshots(path, before));
     }
     return nullptr;
 }
@@ -176,12 +179,12 @@ errdesc_t* make(const snapshot_request_t& request, snapshot_state_t* state) {
 }
 
 // Removes again what a creation that failed may have made. Whether the hypervisor may still have it.
-bool undo(snapshot_state_t* state) {
+bool undo(snapshot_state_t* state, const std::function<bool()>& goes_on) {
     for (int attempt = 1;; attempt++) {
         errdesc_t* e = snapshot_state_destroy(state, false, false, nullptr);
         if (e == nullptr)
             return false;
-        if (attempt == undo_attempts) {
+        if (attempt == undo_attempts || !goes_on()) {
             _errdesc_print(e, ERRDESC_ERROR);
             return true;
         }
@@ -203,7 +206,7 @@ errdesc_t* snapshot_state_new(const snapshot_request_t& request, snapshot_made_t
         raise_snapshot_alert(state->hvname, state->vmname, e, SNAPSHOT_CREATE);
     if (e != nullptr) {
         const errdesc_keeper_t keeper;
-        made->left_behind = undo(state.get());
+        made->left_behind = undo(state.get(), request.goes_on);
         return e;
     }
     state->ctime = clock_now();
