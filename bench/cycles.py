@@ -52,6 +52,7 @@ def children_seconds(pid):
 
 class Controller:
     """The embedded appliance with `count` made-up VMs, whose files lie in a directory."""
+    PROGRAM = [APPLIANCE]  # that serves
 
     def __init__(self, count, directory):
         self.count = count
@@ -67,7 +68,7 @@ class Controller:
         self.command("set", "hypervisor.name", HYPERVISOR)
         with open(self._output, "ab") as output:
             self._process = subprocess.Popen(
-                [APPLIANCE, "serve", "--state", self._state, "--synthetic", str(self.count),
+                [*self.PROGRAM, "serve", "--state", self._state, "--synthetic", str(self.count),
                  "--datastore", self._store, "--port", "0", "--faults", self._faults, "--journal", self._journal],
                 stdin=subprocess.DEVNULL, stdout=output, stderr=output)
         # Complete before the daemon looks: its first cycle is then one.

@@ -12,7 +12,10 @@ import pathlib
 import sys
 
 import report_inventory
+import report_snapshots
 from markdown import QUIET, count, goals_table, origin, table
+
+TITLE = "# Measured"
 
 EMISSION_GOAL = 5e6  # grains a second
 MEMORY_GOAL = 1024  # KiB for each open disk
@@ -84,7 +87,7 @@ def shortfalls(figures):
 
 
 def head(figures):
-    yield "# Measured\n"
+    yield f"{TITLE}\n"
     yield (f"{origin('script/bench', figures)} Medians of {figures['rounds']} rounds ({figures['short_rounds']} where "
            f"not sequential) in which the contestants take turns. Between the rounds other work took "
            f"{figures['busy']:.0%} of the processors' time.\n")
@@ -151,24 +154,33 @@ def report(figures, profile):
     yield from falls_short(figures, profile)
 
 
+def measured(directory):
+    """The parts that a run has measured, by the file of their figures."""
+    found = {}
+    profile = directory / "profile.txt"
+    lines = profile.read_text().splitlines() if profile.exists() else []
+    for name, make in PARTS.items():
+        path = directory / name
+        if path.exists():
+            figures = json.loads(path.read_text())
+            found[name] = "\n".join(make(figures, lines) if make is report else make(figures)).strip()
+    return found
+
+
 def old_parts(path):
-    """The report's two parts as they stand in a file."""
+    """The parts as they stand in a report: each begins with a title of the first order."""
     text = path.read_text() if path.exists() else ""
-    first, title, second = text.partition(report_inventory.TITLE)
-    return first.strip(), (title + second).strip()
+    starts = [text.find(title) for title in TITLES]
+    ends = [min([end for end in starts if end > start], default=len(text)) for start in starts]
+    return {name: text[start:end].strip() for name, start, end in zip(PARTS, starts, ends) if start >= 0}
 
 
 def main():
-    directory = pathlib.Path(sys.argv[1])
-    bytes_part, inventory_part = old_parts(pathlib.Path(sys.argv[2]))
-    if (directory / "figures.json").exists():
-        profile = directory / "profile.txt"
-        lines = profile.read_text().splitlines() if profile.exists() else []
-        bytes_part = "\n".join(report(json.loads((directory / "figures.json").read_text()), lines))
-    if (directory / "inventory.json").exists():
-        inventory_part = "\n".join(report_inventory.report(json.loads((directory / "inventory.json").read_text())))
-    print("\n\n".join(part.strip() for part in (bytes_part, inventory_part) if part))
+    parts = old_parts(pathlib.Path(sys.argv[2])) | measured(pathlib.Path(sys.argv[1]))
+    print("\n\n".join(parts[name] for name in PARTS if name in parts))
 
 
+PARTS = {"figures.json": report, "inventory.json": report_inventory.report, "snapshots.json": report_snapshots.report}
+TITLES = (TITLE, report_inventory.TITLE, report_snapshots.TITLE)
 if __name__ == "__main__":
     main()

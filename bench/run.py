@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
 """Measures one part once and writes the figures as JSON. Runs in a sandbox; script/bench starts it.
 
-    run.py {bytes,inventory} OUTPUT-DIRECTORY [--quick]
+    run.py {bytes,inventory,snapshots} OUTPUT-DIRECTORY [--quick]
 
-Leaves figures.json, and profile.txt with what the machine did during sequential reads; or inventory.json. MIRADOR_BIN
-names the directory of the programs.
+Leaves figures.json, and profile.txt with what the machine did during sequential reads; or inventory.json; or
+snapshots.json. MIRADOR_BIN names the directory of the programs.
 """
 
 import argparse
@@ -24,6 +24,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests" / "
 from harness import place  # noqa: E402
 import inventory  # noqa: E402
 import measure  # noqa: E402
+import snapshots  # noqa: E402
 from subjects import all_subjects  # noqa: E402
 
 
@@ -67,7 +68,7 @@ def origin(output):
 
 
 def measure_bytes(output, quick):
-    """Everything but the inventories."""
+    """Everything but inventories and snapshots."""
     rounds = 1 if quick else 5
     short_rounds = 1 if quick else 3
     figures = {**origin(output), "rounds": rounds, "short_rounds": short_rounds}
@@ -102,6 +103,13 @@ def measure_inventories(output, quick):
     (output / "inventory.json").write_text(json.dumps(figures, indent=1))
 
 
+def measure_snapshots(output, quick):
+    """Opening disks of VMs that need a snapshot."""
+    tell("opening disks behind snapshots")
+    figures = {**origin(output), "busy": measure.busy_share(2), **snapshots.measure(quick)}
+    (output / "snapshots.json").write_text(json.dumps(figures, indent=1))
+
+
 def main():
     parser = argparse.ArgumentParser(usage=__doc__)
     parser.add_argument("part", choices=PARTS)
@@ -115,7 +123,7 @@ def main():
     tell("done")
 
 
-PARTS = {"bytes": measure_bytes, "inventory": measure_inventories}
+PARTS = {"bytes": measure_bytes, "inventory": measure_inventories, "snapshots": measure_snapshots}
 _BEGIN = time.monotonic()
 if __name__ == "__main__":
     main()
