@@ -30,6 +30,7 @@ class Samples:
         self._directory = pathlib.Path(f"/proc/{pid}")
         self._memory = os.open(self._directory / "mem", os.O_RDONLY)
         self.seconds = collections.defaultdict(collections.Counter)
+        self._first = set(os.listdir(self._directory / "task"))
 
     def take(self, elapsed):
         """Looks once; whatever a thread does now it is taken to have done for `elapsed` seconds."""
@@ -40,9 +41,10 @@ class Samples:
                 pass  # ended meanwhile
 
     def workers(self):
-        """Threads that serve the kernel's requests: what each did but for waiting for the next one."""
+        """Threads that serve the kernel's requests: what each did but for waiting for the next one. A thread that has
+        come meanwhile is one of them: they come as they are needed."""
         return [collections.Counter({what: seconds for what, seconds in found.items() if what != IDLE})
-                for found in self.seconds.values() if IDLE in found]
+                for thread, found in self.seconds.items() if IDLE in found or thread not in self._first]
 
     def _state(self, thread):
         words = (self._directory / "task" / thread / "syscall").read_text().split()
