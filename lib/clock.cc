@@ -14,6 +14,7 @@ namespace {
 std::atomic<bool> _manual = false;
 std::atomic<std::time_t> _manual_now = 0;
 std::atomic<std::time_t> _manual_slept = 0;
+std::atomic<bool> _manual_stands = false;
 
 constexpr std::int64_t second_ns = 1'000'000'000;
 
@@ -47,17 +48,28 @@ void clock_sleep(unsigned seconds) {
         cor_assert(errno == EINTR);
 }
 
+void clock_poll(unsigned seconds) {
+    constexpr timespec rest{0, 5'000'000};
+    if (_manual && _manual_stands)
+        (void)nanosleep(&rest, nullptr);
+    else
+        clock_sleep(seconds);
+}
+
 void clock_wait(std::condition_variable_any& cond, mutex_t& mutex, unsigned seconds) {
-    if (_manual)
+    if (_manual && _manual_stands)
+        cond.wait_for(mutex, std::chrono::milliseconds(1));
+    else if (_manual)
         clock_sleep(seconds);
     else
         cond.wait_for(mutex, std::chrono::nanoseconds(seconds * second_ns / _factor));
 }
 
-manual_clock_t::manual_clock_t(std::time_t now) {
+manual_clock_t::manual_clock_t(std::time_t now, bool stands) {
     cor_assert(!_manual && _factor == 1);
     _manual_now = now;
     _manual_slept = 0;
+    _manual_stands = stands;
     _manual = true;
 }
 

@@ -16,14 +16,19 @@ std::time_t clock_now();
 // Sleeps for whole seconds; an interrupted sleep resumes with the time that remains.
 void clock_sleep(unsigned seconds);
 
+// The same between two looks at something real, a child process say, which a manual clock would outrun.
+void clock_poll(unsigned seconds);
+
 // Waits until `cond` is notified, `seconds` at most; may end early for no reason. `mutex` is free meanwhile.
 void clock_wait(std::condition_variable_any& cond, mutex_t& mutex, unsigned seconds) REQUIRES(mutex);
 
-// A clock that a test drives: while one lives, clock_now() reads it, clock_sleep() and clock_wait() move it forward at
-// once. One at a time; construct and destroy it on the test's main thread.
+// A clock that a test drives: while one lives, clock_now() reads it; clock_sleep(), clock_poll() and clock_wait() move
+// it forward at once. One that `stands` is moved by clock_sleep() alone: the other two take moments, so that threads
+// that live on bounded waits look as often as they like at the same second. One at a time; construct and destroy it on
+// the test's main thread.
 class manual_clock_t {
   public:
-    explicit manual_clock_t(std::time_t now);
+    explicit manual_clock_t(std::time_t now, bool stands = false);
     ~manual_clock_t();
     manual_clock_t(const manual_clock_t&) = delete;
     manual_clock_t& operator=(const manual_clock_t&) = delete;

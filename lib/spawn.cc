@@ -277,7 +277,7 @@ errdesc_t* spawn_wait(pid_t pid, int options, const std::string& text, int timeo
             continue;
         if (ended < 0)
             return errdesc_set_str(errno, text);
-        clock_sleep(1);
+        clock_poll(1);
         left--;
     }
     return kill_and_report_timeout(pid, text);

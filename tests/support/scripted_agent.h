@@ -3,6 +3,8 @@
 // while one of these lives. Each has a command line of its own, so that the pool gives no earlier test's agent.
 #pragma once
 
+#include <unistd.h>
+
 #include <csignal>
 #include <cstddef>
 #include <fstream>
@@ -31,9 +33,21 @@ class scripted_agent_t {
         answer(method, R"({"response_type":"x","response_data":)" + data + "}");
     }
     void answer_error(const std::string& method, int number, const std::string& text) {
-        answer(method, R"({"errdesc":{"err_num":)" + std::to_string(number) + R"(,"err_string":")" + text +
-                           R"(","linenumber":7,"filename":"agent"}})");
+        answer(method, error_reply(number, text));
     }
+    static std::string error_reply(int number, const std::string& text) {
+        return R"({"errdesc":{"err_num":)" + std::to_string(number) + R"(,"err_string":")" + text +
+               R"(","linenumber":7,"filename":"agent"}})";
+    }
+    // One line, printed once instead, after those that were given before it.
+    void answer_once(const std::string& method, const std::string& reply) {
+        std::ofstream(dir_ / "once-" + method, std::ios::app) << reply << '\n';
+    }
+
+    // A held method is noted, but answered only when it is released; whether the agent waits for that.
+    void hold(const std::string& method) { write_file(dir_ / "hold-" + method, ""); }
+    void release(const std::string& method) { unlink((dir_ / "hold-" + method).c_str()); }
+    bool holds(const std::string& method) const { return access((dir_ / "held-" + method).c_str(), F_OK) == 0; }
 
     // Since the last look: "start" and its arguments for an agent that was started, and requests, as JSON arrays.
     std::vector<std::string> seen() {
@@ -47,7 +61,7 @@ class scripted_agent_t {
 
   private:
     static constexpr const char* program = R"(#!/usr/bin/python3
-import json, pathlib, sys
+import json, pathlib, sys, time
 home = pathlib.Path(__file__).parent
 def note(what):
     with open(home / "seen", "a") as seen:
@@ -56,8 +70,17 @@ note(["start"] + sys.argv[1:])
 for line in sys.stdin:
     request = json.loads(line)
     note(request)
-    answer = home / ("answer-" + request[0])
-    reply = answer.read_text() if answer.exists() else "{}"
+    hold, held, once, answer = (home / (kind + request[0]) for kind in ("hold-", "held-", "once-", "answer-"))
+    if hold.exists():
+        held.touch()
+        while hold.exists():
+            time.sleep(0.002)
+        held.unlink()
+    if once.exists():
+        reply, *rest = once.read_text().splitlines()
+        once.write_text("".join(line + "\n" for line in rest)) if rest else once.unlink()
+    else:
+        reply = answer.read_text() if answer.exists() else "{}"
     if not reply:
         break
     print(reply, flush=True)

@@ -139,6 +139,8 @@ std::string inventory_lab_t::vm_json(const lab_vm_t& vm) const {
     set(json, "use_cbt", vm.use_cbt ? 1 : 0);
     set(json, "cbt_reset_pending", vm.cbt_reset_pending ? 1 : 0);
     set(json, "snap_exists", vm.snap_exists);
+    set(json, "quiesce_enabled", vm.quiesce ? 1 : 0);
+    set(json, "snap_suffix", vm.suffix);
     set(json, "last_discover_time", vm.discovered);
     return json_object_to_json_string(json);
 }
@@ -171,12 +173,15 @@ void inventory_lab_t::list(const std::vector<lab_vm_t>& vms) {
         std::string& of_host = hosts[vm.host];
         of_host += (of_host.empty() ? "" : ",") + vm_json(vm);
         answer("vdisk?vhost_uuid=" + vm.uuid, disks_json(vm));
+        answer("vhost?vm_uuid=" + vm.uuid, "[" + vm_json(vm) + "]");
     }
     std::string hvconfig;
     for (const auto& [host, text] : hosts) {
         answer("vhost?hv_hostname=" + host, "[" + text + "]");
-        hvconfig +=
-            (hvconfig.empty() ? "" : ",") + cor_format(R"({"hostname": "%s", "hv_type": "ESXi"})", host.c_str());
+        hvconfig += (hvconfig.empty() ? "" : ",") +
+                    cor_format(R"({"hostname": "%s", "hv_type": "ESXi", "hv_port": 443, "login_name": "root", )"
+                               R"("password": "secret"})",
+                               host.c_str());
     }
     answer("hvconfig", "[" + hvconfig + "]");
 }

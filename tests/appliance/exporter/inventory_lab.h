@@ -36,6 +36,8 @@ struct lab_vm_t {
     bool cbt_reset_pending = false;
     bool exported = true;
     int snap_exists = -1;
+    bool quiesce = false;
+    std::string suffix;  // of its snapshots' names
     int discovered = 0;  // a change of it alone makes the VM "changed"
     std::vector<lab_disk_t> disks = {{}};
 };
@@ -50,7 +52,7 @@ class inventory_lab_t : public testing::Test {
     // Writes the files of a VM: VMX, descriptors, flat extents.
     void make_files(const lab_vm_t& vm) const;
     void make_disk(const lab_disk_t& disk) const;
-    // Has the controller list these VMs, under the hypervisors that they name, and their disks.
+    // Has the controller list these VMs, under the hypervisors that they name and alone, and their disks.
     void list(const std::vector<lab_vm_t>& vms);
     // Has the controller answer a GET of "/api/<object>" with a body, or with a status alone.
     void answer(const std::string& object, const std::string& body, int status = 200);

@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "appliance/exporter/snapshot_state.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <regex>
+
+#include "tests/lib/temp_dir.h"
+
+namespace mirador {
+namespace {
+
+TEST(snapshot_state, NamesAreMadeOfVendorAndUuidAndSuffix) {
+    struct {
+        const char* vendor;
+        const char* uuid;
+        ks_string_t suffix;
+        errnum_t number;
+        const char* expected;  // the name, or the error's text
+    } const cases[] = {
+        {"V", "m", std::nullopt, 0, "V: m"},
+        {"V", "m", "", 0, "V: m"},
+        {"V", "m", "12345678901234567890", 0, "V: m 12345678901234567890"},
+        {"V", "m", "123456789012345678901", EINVAL,
+         "Length of snapshot suffix (123456789012345678901) is larger than 20 characters."},
+        {"", "m", std::nullopt, ERR_NOT_AVAILABLE, nullptr},
+        {"V", "", std::nullopt, ERR_NOT_AVAILABLE, nullptr},
+    };
+    for (const auto& c : cases) {
+        std::string name;
+        const errdesc_t* e = snapshot_name_make(c.vendor, c.uuid, c.suffix, &name);
+        EXPECT_EQ(e == nullptr ? 0 : e->number, c.number);
+        if (c.expected != nullptr) {
+            EXPECT_EQ(e == nullptr ? name : e->string, c.expected);
+        }
+    }
+}
+
+TEST(snapshot_state, OnlyExactNamesAreOurs) {
+    struct {
+        const char* name;
+        bool vendors;
+        bool ours;
+    } const cases[] = {
+        {"a.b*: m(1)", true, true},           {"a.b*: m(1) nightly", true, true}, {"a.b*: m(1)2", true, false},
+        {"a.b*: m(1)\nnightly", true, false}, {"a.b*: m", true, false},           {"a.b*: other", true, false},
+        {"aXbb: m(1)", false, false},         {"x\na.b*: m(1)", false, false},    {" a.b*: m(1)", false, false},
+        {"a.b*:m(1)", false, false},          {"before upgrade", false, false},   {"", false, false},
+    };
+    const std::regex ours(snapshot_name_pattern("a.b*", "m(1)"));
+    const std::regex vendors(snapshot_name_pattern("a.b*"));
+    for (const auto& c : cases) {
+        const std::string name = c.name;
+        EXPECT_EQ(snapshot_name_is_vendors(name, "a.b*"), c.vendors) << name;
+        EXPECT_EQ(snapshot_name_is_ours(name, "a.b*", "m(1)"), c.ours) << name;
+        EXPECT_FALSE(snapshot_name_is_vendors(name, "")) << name;
+        EXPECT_FALSE(snapshot_name_is_ours(name, "a.b*", "")) << name;
+        EXPECT_FALSE(snapshot_name_is_ours(name, "", "m(1)")) << name;
+        if (name.find('\n') != std::string::npos)
+            continue;
+        EXPECT_GE(std::regex_match(name, ours), c.ours) << name;  // the agent is not asked for less
+        EXPECT_EQ(std::regex_match(name, vendors), c.vendors) << name;
+    }
+    EXPECT_FALSE(snapshot_name_is_ours(": ", "", ""));
+}
+
+TEST(snapshot_state, LockIsSeenByOthersUntilItIsGivenBack) {
+    const temp_dir_t dir;
+    EXPECT_FALSE(snapshot_state_is_locked(dir.path()));
+    EXPECT_FALSE(std::filesystem::exists(dir / ".corvantis.lck"));  // looking makes nothing
+    unique_fd first;
+    unique_fd second;
+    unique_fd exclusive;
+    ASSERT_EQ(snapshot_state_lock(dir / "disk-flat.vmdk", &first, true), nullptr);
+    ASSERT_EQ(snapshot_state_lock(dir / "disk-flat.vmdk", &second, true), nullptr);
+    const errdesc_t* e = snapshot_state_lock(dir / "disk-flat.vmdk", &exclusive, false);
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->number, EAGAIN);
+    EXPECT_TRUE(std::string(e->string).starts_with(dir / ".corvantis.lck"));
+    EXPECT_FALSE(exclusive);
+    first.reset();
+    EXPECT_TRUE(snapshot_state_is_locked(dir.path()));
+    second.reset();
+    EXPECT_FALSE(snapshot_state_is_locked(dir.path()));
+    EXPECT_EQ(snapshot_state_lock(dir / "disk-flat.vmdk", &exclusive, false), nullptr);
+    e = snapshot_state_lock(dir / "none/disk-flat.vmdk", &first, true);
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->number, ENOENT);
+}
+
+}  // namespace
+}  // namespace mirador
