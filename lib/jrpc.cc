@@ -106,9 +106,13 @@ int settle(jrpc_handle_t& handle) REQUIRES(handle.mutex) {
         dropped += handle.unread.size();
         handle.unread.clear();
         pollfd stream{handle.read_fd.get(), POLLIN, 0};
-        if (poll(&stream, 1, 0) <= 0)
+        const int ready = poll(&stream, 1, 0);
+        if (ready == 0)
             return 0;
-        if (const int number = read_some(handle))
+        if (ready < 0 && errno != EINTR)
+            return errno;
+        const int number = ready < 0 ? 0 : read_some(handle);
+        if (number != 0)
             return number;
     }
     return EPROTO;
@@ -178,12 +182,12 @@ errdesc_t* exchange(jrpc_handle_t& handle, const jrpc_args_t& args, json_ptr* re
 // Raises what the agent reports, as if raised there.
 errdesc_t* raise_remote(json_object* encoded) {
     jrpc_err_t remote;
-    if (jdr_jrpc_err_t(JDR_DECODE, &encoded, nullptr, &remote) < 0)
+    if (encoded == nullptr || jdr_jrpc_err_t(JDR_DECODE, &encoded, nullptr, &remote) < 0)
         return errdesc_set(ERR_JSON_PARSE_ERROR);
     const bool is_number = remote.err_num > 0 && remote.err_num <= std::numeric_limits<errnum_t>::max();
     errdesc_t* const error = _errdesc_set_fmt(is_number ? static_cast<errnum_t>(remote.err_num) : ERR_UNKNOWN,
                                               remote.linenumber, remote.filename, "%s", "");
-    cor_snprintf(error->string, sizeof error->string, "%s", remote.err_string);
+    cor_safe_strncpy(error->string, remote.err_string, sizeof error->string);  // longer than a format's text may be
     return error;
 }
 

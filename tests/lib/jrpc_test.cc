@@ -77,6 +77,7 @@ TEST_F(jrpc_test, EachWayToFailHasItsNumberAndText) {
         {{"say", "[{}]\n"}, ERR_JSON_PARSE_ERROR, "json parse error", BROKEN},
         {{"say", "0 errors\n"}, ERR_JSON_PARSE_ERROR, "json parse error", BROKEN},
         {{"say", "{\"errdesc\": 7}\n"}, ERR_JSON_PARSE_ERROR, "json parse error", USABLE},
+        {{"say", "{\"errdesc\": null}\n"}, ERR_JSON_PARSE_ERROR, "json parse error", USABLE},
         {{"say", "{\"errdesc\": {\"err_num\": 2}}\n"}, ERR_JSON_PARSE_ERROR, "json parse error", USABLE},
         {{"say", "{\"errdesc\": {\"err_num\": 2," + remote + "}}\n"}, ENOENT, "x", USABLE},
         {{"say", "{\"errdesc\": {\"err_num\": 0," + remote + "}}\n"}, ERR_UNKNOWN, "x", USABLE},
@@ -184,6 +185,17 @@ TEST_F(jrpc_test, ResultsAreDecodedAndNamed) {
                   }),
               nullptr);
     EXPECT_EQ(count, 2U);
+}
+
+TEST_F(jrpc_test, RemoteErrorsOfAnyLengthAreCutToWhatTheDescriptorHolds) {
+    connect();
+    const std::string text(5000, 'e');
+    errdesc_t* const error = jrpc_call(*handle, {"say", R"({"errdesc":{"err_num":5,"err_string":")" + text +
+                                                            R"(","linenumber":5,"filename":")" + text + "\"}}\n"});
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->string, text.substr(0, sizeof error->string - 1));
+    EXPECT_EQ(error->filename, text.substr(0, sizeof error->filename - 1));
+    EXPECT_EQ(result_of({"echo", "1"}), "[\"1\"]");
 }
 
 TEST_F(jrpc_test, AnErrorRoundTripsThroughItsMarshaller) {
