@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "vmware/lib/webservices/ws_session.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
 #include "controller/lib/inventory_check.h"
@@ -59,12 +61,24 @@ errdesc_t* log_in(const ks_hypervisor_config_t& hvc, jrpc_handle_t& handle) {
     return jrpc_call_raw(handle, {"connect", *hvc.login_name, hvc.password->reveal(), session_file}, nullptr);
 }
 
+// How many bytes at the end of an error's text are the beginning of the password, whose rest was cut off with what the
+// text has no room for.
+std::size_t cut_password(const std::string& text, const std::string& password) {
+    if (text.size() + 1 < sizeof(errdesc_t::string))
+        return 0;
+    std::size_t length = std::min(password.size() - 1, text.size());
+    while (length > 0 && !text.ends_with(std::string_view(password).substr(0, length)))
+        length--;
+    return length;
+}
+
 // Puts asterisks in the place of the password, should the error's text repeat it.
 errdesc_t* hide_password(const ks_hypervisor_config_t& hvc, errdesc_t* e) {
     const std::string& password = hvc.password->reveal();
     if (e == nullptr || password.empty())
         return e;
-    const std::string text = e->string;
+    std::string text = e->string;
+    text.resize(text.size() - cut_password(text, password));
     std::string shown;
     std::size_t from = 0;
     for (std::size_t at = text.find(password); at != std::string::npos; at = text.find(password, from)) {

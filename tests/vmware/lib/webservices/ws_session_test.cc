@@ -109,6 +109,8 @@ TEST_F(ws_session, MasksThePasswordInErrors) {
         {"method", "*", "a * b", "a ****** b"},
         {"method", "", "nothing to hide", "nothing to hide"},
         {"method", "x", std::string(500, 'x'), all + all + all},
+        {"method", "hunter2", std::string(1020, '-') + "hunter2", std::string(1020, '-')},
+        {"method", "hunter2", std::string(1016, '-') + "hunter2", std::string(1016, '-') + "******"},
     };
     for (const auto& c : cases) {
         ks_hypervisor_config_t hvc = hypervisor();
