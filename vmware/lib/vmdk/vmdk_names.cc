@@ -34,6 +34,7 @@ errdesc_t* not_a_text(const std::string& path) {
     return errdesc_set_fmt(EINVAL, "%s is not a plain descriptor text", path.c_str());
 }
 
+// A descriptor's text, without the zeros that some programs fill its file up with.
 errdesc_t* read_text(const std::string& path, std::string* text) {
     const unique_fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     struct stat st {};
@@ -46,6 +47,7 @@ errdesc_t* read_text(const std::string& path, std::string* text) {
     if (errdesc_t* e = cor_pread(fd.get(), text->data(), text->size(), 0, &done))
         return errdesc_set_str(e->number, path);
     text->resize(done);
+    text->erase(text->find_last_not_of('\0') + 1);
     return text->find('\0') == std::string::npos ? nullptr : not_a_text(path);
 }
 

@@ -177,6 +177,11 @@ TEST_F(vmdk_chain, CopyOfADescriptorNamesTheNewExtent) {
     EXPECT_EQ(size, static_cast<std::int64_t>(expected.size()));
     EXPECT_FALSE(std::filesystem::exists(copy + ".tmp"));
 
+    write_file(dir_ / "filled up.vmdk", read_file(path) + std::string(512, '\0'));
+    ASSERT_EQ(vmdk_copy_descfiles(dir_ / "filled up.vmdk", copy, "disk-flat.vmdk", "disk(1)-flat.vmdk", &size),
+              nullptr);
+    EXPECT_EQ(read_file(copy), expected);
+
     write_file(dir_ / "binary.vmdk", std::string("KDMV\0", 5));
     EXPECT_EQ(vmdk_copy_descfiles(dir_ / "binary.vmdk", copy, "a", "b", &size)->number, EINVAL);
     write_file(dir_ / "file", "");
