@@ -182,7 +182,7 @@ TEST_F(vmdk_chain, CopyOfADescriptorNamesTheNewExtent) {
               nullptr);
     EXPECT_EQ(read_file(copy), expected);
 
-    write_file(dir_ / "binary.vmdk", std::string("KDMV\0", 5));
+    write_file(dir_ / "binary.vmdk", std::string("KDMV\0\1", 6));
     EXPECT_EQ(vmdk_copy_descfiles(dir_ / "binary.vmdk", copy, "a", "b", &size)->number, EINVAL);
     write_file(dir_ / "file", "");
     EXPECT_EQ(std::string(vmdk_copy_descfiles(path, dir_ / "file/sub/x.vmdk", "a", "b", &size)->string),
