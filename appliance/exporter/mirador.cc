@@ -18,6 +18,7 @@
 #include "appliance/exporter/snapshot_thr.h"
 #include "appliance/exporter/stats_thr.h"
 #include "appliance/exporter/vm_proxy_evict.h"
+#include "controller/lib/controller_raw.h"
 #include "controller/lib/managed_alert.h"
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
@@ -129,9 +130,10 @@ bool remove_tmpfs() {
     return false;
 }
 
-// The daemon ends: nothing waits for hypervisors any more than it must.
+// The daemon ends: nothing waits for hypervisors or the controller any more than it must.
 void hurry() {
     snapshot_state_hurry();
+    controller_raw_begin_shutdown();
     jrpcclnt_pool_begin_shutdown();
 }
 

@@ -2,16 +2,25 @@
 #include "controller/lib/controller_raw.h"
 
 #include <cerrno>
+#include <mutex>
+#include <thread>
 
 #include "controller/lib/controller_url.h"
+#include "lib/clock.h"
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
 #include "lib/httpclnt.h"
+#include "lib/startup.h"
 
 namespace mirador {
+
+std::atomic<unsigned> _controller_raw_shutdown_limit = 10;
+
 namespace {
 
-std::atomic<int> given_up = 0;
+std::atomic<int> given_up = 0;        // requests that began while the process ends
+std::atomic<int> early_given_up = 0;  // those that began before
+std::atomic<bool> shutting_down = false;
 
 constexpr const char* json_content_type = "Content-Type: application/json; charset=UTF-8";
 
@@ -21,6 +30,14 @@ errdesc_t* make_url(const std::string& base, const std::string& object, std::str
         return errdesc_set_fmt(ENAMETOOLONG, "URL refused, longer than %zu characters: %s", controller_url_size - 1,
                                url->c_str());
     return nullptr;
+}
+
+// What ends a request, for one that has no interruption of its own.
+errdesc_t* limit_request(http_handle_t& connection) {
+    if (!shutting_down)
+        return httpclnt_interrupt(connection, &early_given_up);
+    RETURN_IF_ERROR(httpclnt_set_timeout(connection, _controller_raw_shutdown_limit));
+    return httpclnt_interrupt(connection, &given_up);
 }
 
 errdesc_t* deliver(const http_response_t& response, const controller_reply_t& callback) {
@@ -42,7 +59,7 @@ errdesc_t* controller_raw_do_get_ex(const std::string& base, const std::string& 
     http_response_t response;
     http_handle_ptr connection;
     RETURN_IF_ERROR(httpclnt_open(&connection));
-    RETURN_IF_ERROR(httpclnt_interrupt(*connection, interrupt != nullptr ? interrupt : &given_up));
+    RETURN_IF_ERROR(interrupt != nullptr ? httpclnt_interrupt(*connection, interrupt) : limit_request(*connection));
     RETURN_IF_ERROR(httpclnt_get(*connection, url, &response));
     httpclnt_close(&connection);
     return deliver(response, callback);
@@ -58,14 +75,28 @@ errdesc_t* controller_raw_do_post_json(std::string base, const std::string& obje
     http_response_t response;
     http_handle_ptr connection;
     RETURN_IF_ERROR(httpclnt_open(&connection));
-    RETURN_IF_ERROR(httpclnt_interrupt(*connection, &given_up));
+    RETURN_IF_ERROR(limit_request(*connection));
     RETURN_IF_ERROR(httpclnt_set_content_type_in_header(*connection, json_content_type));
     RETURN_IF_ERROR(httpclnt_post(*connection, url, json_object_to_json_string(body), &response));
     httpclnt_close(&connection);
     return deliver(response, callback);
 }
 
+void controller_raw_begin_shutdown() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        shutting_down = true;
+        std::thread([] {
+            block_signals();
+            clock_sleep(_controller_raw_shutdown_limit);
+            early_given_up = 1;
+        }).detach();  // touches nothing that the end of the process destroys
+    });
+}
+
 void controller_raw_give_up() {
+    shutting_down = true;
+    early_given_up = 1;
     given_up = 1;
 }
 

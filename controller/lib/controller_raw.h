@@ -34,6 +34,14 @@ using controller_reply_t = std::function<errdesc_t*(const std::string& body)>;
 [[nodiscard]] errdesc_t* controller_raw_do_post_json(std::string base, const std::string& object, json_object* body,
                                                      const controller_reply_t& callback);
 
+// From now on no request that has no interruption of its own lasts longer than 10 seconds: one under way ends with 42
+// then, a later one with 28. What the end of the process still asks is asked, but a controller that never answers does
+// not hold it up. Does not wait.
+void controller_raw_begin_shutdown();
+
+// Those seconds, for tests.
+extern std::atomic<unsigned> _controller_raw_shutdown_limit;
+
 // Ends all requests that have no interruption of their own, with 42, and lets every later one fail so. For the end of
 // the process, which must not hang on a controller that never answers.
 void controller_raw_give_up();
