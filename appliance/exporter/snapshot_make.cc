@@ -178,15 +178,15 @@ errdesc_t* make(const snapshot_request_t& request, snapshot_state_t* state) {
     return fault_point("snapshot.followed");
 }
 
-// Removes again what a creation that failed may have made. Whether the hypervisor may still have it.
-bool undo(snapshot_state_t* state, const std::function<bool()>& goes_on) {
+// Removes again what a creation that failed may have made.
+void undo(snapshot_state_t* state, const std::function<bool()>& goes_on) {
     for (int attempt = 1;; attempt++) {
         errdesc_t* e = snapshot_state_destroy(state, false, false, nullptr);
         if (e == nullptr)
-            return false;
+            return;
         if (attempt == undo_attempts || !goes_on()) {
             _errdesc_print(e, ERRDESC_ERROR);
-            return true;
+            return;
         }
         clock_sleep(undo_pause);
     }
@@ -206,7 +206,8 @@ errdesc_t* snapshot_state_new(const snapshot_request_t& request, snapshot_made_t
         raise_snapshot_alert(state->hvname, state->vmname, e, SNAPSHOT_CREATE);
     if (e != nullptr) {
         const errdesc_keeper_t keeper;
-        made->left_behind = undo(state.get(), request.goes_on);
+        made->left_behind = state->snapshot_created;
+        undo(state.get(), request.goes_on);
         return e;
     }
     state->ctime = clock_now();

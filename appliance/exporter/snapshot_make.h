@@ -24,7 +24,7 @@ struct snapshot_request_t {
 // What came of it.
 struct snapshot_made_t {
     snapshot_state_ptr state;  // complete, without users; null on failure
-    bool left_behind = false;  // on failure: the hypervisor may still have the snapshot
+    bool left_behind = false;  // on failure: the hypervisor may have the snapshot, or make it yet
 };
 
 // Takes the snapshot, waits until the controller has seen it, and updates the VM's files in the shadow tree. On failure

@@ -40,10 +40,11 @@ errdesc_t* follow_removal(const snapshot_state_t& state, const std::function<boo
     if (state.is_leftover())
         return nullptr;
     if (errdesc_t* e = vm_wait_snapshot(*state.vm_shadow_path, 0, removal_patience, goes_on)) {
-        ts_printf(
-            "Snapshot of '%s' did not go away immediately. It may be consolidating in the background, which is "
-            "normal.\n",
-            state.vmname.c_str());
+        if (e->number != ERR_CANCELLED)
+            ts_printf(
+                "Snapshot of '%s' did not go away immediately. It may be consolidating in the background, which is "
+                "normal.\n",
+                state.vmname.c_str());
         _errdesc_log(e, ERRDESC_INFO);
         return nullptr;
     }

@@ -17,6 +17,7 @@
 #include "appliance/exporter/snapshot_scrub.h"
 #include "appliance/exporter/snapshot_state.h"
 #include "appliance/exporter/vm_proxy_evict.h"
+#include "appliance/exporter/vm_update.h"
 #include "appliance/lib/registry.h"
 #include "lib/clock.h"
 #include "lib/cor_assert.h"
@@ -30,6 +31,7 @@ namespace {
 
 constexpr unsigned pass_interval = 15;        // seconds
 constexpr std::time_t scrub_interval = 3600;  // seconds
+constexpr std::time_t suspicion = 300;
 
 enum snapshot_thr_state_t : std::uint32_t {
     SNAPSHOT_THR_UNKNOWN = 0,
@@ -52,7 +54,7 @@ struct snapshot_thr_t {
     std::atomic<bool> hurries = false;  // no more waiting: the daemon ends
     bool work GUARDED_BY(mutex) = true;
     std::time_t snapshot_next_scrub GUARDED_BY(mutex) = 0;
-    bool has_suspect GUARDED_BY(mutex) = false;  // a snapshot may stand on a hypervisor of which there is no record
+    std::time_t suspect_until GUARDED_BY(mutex) = 0;  // a snapshot of which there is no record may appear until then
     snapshot_list_t list;
 };
 
@@ -73,14 +75,15 @@ void find_leftover(snapshot_thr_t* thr) REQUIRES(thr->mutex) {
         _errdesc_log(e, ERRDESC_WARNING);
 }
 
-// A scrub that could not be made for want of an identity, or could not see what it was to look for, is made again in
-// the next pass.
+// A scrub that could not be made for want of an identity is made again in the next pass, as is one that looks for the
+// snapshot of a failed creation: the hypervisor may make it late, and not every hypervisor may have been seen.
 void scrub(snapshot_thr_t* thr, std::time_t now) REQUIRES(thr->mutex) {
     snapshot_scrubbed_t scrubbed;
     if (errdesc_t* e = snapshot_scrub(&thr->list, now, &scrubbed))
         _errdesc_log(e, ERRDESC_WARNING);
-    thr->has_suspect = thr->has_suspect && !scrubbed.saw_all;
-    if (scrubbed.had_identity && !thr->has_suspect)
+    if (scrubbed.had_identity && scrubbed.saw_all && now >= thr->suspect_until)
+        thr->suspect_until = 0;
+    if (scrubbed.had_identity && thr->suspect_until == 0)
         thr->snapshot_next_scrub = now + scrub_interval;
 }
 
@@ -151,7 +154,7 @@ errdesc_t* make_state(snapshot_thr_t* thr, const snapshot_request_t& request, sn
     snapshot_made_t made;
     errdesc_t* e = snapshot_state_new(request, &made);
     if (e != nullptr && made.left_behind) {
-        thr->has_suspect = true;
+        thr->suspect_until = clock_now() + suspicion;
         thr->snapshot_next_scrub = 0;
     }
     RETURN_IF_ERROR(e);
@@ -191,6 +194,7 @@ void log_update(const snapshot_request_t& request, snapshot_action_t action, con
 
 errdesc_t* read_header_anew(const std::string& file_shadow_path, vm_proxy_header_t* header) {
     std::unique_ptr<vm_proxy_header_t> fresh;
+    RETURN_IF_ERROR(vm_settle_disk(file_shadow_path));
     RETURN_IF_ERROR(vm_proxy_read_header_checked(file_shadow_path, &fresh));
     *header = *fresh;
     return nullptr;

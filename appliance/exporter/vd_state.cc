@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <string_view>
@@ -303,6 +304,14 @@ void vd_touch_gen(const ks_vdisk_list_t& vmc_vdisk_list, vd_list_t* vd_list, std
         state->gen = gen;
         ts_dprintf(touch_level, "touched %s to %jd\n", state->new_vd_name.c_str(), static_cast<std::intmax_t>(gen));
     }
+}
+
+bool vd_is_current(const ks_vdisk_list_t& vmc_vdisk_list, vd_list_t* vd_list, const std::string& extent_shadow_path) {
+    return std::ranges::any_of(vmc_vdisk_list, [&](const ks_vdisk_t& vdisk) {
+        const vd_state_t* state = find_root(vd_list, ks_text(vdisk.base_ascii_path));
+        return state != nullptr && state->extent_shadow_path == extent_shadow_path &&
+               state->current_vd_path == ks_text(vdisk.head_ascii_path);
+    });
 }
 
 errdesc_t* vd_update(vd_list_t* vd_list, const ks_vdisk_t& vdisk, const vd_update_t& update,

@@ -73,6 +73,10 @@ void vd_touch_gen(const ks_vdisk_list_t& vmc_vdisk_list, vd_list_t* vd_list, std
 [[nodiscard]] errdesc_t* vd_update(vd_list_t* vd_list, const ks_vdisk_t& vdisk, const vd_update_t& update,
                                    const vd_state_t** vd_state_out);
 
+// Whether the disk that an extent entry stands for was taken over with the head that the controller lists for it. False
+// as well for an entry of no listed disk.
+bool vd_is_current(const ks_vdisk_list_t& vmc_vdisk_list, vd_list_t* vd_list, const std::string& extent_shadow_path);
+
 // Removes the disks that do not bear the stamp, entries and all.
 void vd_stop_old(vd_list_t* vd_list, std::uint64_t gen);
 

@@ -317,7 +317,10 @@ errdesc_t* vm_wait_snapshot(const std::string& vm_shadow_path, int snapshot_expe
         RETURN_IF_ERROR(vm_count_snapshots(vm_shadow_path, &found));
         if (snapshot_expected == 0 ? found == 0 : found >= snapshot_expected)
             return nullptr;
-        if (clock_now() - start >= timeout || (goes_on && !goes_on()))
+        if (goes_on && !goes_on())
+            return errdesc_set_fmt(ERR_CANCELLED, "The wait for %d snapshots on %s is given up", snapshot_expected,
+                                   vm_shadow_path.c_str());
+        if (clock_now() - start >= timeout)
             return errdesc_set_fmt(ETIME, "Cannot find %d snapshots on %s in %jd seconds, only found %d snapshots",
                                    snapshot_expected, vm_shadow_path.c_str(), static_cast<std::intmax_t>(timeout),
                                    found);

@@ -101,7 +101,7 @@ void vm_state_each(const std::string& hv_hostname, const std::function<bool(vm_s
 [[nodiscard]] errdesc_t* vm_count_snapshots(const std::string& vm_shadow_path, int* count);
 
 // Waits until the controller has seen as many snapshots of a VM as expected: none, or at least that many. Errors:
-// EINVAL for an unknown VM; ETIME after `timeout` seconds, or sooner when `goes_on` (null: always) says no.
+// EINVAL for an unknown VM; ETIME after `timeout` seconds; ERR_CANCELLED when `goes_on` (null: always) says no.
 [[nodiscard]] errdesc_t* vm_wait_snapshot(const std::string& vm_shadow_path, int snapshot_expected, std::time_t timeout,
                                           const std::function<bool()>& goes_on);
 

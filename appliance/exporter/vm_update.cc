@@ -229,6 +229,12 @@ errdesc_t* refresh(vm_state_t* vm, bool force, bool keep_mtime) {
     return e;
 }
 
+bool is_current(vm_state_t* vm, const std::string& extent_shadow_path) {
+    const mutex_lock_t lock(vm->mutex);
+    const read_lock_t vmc_lock(vm->vmc_rwlock);
+    return vd_is_current(vm->vmc_vdisk_list, &vm->vd_list, extent_shadow_path);
+}
+
 // In this order, so that an update on its way, which sees the entries that are gone by now, does not end the wish.
 void want_refresh(vm_state_t* vm) {
     vm->refresh_again = true;
@@ -249,6 +255,18 @@ errdesc_t* vm_update(const std::string& vm_shadow_path, bool force, bool keep_mt
     if (!vm.refresh_now && !force && !get_reg_settings()->ondemand_refresh)
         return nullptr;
     return _vm_update(&vm, force, keep_mtime);
+}
+
+errdesc_t* vm_settle_disk(const std::string& extent_shadow_path) {
+    const std::string vm_shadow_path = extent_shadow_path.substr(0, extent_shadow_path.rfind('/'));
+    const vm_state_ref_t state = vm_state_get(vm_shadow_path);
+    if (!state)
+        return errdesc_set_fmt(EINVAL, "Cannot find VM in %s", vm_shadow_path.c_str());
+    vm_state_t& vm = *state;
+    if (is_current(&vm, extent_shadow_path))
+        return nullptr;
+    RETURN_IF_ERROR(_vm_update(&vm, true, true));
+    return is_current(&vm, extent_shadow_path) ? nullptr : errdesc_set_str(EAGAIN, extent_shadow_path);
 }
 
 void vm_update_all(const std::string& hv_hostname, const std::function<bool()>& goes_on) {

@@ -18,6 +18,11 @@ namespace mirador {
 // for updates on demand. `keep_mtime`: what changed is only a snapshot. The errors of _vm_update.
 [[nodiscard]] errdesc_t* vm_update(const std::string& vm_shadow_path, bool force, bool keep_mtime);
 
+// Sees to it that the disk behind an extent entry is told as the controller lists it: an update leaves a disk as it was
+// that cannot be had, which is an older head by then. Updates the VM once more where that is so. Errors: EAGAIN with
+// the entry when it stays so; EINVAL for an unknown VM.
+[[nodiscard]] errdesc_t* vm_settle_disk(const std::string& extent_shadow_path);
+
 // Updates the VMs of a hypervisor one after another while `goes_on()` holds; failures are logged.
 void vm_update_all(const std::string& hv_hostname, const std::function<bool()>& goes_on);
 

@@ -7,7 +7,7 @@
 IDs are "PID-NUMBER" of the agent's process and its calls. Outcomes: "done" (with "result" when it is a number, with
 "moment": [{"node", "base", "sha256"}, …] when a fault asks for it), "refused" (with "error" and "text"), "died",
 "silent", "garbage", "cut". "fault" is the rule that acted, "steps" the names of the steps of a snapshot operation that
-were done. A call without an end is one whose process was killed. A removal that went on behind its call has one more line:
+were done, a repeated one once. A call without an end is one whose process was killed. A removal that went on behind its call has one more line:
 
     {"event": "finished", "time": SECONDS, "method": NAME, "vmx": PATH, "snapshot": NAME, "steps": […],
      "count": N or "error": N and "text": TEXT}

@@ -128,7 +128,9 @@ class _Call:
 
     def step(self, name: str) -> None:
         """A step of an operation is done."""
-        self._shown.setdefault("steps", []).append(name)
+        steps = self._shown.setdefault("steps", [])
+        if steps[-1:] != [name]:
+            steps.append(name)
         if self._rule is not None and self._rule.step == name:
             self._die()
 

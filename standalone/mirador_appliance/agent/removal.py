@@ -117,5 +117,6 @@ class _Behind:
     def _step(self, steps: Steps, name: str) -> None:
         """With the first step it is under way: nothing refuses it any more."""
         self._tell({})
-        self._steps.append(name)
+        if self._steps[-1:] != [name]:
+            self._steps.append(name)
         steps(name)

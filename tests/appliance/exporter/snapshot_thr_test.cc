@@ -138,6 +138,11 @@ TEST_F(snapshot_thr, ThreadRemovesWhatIsLeftAndWhatIsNoLongerUsed) {
     EXPECT_NE(snapshot_use_t::take(disk_path(), shadow_ + disk_path(), header.get(), &vmname_, &ctime_, &use), nullptr);
     EXPECT_TRUE(passes_until_removed(removals)) << "the next look comes at once";
     (void)asked();
+    EXPECT_TRUE(passes_until_asked(list_request)) << "the hypervisor may make it late";
+    clock_->advance(300);
+    EXPECT_TRUE(passes_until_asked(list_request));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    (void)asked();
     clock_->advance(3600);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_THAT(asked(), IsEmpty());
