@@ -254,6 +254,17 @@ TEST_F(jrpc_test, AWatchEndsCallsThatWouldLastForEver) {
     EXPECT_EQ(result_of({"echo", std::string(1 << 20, 'r')}), std::string(transport_failure) + "Broken pipe");
 }
 
+// A removal that takes minutes is no silent agent: it has the whole limit yet when the watch begins.
+TEST_F(jrpc_test, AWatchDoesNotCountWhatACallTookBeforeIt) {
+    connect();
+    std::string result;
+    std::jthread caller([&] { result = result_of({"slow", "3"}); });  // 300 seconds of this clock
+    clock_sleep(250);
+    const jrpc_watch_t watch(200);
+    caller.join();
+    EXPECT_EQ(result, "[\"late\"]");
+}
+
 TEST_F(jrpc_test, AnAgentsDeathIsSeenThoughItsChildHoldsThePipes) {
     connect();
     const pid_t grandchild = std::stoi(result_of({"leave_child"}));
