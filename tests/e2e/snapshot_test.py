@@ -93,9 +93,13 @@ class BackupCase(InventoryCase):
 
     def look(self, vm):
         """What a backup must leave as it is: files, configuration, snapshots, and the lock."""
-        files = {name: data for name, data in snapshots.files(vm).items() if not name.endswith(".run.lck")}
         found = [{**snapshot, "age": 0} for snapshot in self.appliance.snapshots(vm.uuid)]
-        return files, found, self.is_locked(vm)
+        return self.files(vm), found, self.is_locked(vm)
+
+    @staticmethod
+    def files(vm):
+        """But for the one that tells that the VM runs."""
+        return {name: data for name, data in snapshots.files(vm).items() if not name.endswith(".run.lck")}
 
     @staticmethod
     def is_locked(vm):
@@ -110,6 +114,7 @@ class BackupCase(InventoryCase):
     def wait_gone(self, vm, before):
         names = [found["name"] for found in before[1]]
         wait_equal(lambda: snapshots.names(vm), names, f"{vm.name}: no snapshot", BOUND)
+        wait_equal(lambda: self.files(vm), before[0], f"{vm.name}: files as before", BOUND)
         wait_equal(lambda: self.look(vm), before, f"{vm.name} as before", BOUND)
         wait_equal(census.mappings, frozenset(), "no mapping")
 
@@ -219,12 +224,13 @@ class Backups(BackupCase):
         """Of two VMs, several readers at a time; the last one holds it for as long as it likes."""
         made = {vm.name: len(self.moments(vm)) for vm in (self.vm, self.chain)}
         disks = [(self.vm, name) for name in (*EXPORTED, "disk.vmdk")] + [(self.chain, "disk.vmdk")] * 2
-        ready = threading.Barrier(len(disks))
+        ready, opened = threading.Barrier(len(disks)), threading.Barrier(len(disks))
 
         def read(vm, disk):
-            ready.wait()
+            ready.wait(BOUND)
             path = self.directory(vm) / EXPORTED[disk]
             with Reader(path) as reader:
+                opened.wait(BOUND)  # a disk that is closed early takes its VM's snapshot away
                 return {(vm.name, disk): b"".join(reader.read(at, MIB) for at in range(0, path.stat().st_size, MIB))}
 
         with self.running(self.vm, self.chain):
