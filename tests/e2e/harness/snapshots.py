@@ -47,6 +47,15 @@ def contents(vm: Machine) -> dict[str, bytes]:
     return found
 
 
+def frozen(vm: Machine, name: str) -> dict[str, bytes]:
+    """What a snapshot holds of each disk, by node."""
+    found = {}
+    for disk in snapshots.frozen(str(vm.vmx), name):
+        with Chain.open(disk.frozen, hypervisor.PlainNames().locate) as chain:
+            found[disk.node] = b"".join(chain.pieces())
+    return found
+
+
 def write_as_guest(vm: Machine, seed: int, rounds: int = 5) -> None:
     """Lets the running VM write all over its disks; what is written follows from the seed."""
     with Guest(str(vm.vmx), seed) as guest:
@@ -61,7 +70,7 @@ def files(vm: Machine) -> dict[str, bytes]:
             for path in vm.directory.iterdir() if path.suffix != ".vmsd"}
 
 
-class AgentFaults:
+class Mischief:
     """The faults of an appliance's agents. One set of rules for each VM, which may be changed by several threads."""
 
     def __init__(self, appliance: Appliance):
@@ -95,6 +104,14 @@ class AgentFaults:
         return [call for call in self.journal()
                 if (call["event"], call["method"], call.get("uuid")) == (event, method, vm.uuid)]
 
+    def have_acted(self, vm: Machine) -> bool:
+        """Whether any rule has acted on a call about a VM."""
+        return any("fault" in call and call.get("uuid") == vm.uuid for call in self.journal())
+
+    def silent(self) -> list[int]:
+        """The processes of agents that have fallen silent."""
+        return [int(call["call"].partition("-")[0]) for call in self.journal() if call.get("outcome") == "silent"]
+
 
 def strangers(own_uuid: str) -> dict[str, str]:
     """Names of snapshots that are not those of the appliance with that uuid: what -> name."""
@@ -107,6 +124,3 @@ def strangers(own_uuid: str) -> dict[str, str]:
         "ours in another spelling": f"{VENDOR.lower()}: {own_uuid}",
     }
 
-
-def beginning_with(found: Iterable[str], prefix: str) -> list[str]:
-    return [name for name in found if name.startswith(prefix)]
