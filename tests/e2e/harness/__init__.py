@@ -11,4 +11,7 @@ machines   virtual machines on a datastore
 appliance  the embedded appliance, which is the daemon's controller
 guests     VMs that write to their disks all the time
 inventory  the test case whose daemon follows an appliance
+snapshots  snapshots on the datastore, and faults of the agent
+snapshot_case
+           the test case whose daemon takes them
 """

@@ -5,7 +5,7 @@ import fcntl
 import json
 import pathlib
 import sys
-from collections.abc import Iterable, Iterator
+from collections.abc import Callable, Iterator
 from typing import Any
 
 from .appliance import Appliance
@@ -103,6 +103,11 @@ class Mischief:
     def calls(self, vm: Machine, method: str, event: str = "began") -> list[dict[str, Any]]:
         return [call for call in self.journal()
                 if (call["event"], call["method"], call.get("uuid")) == (event, method, vm.uuid)]
+
+    def next_call(self, vm: Machine, method: str, event: str = "began") -> Callable[[], bool]:
+        """Tells, whenever it is asked, whether there has been one more such call."""
+        start = len(self.calls(vm, method, event))
+        return lambda: len(self.calls(vm, method, event)) > start
 
     def have_acted(self, vm: Machine) -> bool:
         """Whether any rule has acted on a call about a VM."""
