@@ -115,23 +115,24 @@ void scrub_one(snapshot_list_t* list, const ks_hypervisor_config_t& hvc, const s
 
 }  // namespace
 
-errdesc_t* snapshot_state_find_leftover(snapshot_list_t* list) {
+errdesc_t* snapshot_state_find_leftover(snapshot_list_t* list, bool* saw_all) {
+    *saw_all = false;
     RETURN_IF_ERROR(check_identity());
-    bool saw_all = false;
     const std::string pattern = snapshot_name_pattern(names().vendor_id, names().master_uuid);
-    return for_each_snapshot(pattern, &saw_all, [list](const ks_hypervisor_config_t& hvc, const snapshotdesc_t& desc) {
+    return for_each_snapshot(pattern, saw_all, [list](const ks_hypervisor_config_t& hvc, const snapshotdesc_t& desc) {
         if (snapshot_name_is_ours(desc.snapshotname, names().vendor_id, names().master_uuid) &&
             !is_held(*list, ks_text(hvc.hostname), desc) && controller_knows(desc))
             snapshot_state_leftover_removal(list, hvc, desc);
     });
 }
 
-errdesc_t* snapshot_scrub(snapshot_list_t* list, std::time_t now, snapshot_scrubbed_t* scrubbed) {
-    *scrubbed = {};
+errdesc_t* snapshot_scrub(snapshot_list_t* list, std::time_t now, bool* had_identity) {
+    bool saw_all = false;
+    *had_identity = false;
     RETURN_IF_ERROR(check_identity());
-    scrubbed->had_identity = true;
+    *had_identity = true;
     RETURN_IF_ERROR(for_each_snapshot(
-        snapshot_name_pattern(names().vendor_id), &scrubbed->saw_all,
+        snapshot_name_pattern(names().vendor_id), &saw_all,
         [&](const ks_hypervisor_config_t& hvc, const snapshotdesc_t& desc) { scrub_one(list, hvc, desc, now); }));
     return managed_alert_clear_old(names().appliance_uuid, old_alert, now);
 }

@@ -14,20 +14,14 @@
 namespace mirador {
 
 // Enters a record without users for each snapshot of this appliance that the hypervisors have; of VMs that the
-// controller knows only. A hypervisor that cannot be asked is skipped and logged. Errors: ERR_NOT_AVAILABLE without
-// identity; the controller's, when the hypervisors cannot be had.
-[[nodiscard]] errdesc_t* snapshot_state_find_leftover(snapshot_list_t* list);
-
-// What a scrub could see.
-struct snapshot_scrubbed_t {
-    bool had_identity = false;  // vendor and uuid were known
-    bool saw_all = false;       // every hypervisor listed its snapshots
-};
+// controller knows only. A hypervisor that cannot be asked is skipped and logged; *saw_all tells that there was none.
+// Errors: ERR_NOT_AVAILABLE without identity; the controller's, when the hypervisors cannot be had.
+[[nodiscard]] errdesc_t* snapshot_state_find_leftover(snapshot_list_t* list, bool* saw_all);
 
 // Looks at all snapshots of this vendor: enters those of this appliance that the list lacks as above, raises an alert
-// for any other that is older than `snapshot_max_life` seconds, and clears the alerts of those that are gone. Errors:
-// as above.
-[[nodiscard]] errdesc_t* snapshot_scrub(snapshot_list_t* list, std::time_t now, snapshot_scrubbed_t* scrubbed);
+// for any other that is older than `snapshot_max_life` seconds, and clears the alerts of those that are gone.
+// *had_identity: vendor and uuid were known. Errors: as above.
+[[nodiscard]] errdesc_t* snapshot_scrub(snapshot_list_t* list, std::time_t now, bool* had_identity);
 
 // Removes the named snapshot of a VM of which the list has no record. Errors: ERR_NOT_AVAILABLE without identity;
 // ENOENT when the VM has none of that name; ERR_INSUFFICIENT_PERMS for one that is not this vendor's; those of the

@@ -70,20 +70,22 @@ bool goes_on() {
     return !snapshot_thr_state().hurries;
 }
 
-void find_leftover(snapshot_thr_t* thr) REQUIRES(thr->mutex) {
-    if (errdesc_t* e = snapshot_state_find_leftover(&thr->list))
+// Goes on in each pass for a while after the start and after a failed creation: an agent of the run before, or the
+// hypervisor, may still be making a snapshot; and until every hypervisor has been seen.
+void find_leftover(snapshot_thr_t* thr, std::time_t now) REQUIRES(thr->mutex) {
+    bool saw_all = false;
+    if (errdesc_t* e = snapshot_state_find_leftover(&thr->list, &saw_all))
         _errdesc_log(e, ERRDESC_WARNING);
+    if (saw_all && now >= thr->suspect_until)
+        thr->suspect_until = 0;
 }
 
-// A scrub that could not be made for want of an identity is made again in the next pass, as is one that looks for the
-// snapshot of a failed creation: the hypervisor may make it late, and not every hypervisor may have been seen.
+// One that could not be made for want of an identity is made in the next pass.
 void scrub(snapshot_thr_t* thr, std::time_t now) REQUIRES(thr->mutex) {
-    snapshot_scrubbed_t scrubbed;
-    if (errdesc_t* e = snapshot_scrub(&thr->list, now, &scrubbed))
+    bool had_identity = false;
+    if (errdesc_t* e = snapshot_scrub(&thr->list, now, &had_identity))
         _errdesc_log(e, ERRDESC_WARNING);
-    if (scrubbed.had_identity && scrubbed.saw_all && now >= thr->suspect_until)
-        thr->suspect_until = 0;
-    if (scrubbed.had_identity && thr->suspect_until == 0)
+    if (had_identity)
         thr->snapshot_next_scrub = now + scrub_interval;
 }
 
@@ -96,6 +98,8 @@ void pass(snapshot_thr_t* thr) REQUIRES(thr->mutex) {
     const std::time_t now = clock_now();
     snapshot_state_remove_old(
         &thr->list, {.now = now, .blocking = get_reg_settings()->snapshot_blocking_removal, .goes_on = goes_on});
+    if (thr->suspect_until != 0)
+        find_leftover(thr, now);
     if (now > thr->snapshot_next_scrub)
         scrub(thr, now);
 }
@@ -115,7 +119,8 @@ void snapshot_thr() {
     cor_assert(thr.state == SNAPSHOT_THR_STARTING);
     const mutex_lock_t lock(thr.mutex);
     thr.state = SNAPSHOT_THR_RUNNING;
-    find_leftover(&thr);
+    thr.suspect_until = clock_now() + suspicion;
+    find_leftover(&thr, clock_now());
     while (thr.state == SNAPSHOT_THR_RUNNING) {
         while (!thr.work) {
             clock_wait(thr.cond, thr.mutex, pass_interval);
@@ -153,10 +158,8 @@ errdesc_t* make_state(snapshot_thr_t* thr, const snapshot_request_t& request, sn
     REQUIRES(thr->mutex) {
     snapshot_made_t made;
     errdesc_t* e = snapshot_state_new(request, &made);
-    if (e != nullptr && made.left_behind) {
+    if (e != nullptr && made.left_behind)
         thr->suspect_until = clock_now() + suspicion;
-        thr->snapshot_next_scrub = 0;
-    }
     RETURN_IF_ERROR(e);
     list_add(thr->list, made.state);
     *state = std::move(made.state);
