@@ -17,6 +17,7 @@
 #include "appliance/exporter/snapshot_scrub.h"
 #include "appliance/exporter/snapshot_state.h"
 #include "appliance/exporter/vm_proxy_evict.h"
+#include "appliance/exporter/vm_state.h"
 #include "appliance/exporter/vm_update.h"
 #include "appliance/lib/registry.h"
 #include "lib/clock.h"
@@ -139,10 +140,17 @@ void snapshot_thr_start() {
     thr.thr = std::thread(snapshot_thr);
 }
 
+// Whether the controller shows no snapshot where it showed ours: somebody else has removed it, and the VM writes to
+// what it froze.
+bool is_gone(const snapshot_state_t& state) {
+    int shown = 0;
+    return !state.is_leftover() && vm_count_snapshots(*state.vm_shadow_path, &shown) == nullptr && shown == 0;
+}
+
 // A snapshot that an earlier run left is as old as that run, and one whose removal failed may be gone or going: nobody
 // reads from them.
 bool is_unusable(const snapshot_state_t& state) {
-    return state.ref == 0 && (state.is_leftover() || state.removal_begun);
+    return state.ref == 0 && (state.is_leftover() || state.removal_begun || is_gone(state));
 }
 
 errdesc_t* drop_unusable(snapshot_thr_t* thr, snapshot_state_ptr* state) REQUIRES(thr->mutex) {
@@ -217,6 +225,9 @@ errdesc_t* find_or_make(snapshot_thr_t* thr, const snapshot_request_t& request, 
     if (action == SNAPSHOT_REMOVE)
         return nullptr;
     RETURN_IF_ERROR(drop_unusable(thr, state));
+    if (*state != nullptr && is_gone(**state))
+        return errdesc_set_fmt(ESTALE, "Snapshot '%s' of %s is no longer there", (*state)->snapshotname.c_str(),
+                               (*state)->vmname.c_str());
     return *state != nullptr ? nullptr : make_state(thr, request, state);
 }
 

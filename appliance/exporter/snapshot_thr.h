@@ -37,8 +37,8 @@ void snapshot_state_hurry();
 // the VM's disks. *vmname becomes the VM's name when it was empty, *ctime the time of the snapshot.
 //
 // Of a VM that cannot be snapshotted nothing is taken: *vmname becomes the header's VM UUID when it was empty, and
-// *ctime 0. Giving back what is not there is success. Errors: snapshot_state_new's (snapshot_make.h); those of the
-// header.
+// *ctime 0. Giving back what is not there is success. Errors: snapshot_state_new's (snapshot_make.h); ESTALE for
+// a snapshot in use that somebody else has removed; those of the header.
 [[nodiscard]] errdesc_t* snapshot_update(const std::string& path, const std::string& file_shadow_path,
                                          const std::string& master_uuid, snapshot_action_t action,
                                          vm_proxy_header_t* header, std::string* vmname, std::time_t* ctime);

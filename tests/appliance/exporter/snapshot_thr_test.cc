@@ -191,6 +191,24 @@ TEST_F(snapshot_thr, UsersOfAVmShareOneSnapshot) {
     EXPECT_THAT(asked(), IsEmpty());
 }
 
+TEST_F(snapshot_thr, SnapshotThatSomebodyElseRemovedIsReadByNobodyNew) {
+    use_ptr first = take();
+    show(0);
+    std::unique_ptr<vm_proxy_header_t> header;
+    ASSERT_EQ(vm_proxy_read_header_checked(shadow_ + disk_path(), &header), nullptr);
+    use_ptr second;
+    const errdesc_t* e =
+        snapshot_use_t::take(disk_path(), shadow_ + disk_path(), header.get(), &vmname_, &ctime_, &second);
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->number, ESTALE);
+    first.reset();
+    (void)asked();
+    second = take();
+    std::vector<std::string> expected = {request("remove_snapshot", "1")};
+    std::ranges::copy(creation(), std::back_inserter(expected));
+    EXPECT_THAT(asked(), ElementsAreArray(expected));
+}
+
 TEST_F(snapshot_thr, SnapshotWhoseRemovalFailedIsReadByNobody) {
     (void)take();
     agent_.answer_error("remove_snapshot", EIO, "acts, and loses the answer");
