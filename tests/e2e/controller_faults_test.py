@@ -18,7 +18,7 @@ HOST_A, HOST_B = "esx-a.example", "esx-b.example"
 HEADER_SIZE = 960  # bytes
 HEADER_START = struct.pack("<II", 0xffffffff, 1)  # magic and version
 
-AT_REST = 4  # connections and pipes that the daemon has at most while it waits
+AT_REST = 8  # connections that the daemon has at most while it waits, and two pipes for the agent of each hypervisor
 
 GARBAGE = {
     "not JSON": {"body": "<html>502 Bad Gateway</html>"},

@@ -235,10 +235,10 @@ class Tree(DaemonCase):
         os.setxattr(path, "user.err_reset", b"1")
         self.assertEqual(saved_error(path), (0, ""))
 
-    def test_disk_of_a_vm_that_needs_a_snapshot(self):
+    def test_disk_that_needs_a_snapshot_without_a_controller(self):
         disk = base_disk(self.store, "running", self.image)
         self.daemon.export(Entry("running/disk-flat.vmdk", disk.link, size=disk.size, can_snapshot=True))
-        self.assert_open_fails(EXPORT / "running" / "disk-flat.vmdk", 1017, "not supported")
+        self.assert_open_fails(EXPORT / "running" / "disk-flat.vmdk", 1013, "does not know its own identity")
 
     def test_totals(self):
         shadow, exported = os.statvfs(SHADOW), os.statvfs(EXPORT)
