@@ -209,6 +209,7 @@ TEST_F(vm_state_test, WaitsUntilTheControllerSeesTheSnapshots) {
 
 // Updates, cycles and look-ups of one VM at the same time.
 TEST_F(vm_state_test, ComesAndGoesUnderEverybodysEyes) {
+    const fast_clock_t clock(100);  // a cycle that finds the VM busy waits a second
     const std::string path = shadow_ + "/esx1/vm";
     lab_vm_t vm;
     make_files(vm);
