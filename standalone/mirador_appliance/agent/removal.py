@@ -3,6 +3,7 @@
 import errno
 import os
 import pathlib
+import time
 from collections.abc import Callable
 from typing import NoReturn
 
@@ -16,6 +17,9 @@ from ..texts import pack, unpack
 from .framing import AgentError
 from .journal import Journal
 from .machines import Machine
+
+_TURN = 0.1  # seconds between two tries
+_PATIENCE = 30.0  # seconds for which others may work on the VM
 
 
 def remove(state: pathlib.Path, machine: Machine, name: str, steps: Steps) -> int:
@@ -54,10 +58,9 @@ def tidy_up(state: pathlib.Path, machine: Machine) -> None:
         is_long = snapshots.needs_consolidation(machine.vmx)
     except Refused:
         return
-    if is_busy(machine.vmx) or not (is_long or os.path.exists(journal_of_tasks.path_of(machine.vmx))):
-        return
     if not is_long:
-        _consolidate(state, machine)
+        if os.path.exists(journal_of_tasks.path_of(machine.vmx)) and not is_busy(machine.vmx):
+            _consolidate(state, machine)
         return
     child = os.fork()
     if child == 0:
@@ -66,13 +69,23 @@ def tidy_up(state: pathlib.Path, machine: Machine) -> None:
 
 
 def _consolidate(state: pathlib.Path, machine: Machine) -> None:
+    """Does what the VM's journal tells, once nobody else works on the VM: whoever lists its snapshots does so for a
+    moment. Somebody who takes long does it himself."""
     told: dict[str, object] = {}
-    try:
-        snapshots.consolidate(machine.vmx, names=machine.names)
-    except Refused as refused:
-        told = {"error": refused.number, "text": refused.text}
-    bell.ring(state)
-    Journal(state).finish("consolidate", vmx=machine.vmx, **told)
+    deadline = time.monotonic() + _PATIENCE
+    while os.path.exists(journal_of_tasks.path_of(machine.vmx)):
+        try:
+            snapshots.consolidate(machine.vmx, names=machine.names)
+        except Refused as refused:
+            if refused.number == errno.EALREADY:
+                if time.monotonic() > deadline:
+                    return
+                time.sleep(_TURN)
+                continue
+            told = {"error": refused.number, "text": refused.text}
+        bell.ring(state)
+        Journal(state).finish("consolidate", vmx=machine.vmx, **told)
+        return
 
 
 def _leave(run: Callable[[], None]) -> NoReturn:
