@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "lib/errdesc.h"
 
@@ -38,7 +39,34 @@ static_assert(offsetof(cbt_file_header_t, corcbt_file_size) == 32);
 static_assert(offsetof(cbt_file_header_t, flat_file_size) == 40 && offsetof(cbt_file_header_t, changeid) == 48);
 static_assert(offsetof(cbt_file_header_t, device) == 112 && offsetof(cbt_file_header_t, magic_block_list) == 368);
 
+// A changed range of the disk, as the list in the file holds it. Both numbers are in bytes.
+struct cbt_extent_data_t {
+    static constexpr std::uint32_t ordinary_magic = 0xcbcb4444;
+    static constexpr std::uint32_t last_magic = 0xcbcb5555;
+
+    std::uint32_t magic;
+    std::int64_t start;
+    std::int64_t length;
+};
+static_assert(sizeof(cbt_extent_data_t) == 20 && offsetof(cbt_extent_data_t, magic) == 0);
+static_assert(offsetof(cbt_extent_data_t, start) == 4 && offsetof(cbt_extent_data_t, length) == 12);
+
 #pragma pack(pop)
+
+// The changed ranges in the order of their data. The magic words matter in a file only.
+using cbt_extent_list_t = std::vector<cbt_extent_data_t>;
+
+inline void cbt_list_free(cbt_extent_list_t* list) {
+    *list = {};
+}
+
+// Whether ranges that came from outside can be mapped: each holds at least one sector and whole sectors only, lies
+// within a disk of `disk_size` bytes, and begins at or behind the end of the one before. Error: EINVAL with a text that
+// tells the first range that is none, and why.
+[[nodiscard]] errdesc_t* cbt_check_extents(const cbt_extent_list_t& list, std::int64_t disk_size);
+
+// What offsets, lengths and sizes are multiples of wherever blocks are mapped, in bytes.
+inline constexpr std::int64_t cbt_sector_size = 512;
 
 // A companion's size in percent of its disk where the controller has no record of it.
 inline constexpr std::uint32_t corcbt_default_size_percent = 5;

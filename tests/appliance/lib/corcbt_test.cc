@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "appliance/lib/corcbt.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
 
 #include "controller/lib/controller_url.h"
 #include "tests/support/fake_controller.h"
@@ -32,6 +34,40 @@ TEST(corcbt, CompanionsStandBesideTheirDisk) {
         else
             EXPECT_EQ(e->number, ERR_INVALID_ARG);
     }
+}
+
+TEST(corcbt, ExtentsThatCannotBeMappedAreRefused) {
+    constexpr std::int64_t disk = 1 << 20;
+    constexpr std::int64_t far = INT64_MAX / 512 * 512;
+    struct {
+        cbt_extent_list_t list;
+        const char* fault;  // null: none
+    } const cases[] = {
+        {{}, nullptr},
+        {{{0, 0, disk}}, nullptr},
+        {{{0, 0, 512}, {0, 512, 512}, {0, disk - 512, 512}}, nullptr},
+        {{{0, -512, 512}}, "negative"},
+        {{{0, 512, -512}}, "negative"},
+        {{{0, 512, 0}}, "empty"},
+        {{{0, 100, 512}}, "whole sectors"},
+        {{{0, 512, 1000}}, "whole sectors"},
+        {{{0, disk, 512}}, "beyond"},
+        {{{0, disk - 512, 1024}}, "beyond"},
+        {{{0, far, far}}, "beyond"},
+        {{{0, 512, far}}, "beyond"},
+        {{{0, 0, 1024}, {0, 512, 512}}, "before"},
+        {{{0, 4096, 512}, {0, 0, 512}}, "before"},
+        {{{0, 4096, 512}, {0, 4096, 512}}, "before"},
+    };
+    for (const auto& c : cases) {
+        const errdesc_t* e = cbt_check_extents(c.list, disk);
+        ASSERT_EQ(e == nullptr, c.fault == nullptr) << (c.fault != nullptr ? c.fault : e->string);
+        if (e == nullptr)
+            continue;
+        EXPECT_EQ(e->number, EINVAL);
+        EXPECT_THAT(e->string, testing::HasSubstr(c.fault));
+    }
+    EXPECT_NE(cbt_check_extents({{0, 0, 512}}, 0), nullptr);
 }
 
 TEST(corcbt, SizesComeFromTheController) {
