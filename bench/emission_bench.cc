@@ -13,7 +13,7 @@
 #include <string>
 
 #include "appliance/lib/loopdev.h"
-#include "appliance/mounter/table_file.h"
+#include "appliance/lib/table_file.h"
 #include "appliance/mounter/vmdkmount.h"
 #include "bench/synthetic_disk.h"
 #include "vmware/lib/vmdk/chain_check.h"

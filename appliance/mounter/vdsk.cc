@@ -6,7 +6,7 @@
 
 #include "appliance/lib/devmap.h"
 #include "appliance/lib/loopdev.h"
-#include "appliance/mounter/table_file.h"
+#include "appliance/lib/table_file.h"
 #include "appliance/mounter/vdsk_mapping.h"
 #include "appliance/mounter/vmdkmount.h"
 #include "lib/cor_assert.h"

@@ -10,7 +10,7 @@
 #include <system_error>
 
 #include "appliance/lib/devmap.h"
-#include "appliance/mounter/table_file.h"
+#include "appliance/lib/table_file.h"
 #include "lib/cor_string.h"
 #include "lib/file_io.h"
 #include "lib/tool_paths.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "appliance/mounter/table_file.h"
+#include "appliance/lib/table_file.h"
 
 #include <fcntl.h>
 #include <unistd.h>
