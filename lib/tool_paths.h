@@ -42,6 +42,8 @@ struct tool_paths_t {
     std::string mapper_dir = "/dev/mapper";
     // The mount point under which the system expects its own export tree.
     std::string export_root = "/export";
+    // Where the storage layer publishes which sectors of a device are in use, a file for each device.
+    std::string inuse_bitmap_dir = "/inuse_bitmap";
 };
 
 // The one table. Read without a lock: it does not change once threads run.
