@@ -20,6 +20,7 @@ struct tool_paths_t {
     std::string fusermount = "/usr/local/corvantis/bin/fusermount";
     std::string brand_reader = "/usr/local/corvantis/python/branding/BrandReader.py";
     std::string jrpc_agent = "/usr/local/corvantis/bin/jrpc_wget.pl";
+    std::string cbt_getblocklist = "/usr/local/corvantis/bin/cbt_getblocklist.pl";
     std::string vol_id = "/lib/udev/vol_id";
     std::string vol_id_fallback = "/sbin/vol_id";
     // The program that stands in for `dmsetup` where the kernel has no device-mapper, in the daemon's own directory.
