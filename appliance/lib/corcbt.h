@@ -18,14 +18,16 @@ namespace mirador {
 // data. Offsets and sizes are in bytes of this file, but for `flat_file_size`.
 struct cbt_file_header_t {
     static constexpr std::uint32_t magic_value = 0xcbcb1111;
+    static constexpr std::uint32_t current_version = 1;
+    static constexpr std::uint32_t list_magic_value = 0xcbcb3333;
 
     std::uint32_t magic_header;
     std::uint32_t version;
     std::int64_t block_list_offset;
-    std::int64_t block_data_offset;  // the list ends here
+    std::int64_t block_data_offset;  // the list, filled up to whole sectors, ends here
     std::int64_t total_change_size;  // of all changed data; 0: there is no list
     std::int64_t corcbt_file_size;
-    std::int64_t flat_file_size;  // of the disk that the changes apply to
+    std::int64_t flat_file_size;  // of the disk with the changes; what it was before may be smaller
     char changeid[64];            // terminated
     char device[256];             // terminated; of the device or disk
     std::uint32_t magic_block_list;
@@ -60,13 +62,45 @@ inline void cbt_list_free(cbt_extent_list_t* list) {
     *list = {};
 }
 
+// What offsets, lengths and sizes are multiples of wherever blocks are mapped, in bytes.
+inline constexpr std::int64_t cbt_sector_size = 512;
+
+// A file with more extents than these is refused: no device could map them.
+inline constexpr std::int64_t cbt_max_extents = std::int64_t{1} << 24;
+
 // Whether ranges that came from outside can be mapped: each holds at least one sector and whole sectors only, lies
 // within a disk of `disk_size` bytes, and begins at or behind the end of the one before. Error: EINVAL with a text that
 // tells the first range that is none, and why.
 [[nodiscard]] errdesc_t* cbt_check_extents(const cbt_extent_list_t& list, std::int64_t disk_size);
 
-// What offsets, lengths and sizes are multiples of wherever blocks are mapped, in bytes.
-inline constexpr std::int64_t cbt_sector_size = 512;
+// Makes the beginning of a changed-block file: header and list, filled up with zeros to whole sectors. The data of the
+// extents, in their order, belong behind it. Magic words in `list` are ignored, an empty list is fine. Errors: those of
+// cbt_check_extents; EINVAL for a size that is no whole number of sectors, for a change id of 64 bytes or more, a
+// device of 256 or more, or too many extents.
+[[nodiscard]] errdesc_t* build_corcbt_header(const cbt_extent_list_t& list, const std::string& changeid,
+                                             const std::string& device, std::int64_t flat_file_size,
+                                             cbt_file_header_t* header, std::string* bytes);
+
+// Reads header and list of the file `path`, which may be a block device too. The list of a file without changed data is
+// empty. Where both came from outside, check_corcbt tells whether they can be mapped. Errors: errno with the path;
+// EINVAL "invalid corcbt header magic number", "invalid corcbt header: <what>" for a list that does not fit into the
+// file or a text without end, "invalid corcbt changed block list" for one without a last record (*list then holds the
+// records before the fault).
+[[nodiscard]] errdesc_t* read_corcbt_header(const std::string& path, cbt_file_header_t* header,
+                                            cbt_extent_list_t* list);
+
+// The same for an open file; `path` is for texts only.
+[[nodiscard]] errdesc_t* read_corcbt_header_fd(int fd, const std::string& path, cbt_file_header_t* header,
+                                               cbt_extent_list_t* list);
+
+inline void free_cbt_header(cbt_file_header_t* header) {
+    *header = {};
+}
+
+// Whether what was read from a file of `file_size` bytes can be laid over a disk: the extents as cbt_check_extents
+// wants them, their data whole, in the file and where the header tells. Errors: EINVAL with the fault.
+[[nodiscard]] errdesc_t* check_corcbt(const cbt_file_header_t& header, const cbt_extent_list_t& list,
+                                      std::int64_t file_size);
 
 // A companion's size in percent of its disk where the controller has no record of it.
 inline constexpr std::uint32_t corcbt_default_size_percent = 5;
@@ -80,5 +114,11 @@ inline constexpr std::uint32_t corcbt_default_size_percent = 5;
 // then *percent is untouched.
 [[nodiscard]] errdesc_t* get_corcbt_size_percent(const std::string& vm_uuid, const std::string& corcbt_path,
                                                  std::uint32_t* percent);
+
+// Whether a changed-block file fits into the `promised` bytes that its companion appears to have; what lies beyond
+// would be cut off unseen. Error: EFBIG (27) "Changed blocks need %jd bytes, %jd are exported"; *raised is then the
+// percentage to note for the disk, which has been at `percent`: room for the file and a quarter more, 100 at most.
+[[nodiscard]] errdesc_t* check_corcbt_size_percent(const cbt_file_header_t& header, std::int64_t promised,
+                                                   std::uint32_t percent, std::uint32_t* raised);
 
 }  // namespace mirador
