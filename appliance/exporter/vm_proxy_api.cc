@@ -14,6 +14,7 @@
 #include "lib/clock.h"
 #include "lib/cor_assert.h"
 #include "lib/error_hash.h"
+#include "lib/fault_point.h"
 
 namespace mirador {
 namespace {
@@ -55,6 +56,19 @@ std::string extended_error_path(const vm_proxy_cookie_t& cookie) REQUIRES(cookie
     return cookie.header.path;
 }
 
+// Opens the device reader of a disk that may have one. Without one the disk is read plainly until it is evicted.
+void open_pdev(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
+    vm_proxy_header_t& header = cookie.header;
+    if (header.type != VM_PROXY_HEADER_VMDK_FLAT || header.can_optimize == 0 || cookie.pdev != nullptr)
+        return;
+    if (errdesc_t* e = fault_point("open.pdev"))
+        _errdesc_log(e, ERRDESC_ERROR);
+    else
+        cookie.pdev = cor_dev_open(cookie.devicemapper_path, extended_error_path(cookie));
+    if (cookie.pdev == nullptr)
+        header.can_optimize = 0;
+}
+
 std::unique_ptr<fuse_fh_t> fuse_fh_new(unique_fd fd, const cookie_ptr& shared, const vm_proxy_cookie_t& cookie)
     REQUIRES(cookie.mutex) {
     auto fh = std::make_unique<fuse_fh_t>();
@@ -66,6 +80,8 @@ std::unique_ptr<fuse_fh_t> fuse_fh_new(unique_fd fd, const cookie_ptr& shared, c
     fh->extended_error_path = extended_error_path(cookie);
     fh->snapshot = cookie.snapshot;
     fh->vdskdesc = cookie.vdskdesc;
+    fh->pdev = cookie.pdev;
+    fh->optimize = fh->pdev != nullptr;
     fh->cookie = shared;
     return fh;
 }
@@ -114,11 +130,13 @@ errdesc_t* open_cookie(const cookie_ptr& shared, std::unique_ptr<fuse_fh_t>* fh,
     unique_fd fd;
     errdesc_t* e = open_by_type(cookie, &fd);
     cookie.publish_info();
-    if (e == nullptr)
-        *fh = fuse_fh_new(std::move(fd), shared, cookie);
-    else
+    if (e != nullptr) {
         vm_proxy_remove_cookie(cookie);
-    return e;
+        return e;
+    }
+    open_pdev(cookie);
+    *fh = fuse_fh_new(std::move(fd), shared, cookie);
+    return nullptr;
 }
 
 errdesc_t* open_locked(std::string* path, std::string* shadow_path, std::unique_ptr<fuse_fh_t>* fh) {

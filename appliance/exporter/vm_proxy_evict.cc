@@ -61,6 +61,7 @@ bool read_vmdk_ref(const std::string& path, int* ref) {
 }
 
 void evict_flat(vm_proxy_cookie_t& cookie, bool check_vmdk_ref) REQUIRES(cookie.mutex) {
+    cor_dev_close(&cookie.pdev);
     if (cookie.vdskdesc != nullptr) {
         const std::string extent_path = cookie.vdskdesc->vdsk_extent_path;
         cookie.vdskdesc.reset();

@@ -15,10 +15,29 @@ namespace {
 
 constexpr int digest_debug_level = 4;  // above it every read buffer is digested
 
+// What a read came to, in bytes.
+struct read_counts_t {
+    std::size_t delivered = 0;  // in the buffer
+    // For the statistics; the device reader counts whole sectors.
+    std::size_t read = 0;
+    std::size_t skipped = 0;
+};
+
+errdesc_t* read_device(char* buf, std::size_t size, off_t offset, const fuse_fh_t& fh, read_counts_t* counts) {
+    RETURN_IF_ERROR(optimize_byte_read(*fh.pdev, buf, size, offset, &counts->read, &counts->skipped));
+    counts->delivered = cor_dev_room(*fh.pdev, size, offset);
+    return nullptr;
+}
+
 // The underlying bytes. Error: the source's number, with the text that is published for the source.
-errdesc_t* read_source(char* buf, std::size_t size, off_t offset, const fuse_fh_t& fh, std::size_t* count) {
-    errdesc_t* e = cor_pread(fh.fd.get(), buf, size, offset, count);
-    return e == nullptr ? nullptr : errdesc_set_extended_err(e->number, fh.extended_error_path);
+errdesc_t* read_source(char* buf, std::size_t size, off_t offset, const fuse_fh_t& fh, read_counts_t* counts) {
+    if (fh.optimize && size > 0 && get_reg_settings()->smartread_optimize)
+        return read_device(buf, size, offset, fh, counts);
+    errdesc_t* e = cor_pread(fh.fd.get(), buf, size, offset, &counts->delivered);
+    if (e != nullptr)
+        return errdesc_set_extended_err(e->number, fh.extended_error_path);
+    counts->read = counts->delivered;
+    return nullptr;
 }
 
 // Lays the overlay over a read of `size` bytes at `offset`, of which *count were read; *e is the source's failure and
@@ -62,18 +81,20 @@ errdesc_t* vm_proxy_read(char* buf, std::size_t size, off_t offset, const fuse_f
     if (digest)
         std::memset(buf, 0, size);
 
-    std::size_t count = 0;
-    errdesc_t* e = read_source(buf, size, offset, *fh, &count);
-    apply_overlay(buf, size, offset, fh->buffered_data, &count, &e);
-    count = std::min(count, size);
+    read_counts_t counts;
+    errdesc_t* e = read_source(buf, size, offset, *fh, &counts);
+    const std::size_t from_source = counts.delivered;
+    apply_overlay(buf, size, offset, fh->buffered_data, &counts.delivered, &e);
+    counts.read += counts.delivered - from_source;
     if (digest)
-        DEBUG_digest_buf("vm_proxy_read", fh->path.c_str(), offset, static_cast<ssize_t>(count), buf, e);
+        DEBUG_digest_buf("vm_proxy_read", fh->path.c_str(), offset, static_cast<ssize_t>(counts.delivered), buf, e);
     if (e != nullptr)
         return e;
-    if (fh->collect_stats && count >= 1)
-        stats_thr_update_stats(fh->path, static_cast<std::int32_t>(count), 0, fh->cbt_losetup);
-    fh->cookie->external_read_bytes.fetch_add(count, std::memory_order_relaxed);
-    *bytes_read = count;
+    if (fh->collect_stats && (counts.read >= 1 || counts.skipped >= 1))
+        stats_thr_update_stats(fh->path, static_cast<std::int32_t>(counts.read),
+                               static_cast<std::int32_t>(counts.skipped), fh->cbt_losetup);
+    fh->cookie->external_read_bytes.fetch_add(counts.delivered, std::memory_order_relaxed);
+    *bytes_read = counts.delivered;
     return nullptr;
 }
 

@@ -8,8 +8,8 @@
 //   - it leaves when it is chosen as a victim, when an open of it fails or finds that the path leads elsewhere by now,
 //     or at shutdown. What left never comes back: `detached` is set then, and the next open of the path makes a new
 //     cookie.
-// A handle owns what it reads from (descriptor, mapping, snapshot, overlay, byte counter), so it goes on working when
-// its cookie has left the table; releasing it then changes no count.
+// A handle owns what it reads from (descriptor, device reader, mapping, snapshot, overlay, byte counter), so it goes on
+// working when its cookie has left the table; releasing it then changes no count.
 //
 // Locks, in this order: the table lock (`mutex`: one open, release or idle eviction at a time), a cookie's `mutex`
 // (its state while it is opened or torn down), `list_mutex` (the list itself, held for moments only). Choosing a victim
@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "appliance/lib/cordev_io.h"
 #include "appliance/lib/vm_proxy_header.h"
 #include "appliance/mounter/vdsk.h"
 #include "lib/errdesc.h"
@@ -71,6 +72,7 @@ struct vm_proxy_cookie_t {
     fuse_fh_buffer_t buffered_data GUARDED_BY(mutex);  // the overlay
     std::shared_ptr<snapshot_use_t> snapshot GUARDED_BY(mutex);  // what the chain is frozen by; given back likewise
     std::shared_ptr<vdskdesc_t> vdskdesc GUARDED_BY(mutex);      // the opened chain; torn down with its last owner
+    cor_dev_ptr pdev GUARDED_BY(mutex);  // reads only what the guest uses; null: there is no telling what that is
     vm_proxy_header_t header GUARDED_BY(mutex) = {};
     bool detached GUARDED_BY(mutex) = false;  // has left the table
 
@@ -98,7 +100,9 @@ struct fuse_fh_t {
     bool cbt_losetup = false;    // as the second stream: a disk opened by its loop-file name
     std::string path;
     std::string extended_error_path;       // whose extended attributes carry the real error; empty: none
-    std::shared_ptr<vdskdesc_t> vdskdesc;  // keeps the mapping behind `fd`
+    std::shared_ptr<vdskdesc_t> vdskdesc;  // keeps the mapping behind `fd` and `pdev`
+    bool optimize = false;                 // reads go through `pdev`, while the settings allow it
+    cor_dev_ptr pdev;                      // given exactly when `optimize` is set
     cookie_ptr cookie;
 };
 
