@@ -21,7 +21,7 @@ class table_file_t {
     explicit table_file_t(std::string path) : path_(std::move(path)) {}
     table_file_t(const table_file_t&) = delete;
     table_file_t& operator=(const table_file_t&) = delete;
-    // Removes the file, if this object made it.
+    // Removes the file, if this object made it, unless it is kept.
     ~table_file_t();
 
     // Makes the file, readable and writable for its owner only; it must not exist. Errors: errno with the path.
@@ -29,6 +29,9 @@ class table_file_t {
 
     // Writes out what is buffered and closes the stream. Errors: the first fault of any write, with the path.
     [[nodiscard]] errdesc_t* finish();
+
+    // Leaves the file where it is, for whoever looks for a fault.
+    void keep() { created_ = false; }
 
     const std::string& path() const { return path_; }
     // The stream, until finish().

@@ -1,0 +1,309 @@
+// SPDX-License-Identifier: Apache-2.0
+// Tables over plain files in the place of loop devices are read the way the kernel would. Loop devices are real where a
+// device is built, which only root can do; dmsetup is a script.
+#include "appliance/lib/corcbt_table.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <random>
+
+#include "appliance/lib/registry.h"
+#include "lib/clock.h"
+#include "lib/tool_paths.h"
+#include "tests/lib/temp_dir.h"
+#include "tests/support/dm_table.h"
+#include "tests/support/loop_guard.h"
+
+namespace mirador {
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+constexpr std::int64_t mebibyte = 1 << 20;
+
+// An image of before, what changed, and the image of now.
+struct images_t {
+    std::string before;
+    std::string now;
+    cbt_extent_list_t list;
+    std::string corcbt;
+    cbt_file_header_t header;
+};
+
+std::string random_bytes(std::size_t size, std::mt19937& random) {
+    std::string bytes(size, '\0');
+    for (char& byte : bytes)
+        byte = static_cast<char>(random());
+    return bytes;
+}
+
+// Disks of up to 64 sectors that may grow, with any number of changes at any place; neighbours may touch.
+images_t random_images(std::mt19937& random) {
+    images_t images;
+    const std::size_t before = random() % 64;
+    const std::size_t now = before + (random() % 2) * (random() % 32);
+    images.before = random_bytes(before * 512, random);
+    images.now = images.before;
+    images.now.resize(now * 512);
+    std::string data;
+    for (std::size_t at = random() % 8; at < now; at += random() % 8) {
+        const std::size_t length = std::min<std::size_t>(random() % 8 + 1, now - at);
+        const std::string bytes = random_bytes(length * 512, random);
+        images.list.push_back({0, static_cast<std::int64_t>(at * 512), static_cast<std::int64_t>(length * 512)});
+        images.now.replace(at * 512, bytes.size(), bytes);
+        data += bytes;
+        at += length;
+    }
+    const auto size = static_cast<std::int64_t>(images.now.size());
+    EXPECT_EQ(build_corcbt_header(images.list, "52 de/1", "disk", size, &images.header, &images.corcbt), nullptr);
+    images.corcbt += data;
+    return images;
+}
+
+class corcbt_table : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::filesystem::create_directory(work_);
+        tool_paths().tmp_dir = work_;
+        tool_paths().dmsetup =
+            write_script(dir_ / "dmsetup", "echo \"$@\" >>'" + log_ + "'\ncase $1 in create) cp \"$3\" '" + copy_ +
+                                               "';; esac\nexit $(cat '" + status_ + "')\n");
+        write_file(status_, "0");
+    }
+    void TearDown() override {
+        tool_paths() = tool_paths_t();
+        get_reg_settings()->cbt_debug_enabled = false;
+    }
+    std::vector<std::string> work_files() const {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(work_))
+            names.push_back(entry.path().filename());
+        return names;
+    }
+    // The bytes that a table maps; the fault when it is none.
+    std::string mapped(const std::string& text) const {
+        std::vector<dm_line_t> lines;
+        std::string fault;
+        if (!parse_dm_table(text, &lines, &fault) || !read_dm_table(lines, dir_ / "mapped", &fault))
+            return "fault: " + fault + " in\n" + text;
+        return read_file(dir_ / "mapped");
+    }
+    errdesc_t* merge(const cbt_extent_list_t& list, const cbt_file_header_t& header) {
+        return create_devmap_table_merge(flat_, "flat", "corcbt", list, header, &name_, &table_);
+    }
+
+    static constexpr unsigned clock_factor = 50;
+
+    fast_clock_t clock_{clock_factor};
+    temp_dir_t dir_;
+    const std::string work_ = dir_ / "work";
+    const std::string flat_ = dir_ / "disk-flat.vmdk";
+    const std::string corcbt_ = dir_ / "disk-corcbt.vmdk";
+    const std::string log_ = dir_ / "calls";
+    const std::string copy_ = dir_ / "table";
+    const std::string status_ = dir_ / "status";
+    std::string name_;
+    std::unique_ptr<table_file_t> table_;
+};
+
+TEST_F(corcbt_table, LinesOfAMergeTable) {
+    write_file(flat_, std::string(mebibyte, 'x'));
+    struct {
+        cbt_extent_list_t list;
+        std::int64_t disk;
+        const char* table;
+    } const cases[] = {
+        {{{0, 4096, 8192}}, mebibyte, "0 8 linear flat 0\n8 16 linear corcbt 2\n24 2024 linear flat 24\n"},
+        {{{0, 0, 512}}, mebibyte, "0 1 linear corcbt 2\n1 2047 linear flat 1\n"},
+        {{{0, mebibyte - 512, 512}}, mebibyte, "0 2047 linear flat 0\n2047 1 linear corcbt 2\n"},
+        {{{0, 0, 512}, {0, 512, 512}},
+         2 * mebibyte,
+         "0 1 linear corcbt 2\n1 1 linear corcbt 3\n2 2046 linear flat 2\n2048 2048 zero\n"},
+        {{{0, mebibyte + 512, 512}},
+         mebibyte + 2048,
+         "0 2048 linear flat 0\n2048 1 zero\n2049 1 linear corcbt 2\n2050 2 zero\n"},
+        {{}, mebibyte, "0 2048 linear flat 0\n"},
+    };
+    for (const auto& c : cases) {
+        cbt_file_header_t header{};
+        header.block_data_offset = 1024;
+        header.flat_file_size = c.disk;
+        ASSERT_EQ(merge(c.list, header), nullptr);
+        EXPECT_EQ(read_file(table_->path()), c.table);
+        struct stat st {};
+        ASSERT_EQ(stat(table_->path().c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0600U);
+        EXPECT_EQ(table_->path(), work_ + "/" + name_ + ".dm_table_merge");
+        EXPECT_THAT(name_, StartsWith("cbt-"));
+        table_.reset();
+        EXPECT_THAT(work_files(), IsEmpty());
+    }
+}
+
+TEST_F(corcbt_table, MapsTheImageOfNowAndThePartsThatChanged) {
+    std::mt19937 random(1);
+    for (int round = 0; round < 200; ++round) {
+        const images_t images = random_images(random);
+        write_file(flat_, images.before);
+        write_file(corcbt_, images.corcbt);
+        ASSERT_EQ(create_devmap_table_merge(flat_, flat_, corcbt_, images.list, images.header, &name_, &table_),
+                  nullptr);
+        ASSERT_EQ(mapped(read_file(table_->path())), images.now) << read_file(table_->path());
+
+        write_file(flat_, images.now);
+        ASSERT_EQ(create_devmap_table_import(flat_, images.list, images.header, &name_, &table_), nullptr);
+        const std::string data = images.corcbt.substr(static_cast<std::size_t>(images.header.block_data_offset));
+        ASSERT_EQ(mapped(read_file(table_->path())), data) << read_file(table_->path());
+    }
+}
+
+TEST_F(corcbt_table, WhatCannotBeMappedExactlyIsRefused) {
+    const std::string small = write_file(dir_ / "small", std::string(4096, 'x'));
+    const std::string odd = write_file(dir_ / "odd", std::string(4000, 'x'));
+    struct {
+        std::string flat;
+        cbt_extent_list_t list;
+        std::int64_t data;
+        std::int64_t disk;
+        int number;
+    } const cases[] = {
+        {small, {{0, 0, 100}}, 512, 4096, EINVAL},
+        {small, {{0, 1024, 512}, {0, 0, 512}}, 512, 4096, EINVAL},
+        {small, {{0, 4096, 512}}, 512, 4096, EINVAL},
+        {small, {{0, 0, 512}}, 500, 4096, EINVAL},
+        {small, {{0, 0, 512}}, -512, 4096, EINVAL},
+        {small, {}, 512, 4000, EINVAL},
+        {small, {}, 512, 2048, EINVAL},
+        {small, {}, 512, -512, EINVAL},
+        {odd, {}, 512, 4096, EINVAL},
+        {dir_ / "absent", {}, 512, 4096, ENOENT},
+    };
+    for (const auto& c : cases) {
+        cbt_file_header_t header{};
+        header.block_data_offset = c.data;
+        header.flat_file_size = c.disk;
+        const errdesc_t* e = create_devmap_table_merge(c.flat, "flat", "corcbt", c.list, header, &name_, &table_);
+        ASSERT_NE(e, nullptr) << c.flat << c.disk;
+        EXPECT_EQ(e->number, c.number) << e->string;
+        EXPECT_THAT(work_files(), IsEmpty());
+    }
+    tool_paths().tmp_dir = dir_ / "absent";
+    cbt_file_header_t header{};
+    EXPECT_EQ(create_devmap_table_merge(write_file(flat_, ""), "flat", "corcbt", {}, header, &name_, &table_)->number,
+              ENOENT);
+}
+
+TEST_F(corcbt_table, DebuggingTellsTheLinesAndKeepsTheFile) {
+    write_file(flat_, std::string(4096, 'x'));
+    cbt_file_header_t header{};
+    header.block_data_offset = 512;
+    header.flat_file_size = 4096;
+    get_reg_settings()->cbt_debug_enabled = true;
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(merge({{0, 512, 512}}, header), nullptr);
+    const std::string log = testing::internal::GetCapturedStdout();
+    for (const std::string line :
+         {"defining dm table flat_loop_dev: flat", "defining dm table corcbt_loop_dev: corcbt",
+          "create_devmap_table_merge, using devmap_table: ", "dm adding extent to flat at 0\n",
+          "writing dm_table_entry: 0 1 linear flat 0\n", "dm adding extent to corcbt at 512\n",
+          "writing dm_table_entry: 1 1 linear corcbt 1\n", "dm adding extent to flat at 1024\n"})
+        EXPECT_THAT(log, HasSubstr(line));
+    table_.reset();
+    EXPECT_EQ(work_files(), std::vector{name_ + ".dm_table_merge"});
+}
+
+class corcbt_device : public corcbt_table {
+  protected:
+    void SetUp() override {
+        if (!loop_guard_t::available())
+            GTEST_SKIP() << "needs root and loop devices";
+        corcbt_table::SetUp();
+        std::mt19937 random(7);
+        do
+            images_ = random_images(random);
+        while (images_.list.empty() || images_.before.size() == images_.now.size());
+        write_file(flat_, images_.before);
+        write_file(corcbt_, images_.corcbt);
+    }
+    void expect_nothing_left(const merged_corcbt_t& device) {
+        EXPECT_EQ(device.name + device.dm_device + device.flat_loopdev + device.corcbt_loopdev, "");
+        EXPECT_THAT(loop_guard_t::bound_below(dir_.path()), IsEmpty());
+        EXPECT_THAT(work_files(), IsEmpty());
+    }
+
+    loop_guard_t guard_;
+    images_t images_;
+};
+
+TEST_F(corcbt_device, MergedReadsAsTheDiskOfNow) {
+    merged_corcbt_t merged;
+    ASSERT_EQ(get_merged_corcbt(flat_, corcbt_, &merged), nullptr);
+    EXPECT_EQ(merged.dm_device, "/dev/mapper/" + merged.name);
+    EXPECT_EQ(loop_guard_t::backing_file(merged.flat_loopdev), flat_);
+    EXPECT_EQ(loop_guard_t::backing_file(merged.corcbt_loopdev), corcbt_);
+    EXPECT_EQ(mapped(read_file(copy_)), images_.now);
+    EXPECT_THAT(work_files(), IsEmpty());
+    const std::string name = merged.name;
+    release_merged_corcbt(&merged);
+    expect_nothing_left(merged);
+    EXPECT_EQ(read_file(log_), "create " + name + " " + work_ + "/" + name + ".dm_table_merge\nremove " + name + "\n");
+}
+
+TEST_F(corcbt_device, ImportStandsForTheChangedPartsOfTheGrownImage) {
+    merged_corcbt_t import;
+    ASSERT_EQ(setup_import_corcbt(flat_, corcbt_, &import), nullptr);
+    EXPECT_EQ(std::filesystem::file_size(flat_), images_.now.size());
+    std::vector<dm_line_t> lines;
+    std::string fault;
+    ASSERT_TRUE(parse_dm_table(read_file(copy_), &lines, &fault));
+    // What a copy onto the device does.
+    {
+        std::fstream flat(import.flat_loopdev, std::ios::in | std::ios::out | std::ios::binary);
+        std::size_t at = static_cast<std::size_t>(images_.header.block_data_offset);
+        for (const dm_line_t& line : lines) {
+            flat.seekp(static_cast<std::streamoff>(line.offset * 512));
+            flat.write(images_.corcbt.data() + at, static_cast<std::streamsize>(line.length * 512));
+            at += line.length * 512;
+        }
+    }
+    release_merged_corcbt(&import);
+    expect_nothing_left(import);
+    EXPECT_EQ(read_file(flat_), images_.now);
+}
+
+TEST_F(corcbt_device, FailuresLeaveNothing) {
+    const std::string cut = write_file(dir_ / "cut", images_.corcbt.substr(0, images_.corcbt.size() - 1));
+    const struct {
+        const char* what;
+        std::string flat;
+        std::string corcbt;
+        const char* status;
+        int number;
+    } cases[] = {
+        {"no flat image", dir_ / "absent", corcbt_, "0", ENOENT},
+        {"no changed-block file", flat_, dir_ / "absent", "0", ENOENT},
+        {"a file that is cut", flat_, cut, "0", EINVAL},
+        {"an image that is no older one", write_file(dir_ / "large", std::string(65536, 'x')), corcbt_, "0", EINVAL},
+        {"dmsetup fails", flat_, corcbt_, "3", 3},
+    };
+    for (const auto& c : cases) {
+        write_file(status_, c.status);
+        for (const auto setup : {get_merged_corcbt, setup_import_corcbt}) {
+            merged_corcbt_t device;
+            const errdesc_t* e = setup(c.flat, c.corcbt, &device);
+            ASSERT_NE(e, nullptr) << c.what;
+            EXPECT_EQ(e->number, c.number) << c.what << ": " << e->string;
+            expect_nothing_left(device);
+        }
+    }
+    EXPECT_THAT(read_file(log_), testing::Not(HasSubstr("remove")));
+}
+
+}  // namespace
+}  // namespace mirador
