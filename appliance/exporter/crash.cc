@@ -7,10 +7,9 @@
 
 #include <array>
 #include <cerrno>
-#include <fstream>
-#include <sstream>
 #include <string_view>
 
+#include "appliance/exporter/fuse_connection.h"
 #include "appliance/lib/registry.h"
 #include "lib/cor_string.h"
 #include "lib/file_io.h"
@@ -47,40 +46,6 @@ bool is_work_file(std::string_view name) {
            extension == ".zero";
 }
 
-// A path as the process's mount table writes it: blanks and backslashes as octal numbers.
-std::string mount_info_path(std::string_view path) {
-    std::string text;
-    for (const char c : path) {
-        if (c == ' ' || c == '\t' || c == '\n' || c == '\\')
-            text += cor_format("\\%03o", static_cast<unsigned>(c));
-        else
-            text.push_back(c);
-    }
-    return text;
-}
-
-// The number of the FUSE connection that is mounted on `mountpoint`: the minor number of its device; -1 if none is. The
-// mount table of the process tells without asking the file system itself, which may not answer any more.
-int fuse_connection(const std::string& mountpoint) {
-    const std::string wanted = mount_info_path(mountpoint);
-    std::ifstream table(tool_paths().mount_info);
-    std::string line;
-    int connection = -1;
-    while (std::getline(table, line)) {
-        std::istringstream fields(line);
-        std::string id;
-        std::string parent;
-        std::string device;
-        std::string root;
-        std::string directory;
-        fields >> id >> parent >> device >> root >> directory;
-        const std::size_t type = line.find(" - fuse");
-        if (directory == wanted && type != std::string::npos && device.starts_with("0:"))
-            connection = std::atoi(device.c_str() + 2);
-    }
-    return connection;
-}
-
 }  // namespace
 
 void crash_recover_umount(const std::string& mountpoint, const std::string& tmpfs_path, bool* fuse_mounted,
@@ -106,13 +71,9 @@ void crash_recover_umount(const std::string& mountpoint, const std::string& tmpf
 }
 
 void crash_recover_abort_fuse(const std::string& mountpoint) {
-    const int connection = fuse_connection(mountpoint);
-    if (connection < 0)
-        return;
-    const std::string path = cor_format("%s/%d/abort", tool_paths().fuse_connections.c_str(), connection);
-    std::ofstream abort(path);
-    if (!(abort << "1\n" << std::flush))
-        log_failure(errdesc_set_str(errno, path), ERRDESC_ERROR);
+    const int connection = fuse_connection_of(mountpoint);
+    if (connection >= 0)
+        log_failure(fuse_connection_abort(connection), ERRDESC_ERROR);
 }
 
 void crash_recover_mapper() {

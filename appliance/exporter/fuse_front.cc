@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -22,6 +23,7 @@
 
 #include "appliance/exporter/call_tracker.h"
 #include "appliance/exporter/controller_thr.h"
+#include "appliance/exporter/fuse_connection.h"
 #include "appliance/exporter/open_files.h"
 #include "appliance/exporter/options.h"
 #include "appliance/exporter/runtime_alerts.h"
@@ -37,8 +39,10 @@
 #include "lib/cor_string.h"
 #include "lib/error_hash.h"
 #include "lib/log.h"
+#include "lib/spawn.h"
 #include "lib/startup.h"
 #include "lib/thread_annotations.h"
+#include "lib/tool_paths.h"
 
 namespace mirador {
 namespace {
@@ -290,37 +294,74 @@ int count_mount_points(void* data, const char* arg, int key, fuse_args*) {
     return fail;
 }
 
-// Tells when the file system is asked to end. Its loop waits for the requests on their way before it does, and one that
-// opens a disk may wait for a hypervisor.
+// Seconds that requests on their way have when the file system is asked to end.
+constexpr int ending_patience = 10;
+
+// Tells when the file system is asked to end, and sees to it that it does. Its loop takes no request any more then but
+// waits for those on their way: one that opens a disk may wait for a hypervisor, and one for a changed-block file for a
+// read of this very file system, which nobody serves.
 class ending_watch_t {
   public:
-    ending_watch_t(fuse* handle, const std::function<void()>& on_ending)
-        : thr_([this, handle, &on_ending] { watch(handle, on_ending); }) {}
-    ~ending_watch_t() {
+    ending_watch_t(fuse* handle, int connection, const std::function<void()>& on_ending)
+        : thr_([this, handle, connection, &on_ending] { watch(handle, connection, on_ending); }) {}
+    ~ending_watch_t() { join(); }
+    ending_watch_t(const ending_watch_t&) = delete;
+    ending_watch_t& operator=(const ending_watch_t&) = delete;
+
+    // To be called when the loop has ended. Whether the connection had to be ended for that.
+    bool join() {
         {
             const mutex_lock_t lock(mutex_);
             done_ = true;
             cond_.notify_all();
         }
-        thr_.join();
+        if (thr_.joinable())
+            thr_.join();
+        const mutex_lock_t lock(mutex_);
+        return aborted_;
     }
-    ending_watch_t(const ending_watch_t&) = delete;
-    ending_watch_t& operator=(const ending_watch_t&) = delete;
 
   private:
-    void watch(fuse* handle, const std::function<void()>& on_ending) {
+    void watch(fuse* handle, int connection, const std::function<void()>& on_ending) {
         block_signals();
         const mutex_lock_t lock(mutex_);
         while (!done_ && fuse_exited(handle) == 0)
             clock_wait(cond_, mutex_, 1);
         on_ending();
+        const std::time_t deadline = clock_now() + ending_patience;
+        while (!done_ && clock_now() < deadline)
+            clock_wait(cond_, mutex_, 1);
+        if (done_ || connection < 0)
+            return;
+        ts_printf("Requests are still on their way: ending FUSE connection %d\n", connection);
+        if (errdesc_t* e = fuse_connection_abort(connection))
+            _errdesc_log(e, ERRDESC_ERROR);
+        else
+            aborted_ = true;
     }
 
     mutex_t mutex_;
     std::condition_variable_any cond_;
     bool done_ GUARDED_BY(mutex_) = false;
+    bool aborted_ GUARDED_BY(mutex_) = false;
     std::thread thr_;
 };
+
+// Serves until the file system ends; whether its connection had to be ended for that.
+bool run_loop(fuse* handle, bool multithreaded, int connection, const std::function<void()>& on_ending) {
+    ending_watch_t watch(handle, connection, on_ending);
+    if (multithreaded)
+        fuse_loop_mt(handle);
+    else
+        fuse_loop(handle);
+    return watch.join();
+}
+
+// FUSE takes a mount whose connection was ended for one that is gone.
+void unmount_dead(const char* mount_point) {
+    if (errdesc_t* e = spawn_tool({tool_paths().umount, "-fl", mount_point}))
+        _errdesc_log(e, ERRDESC_ERROR);
+}
 
 }  // namespace
 
@@ -354,15 +395,12 @@ bool fuse_serve(fuse_args* args, const std::function<void()>& on_serving, const 
         std::fprintf(stderr, "mirador: cannot mount on %s\n", fs_options().proxy_mount_point);
         return false;
     }
+    const int connection = fuse_connection_of(mountpoint);
     on_serving();
-    {
-        const ending_watch_t watch(handle, on_ending);
-        if (multithreaded != 0)
-            fuse_loop_mt(handle);
-        else
-            fuse_loop(handle);
-    }
+    const bool aborted = run_loop(handle, multithreaded != 0, connection, on_ending);
     fuse_teardown(handle, mountpoint);
+    if (aborted)
+        unmount_dead(fs_options().proxy_mount_point);
     open_files().release_all();
     return true;
 }

@@ -20,6 +20,7 @@
 #include "appliance/exporter/vm_proxy_evict.h"
 #include "controller/lib/controller_raw.h"
 #include "controller/lib/managed_alert.h"
+#include "lib/clock.h"
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
 #include "lib/instance_lock.h"
@@ -90,8 +91,15 @@ bool can_mount() {
     return true;
 }
 
+// A predecessor that was killed while it read from its own file system holds the lock until that connection ends.
 bool take_instance_lock() {
+    constexpr int patience = 10;  // seconds
     errdesc_t* e = instance_lock_take();
+    for (int i = 0; i < patience && e != nullptr && e->number == EBUSY && instance_lock_holder_is_dying(); i++) {
+        crash_recover_abort_fuse(fs_options().proxy_mount_point);
+        clock_sleep(1);
+        e = instance_lock_take();
+    }
     if (e != nullptr)
         std::fprintf(stderr, "mirador: %s\n", e->string);
     return e == nullptr;

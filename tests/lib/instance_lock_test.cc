@@ -3,11 +3,13 @@
 
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <thread>
 
 #include "lib/spawn.h"
 #include "lib/tool_paths.h"
@@ -24,15 +26,17 @@ errnum_t outcome() {
     });
 }
 
-// Forks a process that runs `body` and then sleeps; returns its pid once `body` is through.
+// Forks a process that runs `body` and then sleeps, or ends its first thread; returns its pid once `body` is through.
 template <typename body_t>
-pid_t run_and_stay(body_t body) {
+pid_t run_and_stay(body_t body, bool ends_thread = false) {
     std::array<int, 2> ready{};
     EXPECT_EQ(pipe(ready.data()), 0);
     const pid_t pid = fork();
     if (pid == 0) {
         body();
         (void)!write(ready[1], "x", 1);
+        if (ends_thread)
+            syscall(SYS_exit, 0);  // the thread alone
         for (;;)
             pause();
     }
@@ -86,6 +90,27 @@ TEST_F(instance_lock_test, StaysWithTheProcessInTheBackgroundAndNotWithItsTools)
     end(started[0]);
     close(pids[0]);
     close(pids[1]);
+}
+
+TEST_F(instance_lock_test, TellsHolderThatCannotEndFromOneThatLives) {
+    EXPECT_FALSE(instance_lock_holder_is_dying());  // no file
+    const pid_t alive = run_and_stay([] { (void)instance_lock_take(); });
+    EXPECT_FALSE(instance_lock_holder_is_dying());
+    end(alive);
+    EXPECT_FALSE(instance_lock_holder_is_dying());
+
+    // Its first thread has ended, another holds on to all that the process has.
+    const pid_t dying = run_and_stay(
+        [] {
+            (void)instance_lock_take();
+            std::thread(pause).detach();
+        },
+        true);
+    while (!instance_lock_holder_is_dying())
+        std::this_thread::yield();
+    EXPECT_EQ(outcome(), EBUSY);
+    end(dying);
+    EXPECT_EQ(outcome(), 0);
 }
 
 TEST_F(instance_lock_test, PlaceThatCannotBeOpened) {
