@@ -12,12 +12,18 @@ constexpr std::string_view export_ext = ".vmdk";
 
 }  // namespace
 
+bool is_corcbt_name(const std::string& path) {
+    if (path.ends_with(corcbt_ext))
+        return true;
+    std::string export_path;
+    const errdesc_keeper_t keep;
+    return losetup_file_to_export(path, &export_path) == nullptr && export_path.ends_with(corcbt_ext);
+}
+
 errdesc_t* corcbt_to_export_file(const std::string& cbt_path, const std::string& file_ext, std::string* export_path) {
-    const std::size_t at = cbt_path.find(corcbt_ext);
-    if (at == std::string::npos)
+    if (!cbt_path.ends_with(corcbt_ext))
         return errdesc_set_str(ERR_INVALID_ARG, "Invalid corcbt vmdk path");
-    *export_path = tool_paths().export_root + cbt_path;
-    export_path->replace(tool_paths().export_root.size() + at, corcbt_ext.size(), file_ext);
+    *export_path = tool_paths().export_root + cbt_path.substr(0, cbt_path.size() - corcbt_ext.size()) + file_ext;
     return nullptr;
 }
 

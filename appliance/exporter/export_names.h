@@ -15,6 +15,9 @@
 
 namespace mirador {
 
+// Whether the name is a changed-block file's, or the loop-file name of one.
+bool is_corcbt_name(const std::string& path);
+
 // The exported path, below the fixed export root, of the flat disk that belongs to a changed-block path; `file_ext` is
 // what stands for "-corcbt.vmdk" ("-flat.vmdk", "-rdm.vmdk"). "Invalid corcbt vmdk path".
 [[nodiscard]] errdesc_t* corcbt_to_export_file(const std::string& cbt_path, const std::string& file_ext,

@@ -19,6 +19,8 @@ TEST(export_names, EachNameFollowsFromAnother) {
         const char* to;  // or the error's text
     } const cases[] = {
         {corcbt_to_flat, "/vm/disk-corcbt.vmdk", "/export/vm/disk-flat.vmdk"},
+        {corcbt_to_flat, "/x-corcbt.vmdk/a-corcbt.vmdk", "/export/x-corcbt.vmdk/a-flat.vmdk"},
+        {corcbt_to_flat, "/x-corcbt.vmdk/a.vmdk", "Invalid corcbt vmdk path: invalid argument"},
         {corcbt_to_flat, "/vm/disk-flat.vmdk", "Invalid corcbt vmdk path: invalid argument"},
         {export_to_losetup_file, "/vm/disk-flat.vmdk", "/vm/disk-flat.vmdk-cbt-losetup"},
         {export_to_losetup_file, "/vm.1/disk", "/vm.vmdk-cbt-losetup"},
@@ -34,6 +36,16 @@ TEST(export_names, EachNameFollowsFromAnother) {
         EXPECT_EQ(e == nullptr ? name : e->string, c.to) << c.from;
         EXPECT_TRUE(e == nullptr || e->number == ERR_INVALID_ARG);
     }
+}
+
+// Opens of these wait for one another, so a disk below a name of this kind must be none: its changed-block file waits
+// for it.
+TEST(export_names, TellsChangedBlockFilesFromTheDisksBehindThem) {
+    for (const char* name : {"/vm/disk-corcbt.vmdk", "/vm/disk-corcbt.vmdk-cbt-losetup"})
+        EXPECT_TRUE(is_corcbt_name(name)) << name;
+    for (const char* name : {"/x-corcbt.vmdk/disk-flat.vmdk", "/x-corcbt.vmdk/disk-flat.vmdk-cbt-losetup",
+                             "/vm/disk-corcbt.vmdk-flat.vmdk-cbt-losetup", "/vm/disk.vmdk", ""})
+        EXPECT_FALSE(is_corcbt_name(name)) << name;
 }
 
 }  // namespace
