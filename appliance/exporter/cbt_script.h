@@ -19,9 +19,6 @@ inline constexpr errnum_t cbt_no_changeid = 5;     // the disk has no change id
 inline constexpr errnum_t cbt_needs_reset = 8;     // tracking must start anew
 inline constexpr int cbt_script_time_limit = 600;  // seconds
 
-// A record's text for "no change id".
-inline constexpr const char* cbt_uninitialized = "uninitialized";
-
 struct cbt_request_t {
     std::string hv_name;
     std::string vm_uuid;

@@ -22,16 +22,22 @@
 
 namespace mirador {
 
-// Whether a change id of a record says anything: it is there, not empty and not "uninitialized".
+// What stands in a record for a change id that is void.
+inline constexpr const char* cbt_uninitialized = "uninitialized";
+
+// Whether a change id of a record says anything: it is there, not empty and not void.
 bool cbt_has_changeid(const ks_string_t& changeid);
 
 // The first record of that name; null when the controller has none.
 [[nodiscard]] errdesc_t* get_cbt_vdisk(const std::string& vm_uuid, const std::string& vdisk_name,
                                        std::unique_ptr<ks_vdisk_t>* vdisk);
 
-// Changes a record: fetches it, or begins a new one where there is none, and posts it unless `change` returns false.
+// What is to become of a record, or of a new one where there is none; false: nothing is to be posted.
+using cbt_vdisk_change_t = std::function<bool(ks_vdisk_t* vdisk, bool is_new)>;
+
+// Fetches a record, changes it and posts it.
 [[nodiscard]] errdesc_t* change_cbt_vdisk(const std::string& vm_uuid, const std::string& vdisk_name,
-                                          const std::function<bool(ks_vdisk_t*)>& change);
+                                          const cbt_vdisk_change_t& change);
 
 // Notes the change id of a changed-block file that is served: the one before becomes `changeid_prev`. Error besides:
 // ERR_INVALID_ARG (1009) without a change id or a name.

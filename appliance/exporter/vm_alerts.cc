@@ -62,6 +62,17 @@ void post_in_use_alert(const ks_vm_config_t& vmc, const std::string& vm_path) {
         ts_printf("vm_stop_old: Failed to alert user: %s\n", failure->string);
 }
 
+void raise_unexpected_changeid_alert(const ks_vm_config_t& vmc, const std::string& disk_name) {
+    const errdesc_keeper_t keeper;
+    const std::string& host = ks_text(vmc.hv_hostname);
+    const std::string text =
+        cor_format("Unexpected Changed Block Tracking changeid for %s on VM %s (hypervisor: %s).\n", disk_name.c_str(),
+                   ks_text(vmc.vm_name).c_str(), host.c_str());
+    if (errdesc_t* failure = managed_alert_post("unexpected_changeid", object_of(vmc.vm_name, host), node_uuid(),
+                                                severity, text, vmc, 0))
+        ts_printf("check_cbt_changeid: Failed to alert user: %s\n", failure->string);
+}
+
 errdesc_t* clear_unexpected_changeid_alert(const ks_vm_config_t& vmc) {
     return managed_alert_clear("unexpected_changeid", object_of(vmc.vm_name, ks_text(vmc.hv_hostname)), node_uuid(),
                                vmc);

@@ -19,7 +19,10 @@ void post_independent_disk_alert(const ks_vm_config_t& vmc, const std::string& d
 // Tells that a VM that left the inventory stays in the tree while its disks are read.
 void post_in_use_alert(const ks_vm_config_t& vmc, const std::string& vm_path);
 
-// Clears the alert that a disk's change id was not the expected one. Errors: the controller client's.
+// Tells that a disk's change id was not the expected one: what changed on the disk is not known.
+void raise_unexpected_changeid_alert(const ks_vm_config_t& vmc, const std::string& disk_name);
+
+// Clears that alert. Errors: the controller client's.
 [[nodiscard]] errdesc_t* clear_unexpected_changeid_alert(const ks_vm_config_t& vmc);
 
 }  // namespace mirador
