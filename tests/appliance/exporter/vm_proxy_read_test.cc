@@ -2,6 +2,7 @@
 #include "appliance/exporter/vm_proxy_read.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -10,9 +11,14 @@
 #include "appliance/exporter/vm_proxy_api.h"
 #include "appliance/exporter/vm_proxy_open.h"
 #include "appliance/lib/cor_vdsk_header.h"
+#include "lib/tool_paths.h"
+#include "tests/support/inuse_model.h"
 
 namespace mirador {
 namespace {
+
+using testing::HasSubstr;
+using testing::Not;
 
 class vm_proxy_read_test : public shadow_fixture_t {
   protected:
@@ -112,6 +118,110 @@ TEST_F(vm_proxy_read_test, DiskShowsItsHeaderInTheFirstFreeSector) {
     EXPECT_EQ(buf.substr(2048), image.substr(2048, 2048));
     EXPECT_EQ(fh->cookie->external_read_bytes, 4096U);
     EXPECT_EQ(vm_proxy_release(path, std::move(fh)), nullptr);
+}
+
+// A disk of which every third sector is in use, with the bitmap that says so.
+class smart_read_test : public vm_proxy_read_test {
+  protected:
+    smart_read_test() {
+        tool_paths().inuse_bitmap_dir = root_ + "/inuse";
+        model_.device.assign(disk_size, 'd');
+        model_.device.replace(0, 512, 512, '\0');
+        model_.device.replace(510, 2, "\x55\xaa");
+        model_.device.replace(2 * 512, 512, 512, '\0');  // where the disk's header goes
+        make_file("device", model_.device);
+        model_.bitmap.assign(disk_size / 512 / 8, '\0');
+        for (std::size_t i = 0; i < disk_size / 512; i += 3)
+            model_.set(i, true);
+    }
+    ~smart_read_test() override {
+        tool_paths() = tool_paths_t();
+        get_reg_settings()->smartread_optimize = true;
+    }
+
+    void publish_bitmap() const { make_file("inuse/device", model_.bitmap); }
+
+    std::unique_ptr<fuse_fh_t> open_disk() {
+        path_ = expose_disk("a-flat.vmdk");
+        std::unique_ptr<fuse_fh_t> fh;
+        EXPECT_EQ(vm_proxy_open(path_, shadow_path(path_), &fh), nullptr);
+        return fh;
+    }
+
+    static std::string read(const fuse_fh_t& fh, std::size_t size, std::size_t offset) {
+        std::string buf(size, '?');
+        std::size_t got = 0;
+        EXPECT_EQ(vm_proxy_read(buf.data(), size, static_cast<off_t>(offset), &fh, &got), nullptr);
+        EXPECT_EQ(buf.substr(got), std::string(size - got, '?'));
+        buf.resize(got);
+        return buf;
+    }
+
+    std::string path_;
+    inuse_model_t model_;
+};
+
+TEST_F(smart_read_test, DiskIsReadWithoutWhatItsGuestDoesNotUse) {
+    publish_bitmap();
+    auto fh = open_disk();
+    ASSERT_TRUE(fh->optimize);
+    const std::string start = read(*fh, 4096, 0);
+    EXPECT_EQ(start.substr(0, 1024), model_.read(0, 1024));
+    EXPECT_EQ(start.substr(1024, 4), "KVDH") << "the header lies over a sector that is not in use";
+    EXPECT_EQ(start.substr(1536), model_.read(1536, 4096 - 1536));
+    // More sectors are touched than bytes asked for; what is delivered is what was asked for, to the disk's end.
+    EXPECT_EQ(read(*fh, 1000, 100000), model_.read(100000, 1000));
+    EXPECT_EQ(read(*fh, 4096, disk_size - 700), model_.read(disk_size - 700, 700));
+    EXPECT_EQ(read(*fh, 512, disk_size), "");
+    EXPECT_EQ(read(*fh, 0, 0), "");
+    EXPECT_EQ(fh->cookie->external_read_bytes, 4096U + 1000U + 700U);
+    get_reg_settings()->smartread_optimize = false;
+    EXPECT_EQ(read(*fh, 4096, 8192), model_.device.substr(8192, 4096)) << "the setting holds from read to read";
+    EXPECT_EQ(vm_proxy_release(path_, std::move(fh)), nullptr);
+}
+
+TEST_F(smart_read_test, DiskWithoutBitmapIsReadPlainlyUntilItIsEvicted) {
+    auto fh = open_disk();
+    EXPECT_FALSE(fh->optimize);
+    EXPECT_EQ(read(*fh, 4096, 8192), model_.device.substr(8192, 4096));
+    publish_bitmap();
+    auto again = open_disk();
+    EXPECT_FALSE(again->optimize) << "all readers of a disk see the same bytes";
+    EXPECT_EQ(vm_proxy_release(path_, std::move(fh)), nullptr);
+    EXPECT_EQ(vm_proxy_release(path_, std::move(again)), nullptr);
+    EXPECT_EQ(vm_proxy_evict(true), nullptr);
+    fh = open_disk();
+    EXPECT_TRUE(fh->optimize);
+    EXPECT_EQ(read(*fh, 4096, 8192), model_.read(8192, 4096));
+    EXPECT_EQ(vm_proxy_release(path_, std::move(fh)), nullptr);
+}
+
+TEST_F(smart_read_test, HandleKeepsItsReaderWhenItsCookieIsGone) {
+    publish_bitmap();
+    auto fh = open_disk();
+    testing::internal::CaptureStdout();
+    vm_proxy_release_all();
+    EXPECT_EQ(read(*fh, 4096, 8192), model_.read(8192, 4096));
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), Not(HasSubstr("PDEV_STATS")));
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(vm_proxy_release(path_, std::move(fh)), nullptr);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("PDEV_STATS for /device: 1 invocations"));
+}
+
+TEST_F(smart_read_test, FailureOfTheDeviceShowsWhatTheDatastorePublishes) {
+    publish_bitmap();
+    auto fh = open_disk();
+    ASSERT_EQ(truncate(fake_vdsk().device.c_str(), 4096), 0);
+    std::string buf(8192, '?');
+    std::size_t got = 0;
+    const errdesc_t* e = vm_proxy_read(buf.data(), buf.size(), 8192, fh.get(), &got);
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->number, EIO);
+    EXPECT_THAT(e->string, HasSubstr(fake_vdsk().extent_path));
+    // The header alone is delivered where it covers the read's start.
+    EXPECT_EQ(vm_proxy_read(buf.data(), 8192, 1024, fh.get(), &got), nullptr);
+    EXPECT_EQ(got, 512U);
+    EXPECT_EQ(vm_proxy_release(path_, std::move(fh)), nullptr);
 }
 
 }  // namespace
