@@ -24,7 +24,7 @@ using testing::HasSubstr;
 using testing::StartsWith;
 
 constexpr std::size_t sector = 512;
-const char* const kinds[] = {"vmdk", "extent", "proxy", "vdsk", "mbr", "cfg"};
+const char* const kinds[] = {"vmdk", "extent", "proxy", "vdsk", "mbr", "cfg", "corcbt"};
 
 struct result_t {
     int status = -1;
@@ -100,6 +100,16 @@ record_bytes_t sparse_bytes() {
     return b;
 }
 
+// Changed blocks: two records, in a list of a sector, and their data.
+record_bytes_t corcbt_bytes() {
+    record_bytes_t b(4 * sector);
+    b.number(0, 4, 0xcbcb1111).number(4, 4, 1).number(8, 8, 372).number(16, 8, sector).number(24, 8, 3 * sector);
+    b.number(32, 8, 4 * sector).number(40, 8, 1 << 20).text(48, "52 de/12").text(112, "web-flat.vmdk");
+    b.number(372, 4, 0xcbcb4444).number(376, 8, 0).number(384, 8, sector);
+    b.number(392, 4, 0xcbcb5555).number(396, 8, 4096).number(404, 8, 2 * sector);
+    return b;
+}
+
 const char* const descriptor =
     "version=1\nCID=12345678\nparentCID=ffffffff\ncreateType=\"vmfs\"\nRW 64 VMFS \"d-flat.vmdk\"\n"
     "changeTrackPath=\"d-ctk.vmdk\"\nddb.uuid = \"60 00\"\n";
@@ -118,6 +128,7 @@ TEST(inspect, TextIsTheDumpOfTheFormat) {
     const std::string vmdk = write_file(dir / "disk.vmdk", descriptor);
     const std::string cow = write_file(dir / "cow", cow_bytes().bytes());
     const std::string cfg = write_file(dir / "web.cfg", description);
+    const std::string corcbt = write_file(dir / "web-corcbt.vmdk", corcbt_bytes().bytes());
     struct {
         std::vector<std::string> args;
         std::string begin;
@@ -128,6 +139,10 @@ TEST(inspect, TextIsTheDumpOfTheFormat) {
         {{"--sector", "4", "vdsk", disk}, "type: VMDK\nversion: 2\n", "path: vm one\n"},
         {{"mbr", "--", disk}, "Disk Signature:      deadbeef\nPartition Table  #1  :      bootable, type: 83", ")\n"},
         {{"vmdk", vmdk}, "---------------dump------------\nvmdkdesc.version = 1\n", "longcontentid = \n"},
+        {{"corcbt", corcbt},
+         "version:            1\nchangeid:           52 de/12\ndevice:             web-flat.vmdk\n",
+         "extents:            2\n  512 bytes of the disk from 0 on, data at 512\n"
+         "  1024 bytes of the disk from 4096 on, data at 1024\n"},
         {{"cfg", cfg}, "version = \"1\"\nvmname = \"thin \\\"1\\\"\"\n", "vmcfg->line_count = 12\n"},
         {{"extent", cow}, "magicnumber = 44574f43\n", "gde[0] = 8\nextent[0].gde[1] = 40\nextent[0].gde[2] = 0\n"},
         {{"extent", cow, "--grains"},
@@ -168,6 +183,12 @@ TEST(inspect, JsonHasTheFields) {
     EXPECT_EQ(text_at(json, "/extents/0/extentname"), "d-flat.vmdk");
     EXPECT_EQ(text_at(json, "/parentfilenamehint"), "(null)");
     EXPECT_EQ(text_at(json, "/change_track_path"), "\"d-ctk.vmdk\"");
+
+    json = parsed(inspect({"--json", "corcbt", write_file(dir / "web-corcbt.vmdk", corcbt_bytes().bytes())}));
+    EXPECT_EQ(text_at(json, "/changeid"), "52 de/12");
+    EXPECT_EQ(number_at(json, "/flat_file_size"), 1U << 20);
+    EXPECT_EQ(number_at(json, "/extents/1/start"), 4096U);
+    EXPECT_EQ(number_at(json, "/extents/1/length"), 1024U);
 
     json = parsed(inspect({"--json", "cfg", write_file(dir / "web.cfg", description)}));
     EXPECT_EQ(text_at(json, "/vmname"), "thin \"1\"");
@@ -238,6 +259,11 @@ TEST(inspect, FaultsAreOneLine) {
         {{"vdsk"}, disk_bytes().number(454, 4, 1).bytes(), "partition start at 1", ""},
         {{"vdsk", "--sector", "4294967295"}, disk_bytes().bytes(), "sector 4294967295 holds no", ""},
         {{"mbr"}, disk_bytes().number(510, 2, 0).bytes(), "wrong signature", ""},
+        {{"corcbt"}, corcbt_bytes().number(0, 4, 0).bytes(), "invalid corcbt header magic number", ""},
+        {{"corcbt"}, corcbt_bytes().fill(48, 64, 'c').bytes(), "text without end", "version:            1\nchangeid:"},
+        {{"corcbt"}, corcbt_bytes().number(392, 4, 1).bytes(), "invalid corcbt changed block list", "version:"},
+        {{"corcbt"}, corcbt_bytes().bytes().substr(0, 1024), "1536 bytes of changed data at byte 512", "version:"},
+        {{"corcbt"}, corcbt_bytes().number(376, 8, 8192).bytes(), "before the end of the extent", "version:"},
         {{"cfg"}, "some other\ntext file\n", "syntax error at line 1", ""},
         {{"cfg"}, "version = \"4\"\n" + description.substr(description.find('\n')), "Unsupported version", ""},
     };
@@ -284,6 +310,7 @@ TEST(inspect, DamagedFilesNeverEndTheProgram) {
         {"extent", "--grains", cow_bytes(), 0, 32},          {"extent", "--grains", sparse_bytes(), 0, 78},
         {"extent", "--json", sparse_bytes(), 4 * sector, 8}, {"proxy", "--json", proxy_bytes(), 0, 120},
         {"vdsk", "--json", disk_bytes(), 4 * sector, 120},   {"mbr", "--json", disk_bytes(), 440, 72},
+        {"corcbt", "--json", corcbt_bytes(), 0, 48},         {"corcbt", "--", corcbt_bytes(), 368, 44},
     };
     const std::string path = dir / "file";
     const auto survives = [&](const char* kind, const char* option, const std::string& content) {

@@ -76,6 +76,7 @@ const std::vector<inspect_kind_t>& inspect_kinds() {
          .takes_sector = true,
          .takes_device = true},
         {.name = "mbr", .help = "a disk's master boot record", .print = inspect_mbr, .takes_device = true},
+        {.name = "corcbt", .help = "a disk's changed blocks", .print = inspect_corcbt, .takes_device = true},
         {.name = "cfg", .help = "the exported description of a VM", .print = inspect_cfg},
     };
     return kinds;

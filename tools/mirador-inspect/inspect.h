@@ -66,6 +66,7 @@ int inspect_main(const std::vector<std::string>& args, std::FILE* out, std::FILE
 [[nodiscard]] errdesc_t* inspect_vmsd(inspect_file_t& file, const inspect_options_t& options, std::FILE* out);
 [[nodiscard]] errdesc_t* inspect_discover(inspect_file_t& file, const inspect_options_t& options, std::FILE* out);
 [[nodiscard]] errdesc_t* inspect_mbr(inspect_file_t& file, const inspect_options_t& options, std::FILE* out);
+[[nodiscard]] errdesc_t* inspect_corcbt(inspect_file_t& file, const inspect_options_t& options, std::FILE* out);
 [[nodiscard]] errdesc_t* inspect_cfg(inspect_file_t& file, const inspect_options_t& options, std::FILE* out);
 
 }  // namespace mirador
