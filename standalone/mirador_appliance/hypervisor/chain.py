@@ -11,6 +11,7 @@ from contextlib import ExitStack
 from .. import vmdk
 from ..vmdk import SECTOR, Link, Locate, Unreadable
 from .cowd import CowdExtent
+from .ctk import TrackedChanges
 from .descriptors import change_content_id, content_id, parent_content_id
 from .extents import Extent, FlatExtent
 
@@ -44,13 +45,17 @@ def open_extent(link: Link, writable: bool) -> Extent:
 
 class Chain:
     """A disk. links: from the head to the base. A writer gives the head a new content id with its first write;
-    `has_new_id` says that this has been done. A context manager."""
+    `has_new_id` says that this has been done. changes: where to note what is written; closed with the disk. A context
+    manager."""
 
-    def __init__(self, links: list[Link], writable: bool = False, has_new_id: bool = False) -> None:
+    def __init__(self, links: list[Link], writable: bool = False, has_new_id: bool = False,
+                 changes: TrackedChanges | None = None) -> None:
         """Unreadable, OSError."""
         self.links, self.sectors = links, sectors_of(links[0])
-        self._has_new_id = has_new_id
+        self._has_new_id, self._changes = has_new_id, changes
         with ExitStack() as opened:
+            if changes:
+                opened.callback(changes.close)
             self._extents: list[Extent] = []
             for level, link in enumerate(links):
                 self._extents.append(open_extent(link, writable and level == 0))
@@ -108,8 +113,11 @@ class Chain:
         if first < 0 or first + len(data) // SECTOR > self.sectors or len(data) % SECTOR:
             raise ValueError("what is written must be sectors of the disk")
         if not self._has_new_id:
-            change_content_id(self.links[0].descriptor.path)
+            path = self.links[0].descriptor.path
+            change_content_id(path, *([self._changes.follow] if self._changes else []))
             self._has_new_id = True
+        if self._changes:
+            self._changes.mark(first, len(data) // SECTOR)
         grain = self.head.grain
         start, end = first // grain * grain, first + len(data) // SECTOR
         stop = min(self.sectors, -(-end // grain) * grain)

@@ -32,7 +32,7 @@ import os
 from collections.abc import Iterator
 
 from ..vmdk import SECTOR, Unreadable
-from . import deltas, journal, locks
+from . import deltas, journal, locks, tracking
 from .chain import DELTA_KIND, PIECE, Chain, check_links, open_extent, sectors_of
 from .cowd import CowdExtent
 from .creation import remove_unused
@@ -141,6 +141,7 @@ class _Merger:
         deltas.make_extent(self._machine, head, extent)
         with locks.standing_still(self._machine.vmx):
             deltas.describe(self._machine, head, descriptor, extent)
+            tracking.follow(self._machine, head, descriptor)
             self._switch(head, os.path.basename(descriptor))
         self._machine.steps("covered")
 
@@ -182,6 +183,7 @@ class _Merger:
         with locks.standing_still(self._machine.vmx):
             self._machine.steps("standing still")
             self._move_data(merge)
+            tracking.follow(self._machine, merge.child, merge.parent)
             self._switch(merge.child, self._names[merge.parent])
         self._machine.steps("running again")
 

@@ -4,8 +4,8 @@ The steps, each on the datastore before the next:
 
 1. the journal tells what is going to be made
 2. an empty extent for the new delta of each disk
-3. while the VM stands still: the deltas' descriptors, then the configuration with the deltas as the VM's disks. That
-   one rename is what makes the snapshot: of all disks, or of none
+3. while the VM stands still: the deltas' descriptors, the end of a period for disks whose changes are tracked, then the
+   configuration with the deltas as the VM's disks. That one rename is what makes the snapshot: of all disks, or of none
 4. the database tells of the snapshot
 5. the journal goes
 
@@ -18,7 +18,7 @@ import os
 from collections.abc import Callable
 
 from ..vmdk import Unreadable
-from . import deltas, durable, journal, locks
+from . import deltas, durable, journal, locks, tracking
 from .chain import Chain, check_links
 from .database import SnapshotLines, new_snapshot
 from .journal import Journal
@@ -70,6 +70,7 @@ def create(machine: Machine, name: str, quiesce: bool, now: float, at_moment: Ca
             for head, descriptor, extent in plan.values():
                 deltas.describe(machine, head, descriptor, extent)
             if plan:
+                tracking.freeze(machine, SnapshotLines([*planned.record]), planned.heads)
                 machine.write_configuration({node: os.path.basename(path) for node, path in planned.heads.items()},
                                             "configuration")
         machine.steps("running again")

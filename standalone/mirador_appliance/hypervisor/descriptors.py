@@ -8,6 +8,7 @@ import errno
 import os
 import re
 import secrets
+from collections.abc import Callable
 
 from .. import vmdk
 from ..texts import to_bytes, to_text
@@ -63,11 +64,14 @@ def _replaced(pattern: re.Pattern, text: str, value: str) -> str:
     return text
 
 
-def change_content_id(path: str) -> None:
-    """Gives a disk that is about to be written to a new content id, in place and in one write."""
+def change_content_id(path: str, tell: Callable[[int, int], None] = lambda old, new: None) -> None:
+    """Gives a disk that is about to be written to a new content id, in place and in one write. tell: is given the old
+    and the new one before."""
     text = vmdk.read_text(path)
     old = content_id(vmdk.parse(path, text))
-    data = to_bytes(changed(text, cid=fresh_content_id(old)))
+    new = fresh_content_id(old)
+    data = to_bytes(changed(text, cid=new))
+    tell(old, new)
     fd = os.open(path, os.O_RDWR | os.O_CLOEXEC)
     try:
         if len(data) > os.fstat(fd).st_size or os.pwrite(fd, data, 0) != len(data):

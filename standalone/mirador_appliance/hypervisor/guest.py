@@ -18,7 +18,9 @@ import zlib
 from collections.abc import Callable, Iterable, Iterator
 
 from ..vmdk import SECTOR
+from . import tracking
 from .chain import Chain
+from .ctk import TrackedChanges
 from .locks import Running
 from .machine import Machine, Names, PlainNames, no_steps
 
@@ -60,13 +62,14 @@ def writes(seed: int, number: int, sizes: Iterable[int]) -> Iterator[tuple[int, 
 
 
 class Guest:
-    """The running VM. Opens its disks where the configuration says, again whenever that or a head's descriptor has been
-    replaced. A context manager: leaving it switches the VM off. OSError, Unreadable."""
+    """The running VM. Opens its disks where the configuration says, again whenever that, a head's descriptor or a file
+    of tracked changes has been replaced. A context manager: leaving it switches the VM off. OSError, Unreadable."""
 
     def __init__(self, vmx: str, seed: int, names: Names = PlainNames(), first_round: int = 1) -> None:
         self._machine, self._seed, self.number = Machine(vmx, names, no_steps), seed, first_round - 1
         self._running = Running(self._machine.vmx)
         self._disks: list[Chain] = []
+        self._tracked: list[TrackedChanges] = []
         self._watched: dict[str, int] = {}  # open files by path: as long as they are open, no other gets their number
 
     def __enter__(self) -> "Guest":
@@ -77,11 +80,13 @@ class Guest:
         self._running.end()
 
     def _close(self) -> None:
+        for changes in self._tracked:
+            changes.switch_off()
         for disk in self._disks:
             disk.close()
         for fd in self._watched.values():
             os.close(fd)
-        self._disks, self._watched = [], {}
+        self._disks, self._tracked, self._watched = [], [], {}
 
     def _is_current(self) -> bool:
         """Whether all files that tell where the disks are are in place; one that is changed in place is."""
@@ -95,11 +100,20 @@ class Guest:
         if self._is_current():
             return
         self._close()
-        heads = self._machine.heads().values()
-        for path in [self._machine.vmx, *heads]:
-            self._watched[path] = os.open(path, os.O_RDONLY | os.O_CLOEXEC)
-        for head in heads:
-            self._disks.append(Chain(self._machine.chain(head), writable=True))
+        heads, tracked = self._machine.heads(), tracking.nodes(self._machine)
+        for path in [self._machine.vmx, *heads.values()]:
+            self._watch(path)
+        for node, head in heads.items():
+            links = self._machine.chain(head)
+            changes = tracking.open_tracked(self._machine, node, links[0]) if node in tracked else None
+            self._disks.append(Chain(links, writable=True, changes=changes))
+            if changes:
+                changes.switch_on()
+                self._tracked.append(changes)
+                self._watch(tracking.path_of(self._machine, node))
+
+    def _watch(self, path: str) -> None:
+        self._watched[path] = os.open(path, os.O_RDONLY | os.O_CLOEXEC)
 
     def write_round(self) -> int:
         """Writes the next round; returns its number."""

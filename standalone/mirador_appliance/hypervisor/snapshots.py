@@ -17,14 +17,14 @@ import os
 from collections.abc import Callable, Iterator
 
 from ..vmdk import Unreadable
-from . import consolidation, creation, durable, journal, locks
+from . import consolidation, creation, durable, journal, locks, tracking
 from .chain import Chain
 from .database import SnapshotLines
 from .journal import Journal
 from .machine import Machine, Names, PlainNames, Refused, Steps, no_steps
 
-__all__ = ["Disk", "Moment", "Refused", "Snapshot", "consolidate", "create", "frozen", "list", "moment",
-           "needs_consolidation", "remove"]
+__all__ = ["Changes", "Disk", "Moment", "Refused", "Snapshot", "consolidate", "create", "forget_changes", "frozen",
+           "list", "moment", "needs_consolidation", "remove", "track", "tracked"]
 
 
 @dataclasses.dataclass(frozen=True)
@@ -54,6 +54,15 @@ class Moment:
     node: str
     base: str
     sha256: str
+
+
+@dataclasses.dataclass(frozen=True)
+class Changes:
+    """A disk whose changes are tracked. change_id: what the next snapshot gets; None until something is written or a
+    snapshot made; changed: bytes written since the newest snapshot, in whole blocks."""
+    node: str
+    change_id: str | None
+    changed: int
 
 
 @contextlib.contextmanager
@@ -196,3 +205,23 @@ def moment(vmx_path: str, *, names: Names = PlainNames()) -> "builtins.list[Mome
     machine = Machine(vmx_path, names, no_steps)
     with _told(), locks.standing_still(machine.vmx):
         return _moments(machine)
+
+
+def track(vmx_path: str, on: bool, *, names: Names = PlainNames(), steps: Steps = no_steps) -> None:
+    """Turns the tracking of changes on or off. No change id that there is now holds any longer."""
+    with _told():
+        tracking.switch(Machine(vmx_path, names, steps), on)
+
+
+def forget_changes(vmx_path: str, *, names: Names = PlainNames()) -> None:
+    """Lets tracking begin anew for all disks that are tracked: no change id that there is now holds any longer."""
+    machine = Machine(vmx_path, names, no_steps)
+    with _told(), locks.standing_still(machine.vmx):
+        tracking.reset(machine)
+
+
+def tracked(vmx_path: str, *, names: Names = PlainNames()) -> "builtins.list[Changes]":
+    """The disks whose changes are tracked. Changes nothing."""
+    machine = Machine(vmx_path, names, no_steps)
+    with _told():
+        return [Changes(node, *tracking.now(machine, node)) for node in tracking.nodes(machine)]

@@ -92,6 +92,25 @@ class Configuration:
             return False
         return not any(word in kind for word in _NO_DISKS) and (kind.endswith("disk") or name.lower().endswith(".vmdk"))
 
+    def is_tracked(self, node: str) -> bool:
+        """Whether changes to a disk are tracked, if it is one that can be."""
+        return (self._values.get("ctkenabled", "").lower() in _TRUE
+                and self._values.get(f"{node}.ctkenabled", "true").lower() in _TRUE)
+
+    def with_tracking(self, on: bool) -> bytes:
+        """The file with tracking of changes turned on or off for the VM."""
+        value, parts, done = f'"{str(on).upper()}"'.encode(), [], 0
+        for setting in self._settings:
+            if setting.key == "ctkenabled":
+                parts += [self._data[done:setting.start], value]
+                done = setting.end
+        if done:
+            return b"".join([*parts, self._data[done:]])
+        text, zero, rest = self._data.partition(b"\0")
+        newline = b"\r\n" if b"\r\n" in text else b"\n"
+        gap = b"" if text.endswith(b"\n") or not text else newline
+        return text + gap + b"ctkEnabled = " + value + newline + zero + rest
+
     def with_disks(self, names: dict[str, str]) -> bytes:
         """The file with other disks. names: of descriptors, by node. UnicodeEncodeError."""
         keys = {f"{node}.filename": name for node, name in names.items()}
