@@ -80,6 +80,7 @@ def _parser() -> argparse.ArgumentParser:
     refresh.add_argument("vm", metavar="VM", nargs="*")
     refresh.add_argument("--first", type=number, default=0, metavar="N", help="the first N machines as well")
     snapshot_arguments.add_snapshots(top)
+    snapshot_arguments.add_tracking(top)
     snapshot_arguments.add_guest(top)
     snapshot_arguments.add_faults(top)
     _add_others(top)

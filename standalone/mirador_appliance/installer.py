@@ -13,7 +13,7 @@ from .places import Places
 from .texts import to_bytes
 
 _SOURCES = pathlib.Path(__file__).resolve().parent / "scripts"
-_LIBRARY = pathlib.Path(__file__).resolve().parents[1]  # what the agent's program is made of
+_LIBRARY = pathlib.Path(__file__).resolve().parents[1]  # what the programs of the agent are made of
 _MARK = b"# Installed by mirador-appliance."
 _FUSERMOUNT = "fusermount"
 
@@ -22,7 +22,7 @@ def install(places: Places, state: pathlib.Path, port: int, use_https: bool) -> 
     """Installs the scripts and tells them where the controller and its state are. Programs of somebody else are not
     replaced: Refused."""
     try:
-        for target in (places.brand_script, places.watchdog_script, places.agent_script):
+        for target in (places.brand_script, places.watchdog_script, places.agent_script, places.block_list_script):
             _install_script(_SOURCES / target.name, target)
         _link_fusermount(places.product / "bin" / _FUSERMOUNT)
         text = (f"# Written by mirador-appliance when it starts.\ncontroller.port = {port}\n"

@@ -43,10 +43,11 @@ def _body(data: bytes, wanted: type) -> Any:
 
 
 class Objects:
-    """Answers requests from a controller."""
+    """Answers requests from a controller. forget_changes: is given the uuid of a VM whose disks' tracked changes are of
+    no use any more."""
 
-    def __init__(self, controller: Controller) -> None:
-        self._controller = controller
+    def __init__(self, controller: Controller, forget_changes: Callable[[str], None] = lambda uuid: None) -> None:
+        self._controller, self._forget_changes = controller, forget_changes
         self._getters: dict[str, Callable[[Query, IsWanted], bytes]] = {
             "hvconfig": lambda query, _: controller.hypervisors(),
             "vhost": self._get_vhost,
@@ -148,7 +149,9 @@ class Objects:
         self._controller.record_event(posted)
         if posted.get("event_name") == "reset_cbt":
             arguments = posted.get("args")
-            self._controller.reset_tracking(self._uuid(arguments if isinstance(arguments, dict) else {}))
+            uuid = self._uuid(arguments if isinstance(arguments, dict) else {})
+            self._controller.reset_tracking(uuid)
+            self._forget_changes(uuid)
         return {}
 
     def _post_alert(self, data: bytes) -> dict[str, Any]:

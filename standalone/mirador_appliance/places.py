@@ -47,5 +47,10 @@ class Places:
         return self.product / "bin/jrpc_wget.pl"
 
     @property
+    def block_list_script(self) -> pathlib.Path:
+        """The program that the daemon asks for what changed on a disk."""
+        return self.product / "bin/cbt_getblocklist.pl"
+
+    @property
     def watchdog_script(self) -> pathlib.Path:
         return self.product / "bin/watchdog-test-controller.py"

@@ -9,7 +9,8 @@ import sys
 import threading
 import time
 
-from . import bell, synthetic, worker
+from . import bell, synthetic, tracking_commands, worker
+from .agent.machines import Home
 from .controller import Controller
 from .datastores import Datastore, parse_argument, publish
 from .discovery import find_program
@@ -67,7 +68,9 @@ def serve(options: argparse.Namespace) -> int:
     say = (lambda line: None) if options.quiet else _say
     controller = Controller(store, stores, say)
     certificate = pathlib.Path(options.certificate) if options.certificate else None
-    server = Server(options.port, Objects(controller), Mischief(options.faults), Journal(options.journal), certificate)
+    home = Home(state_of(options), places.root)
+    objects = Objects(controller, lambda uuid: tracking_commands.start_anew(home, uuid))
+    server = Server(options.port, objects, Mischief(options.faults), Journal(options.journal), certificate)
     for datastore in stores if options.datastore else []:
         publish(datastore, places)
     install(places, state_of(options), server.server_port, server.is_https)

@@ -1,10 +1,11 @@
-"""The command line of the commands about snapshots, guests and the agent's faults."""
+"""The command line of the commands about snapshots, tracked changes, guests and the agent's faults."""
 
 import argparse
 from collections.abc import Callable
 from typing import Any, Protocol
 
 from . import snapshot_commands as commands
+from . import tracking_commands
 from .agent import faults
 
 _SNAPSHOT_ABOUT = """Works on the datastore itself, as the hypervisor does, also while no controller runs. A running
@@ -40,6 +41,17 @@ def add_snapshots(top: Builder) -> None:
     group.add("consolidate", "finish what a removal left to do", commands.snapshot_consolidate, "VM")
 
 
+def add_tracking(top: Builder) -> None:
+    """The command "cbt"."""
+    cbt = top.add("cbt", "track which blocks of a machine's disks change", tracking_commands.track,
+                  description="Turns the tracking of changed blocks on or off for a machine (name, uuid or path): "
+                              "ctkEnabled in its\nconfiguration file, and whether the daemon exports what changed. "
+                              "\"reset\" lets it begin anew:\nthe next backup is a full one. Without an action, tells "
+                              "what is tracked.")
+    cbt.add_argument("vm", metavar="VM")
+    cbt.add_argument("action", metavar="on|off|reset", choices=("on", "off", "reset"), nargs="?")
+
+
 def add_guest(top: Builder) -> None:
     """The command "guest"."""
     guest = top.add("guest", "let machines write to their disks as if they ran", commands.guest,
@@ -69,6 +81,8 @@ def add_faults(top: Builder) -> None:
         ("garbage", "TEXT", str, "answer with this text"),
         ("cut", "BYTES", int, "die behind so many bytes of the answer"),
         ("free", "BYTES", int, "what \"df\" tells as free"),
+        ("changeid", "ID", str, "change id that cbt_getblocklist tells"),
+        ("extents", "N", int, "how many extents cbt_getblocklist makes up"),
     )
     for name, metavar, kind, about in options:
         rule.add_argument(f"--{name}", metavar=metavar, type=kind, help=about)

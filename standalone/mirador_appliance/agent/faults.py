@@ -20,6 +20,12 @@ file, no faults. The first rule that fits a call acts on it. A rule's members, a
     top       1 to let "create_top_snapshot" make one
     free      bytes that "df" tells as free
     moment    1 to note in the journal what each disk holds at the moment of the snapshot
+
+The program that lists changed blocks reads them too, as the method "cbt_getblocklist". It ends with the status `error`;
+`garbage` and `cut` are about its results file; `silence` lets it stay. Members for it alone:
+
+    changeid  change id to tell
+    extents   how many extents to tell: made up, a sector each, all over the disk
 """
 
 import contextlib
@@ -59,6 +65,8 @@ class Rule:
     top: int = 0
     free: int | None = None
     moment: int = 0
+    changeid: str | None = None
+    extents: int | None = None
 
     @property
     def is_over(self) -> bool:

@@ -1,0 +1,170 @@
+"""The program that lists changed blocks, as the daemon runs it: its arguments, the password in the environment, exit
+statuses, the results file, faults, and what a reset does at the controller."""
+
+import pathlib
+import subprocess
+import time
+import unittest
+
+from agent_test import MAIL, WEB, AgentCase
+from fixture import FLAT_SIZE, SECTOR, wait_until
+
+from mirador_appliance.agent import journal
+from mirador_appliance.hypervisor import snapshots
+from mirador_appliance.hypervisor.guest import Guest
+
+
+
+class Script(AgentCase):
+    """The VM "web" of a small disk, its changes tracked; "mail" is another host's."""
+
+    def setUp(self):
+        super().setUp()
+        self.results = self.directory / "results"
+        self.assertEqual(self.run_command("cbt", "web", "on"), "")
+
+    def run_command(self, *words):
+        done = self.appliance.run(*words)
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        return done.stdout
+
+    def run_script(self, since=None, only="n", environment=None, timeout=20, **changed):
+        """The exit status."""
+        options = {"server": "esx1", "portnumber": "443", "username": "root", "password": "******", "vmuuid": WEB,
+                   "vmdkpath": "/vmfs/volumes/ds1/web/web.vmdk", "vmdksize": str(FLAT_SIZE), "changeid_only": only,
+                   "resultsfile": self.results, "vendor_id": "Corvantis", "appliance_uuid": self.mine.split()[1],
+                   **({"changeid_incr": since} if since is not None else {}), **changed}
+        words = [word for name, value in options.items() for word in (f"--{name}", value)]
+        program = self.directory / "root/usr/local/corvantis/bin/cbt_getblocklist.pl"
+        environment = {"password": self.password} if environment is None else environment
+        return subprocess.run([program, *words], env=environment, stdin=subprocess.DEVNULL, capture_output=True,
+                              timeout=timeout, check=False).returncode
+
+    def answer(self, since=None, only="n", **more):
+        """(change id, [(start, length), …]) of a run that succeeds."""
+        self.assertEqual(self.run_script(since, only, **more), 0)
+        first, *rest = self.results.read_text().splitlines()
+        numbers = [int(line.split(": ")[1]) for line in rest]
+        self.assertEqual([line.split(": ")[0] for line in rest], ["length", "start"] * (len(rest) // 2))
+        self.assertTrue(first.startswith("changeid: "))
+        return first[len("changeid: "):], list(zip(numbers[1::2], numbers[::2]))
+
+    def snapshot(self, name=None):
+        snapshots.create(str(self.vmx["web"]), name or self.mine, False, time.time())
+
+    def write(self):
+        with Guest(str(self.vmx["web"]), 1) as guest:
+            guest.write_round()
+
+    def test_a_list_and_its_change_id(self):
+        self.snapshot()
+        base, nothing = self.answer(only="y")
+        self.assertRegex(base, r"^[0-9a-f]{2}( [0-9a-f]{2}){7}-[0-9a-f]{2}( [0-9a-f]{2}){7}/1$")
+        self.assertEqual(nothing, [])
+        self.assertEqual(self.results.stat().st_mode & 0o777, 0o600)
+        self.assertEqual(self.answer(base), (base, []))
+        self.assertEqual(self.answer("*")[0], base)
+        self.write()
+        self.assertEqual(self.run_script(vmdksize=str(FLAT_SIZE - SECTOR), since=base), 1, "would be cut")
+        self.snapshot("a user's own")
+        for path in ("/vmfs.direct/volumes/ds1/web/web.vmdk", "[ds1] web/web.vmdk",
+                     "/vmfs/volumes/ds1/web/web-flat.vmdk", str(self.directory / "root/vmfs/volumes/ds1/web/web-000001.vmdk"),
+                     "/vmfs/volumes/ds1/web/web-000001-delta.vmdk"):
+            self.assertEqual(self.answer(base, vmdkpath=path), (base, [(0, FLAT_SIZE)]), path)
+        self.snapshot(f"{self.mine} of the night")
+        self.assertEqual(self.answer(base), (f"{base[:-1]}3", [(0, FLAT_SIZE)]), "the newest of its own")
+        self.results.write_text("what another run left, and longer than the answer " * 10)
+        self.assertEqual(self.answer(base)[0], f"{base[:-1]}3")
+
+    def test_statuses(self):
+        self.assertEqual(self.run_script(only="y"), 5, "no snapshot")
+        self.snapshot()
+        base, _ = self.answer(only="y")
+        for status, changed in ((8, {"since": "52 01/3"}), (8, {"since": base[:-1] + "2"}),
+                                (5, {"vendor_id": "Nobody"}), (13, {"environment": {}}), (13, {"environment": {"password": "******"}}),
+                                (13, {"username": "admin"}), (1, {"vmuuid": MAIL}), (1, {"server": "esx2"}),
+                                (1, {"vmdkpath": "/vmfs/volumes/ds1/web/other.vmdk"}), (1, {"vmdkpath": "/etc/passwd"}),
+                                (2, {"only": "maybe"}), (2, {"vmdksize": "x"})):
+            with self.subTest(changed):
+                self.results.unlink(missing_ok=True)
+                self.assertEqual(self.run_script(**changed), status)
+                self.assertFalse(self.results.exists())
+        self.results.symlink_to(victim := self.directory / "victim")
+        self.assertEqual(self.run_script(), 1)
+        self.assertFalse(victim.exists())
+        for path in (self.state / "agent-journal.jsonl",):
+            self.assertNotIn(self.password.encode(), path.read_bytes())
+
+    def test_faults(self):
+        self.snapshot()
+        base, _ = self.answer(only="y")
+        made_up = f"changeid: 52 01/3\nlength: 512\nstart: 0\nlength: 512\nstart: {FLAT_SIZE // 2}\n"
+        for words, status, text in ((("--error", "5"), 5, None), (("--error", "8"), 8, None),
+                                    (("--error", "77"), 77, None), (("--garbage", "start: 5\\nx"), 0, "start: 5\nx"), (("--die", "before"), -9, None),
+                                    (("--cut", "12"), -9, f"changeid: {base}"[:12]),
+                                    (("--changeid", "52 01/3", "--extents", "2"), 0, made_up),
+                                    (("--extents", "0"), 0, f"changeid: {base}\n"),
+                                    (("--vm", "mail", "--error", "9"), 0, "")):
+            with self.subTest(words):
+                self.results.unlink(missing_ok=True)
+                self.fault("--method", "cbt_getblocklist", "--times", "1", *words)
+                self.assertEqual(self.run_script(base), status)
+                self.assertEqual(self.results.read_text() if self.results.exists() else None,
+                                 f"changeid: {base}\n" if text == "" else text)
+                self.appliance.run("fault", "clear")
+        self.fault("--method", "cbt_getblocklist", "--delay", "0.4", "--extents", "200000")
+        begin = time.monotonic()
+        _, extents = self.answer(vmdksize=str(200_000 * SECTOR))
+        self.assertEqual((len(extents), extents[-1]), (200_000, (199_999 * SECTOR, SECTOR)))
+        self.assertGreater(time.monotonic() - begin, 0.4)
+        self.appliance.run("fault", "clear")
+        self.fault("--method", "cbt_getblocklist", "--silence")
+        with self.assertRaises(subprocess.TimeoutExpired):
+            self.run_script(timeout=1)
+        calls = [record for record in journal.read(self.state) if record.get("method") == "cbt_getblocklist"]
+        self.assertEqual({(call["uuid"], call["vm"]) for call in calls}, {(WEB, "web")})
+        self.assertEqual([call["error"] for call in calls if "error" in call], [5, 8, 77])
+
+    def test_switching_tells_the_daemon(self):
+        def told():
+            vm = self.appliance.vms()["web"]
+            return vm["use_cbt"], vm["cbt_reset_pending"], vm["cbt_reset_time"] > 0
+        wait_until(lambda: told() == (1, 1, True), "it is on")
+        self.snapshot()
+        base, _ = self.answer(only="y")
+        self.assertIn("0 bytes changed in the period of " + base[:-1] + "2", self.run_command("cbt", "web"))
+        for way in ("post", "command"):
+            self.assertEqual(self.appliance.post("vmconfig", {"uuid": WEB, "cbt_reset_pending": 0}).status, 200)
+            wait_until(lambda: told()[1] == 0, "the daemon has done its part")
+            if way == "post":
+                posted = {"event_name": "reset_cbt", "args": {"uuid": WEB}}
+                self.assertEqual(self.appliance.post("event", posted).status, 200)
+            else:
+                self.run_command("cbt", "web", "reset")
+            wait_until(lambda: told() == (1, 1, True), "a reset is pending")
+            self.assertEqual(self.run_script(base), 8)
+            base, _ = self.answer(only="y")
+            self.assertEqual(self.answer(base), (base, []))
+        self.run_command("cbt", "web", "off")
+        wait_until(lambda: told()[0] == 0, "it is off")
+        self.assertEqual(self.run_script(base), 5)
+        self.assertEqual(self.run_command("cbt", "web"), "changes are not tracked\n")
+        self.assertEqual(sorted(path.suffix for path in pathlib.Path(self.vmx["web"]).parent.glob("*.ctk")), [])
+
+    def test_records_keep_what_the_daemon_notes(self):
+        """At the record of a changed-block file, also over a restart; numbers may come as texts."""
+        posted = {"vhost_uuid": WEB, "name": "web-corcbt.vmdk", "changeid": "52 01/3", "changeid_base": "52 01/1",
+                  "changeid_incr": "uninitialized", "corcbt_size_percentage": 20, "cbt_reset_time_vdisk": 7,
+                  "flat_file_size": str(FLAT_SIZE)}
+        self.assertEqual(self.appliance.post("vdisk", posted).status, 200)
+        self.appliance.stop()
+        self.appliance.start()
+        found = self.appliance.get(f"vdisk?vhost_uuid={WEB}&name=web-corcbt.vmdk").json()
+        self.assertEqual(found, [posted])
+
+
+del AgentCase  # its own tests are another file's
+
+
+if __name__ == "__main__":
+    unittest.main()
