@@ -17,6 +17,7 @@ from .texts import to_bytes
 
 FOLDER = "folder"
 _TIMES = ("cbt_reset_time", "cbt_reset_time_prev")
+RESET_WANTED = 1  # what the daemon posts as "cbt_reset_time" when a change id is not the one that it expects
 _POSTED_NAMES = {"error_message": "error"}  # what the daemon calls a member when it posts it
 
 

@@ -57,6 +57,9 @@ class Controller:
         self._foreign = store.foreign_changes()
         self._complete: set[str] = set()
         self._load_inventory()
+        for uuid, chosen in self._choices.items():
+            if chosen.get("cbt_reset_pending"):
+                self._void_change_ids(uuid)
 
     def _load_inventory(self) -> None:
         """What was known when the controller last ran is true until discovery says otherwise."""
@@ -193,6 +196,14 @@ class Controller:
         """A changed-block export found that tracking must start anew. Unknown."""
         with self._lock:
             self.choose(uuid, choices.tracking_reset(self._choices.get(uuid, {})))
+            self._void_change_ids(uuid)
+
+    def _void_change_ids(self, uuid: str) -> None:
+        """Whatever was known of a VM's disks belongs to a tracking that is over."""
+        for name, note in self._notes.get(uuid, {}).items():
+            note |= {key: records.VOID for key in records.CHANGE_IDS if note.get(key, records.VOID) != records.VOID}
+            self._store.set_disk_note(uuid, name, note)
+        self._disk_documents.pop(uuid, None)
 
     def record_event(self, record: dict[str, Any]) -> None:
         with self._lock:
@@ -341,9 +352,12 @@ class Controller:
             changes = self._store.foreign_changes()
             if changes == self._foreign:
                 return
-            before = self._commanded()
+            before, old = self._commanded(), self._choices
             self._settings = choices.current_settings(self._store)
             self._choices = self._store.choices()
+            for uuid, chosen in self._choices.items():
+                if chosen.get("cbt_reset_time") != old.get(uuid, {}).get("cbt_reset_time"):
+                    self._void_change_ids(uuid)
             self._folders = self._store.folders()
             for uuid, changed in self._store.change_times().items():
                 vm = self._vms.by_uuid(uuid)

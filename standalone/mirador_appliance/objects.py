@@ -130,8 +130,17 @@ class Objects:
 
     def _post_vmconfig(self, data: bytes) -> dict[str, Any]:
         posted = _body(data, dict)
-        self._controller.choose(self._uuid(posted), choices.vm_choices_posted(posted))
+        uuid, values = self._uuid(posted), choices.vm_choices_posted(posted)
+        if values.get("cbt_reset_time") == choices.RESET_WANTED:
+            del values["cbt_reset_time"]
+            self._start_anew(uuid)
+        self._controller.choose(uuid, values)
         return {}
+
+    def _start_anew(self, uuid: str) -> None:
+        """What is known of a VM's changed blocks is of no use."""
+        self._controller.reset_tracking(uuid)
+        self._forget_changes(uuid)
 
     @staticmethod
     def _uuid(posted: dict[str, Any]) -> str:
@@ -149,9 +158,7 @@ class Objects:
         self._controller.record_event(posted)
         if posted.get("event_name") == "reset_cbt":
             arguments = posted.get("args")
-            uuid = self._uuid(arguments if isinstance(arguments, dict) else {})
-            self._controller.reset_tracking(uuid)
-            self._forget_changes(uuid)
+            self._start_anew(self._uuid(arguments if isinstance(arguments, dict) else {}))
         return {}
 
     def _post_alert(self, data: bytes) -> dict[str, Any]:

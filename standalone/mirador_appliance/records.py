@@ -35,6 +35,9 @@ VM_CHOICES: dict[str, Any] = {
 DISK_NOTES = ("changeid", "changeid_prev", "changeid_incr", "changeid_base", "corcbt_size_percentage",
               "cbt_reset_time_vdisk", "flat_file_size")
 
+CHANGE_IDS = ("changeid", "changeid_incr", "changeid_base")
+VOID = "uninitialized"  # a change id that says nothing
+
 COMPANION = "-corcbt."  # in the name of a changed-block file
 
 

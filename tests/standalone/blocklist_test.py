@@ -68,8 +68,8 @@ class Script(AgentCase):
         self.assertEqual(self.run_script(vmdksize=str(FLAT_SIZE - SECTOR), since=base), 1, "would be cut")
         self.snapshot("a user's own")
         for path in ("/vmfs.direct/volumes/ds1/web/web.vmdk", "[ds1] web/web.vmdk",
-                     "/vmfs/volumes/ds1/web/web-flat.vmdk", str(self.directory / "root/vmfs/volumes/ds1/web/web-000001.vmdk"),
-                     "/vmfs/volumes/ds1/web/web-000001-delta.vmdk"):
+                     "/vmfs/volumes/ds1/web/web-flat.vmdk", "/vmfs/volumes/ds1/web/web-000001-delta.vmdk",
+                     str(self.directory / "root/vmfs/volumes/ds1/web/web-000001.vmdk")):
             self.assertEqual(self.answer(base, vmdkpath=path), (base, [(0, FLAT_SIZE)]), path)
         self.snapshot(f"{self.mine} of the night")
         self.assertEqual(self.answer(base), (f"{base[:-1]}3", [(0, FLAT_SIZE)]), "the newest of its own")
@@ -81,7 +81,8 @@ class Script(AgentCase):
         self.snapshot()
         base, _ = self.answer(only="y")
         for status, changed in ((8, {"since": "52 01/3"}), (8, {"since": base[:-1] + "2"}),
-                                (5, {"vendor_id": "Nobody"}), (13, {"environment": {}}), (13, {"environment": {"password": "******"}}),
+                                (5, {"vendor_id": "Nobody"}), (13, {"environment": {}}),
+                                (13, {"environment": {"password": "******"}}),
                                 (13, {"username": "admin"}), (1, {"vmuuid": MAIL}), (1, {"server": "esx2"}),
                                 (1, {"vmdkpath": "/vmfs/volumes/ds1/web/other.vmdk"}), (1, {"vmdkpath": "/etc/passwd"}),
                                 (2, {"only": "maybe"}), (2, {"vmdksize": "x"})):
@@ -100,7 +101,8 @@ class Script(AgentCase):
         base, _ = self.answer(only="y")
         made_up = f"changeid: 52 01/3\nlength: 512\nstart: 0\nlength: 512\nstart: {FLAT_SIZE // 2}\n"
         for words, status, text in ((("--error", "5"), 5, None), (("--error", "8"), 8, None),
-                                    (("--error", "77"), 77, None), (("--garbage", "start: 5\\nx"), 0, "start: 5\nx"), (("--die", "before"), -9, None),
+                                    (("--error", "77"), 77, None), (("--garbage", "start: 5\\nx"), 0, "start: 5\nx"),
+                                    (("--die", "before"), -9, None),
                                     (("--cut", "12"), -9, f"changeid: {base}"[:12]),
                                     (("--changeid", "52 01/3", "--extents", "2"), 0, made_up),
                                     (("--extents", "0"), 0, f"changeid: {base}\n"),
@@ -133,15 +135,20 @@ class Script(AgentCase):
         self.snapshot()
         base, _ = self.answer(only="y")
         self.assertIn("0 bytes changed in the period of " + base[:-1] + "2", self.run_command("cbt", "web"))
-        for way in ("post", "command"):
+        for way in ("event", "vmconfig", "command"):
             self.assertEqual(self.appliance.post("vmconfig", {"uuid": WEB, "cbt_reset_pending": 0}).status, 200)
+            ids = {"changeid": base, "changeid_base": base, "changeid_incr": base, "corcbt_size_percentage": 9}
+            self.assertEqual(self.appliance.post("vdisk", {**self.key, **ids}).status, 200)
             wait_until(lambda: told()[1] == 0, "the daemon has done its part")
-            if way == "post":
+            if way == "event":
                 posted = {"event_name": "reset_cbt", "args": {"uuid": WEB}}
                 self.assertEqual(self.appliance.post("event", posted).status, 200)
+            elif way == "vmconfig":
+                self.assertEqual(self.appliance.post("vmconfig", {"uuid": WEB, "cbt_reset_time": 1}).status, 200)
             else:
                 self.run_command("cbt", "web", "reset")
             wait_until(lambda: told() == (1, 1, True), "a reset is pending")
+            self.assertEqual({self.note()[key] for key in ids}, {"uninitialized", 9})
             self.assertEqual(self.run_script(base), 8)
             base, _ = self.answer(only="y")
             self.assertEqual(self.answer(base), (base, []))
@@ -151,16 +158,20 @@ class Script(AgentCase):
         self.assertEqual(self.run_command("cbt", "web"), "changes are not tracked\n")
         self.assertEqual(sorted(path.suffix for path in pathlib.Path(self.vmx["web"]).parent.glob("*.ctk")), [])
 
+    key = {"vhost_uuid": WEB, "name": "web-corcbt.vmdk"}
+
+    def note(self):
+        return self.appliance.get(f"vdisk?vhost_uuid={WEB}&name=web-corcbt.vmdk").json()[0]
+
     def test_records_keep_what_the_daemon_notes(self):
         """At the record of a changed-block file, also over a restart; numbers may come as texts."""
-        posted = {"vhost_uuid": WEB, "name": "web-corcbt.vmdk", "changeid": "52 01/3", "changeid_base": "52 01/1",
-                  "changeid_incr": "uninitialized", "corcbt_size_percentage": 20, "cbt_reset_time_vdisk": 7,
-                  "flat_file_size": str(FLAT_SIZE)}
+        self.assertEqual(self.appliance.post("vmconfig", {"uuid": WEB, "cbt_reset_pending": 0}).status, 200)
+        posted = {**self.key, "changeid": "52 01/3", "changeid_base": "52 01/1", "changeid_incr": "uninitialized",
+                  "corcbt_size_percentage": 20, "cbt_reset_time_vdisk": 7, "flat_file_size": str(FLAT_SIZE)}
         self.assertEqual(self.appliance.post("vdisk", posted).status, 200)
         self.appliance.stop()
         self.appliance.start()
-        found = self.appliance.get(f"vdisk?vhost_uuid={WEB}&name=web-corcbt.vmdk").json()
-        self.assertEqual(found, [posted])
+        self.assertEqual(self.note(), posted)
 
 
 del AgentCase  # its own tests are another file's

@@ -16,6 +16,7 @@ from collections.abc import Iterator
 
 _TURN = 0.0005  # seconds between two tries
 _PATIENCE = 60.0  # seconds that a VM may take to stand still
+_LOOK = 0.5  # seconds for which whoever only lists the VM's snapshots may hold it
 
 
 def _file(vmx: str, kind: str) -> str:
@@ -62,12 +63,15 @@ def _alone(path: str, fd: int) -> Iterator[None]:
 
 
 @contextlib.contextmanager
-def task(vmx: str) -> Iterator[None]:
-    """BlockingIOError while another task works on the VM."""
+def task(vmx: str, is_look: bool = False) -> Iterator[None]:
+    """BlockingIOError while another task works on the VM. is_look: this is none that others have to reckon with, and it
+    is over at once."""
     path = task_file(vmx)
-    fd = _take(path, fcntl.LOCK_EX)
-    if fd is None:
-        raise BlockingIOError(errno.EALREADY, "another task is in progress")
+    deadline = time.monotonic() + (0 if is_look else _LOOK)
+    while (fd := _take(path, fcntl.LOCK_EX)) is None:
+        if time.monotonic() >= deadline:
+            raise BlockingIOError(errno.EALREADY, "another task is in progress")
+        time.sleep(_TURN)
     with _alone(path, fd):
         yield
 

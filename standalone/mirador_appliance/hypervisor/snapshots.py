@@ -80,11 +80,11 @@ def _told() -> Iterator[None]:
 
 
 @contextlib.contextmanager
-def _task(vmx_path: str, names: Names, steps: Steps) -> Iterator[tuple[Machine, Journal | None]]:
+def _task(vmx_path: str, names: Names, steps: Steps, is_look: bool = False) -> Iterator[tuple[Machine, Journal | None]]:
     """Works on the VM alone, once what a crash left of an earlier task's creation is made good; with the journal of a
     removal that is still to be finished."""
     machine = Machine(vmx_path, names, steps)
-    with _told(), locks.task(machine.vmx):
+    with _told(), locks.task(machine.vmx, is_look):
         durable.tidy(journal.path_of(machine.vmx))
         locks.tidy(machine.vmx)
         left = journal.load(machine.vmx)
@@ -146,7 +146,7 @@ def _make_good(machine: Machine, names: Names, steps: Steps) -> None:
     if not any(map(os.path.exists, traces)):
         return
     try:
-        with _task(machine.vmx, names, steps) as (_, left):
+        with _task(machine.vmx, names, steps, is_look=True) as (_, left):
             if left:
                 consolidation.forget(machine, left)
     except Refused as busy:
