@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -15,6 +16,7 @@
 #include "lib/clock.h"
 #include "lib/tool_paths.h"
 #include "tests/lib/temp_dir.h"
+#include "tests/support/changed_images.h"
 #include "tests/support/dm_table.h"
 #include "tests/support/loop_guard.h"
 
@@ -26,45 +28,6 @@ using testing::IsEmpty;
 using testing::StartsWith;
 
 constexpr std::int64_t mebibyte = 1 << 20;
-
-// An image of before, what changed, and the image of now.
-struct images_t {
-    std::string before;
-    std::string now;
-    cbt_extent_list_t list;
-    std::string corcbt;
-    cbt_file_header_t header;
-};
-
-std::string random_bytes(std::size_t size, std::mt19937& random) {
-    std::string bytes(size, '\0');
-    for (char& byte : bytes)
-        byte = static_cast<char>(random());
-    return bytes;
-}
-
-// Disks of up to 64 sectors that may grow, with any number of changes at any place; neighbours may touch.
-images_t random_images(std::mt19937& random) {
-    images_t images;
-    const std::size_t before = random() % 64;
-    const std::size_t now = before + (random() % 2) * (random() % 32);
-    images.before = random_bytes(before * 512, random);
-    images.now = images.before;
-    images.now.resize(now * 512);
-    std::string data;
-    for (std::size_t at = random() % 8; at < now; at += random() % 8) {
-        const std::size_t length = std::min<std::size_t>(random() % 8 + 1, now - at);
-        const std::string bytes = random_bytes(length * 512, random);
-        images.list.push_back({0, static_cast<std::int64_t>(at * 512), static_cast<std::int64_t>(length * 512)});
-        images.now.replace(at * 512, bytes.size(), bytes);
-        data += bytes;
-        at += length;
-    }
-    const auto size = static_cast<std::int64_t>(images.now.size());
-    EXPECT_EQ(build_corcbt_header(images.list, "52 de/1", "disk", size, &images.header, &images.corcbt), nullptr);
-    images.corcbt += data;
-    return images;
-}
 
 class corcbt_table : public testing::Test {
   protected:
@@ -149,13 +112,17 @@ TEST_F(corcbt_table, LinesOfAMergeTable) {
 TEST_F(corcbt_table, MapsTheImageOfNowAndThePartsThatChanged) {
     std::mt19937 random(1);
     for (int round = 0; round < 200; ++round) {
-        const images_t images = random_images(random);
+        const changed_images_t images = random_changed_images(64, random);
+        for (const std::string& path : {flat_, corcbt_, dir_ / "mapped"})
+            unlink(path.c_str());  // overwriting one would wait for the disk
         write_file(flat_, images.before);
         write_file(corcbt_, images.corcbt);
         ASSERT_EQ(create_devmap_table_merge(flat_, flat_, corcbt_, images.list, images.header, &name_, &table_),
                   nullptr);
         ASSERT_EQ(mapped(read_file(table_->path())), images.now) << read_file(table_->path());
 
+        unlink(flat_.c_str());
+        unlink((dir_ / "mapped").c_str());
         write_file(flat_, images.now);
         ASSERT_EQ(create_devmap_table_import(flat_, images.list, images.header, &name_, &table_), nullptr);
         const std::string data = images.corcbt.substr(static_cast<std::size_t>(images.header.block_data_offset));
@@ -226,7 +193,7 @@ class corcbt_device : public corcbt_table {
         corcbt_table::SetUp();
         std::mt19937 random(7);
         do
-            images_ = random_images(random);
+            images_ = random_changed_images(64, random);
         while (images_.list.empty() || images_.before.size() == images_.now.size());
         write_file(flat_, images_.before);
         write_file(corcbt_, images_.corcbt);
@@ -238,7 +205,7 @@ class corcbt_device : public corcbt_table {
     }
 
     loop_guard_t guard_;
-    images_t images_;
+    changed_images_t images_;
 };
 
 TEST_F(corcbt_device, MergedReadsAsTheDiskOfNow) {
