@@ -22,6 +22,7 @@
 #include <utility>
 
 #include "appliance/exporter/call_tracker.h"
+#include "appliance/exporter/cbt_open.h"
 #include "appliance/exporter/controller_thr.h"
 #include "appliance/exporter/fuse_connection.h"
 #include "appliance/exporter/open_files.h"
@@ -230,6 +231,7 @@ int mirador_open(const char* path, fuse_file_info* fi) {
     ts_dprintf(call_level, "mirador_open (path %s) completed successfully\n", path);
     if (e != nullptr)
         return -EIO;
+    fi->direct_io = fh->direct_io ? 1 : 0;
     fi->fh = open_files().add(std::move(fh));
     return 0;
 }
@@ -396,6 +398,7 @@ bool fuse_serve(fuse_args* args, const std::function<void()>& on_serving, const 
         return false;
     }
     const int connection = fuse_connection_of(mountpoint);
+    allow_corcbt_opens(multithreaded != 0);
     on_serving();
     const bool aborted = run_loop(handle, multithreaded != 0, connection, on_ending);
     fuse_teardown(handle, mountpoint);

@@ -5,16 +5,20 @@
 #include <cstring>
 #include <utility>
 
+#include "appliance/exporter/cbt_device.h"
+#include "appliance/exporter/cbt_open.h"
 #include "appliance/exporter/export_names.h"
 #include "appliance/exporter/runtime_alerts.h"
 #include "appliance/exporter/snapshot_thr.h"
 #include "appliance/exporter/stats_thr.h"
 #include "appliance/exporter/vm_proxy_evict.h"
 #include "appliance/exporter/vm_proxy_open.h"
+#include "appliance/lib/registry.h"
 #include "lib/clock.h"
 #include "lib/cor_assert.h"
 #include "lib/error_hash.h"
 #include "lib/fault_point.h"
+#include "lib/log.h"
 
 namespace mirador {
 namespace {
@@ -43,16 +47,21 @@ errdesc_t* open_by_type(vm_proxy_cookie_t& cookie, unique_fd* fd) REQUIRES(cooki
         case VM_PROXY_HEADER_CFG:
             return vm_proxy_open_cfg_file(cookie, fd);
         case VM_PROXY_HEADER_VMDK_CORCBT:
-            return errdesc_set_str(ERR_NOT_SUPPORTED, cookie.path);
+            return vm_proxy_open_corcbt_file(cookie, fd);
         default:
             cor_assert_failed("type is a known header type", __FILE__, __LINE__, __func__);
     }
 }
 
+bool is_disk(const vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
+    return cookie.header.type == VM_PROXY_HEADER_VMDK_FLAT || cookie.header.type == VM_PROXY_HEADER_VMDK_CORCBT;
+}
+
 // The path whose extended attributes tell the real error of a failed read.
 std::string extended_error_path(const vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
-    if (cookie.vdskdesc != nullptr && !cookie.vdskdesc->vdsk_extent_path.empty())
-        return cookie.vdskdesc->vdsk_extent_path;
+    const vdskdesc_t* disk = cookie.cbt != nullptr ? &cookie.cbt->vdskdesc : cookie.vdskdesc.get();
+    if (disk != nullptr && !disk->vdsk_extent_path.empty())
+        return disk->vdsk_extent_path;
     return cookie.header.path;
 }
 
@@ -74,12 +83,13 @@ std::unique_ptr<fuse_fh_t> fuse_fh_new(unique_fd fd, const cookie_ptr& shared, c
     auto fh = std::make_unique<fuse_fh_t>();
     fh->fd = std::move(fd);
     fh->buffered_data = cookie.buffered_data;
-    fh->collect_stats =
-        cookie.header.type == VM_PROXY_HEADER_VMDK_FLAT || cookie.header.type == VM_PROXY_HEADER_VMDK_CORCBT;
+    fh->collect_stats = is_disk(cookie);
     fh->path = cookie.path;
     fh->extended_error_path = extended_error_path(cookie);
     fh->snapshot = cookie.snapshot;
     fh->vdskdesc = cookie.vdskdesc;
+    fh->cbt = cookie.cbt;
+    fh->direct_io = cookie.header.type == VM_PROXY_HEADER_VMDK_CORCBT;
     fh->pdev = cookie.pdev;
     fh->optimize = fh->pdev != nullptr;
     fh->cookie = shared;
@@ -91,7 +101,8 @@ bool is_same_file(const cor_statb_t& one, const cor_statb_t& other) {
 }
 
 // Whether the path belongs to another VM by now, or leads to another file. A disk of a VM that can be snapshotted is
-// served from its snapshot, whatever becomes of the VM's own files meanwhile.
+// served from its snapshot, whatever becomes of the VM's own files meanwhile, and so is what changed on a disk; but it
+// must be as long as is told.
 bool leads_elsewhere(const vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
     const errdesc_keeper_t keep;
     std::unique_ptr<vm_proxy_header_t> now;
@@ -100,6 +111,8 @@ bool leads_elsewhere(const vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
     const vm_proxy_header_t& then = cookie.header;
     if (now->type != then.type || std::strcmp(now->vm_uuid, then.vm_uuid) != 0)
         return true;
+    if (then.type == VM_PROXY_HEADER_VMDK_CORCBT)
+        return now->statb.size != then.statb.size;
     if (then.type == VM_PROXY_HEADER_VMDK_FLAT && then.can_snapshot != 0)
         return false;
     return std::strcmp(now->path, then.path) != 0 || !is_same_file(now->statb, then.statb);
@@ -107,7 +120,7 @@ bool leads_elsewhere(const vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
 
 // Takes a cookie out of the table whose path leads elsewhere. A disk that is open stays: what was opened is in use.
 errdesc_t* give_up(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
-    if (cookie.ref > 0 && cookie.header.type == VM_PROXY_HEADER_VMDK_FLAT)
+    if (cookie.ref > 0 && is_disk(cookie))
         return errdesc_set_fmt(EBUSY, "%s: another disk is still open under this path", cookie.path.c_str());
     vm_proxy_remove_cookie(cookie);
     if (errdesc_t* e = vm_proxy_do_evict(cookie, false))
@@ -149,21 +162,34 @@ errdesc_t* open_locked(std::string* path, std::string* shadow_path, std::unique_
     return nullptr;
 }
 
-}  // namespace
-
-errdesc_t* vm_proxy_open(const std::string& path, const std::string& shadow_path, std::unique_ptr<fuse_fh_t>* fh) {
+// By any of its names, and with all that a failure has behind it.
+errdesc_t* open_file(const std::string& path, const std::string& shadow_path, std::unique_ptr<fuse_fh_t>* fh) {
     const mutex_lock_t lock(vm_proxy_open_list().mutex);
     std::string export_path = path;
     std::string export_shadow = shadow_path;
     errdesc_t* e = open_locked(&export_path, &export_shadow, fh);
     if (e == nullptr) {
-        (*fh)->cbt_losetup = export_path != path;
+        (*fh)->cbt_losetup = export_path != path && !(*fh)->direct_io;
         return nullptr;
     }
     _errdesc_log(e, ERRDESC_ERROR);
     error_hash_save(export_path, e);
     raise_runtime_alert(export_path, export_shadow, e);
     return errdesc_set_str(ENOENT, path);
+}
+
+}  // namespace
+
+errdesc_t* vm_proxy_open(const std::string& path, const std::string& shadow_path, std::unique_ptr<fuse_fh_t>* fh) {
+    if (!is_corcbt_name(path))
+        return open_file(path, shadow_path, fh);
+    const bool debug = get_reg_settings()->cbt_debug_enabled;
+    if (debug)
+        ts_printf("vm_proxy_open locking corcbt_mutex\n");
+    const mutex_lock_t lock(vm_proxy_open_list().corcbt_mutex);
+    if (debug)
+        ts_printf("vm_proxy_open have corcbt_mutex\n");
+    return open_file(path, shadow_path, fh);
 }
 
 errdesc_t* vm_proxy_release(const std::string& path, std::unique_ptr<fuse_fh_t> fh) {

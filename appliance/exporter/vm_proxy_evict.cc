@@ -6,9 +6,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <limits>
 
+#include "appliance/exporter/cbt_device.h"
+#include "appliance/exporter/cbt_vdisk.h"
 #include "appliance/exporter/snapshot_thr.h"
 #include "appliance/exporter/stats_thr.h"
 #include "lib/clock.h"
@@ -32,6 +35,16 @@ bool qualifies(const vm_proxy_cookie_t& cookie, std::time_t now, const std::opti
            *hv_name == cookie.header.hv_name;
 }
 
+// Tells whether clients have read all of a changed-block file that is about to go.
+void print_reads(const vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
+    if (cookie.cbt == nullptr)
+        return;
+    const std::uint64_t read = cookie.external_read_bytes;
+    ts_printf("%s of %s, file size %jd, read %jd\n",
+              read < cookie.corcbt_file_size ? "Warning: short read" : "full read", cookie.path.c_str(),
+              static_cast<std::intmax_t>(cookie.corcbt_file_size), static_cast<std::intmax_t>(read));
+}
+
 // The qualifying cookie with the smallest stamp, locked; null if there is none. Busy cookies are passed over.
 cookie_ptr choose_victim(const std::vector<cookie_ptr>& list, std::time_t now,
                          const std::optional<std::string>& hv_name) NO_THREAD_SAFETY_ANALYSIS {
@@ -39,7 +52,10 @@ cookie_ptr choose_victim(const std::vector<cookie_ptr>& list, std::time_t now,
     for (const cookie_ptr& cookie : list) {
         if (!cookie->mutex.try_lock())
             continue;
-        if (qualifies(*cookie, now, hv_name) && (best == nullptr || cookie->stamp < best->stamp)) {
+        const bool is_candidate = qualifies(*cookie, now, hv_name);
+        if (is_candidate)
+            print_reads(*cookie);
+        if (is_candidate && (best == nullptr || cookie->stamp < best->stamp)) {
             if (best != nullptr)
                 best->mutex.unlock();
             best = cookie;
@@ -74,6 +90,17 @@ void evict_flat(vm_proxy_cookie_t& cookie, bool check_vmdk_ref) REQUIRES(cookie.
     stats_thr_close_stats(cookie.path, false);
     stats_thr_close_stats(cookie.path, true);
     cookie.snapshot.reset();
+}
+
+// The next backup asks for what changed since the last full copy: nobody knows whether this one was read whole.
+void evict_corcbt(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
+    cookie.cbt.reset();
+    cookie.devicemapper_path.clear();
+    cookie.corcbt_file_size = 0;
+    cookie.publish_info();
+    stats_thr_close_stats(cookie.path, false);
+    if (cookie.stamp != 0)  // it has been opened
+        reset_cbt_vdisk_path(cookie.header.vm_uuid, cookie.path);
 }
 
 cookie_ptr pop_cookie(vm_proxy_open_list_t& table) {
@@ -142,7 +169,9 @@ errdesc_t* vm_proxy_do_evict(vm_proxy_cookie_t& cookie, bool check_vmdk_ref) {
         case VM_PROXY_HEADER_VMDK_ASCII:
         case VM_PROXY_HEADER_VMX:
         case VM_PROXY_HEADER_CFG:
+            return nullptr;
         case VM_PROXY_HEADER_VMDK_CORCBT:
+            evict_corcbt(cookie);
             return nullptr;
         default:
             cor_assert_failed("type is a known header type", __FILE__, __LINE__, __func__);

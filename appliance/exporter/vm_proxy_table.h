@@ -11,7 +11,8 @@
 // A handle owns what it reads from (descriptor, device reader, mapping, snapshot, overlay, byte counter), so it goes on
 // working when its cookie has left the table; releasing it then changes no count.
 //
-// Locks, in this order: the table lock (`mutex`: one open, release or idle eviction at a time), a cookie's `mutex`
+// Locks, in this order: `corcbt_mutex` (one open of a changed-block file at a time, of those alone), the table lock
+// (`mutex`: one open, release or idle eviction at a time), a cookie's `mutex`
 // (its state while it is opened or torn down), `list_mutex` (the list itself, held for moments only). Choosing a victim
 // holds `list_mutex` and only tries cookies' locks, so a cookie that is being opened is never chosen. Attribute queries
 // never wait for the table lock.
@@ -34,6 +35,7 @@
 namespace mirador {
 
 class snapshot_use_t;
+struct cbt_device_t;
 
 // Bytes that replace the underlying ones in a range of an exported file.
 struct fuse_fh_buffer_t {
@@ -72,6 +74,8 @@ struct vm_proxy_cookie_t {
     fuse_fh_buffer_t buffered_data GUARDED_BY(mutex);  // the overlay
     std::shared_ptr<snapshot_use_t> snapshot GUARDED_BY(mutex);  // what the chain is frozen by; given back likewise
     std::shared_ptr<vdskdesc_t> vdskdesc GUARDED_BY(mutex);      // the opened chain; torn down with its last owner
+    std::shared_ptr<cbt_device_t> cbt GUARDED_BY(mutex);   // a changed-block file's device; gone with its last owner
+    std::uint64_t corcbt_file_size GUARDED_BY(mutex) = 0;  // bytes of it that are no padding
     cor_dev_ptr pdev GUARDED_BY(mutex);  // reads only what the guest uses; null: there is no telling what that is
     vm_proxy_header_t header GUARDED_BY(mutex) = {};
     bool detached GUARDED_BY(mutex) = false;  // has left the table
@@ -103,6 +107,10 @@ struct fuse_fh_t {
     std::shared_ptr<vdskdesc_t> vdskdesc;  // keeps the mapping behind `fd` and `pdev`
     bool optimize = false;                 // reads go through `pdev`, while the settings allow it
     cor_dev_ptr pdev;                      // given exactly when `optimize` is set
+    std::shared_ptr<cbt_device_t> cbt;     // keeps a changed-block file's device behind `fd`
+    // Its reads are to be single requests of the reader's. The kernel's own, for its page cache, are limited in number,
+    // and each would wait for another of them, the one to the flat disk.
+    bool direct_io = false;
     cookie_ptr cookie;
 };
 
@@ -112,6 +120,7 @@ struct vm_proxy_open_list_t {
 
     std::uint32_t magic = 0;
     std::uint32_t version = 0;
+    mutex_t corcbt_mutex;
     mutex_t mutex;       // the table lock
     mutex_t list_mutex;  // makes look-up, admission and removal one step
     std::vector<cookie_ptr> list GUARDED_BY(list_mutex);
