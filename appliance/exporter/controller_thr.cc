@@ -125,8 +125,10 @@ void report_generation(const std::string& gen_id) {
 
 void cycle(cnt_thr_life_t* life) {
     cnt_thr_state_t& state = global_cnt_thr_state;
-    if (std::exchange(life->first_cycle, false))
+    if (std::exchange(life->first_cycle, false)) {
+        crash_recover_reset_cbt_vdisk();
         crash_recover_reset_snap_suffix();
+    }
     life->has_settings = life->has_settings || read_settings();
     snapshot_state_init();
     if (!cnt_cycle_run({.root = state.namespaceroot, .gen = state.gen, .goes_on = is_running}, &life->folders))

@@ -27,8 +27,12 @@ void crash_recover_tmpfs(const std::string& tmpfs_path, bool tmpfs_mounted);
 void crash_recover_nfs();
 void crash_recover_cache();
 
+// Has the next changed-block file of every disk hold what changed since its last full copy: whether the last one was
+// copied whole is not known. For the controller thread's first cycle, as the next.
+void crash_recover_reset_cbt_vdisk();
+
 // Tells the controller that no VM's snapshots have a suffix any more, if it runs: one that a predecessor set stands for
-// snapshots that are gone. For the controller thread's first cycle.
+// snapshots that are gone.
 void crash_recover_reset_snap_suffix();
 
 }  // namespace mirador

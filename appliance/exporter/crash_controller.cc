@@ -2,6 +2,7 @@
 #include <optional>
 
 #include "appliance/autodiscover/process_check.h"
+#include "appliance/exporter/cbt_vdisk.h"
 #include "appliance/exporter/crash.h"
 #include "controller/lib/controller.h"
 #include "controller/lib/controller_raw.h"
@@ -28,6 +29,14 @@ void reset_suffixes(const ks_hypervisor_config_t& hvc) {
 }
 
 }  // namespace
+
+void crash_recover_reset_cbt_vdisk() {
+    record_list_ptr<ks_vdisk_t> disks;
+    if (controller_get_corcbt_vdisks(std::nullopt, std::nullopt, &disks) != nullptr)
+        return;
+    while (const std::optional<ks_vdisk_t> vdisk = list_pop(*disks))
+        reset_cbt_vdisk(ks_text(vdisk->vhost_uuid), ks_text(vdisk->name), &*vdisk);
+}
 
 void crash_recover_reset_snap_suffix() {
     record_list_ptr<ks_hypervisor_config_t> hypervisors;

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <string>
 
+#include "appliance/exporter/cbt_script.h"
 #include "appliance/exporter/controller_thr.h"
 #include "appliance/exporter/crash.h"
 #include "appliance/exporter/daemonize.h"
@@ -141,6 +142,7 @@ bool remove_tmpfs() {
 // The daemon ends: nothing waits for hypervisors or the controller any more than it must.
 void hurry() {
     snapshot_state_hurry();
+    cbt_script_hurry();
     controller_raw_begin_shutdown();
     jrpcclnt_pool_begin_shutdown();
 }

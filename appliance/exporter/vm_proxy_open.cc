@@ -9,6 +9,7 @@
 #include <ctime>
 #include <utility>
 
+#include "appliance/exporter/cbt_changeid.h"
 #include "appliance/exporter/snapshot_thr.h"
 #include "appliance/exporter/stats_thr.h"
 #include "appliance/exporter/vm_proxy_evict.h"
@@ -74,7 +75,7 @@ errdesc_t* take_snapshot(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
 }
 
 // Everything that happens once for a cookie, before its device can be opened.
-errdesc_t* first_open(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
+errdesc_t* first_open(vm_proxy_cookie_t& cookie, std::string* change_id) REQUIRES(cookie.mutex) {
     RETURN_IF_ERROR(take_snapshot(cookie));
     ts_printf("vm_proxy_open_vmdk_flat: opening %s on %s (%s)\n", cookie.header.path, cookie.virtual_machine.c_str(),
               cookie.header.hv_name);
@@ -82,7 +83,7 @@ errdesc_t* first_open(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
     RETURN_IF_ERROR(find_volumes(*cookie.vdskdesc));
     cookie.devicemapper_path = cookie.vdskdesc->devicemapper_path;
     cor_assert(!cookie.devicemapper_path.empty());
-    return nullptr;
+    return get_cbt_changeid(cookie, change_id);
 }
 
 errdesc_t* open_for_reading(const std::string& path, const std::string& reported_path, unique_fd* fd) {
@@ -91,7 +92,7 @@ errdesc_t* open_for_reading(const std::string& path, const std::string& reported
     return *fd ? nullptr : errdesc_set_extended_err(errno, reported_path);
 }
 
-vdsk_header_input_t header_input(const vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
+vdsk_header_input_t header_input(const vm_proxy_cookie_t& cookie, const std::string& change_id) REQUIRES(cookie.mutex) {
     const vmdkdesc_t& base = *cookie.vdskdesc->vmdkdesc.vmdk_ancestor_array.back();
     vdsk_header_input_t input;
     input.cid = base.cid;
@@ -105,19 +106,20 @@ vdsk_header_input_t header_input(const vm_proxy_cookie_t& cookie) REQUIRES(cooki
     input.hv_name = cookie.header.hv_name;
     input.size = cookie.header.statb.size;
     input.vm_name = cookie.virtual_machine;
+    input.change_id = change_id;
     input.snapshot_time = cookie.snapshot_time;
     return input;
 }
 
 // Lays the virtual disk header over the first free sector; a disk that has none is exported without.
-void place_header(vm_proxy_cookie_t& cookie, int fd) REQUIRES(cookie.mutex) {
+void place_header(vm_proxy_cookie_t& cookie, const std::string& change_id, int fd) REQUIRES(cookie.mutex) {
     std::uint32_t sector = no_sector;
     cookie.buffered_data = {};
     if (find_free_sector_by_partition(fd, &sector) != nullptr) {
         ts_printf("info: no free sector available in %s for Corvantis virtual disk header\n", cookie.path.c_str());
         return;
     }
-    const std::unique_ptr<cor_vdsk_header_t> header = vdsk_header_build(header_input(cookie));
+    const std::unique_ptr<cor_vdsk_header_t> header = vdsk_header_build(header_input(cookie, change_id));
     cookie.buffered_data.offset = static_cast<std::int64_t>(sector) * sector_size;
     cookie.buffered_data.buffer.resize(sizeof *header);
     std::memcpy(cookie.buffered_data.buffer.data(), header.get(), sizeof *header);
@@ -135,12 +137,13 @@ std::vector<std::uint8_t> cfg_trailer(std::time_t now) {
 
 errdesc_t* open_flat(vm_proxy_cookie_t& cookie, unique_fd* fd) REQUIRES(cookie.mutex) {
     const bool is_first = cookie.devicemapper_path.empty();
+    std::string change_id;
     if (is_first)
-        RETURN_IF_ERROR(first_open(cookie));
+        RETURN_IF_ERROR(first_open(cookie, &change_id));
     cor_assert(cookie.ref >= 0);
     RETURN_IF_ERROR(open_for_reading(cookie.devicemapper_path, cookie.header.path, fd));
     if (is_first) {
-        place_header(cookie, fd->get());
+        place_header(cookie, change_id, fd->get());
         stats_thr_update_flat_size(cookie.path, cookie.header.statb.size);
     }
     return nullptr;
