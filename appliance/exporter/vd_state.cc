@@ -10,6 +10,7 @@
 #include <string_view>
 #include <utility>
 
+#include "appliance/exporter/flat_mtime.h"
 #include "appliance/exporter/vm_proxy_remove.h"
 #include "appliance/exporter/vm_proxy_touch.h"
 #include "appliance/lib/corcbt.h"
@@ -209,15 +210,6 @@ errdesc_t* judge(errdesc_t* e) {
     return nullptr;
 }
 
-errdesc_t* touch_disk(const vd_state_t& state, const vd_update_t& update) {
-    RETURN_IF_ERROR(
-        judge(touch(state.extent_shadow_path, touch_of(update, VM_PROXY_HEADER_VMDK_FLAT, state.current_vd_fpath,
-                                                       state.current_extent_fpath, state.extent_size))));
-    const std::string& served = state.renamed ? state.cached_vd_fpath : state.root_vd_fpath;
-    return judge(
-        touch(state.vd_shadow_path, touch_of(update, VM_PROXY_HEADER_VMDK_ASCII, served, served, state.vd_size)));
-}
-
 // Where the disk's changed-block entry stands; false when its name allows none.
 bool corcbt_path(const vd_state_t& state, std::string* path) {
     errdesc_t* e = flat_to_corcbt(state.extent_shadow_path, path);
@@ -228,6 +220,45 @@ bool corcbt_path(const vd_state_t& state, std::string* path) {
 
 bool debugs_cbt() {
     return get_reg_settings()->cbt_debug_enabled;
+}
+
+// The time that tracking gives a flat disk, where it does. An update that keeps the old time decides nothing: a reset
+// would be done whose new time no client has seen.
+errdesc_t* tracked_mtime(const vd_state_t& state, const vd_update_t& update, std::optional<std::time_t>* mtime) {
+    std::string corcbt;
+    if (!update.use_cbt || update.keep_mtime || (update.cbt_reset_time == 0 && !update.cbt_reset_pending) ||
+        !corcbt_path(state, &corcbt))
+        return nullptr;
+    struct ::stat extent_stat {};
+    if (stat(state.current_extent_fpath.c_str(), &extent_stat) != 0)
+        return errdesc_set_extended_err(errno, state.current_extent_fpath);
+    const flat_mtime_input_t input{.actual_mtime = extent_stat.st_mtim.tv_sec,
+                                   .st_size = std::max<std::int64_t>(extent_stat.st_size, state.extent_size),
+                                   .cbt_reset_pending = update.cbt_reset_pending,
+                                   .cbt_reset_time = update.cbt_reset_time,
+                                   .cbt_reset_time_prev = update.cbt_reset_time_prev,
+                                   .vm_uuid = update.vm_uuid,
+                                   .shadow_path = state.extent_shadow_path};
+    return get_flat_file_mtime(input, &mtime->emplace());
+}
+
+errdesc_t* touch_extent(vd_state_t* state, const vd_update_t& update) {
+    vm_proxy_touch_t flat = touch_of(update, VM_PROXY_HEADER_VMDK_FLAT, state->current_vd_fpath,
+                                     state->current_extent_fpath, state->extent_size);
+    errdesc_t* e = tracked_mtime(*state, update, &flat.mtime);
+    state->cbt_reset_failed = e != nullptr;
+    if (e != nullptr && debugs_cbt())
+        _errdesc_log(e, ERRDESC_ERROR);
+    e = touch(state->extent_shadow_path, flat);
+    state->cbt_reset_failed = state->cbt_reset_failed || e != nullptr;
+    return judge(e);
+}
+
+errdesc_t* touch_disk(vd_state_t* state, const vd_update_t& update) {
+    RETURN_IF_ERROR(touch_extent(state, update));
+    const std::string& served = state->renamed ? state->cached_vd_fpath : state->root_vd_fpath;
+    return judge(
+        touch(state->vd_shadow_path, touch_of(update, VM_PROXY_HEADER_VMDK_ASCII, served, served, state->vd_size)));
 }
 
 // The size of a disk's changed-block entry. The controller is only asked when its answer counts.
@@ -330,7 +361,7 @@ errdesc_t* vd_update(vd_list_t* vd_list, const ks_vdisk_t& vdisk, const vd_updat
     if (state->renamed && fresh != nullptr)
         RETURN_IF_ERROR(vmdk_copy_descfiles(state->root_vd_fpath, state->cached_vd_fpath, state->old_extent_name,
                                             state->new_extent_name, &state->vd_size));
-    RETURN_IF_ERROR(touch_disk(*state, update));
+    RETURN_IF_ERROR(touch_disk(state, update));
     RETURN_IF_ERROR(update_corcbt(*state, update));
     *vd_state_out = state;
     if (fresh != nullptr)

@@ -37,10 +37,11 @@ struct vd_state_t {
     std::string current_extent_fpath;  // head extent
     std::string root_extent_fpath;     // base extent
     bool thinprovisioned = false;
-    bool renamed = false;         // the shadow tree's names differ from the datastore's
-    std::string old_vd_name;      // the base descriptor's file name on the datastore
-    std::string new_vd_name;      // and in the shadow tree
-    std::string old_extent_name;  // the base extent's
+    bool cbt_reset_failed = false;  // the last update could not do what a pending reset of tracking asks for
+    bool renamed = false;           // the shadow tree's names differ from the datastore's
+    std::string old_vd_name;        // the base descriptor's file name on the datastore
+    std::string new_vd_name;        // and in the shadow tree
+    std::string old_extent_name;    // the base extent's
     std::string new_extent_name;
     struct ::stat stat {};  // of the head descriptor when it was last looked at
 };
@@ -58,8 +59,11 @@ struct vd_update_t {
     std::string hv_name;
     bool is_template = false;
     bool use_cbt = false;
-    bool force = false;       // look again though nothing seems to have changed
-    bool keep_mtime = false;  // what changed is only a snapshot: clients go on seeing the old times
+    bool cbt_reset_pending = false;         // tracking has started anew since the last update
+    std::uint32_t cbt_reset_time = 0;       // when, seconds since the epoch; 0: not known
+    std::uint32_t cbt_reset_time_prev = 0;  // and the time before
+    bool force = false;                     // look again though nothing seems to have changed
+    bool keep_mtime = false;                // what changed is only a snapshot: clients go on seeing the old times
 };
 
 // Marks the disks that the controller still lists with the stamp, so that they survive an update in which their own

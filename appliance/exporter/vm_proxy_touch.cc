@@ -69,6 +69,10 @@ errdesc_t* fill_header(const vm_proxy_touch_t& touch, vm_proxy_header_t* header)
         set_flat_size(touch, header);
     else if (touch.type == VM_PROXY_HEADER_VMDK_CORCBT)
         set_corcbt_size(touch, header);
+    if (touch.mtime) {
+        header->statb.mtime_sec = static_cast<std::int32_t>(*touch.mtime);
+        header->statb.mtime_nsec = 0;
+    }
     header->statb.blocks = proxy_header_blocks(header->statb.size);
     header->can_snapshot = touch.is_template ? 0 : 1;
     cor_safe_strncpy(header->path, touch.link_path.c_str(), sizeof header->path);

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <optional>
 #include <string>
 
 #include "appliance/lib/vm_proxy_header.h"
@@ -21,6 +22,7 @@ struct vm_proxy_touch_t {
     std::int64_t size = 0;     // bytes; of a flat disk, by its descriptor; of a changed-block export, what it promises
     bool is_template = false;  // a template cannot be snapshotted
     bool keep_mtime = false;   // the old header's modification time stays
+    std::optional<std::time_t> mtime = {};  // what is reported instead of the file's modification time
 };
 
 // Whether the texts fit a header and the type is one: EINVAL with the text that does not.

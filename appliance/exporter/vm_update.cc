@@ -39,7 +39,8 @@ struct attempt_t {
     std::vector<std::string> heads;  // where the descriptor of each entry in `conversions` can be read
     bool full = false;
     bool remove_old_disks = true;
-    bool may_retry = true;  // a missing file is looked for once more in each update
+    bool cbt_reset_done = true;  // on every disk, where tracking has started anew
+    bool may_retry = true;       // a missing file is looked for once more in each update
 };
 
 bool is_fresh(const vm_state_t& vm, std::time_t now) {
@@ -61,6 +62,9 @@ vd_update_t disk_update(const attempt_t& attempt, const vm_paths_t& paths, std::
             .hv_name = ks_text(vmc.hv_hostname),
             .is_template = vmc.is_template,
             .use_cbt = vmc.use_cbt,
+            .cbt_reset_pending = vmc.cbt_reset_pending,
+            .cbt_reset_time = vmc.cbt_reset_time,
+            .cbt_reset_time_prev = vmc.cbt_reset_time_prev,
             .force = attempt.full,
             .keep_mtime = keep_mtime};
 }
@@ -88,6 +92,7 @@ errdesc_t* update_exported_disk(vm_state_t* vm, attempt_t* attempt, const ks_vdi
     errdesc_t* e = vd_update(&vm->vd_list, vdisk, attempt->update, &state);
     if (e != nullptr && e->number == ENOENT && std::exchange(attempt->may_retry, false))
         e = vd_update(&vm->vd_list, vdisk, attempt->update, &state);
+    attempt->cbt_reset_done = attempt->cbt_reset_done && e == nullptr && !state->cbt_reset_failed;
     if (e == nullptr) {
         attempt->conversions.emplace_back(state->current_vd_path, state->new_vd_name);
         attempt->heads.push_back(state->current_vd_fpath);
@@ -155,7 +160,7 @@ errdesc_t* write_entries(vm_state_t* vm, attempt_t* attempt) REQUIRES(vm->mutex)
 void conclude(vm_state_t* vm_state, const attempt_t& attempt, const errdesc_t* e, std::time_t start) {
     const errdesc_keeper_t keeper;
     vm_state_t& vm = *vm_state;
-    if (e == nullptr && attempt.vmc.cbt_reset_pending)
+    if (e == nullptr && attempt.vmc.cbt_reset_pending && attempt.cbt_reset_done)
         clear_cbt_reset_pending(&vm, attempt.vmc);
     raise_vm_discovery_alert(e, attempt.vmc);
     if (e != nullptr)
@@ -187,6 +192,7 @@ attempt_t begin(vm_state_t* vm, std::time_t now, bool full, bool keep_mtime) REQ
     attempt.vmc = vm->vmc;
     attempt.vdisks = vm->vmc_vdisk_list;
     attempt.full = full;
+    attempt.cbt_reset_done = !keep_mtime;
     attempt.update = disk_update(attempt, vm->paths, next_stamp(vm, now), keep_mtime);
     return attempt;
 }
