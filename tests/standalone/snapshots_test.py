@@ -5,6 +5,7 @@ import contextlib
 import os
 import pathlib
 import random
+import re
 import shutil
 import signal
 import subprocess
@@ -379,6 +380,14 @@ class Files(MachineCase):
         self.assertTrue(delta.exists() and snapshots.needs_consolidation(self.vmx))
         self.assertNotEqual((self.home / "b-flat.vmdk").read_bytes(), before)  # what came before it is merged
         self.assertEqual(Machine(self.vmx, PlainNames(), no_steps).disks()[1].name, "b-000001.vmdk")
+
+    def test_content_id_of_less_than_eight_digits(self):
+        path = self.home / "a.vmdk"
+        text = re.sub("(?m)^CID=.*", "CID=f0a78", path.read_text())
+        path.write_text(text)
+        self.run_guest(1)
+        self.assertRegex(path.read_text(), "(?m)^CID=[0-9a-f]{8}$")
+        self.assertEqual(path.read_text().partition("parentCID")[2], text.partition("parentCID")[2])
 
     def test_disk_that_others_stand_on_is_not_touched(self):
         """Two branches stand on the disk that the snapshot holds; a third file is missing."""

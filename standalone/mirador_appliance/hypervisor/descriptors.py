@@ -72,9 +72,11 @@ def change_content_id(path: str, tell: Callable[[int, int], None] = lambda old, 
     new = fresh_content_id(old)
     data = to_bytes(changed(text, cid=new))
     tell(old, new)
+    was = len(to_bytes(text))
     fd = os.open(path, os.O_RDWR | os.O_CLOEXEC)
     try:
-        if len(data) > os.fstat(fd).st_size or os.pwrite(fd, data, 0) != len(data):
+        is_in_the_way = len(data) > was != os.fstat(fd).st_size  # some tools write ids of less than eight digits
+        if is_in_the_way or os.pwrite(fd, data, 0) != len(data):
             raise OSError(errno.EIO, "the descriptor could not be written", path)
     finally:
         os.close(fd)
