@@ -1,5 +1,5 @@
-"""Tracked changes: what a list since a change id tells covers all that the guest wrote, whatever snapshots, merges, kills
-and resets come between, and not much more; and change ids that do not hold are turned down."""
+"""Tracked changes: what a list since a change id tells covers all that the guest wrote, whatever snapshots, merges,
+kills and resets come between, and not much more; and change ids that do not hold are turned down."""
 
 import contextlib
 import os
@@ -74,7 +74,7 @@ class TrackedCase(MachineCase):
 
 class Lists(TrackedCase):
     def test_any_two_snapshots_of_a_long_history(self):
-        """Among snapshots that come and go in any order, with a guest that writes between and is killed now and then."""
+        """Among snapshots that come and go in any order, with a guest that writes between."""
         rng, taken = random.Random(3), {}
         for number in range(24):
             self.run_guest(number, rng.randrange(5))
@@ -226,6 +226,19 @@ class Switches(TrackedCase):
             vmx.write_bytes(text + change)
             self.assertEqual(tracking.nodes(self.machine()), expected)
 
+    def test_base_disks_name_their_files(self):
+        path = self.home / "a.vmdk"
+        self.run_guest(1)
+        self.create("one")
+        on = path.read_text()
+        self.assertIn('\nRW 5127 VMFS "a-flat.vmdk"\n# Change Tracking File\nchangeTrackPath="vm-scsi0-0.ctk"\n', on)
+        self.assertNotIn("changeTrackPath", (self.home / "c.vmdk").read_text())
+        snapshots.track(self.vmx, True)
+        self.assertEqual(path.read_text(), on)
+        snapshots.track(self.vmx, False)
+        self.assertEqual(path.read_text(), on.replace('# Change Tracking File\nchangeTrackPath="vm-scsi0-0.ctk"\n', ""))
+        snapshots.remove(self.vmx, "one")
+
     def test_the_configuration_is_kept(self):
         vmx = pathlib.Path(self.vmx)
         on = vmx.read_bytes()
@@ -288,8 +301,9 @@ class Kills(TrackedCase):
         for seed in range(5):
             program = (f"from mirador_appliance.hypervisor.guest import run\n"
                        f"run({self.vmx!r}, {seed}, lambda: True, 0)")
+            library = str(pathlib.Path(snapshots.__file__).parents[2])
             process = subprocess.Popen([sys.executable, "-B", "-c", program],
-                                       env={**os.environ, "PYTHONPATH": str(pathlib.Path(snapshots.__file__).parents[2])})
+                                       env={**os.environ, "PYTHONPATH": library})
             before = read(self.heads()["scsi0:0"])
             with contextlib.suppress(OSError):
                 while read(self.heads()["scsi0:0"]) == before and process.poll() is None:
@@ -298,7 +312,8 @@ class Kills(TrackedCase):
             process.wait()
             self.create(f"s{seed}")
             self.assert_covers(f"s{seed}", ids, held, self.contents())
-        self.assertEqual(self.ask("s4", None)[0].rpartition("/")[0], ids["scsi0:0"].rpartition("/")[0], "nothing was missed")
+        newest = self.ask("s4", None)[0]
+        self.assertEqual(newest.rpartition("/")[0], ids["scsi0:0"].rpartition("/")[0], "nothing was missed")
 
 
 if __name__ == "__main__":

@@ -22,6 +22,11 @@ _HINT = re.compile(r'^([ \t]*parentFileNameHint[ \t]*=[ \t]*)"[^"\n]*"', re.IGNO
 _LONG_ID = re.compile(r'^([ \t]*ddb\.longContentID[ \t]*=[ \t]*"[0-9a-f]{24})[0-9a-f]{8}"',
                       re.IGNORECASE | re.MULTILINE)
 
+_TRACKED = re.compile(r'^(?:# Change Tracking File[ \t]*\r?\n)?[ \t]*changeTrackPath[ \t]*=.*\n?',
+                      re.IGNORECASE | re.MULTILINE)
+_LAST_EXTENT = re.compile(r'.*^[ \t]*(?:RW|RDONLY|NOACCESS)[ \t][^\n]*(?:\n|\Z)',
+                          re.IGNORECASE | re.MULTILINE | re.DOTALL)
+
 
 def fresh_content_id(other_than: int = 0) -> int:
     while (value := secrets.randbits(32)) in (*_RESERVED, other_than):
@@ -55,6 +60,17 @@ def changed(text: str, cid: int | None = None, parent_cid: int | None = None, hi
     if hint is not None:
         text = _replaced(_HINT, text, f'"{hint}"')
     return text
+
+
+def with_tracking(text: str, name: str | None) -> str:
+    """The text naming the file that the disk's changes are tracked in, or none."""
+    text = _TRACKED.sub("", text)
+    match = _LAST_EXTENT.match(text)
+    if name is None or match is None:
+        return text
+    newline = "\r\n" if match[0].endswith("\r\n") else "\n"
+    gap = "" if match[0].endswith("\n") else newline
+    return f'{match[0]}{gap}# Change Tracking File{newline}changeTrackPath="{name}"{newline}{text[match.end():]}'
 
 
 def _replaced(pattern: re.Pattern, text: str, value: str) -> str:

@@ -12,6 +12,7 @@ import dataclasses
 import os
 from collections.abc import Iterator
 
+from ..texts import to_bytes
 from ..vmdk import SECTOR, Link
 from . import ctk, descriptors, durable, locks
 from .chain import open_extent, sectors_of
@@ -95,6 +96,16 @@ def switch(machine: Machine, on: bool) -> None:
     with locks.standing_still(machine.vmx):
         machine.replace(machine.vmx, machine.configuration().with_tracking(on), "configuration")
         reset(machine)
+        for node, head in machine.heads().items():
+            _name_file(machine, node, machine.chain(head)[-1].descriptor.path)
+
+
+def _name_file(machine: Machine, node: str, base: str) -> None:
+    """Lets a disk's base tell whether its changes are tracked."""
+    name = machine.hint_to(path_of(machine, node), base) if node in nodes(machine) else None
+    old = descriptors.text_bytes(base)
+    if (text := descriptors.with_tracking(old, name)) != old:
+        machine.replace(base, to_bytes(text), "base descriptor")
 
 
 def reset(machine: Machine) -> None:
