@@ -38,8 +38,7 @@ line_t read_line(std::FILE* stream, std::string* line) {
             return line_t::TOO_LONG;
         line->push_back(static_cast<char>(c));
     }
-    if (line->ends_with('\r'))
-        line->pop_back();
+    line->erase(line->find_last_not_of('\r') + 1);
     return line_t::WHOLE;
 }
 

@@ -39,7 +39,8 @@ struct controller_t {
         const std::string object = request.target.substr(std::string("/api/").size());
         if (request.method == "POST") {
             posts.push_back({object, request.body});
-            connection.reply(200, "{}");
+            const auto found = replies.find("POST " + object);
+            connection.reply(found == replies.end() ? 200 : found->second.status, "{}");
         } else if (const auto found = replies.find(object); found != replies.end()) {
             connection.reply(found->second.status, found->second.body);
         } else {
@@ -138,6 +139,8 @@ std::string inventory_lab_t::vm_json(const lab_vm_t& vm) const {
     set(json, "controller_export_enabled", 1);
     set(json, "use_cbt", vm.use_cbt ? 1 : 0);
     set(json, "cbt_reset_pending", vm.cbt_reset_pending ? 1 : 0);
+    set(json, "cbt_reset_time", vm.cbt_reset_time);
+    set(json, "cbt_reset_time_prev", vm.cbt_reset_time_prev);
     set(json, "snap_exists", vm.snap_exists);
     set(json, "quiesce_enabled", vm.quiesce ? 1 : 0);
     set(json, "snap_suffix", vm.suffix);

@@ -34,6 +34,8 @@ struct lab_vm_t {
     std::string vmx_path = "vm/vm.vmx";
     bool use_cbt = false;
     bool cbt_reset_pending = false;
+    int cbt_reset_time = 0;
+    int cbt_reset_time_prev = 0;
     bool exported = true;
     int snap_exists = -1;
     bool quiesce = false;
@@ -54,7 +56,7 @@ class inventory_lab_t : public testing::Test {
     void make_disk(const lab_disk_t& disk) const;
     // Has the controller list these VMs, under the hypervisors that they name and alone, and their disks.
     void list(const std::vector<lab_vm_t>& vms);
-    // Has the controller answer a GET of "/api/<object>" with a body, or with a status alone.
+    // Has the controller answer a GET of "/api/<object>" with a body, or with a status alone; "POST <object>": posts.
     void answer(const std::string& object, const std::string& body, int status = 200);
 
     ks_vm_config_t config(const lab_vm_t& vm) const;

@@ -321,6 +321,36 @@ TEST_F(vm_update_test, RequestToResetTrackingIsAnsweredOnce) {
     EXPECT_THAT(posted("vmconfig"), ElementsAre(R"({ "uuid": "564d0001", "cbt_reset_pending": 0 })"));
 }
 
+// A client that saw the old time would not copy the disk whole, and what it is told has changed would not be all.
+TEST_F(vm_update_test, RequestToResetTrackingStandsUntilEveryDiskShowsIt) {
+    const manual_clock_t clock(2'000'000'000, true);
+    const std::string record = "vdisk?vhost_uuid=564d0001&name=disk-corcbt.vmdk";
+    lab_vm_t vm;
+    vm.use_cbt = true;
+    vm.cbt_reset_time = 1000;
+    const std::string base = R"([{"vhost_uuid": "564d0001", "name": "disk-corcbt.vmdk", "changeid": "a/1",
+                                  "changeid_base": "a/1", "cbt_reset_time_vdisk": 1000, "flat_file_size": "1048576"}])";
+    answer(record, base);
+    expose(vm);
+    EXPECT_EQ(header("esx1/vm/disk-flat.vmdk").statb.mtime_sec, 1000);
+    EXPECT_THAT(posted("vdisk"), IsEmpty());
+
+    vm.cbt_reset_pending = true;
+    take(vm, 2);
+    ASSERT_EQ(update(vm, true, true), 0);  // a snapshot's: it keeps the times
+    EXPECT_EQ(header("esx1/vm/disk-flat.vmdk").statb.mtime_sec, 1000);
+    answer(record, "", 500);
+    ASSERT_EQ(update(vm, true), 0);
+    EXPECT_THAT(posted("vdisk"), IsEmpty());
+    EXPECT_THAT(posted("vmconfig"), IsEmpty());
+
+    answer(record, base);
+    ASSERT_EQ(update(vm, true), 0);
+    EXPECT_EQ(header("esx1/vm/disk-flat.vmdk").statb.mtime_sec, 2'000'000'000);
+    EXPECT_THAT(posted("vdisk"), ElementsAre(HasSubstr(R"("changeid_base": "uninitialized")")));
+    EXPECT_THAT(posted("vmconfig"), ElementsAre(R"({ "uuid": "564d0001", "cbt_reset_pending": 0 })"));
+}
+
 TEST_F(vm_update_test, TemplatesCannotBeSnapshotted) {
     lab_vm_t vm;
     vm.vmx_path = "vm/vm.vmtx";
