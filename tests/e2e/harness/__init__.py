@@ -14,4 +14,5 @@ inventory  the test case whose daemon follows an appliance
 snapshots  snapshots on the datastore, and faults of the agent
 snapshot_case
            the test case whose daemon takes them
+cbt_case   the test case whose VMs' changes are tracked
 """

@@ -99,9 +99,11 @@ class Appliance:
 
     def get(self, object_and_query: str) -> Any:
         """Asks the controller as the daemon does."""
-        url = f"http://127.0.0.1:{self._port}/api/{object_and_query}"
-        with urllib.request.urlopen(url, timeout=10) as answer:
+        with urllib.request.urlopen(self.url_of(object_and_query), timeout=10) as answer:
             return json.load(answer)
+
+    def url_of(self, object_and_query: str) -> str:
+        return f"http://127.0.0.1:{self._port}/api/{object_and_query}"
 
     def set_faults(self, *rules: Rule) -> None:
         """Lets exactly these faults act from now on; see the program's --help."""

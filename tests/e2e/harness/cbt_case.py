@@ -1,0 +1,171 @@
+"""The test case whose VMs' changes are tracked: full copies, changed-block files, and what comes of the two."""
+
+import hashlib
+import json
+import pathlib
+import urllib.request
+from collections.abc import Callable
+from typing import Any
+
+from . import census, snapshots
+from .compare import Reader
+from .daemon import EXPORT
+from .disks import MIB, SECTOR, datastore, partition, raw_image
+from .machines import Machine, machine
+from .snapshot_case import BOUND, HOST, OWN, SnapshotCase, next_seed
+from .tools import WORK, program, run, saved_error, wait_equal, wait_until
+
+DISKS = {"disk": 14 * MIB, "bare": 12 * MIB}  # with a partition table, which makes room for a header, and without
+HEADER = slice(2 * SECTOR, 3 * SECTOR)  # where exported copies of "disk" have it: free in the guest
+VOID = "uninitialized"
+
+Ids = tuple[str, str]  # epoch, number
+
+
+def split(change_id: str) -> Ids:
+    epoch, _, number = change_id.rpartition("/")
+    return epoch, number
+
+
+class CbtCase(SnapshotCase):
+    """VMs of two disks each; their changed-block files promise to hold `percent` of the disk."""
+
+    percent = 60
+
+    @classmethod
+    def make_machines(cls):
+        cls.store = datastore(cls.__name__.lower())
+        cls.vms = {}
+        for number, name in enumerate(cls.vm_names()):
+            for disk, size in DISKS.items():
+                image = raw_image(WORK / "disk.img", size, seed=100 * number + size)
+                if disk == "disk":
+                    partition(image)
+                run("qemu-img", "convert", "-f", "raw", "-O", "vmdk", "-o", "subformat=monolithicFlat", image,
+                    cls.store.vm(name) / f"{disk}.vmdk")
+            cls.vms[name] = machine(cls.store, name, disks=tuple(f"{disk}.vmdk" for disk in DISKS))
+        return [f"{HOST}:{cls.store.directory}"]
+
+    @classmethod
+    def prepare(cls):
+        cls.appliance.command("fault", "add", "--method", "create_snapshot", "--moment")
+        for vm in cls.vms.values():
+            cls.appliance.command("cbt", vm.name, "on")
+            for disk in DISKS:
+                cls.note(vm, disk, corcbt_size_percentage=cls.percent)
+        super().prepare()
+
+    # The controller's records
+
+    @classmethod
+    def post(cls, name: str, value: dict[str, Any]) -> None:
+        url = cls.appliance.url_of(name)
+        with urllib.request.urlopen(urllib.request.Request(url, json.dumps(value).encode()), timeout=10) as answer:
+            answer.read()
+
+    @classmethod
+    def note(cls, vm: Machine, disk: str, **members: Any) -> None:
+        """Changes a record as somebody else than the daemon."""
+        cls.post("vdisk", {"vhost_uuid": vm.uuid, "name": f"{disk}-corcbt.vmdk", **members})
+
+    def record(self, vm: Machine, disk: str) -> dict[str, Any]:
+        found = self.appliance.get(f"vdisk?vhost_uuid={vm.uuid}&name={disk}-corcbt.vmdk")
+        return found[0] if found else {}
+
+    def known(self, vm: Machine, disk: str) -> dict[str, str]:
+        """The change ids of a record that say something."""
+        record = self.record(vm, disk)
+        return {key: record[key] for key in ("changeid", "changeid_base", "changeid_incr")
+                if record.get(key, VOID) not in (VOID, "")}
+
+    def wait_reset(self, vm: Machine) -> None:
+        """The daemon has done what belongs to a reset."""
+        wait_equal(lambda: self.appliance.get(f"vhost?vm_uuid={vm.uuid}")[0]["cbt_reset_pending"], 0,
+                   f"{vm.name}: the reset is done", BOUND)
+
+    # Copies
+
+    @staticmethod
+    def changed(vm: Machine, disk: str) -> pathlib.Path:
+        return EXPORT / HOST / vm.name / f"{disk}-corcbt.vmdk"
+
+    def setUp(self):
+        for vm in self.vms.values():
+            for disk in DISKS:
+                wait_until(self.changed(vm, disk).exists, f"{vm.name}, {disk}: its changes are exported", BOUND)
+            self.wait_reset(vm)
+
+    def copy(self, path: pathlib.Path, name: str) -> pathlib.Path:
+        """Copies an exported file as a backup tool does."""
+        target = WORK / f"{type(self).__name__}-{name}"
+        run("dd", f"if={path}", f"of={target}", "bs=64K", "status=none")
+        return target
+
+    def full(self, vm: Machine) -> dict[str, pathlib.Path]:
+        """A full backup: a copy of each disk, of the moment of one snapshot."""
+        with Reader(self.exported(vm, "disk")), Reader(self.exported(vm, "bare")):
+            copies = {disk: self.copy(self.exported(vm, disk), f"{vm.name}-{disk}.full") for disk in DISKS}
+        for disk, image in copies.items():
+            self.assert_is_of_moment(vm, disk, image)
+        self.wait_quiet(vm)
+        return copies
+
+    def incremental(self, vm: Machine, base: dict[str, pathlib.Path], inside: Callable[[], Any] = lambda: None,
+                    name: str = "incremental") -> dict[str, pathlib.Path]:
+        """What changed, laid over another backup: the disks as they were at the moment of the snapshot. inside: called
+        when the copies are made and the changed-block files are still open."""
+        with self.opened(vm, "disk"), self.opened(vm, "bare"):
+            self.assertEqual(snapshots.names(vm), [OWN])
+            copies = {disk: self.copy(self.changed(vm, disk), f"{vm.name}-{disk}.changes") for disk in DISKS}
+            inside()
+        images = {disk: self.restored(base[disk], copies[disk], f"{vm.name}-{disk}.{name}") for disk in DISKS}
+        for disk, image in images.items():
+            self.assert_is_of_moment(vm, disk, image)
+        self.wait_quiet(vm)
+        return images
+
+    def opened(self, vm: Machine, disk: str) -> Reader:
+        path = self.changed(vm, disk)
+        try:
+            return Reader(path)
+        except OSError:
+            self.fail(f"{path} cannot be opened: {saved_error(path)}")
+
+    def restored(self, flat: pathlib.Path, changes: pathlib.Path, name: str) -> pathlib.Path:
+        image = WORK / f"{type(self).__name__}-{name}"
+        run(program("mirador-restore"), flat, changes, "-o", image, "--force")
+        return image
+
+    # What must hold
+
+    def moment(self, vm: Machine, disk: str) -> str:
+        """The checksum of a disk at the moment of the VM's last snapshot, as the agent noted it."""
+        moments = [call["moment"] for call in self.appliance.agent_calls()
+                   if call.get("uuid") == vm.uuid and "moment" in call]
+        node = f"scsi0:{list(DISKS).index(disk)}"
+        return next(found["sha256"] for found in moments[-1] if found["node"] == node)
+
+    def assert_is_of_moment(self, vm: Machine, disk: str, image: pathlib.Path) -> None:
+        data = bytearray(image.read_bytes())
+        if disk == "disk":
+            data[HEADER] = bytes(SECTOR)
+        self.assertEqual(hashlib.sha256(data).hexdigest(), self.moment(vm, disk), f"{vm.name}, {disk}: {image.name}")
+
+    def wait_quiet(self, vm: Machine) -> None:
+        """No snapshot, loop device, mapping or work file is left of what was done to a VM."""
+        wait_equal(lambda: snapshots.names(vm), [], f"{vm.name}: no snapshot", BOUND)
+        wait_equal(self.left, {}, "nothing is left", BOUND)
+
+    def left(self) -> dict[str, list[str]]:
+        beyond = census.take().beyond(self._before)
+        return {kind: names for kind, names in beyond.items() if kind in ("loops", "mappings", "temporary")}
+
+    def open_changed_fails(self, vm: Machine, disk: str = "disk") -> tuple[int, str]:
+        """The real error of an open of a changed-block file that must fail."""
+        path = self.changed(vm, disk)
+        with self.assertRaises(OSError):
+            Reader(path).__exit__()
+        return saved_error(path)
+
+    def write(self, vm: Machine, rounds: int = 4) -> None:
+        snapshots.write_as_guest(vm, next_seed(), rounds)
