@@ -1,4 +1,4 @@
-"""Disks are read without what their guests do not use: copies are whole, and the controller is told what was skipped."""
+"""Disks are read without what their guests do not use: copies are whole, and the controller knows what was skipped."""
 
 import concurrent.futures
 import contextlib
@@ -45,7 +45,7 @@ def _copy(reader: Reader, size: int, path: pathlib.Path) -> None:
 
 
 class SmartRead(InventoryCase):
-    # A bitmap has the name of its disk's mapping, which is known while the disk is being opened: there the daemon waits.
+    # A bitmap has the name of its disk's mapping, known while the disk is being opened: there the daemon waits.
     environment = {"MIRADOR_FAULT_POINTS": ",".join(["open.pdev=wait:2"] * (len(_GUESTS) + len(_PLAIN) + 1))}
 
     @classmethod
