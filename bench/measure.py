@@ -44,7 +44,7 @@ def _fio(job, subject, **variables):
     return json.loads(done.stdout[done.stdout.index("{"):])["jobs"][0]["read"]
 
 
-def _sequential(subject, block):
+def read_through(subject, block):
     return _fio("sequential.fio", subject, BLOCK=block)["bw_bytes"]
 
 
@@ -68,7 +68,7 @@ def busy_share(seconds):
 busy_between_rounds = []  # busy_share, before every round
 
 
-def _taking_turns(rounds, contestants):
+def taking_turns(rounds, contestants):
     """Runs each contestant (key: function) once a round; the median of its figures by key."""
     figures = {key: [] for key in contestants}
     keys = list(contestants)
@@ -83,17 +83,17 @@ def _first_read(subject, block):
     subject.forget_mapping()
     for device in subject.loops:
         run("blockdev", "--flushbufs", device)
-    return _sequential(subject, block)
+    return read_through(subject, block)
 
 
 def _read_unmapped(subject, block):
     subject.forget_mapping()
-    return _sequential(subject, block)
+    return read_through(subject, block)
 
 
 def _read_mapped(subject, block):
     run("dd", f"if={subject.mapping}", "of=/dev/null", "bs=1M")
-    return _sequential(subject, block)
+    return read_through(subject, block)
 
 
 def sequential(subjects, rounds):
@@ -106,13 +106,13 @@ def sequential(subjects, rounds):
             if subject.mapping:
                 contestants[f"{subject.name} first, {block}"] = partial(_first_read, subject, block)
                 contestants[f"{subject.name} again, {block}"] = partial(_read_mapped, subject, block)
-    return _taking_turns(rounds, contestants)
+    return taking_turns(rounds, contestants)
 
 
 def random_reads(subjects, rounds):
     """Reads a second by "subject, readers"."""
-    return _taking_turns(rounds, {f"{subject.name}, {readers}": partial(_random, subject, readers)
-                                  for readers in READERS for subject in subjects.values()})
+    return taking_turns(rounds, {f"{subject.name}, {readers}": partial(_random, subject, readers)
+                                 for readers in READERS for subject in subjects.values()})
 
 
 def _rate(*arguments):
@@ -127,7 +127,7 @@ def calls(subjects, rounds):
         contestants[f"{subject.name}, open"] = partial(_rate, "open", subject.file, str(OPENS))
         for kind in ("getattr", "readdir") if subject.directory else ():
             contestants[f"{subject.name}, {kind}"] = partial(_rate, kind, subject.directory)
-    return _taking_turns(rounds, contestants)
+    return taking_turns(rounds, contestants)
 
 
 def emission(rounds):

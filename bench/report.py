@@ -12,6 +12,7 @@ import pathlib
 import sys
 
 import report_inventory
+import report_smart_reads
 import report_snapshots
 from markdown import QUIET, count, goals_table, origin, table
 
@@ -180,7 +181,8 @@ def main():
     print("\n\n".join(parts[name] for name in PARTS if name in parts))
 
 
-PARTS = {"figures.json": report, "inventory.json": report_inventory.report, "snapshots.json": report_snapshots.report}
-TITLES = (TITLE, report_inventory.TITLE, report_snapshots.TITLE)
+PARTS = {"figures.json": report, "smart_reads.json": report_smart_reads.report,
+         "inventory.json": report_inventory.report, "snapshots.json": report_snapshots.report}
+TITLES = (TITLE, report_smart_reads.TITLE, report_inventory.TITLE, report_snapshots.TITLE)
 if __name__ == "__main__":
     main()

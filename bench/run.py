@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
 """Measures one part once and writes the figures as JSON. Runs in a sandbox; script/bench starts it.
 
-    run.py {bytes,inventory,snapshots} OUTPUT-DIRECTORY [--quick]
+    run.py {bytes,smart-reads,inventory,snapshots} OUTPUT-DIRECTORY [--quick]
 
-Leaves figures.json, and profile.txt with what the machine did during sequential reads; or inventory.json; or
-snapshots.json. MIRADOR_BIN names the directory of the programs.
+Leaves figures.json, and profile.txt with what the machine did during sequential reads; or smart_reads.json; or
+inventory.json; or snapshots.json. MIRADOR_BIN names the directory of the programs.
 """
 
 import argparse
@@ -24,6 +24,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests" / "
 from harness import place  # noqa: E402
 import inventory  # noqa: E402
 import measure  # noqa: E402
+import smart_reads  # noqa: E402
 import snapshots  # noqa: E402
 from subjects import all_subjects  # noqa: E402
 
@@ -68,7 +69,7 @@ def origin(output):
 
 
 def measure_bytes(output, quick):
-    """Everything but inventories and snapshots."""
+    """Everything but optimised reads, inventories and snapshots."""
     rounds = 1 if quick else 5
     short_rounds = 1 if quick else 3
     figures = {**origin(output), "rounds": rounds, "short_rounds": short_rounds}
@@ -90,6 +91,14 @@ def measure_bytes(output, quick):
     figures["memory"] = measure.memory()
     figures["busy"] = statistics.median(measure.busy_between_rounds)
     (output / "figures.json").write_text(json.dumps(figures, indent=1))
+
+
+def measure_smart_reads(output, quick):
+    """Reads that skip what the guest does not use."""
+    tell("optimised reads")
+    figures = {**origin(output), **smart_reads.measure_all(quick)}
+    figures["busy"] = statistics.median(measure.busy_between_rounds)
+    (output / "smart_reads.json").write_text(json.dumps(figures, indent=1))
 
 
 def measure_inventories(output, quick):
@@ -123,7 +132,8 @@ def main():
     tell("done")
 
 
-PARTS = {"bytes": measure_bytes, "inventory": measure_inventories, "snapshots": measure_snapshots}
+PARTS = {"bytes": measure_bytes, "smart-reads": measure_smart_reads, "inventory": measure_inventories,
+         "snapshots": measure_snapshots}
 _BEGIN = time.monotonic()
 if __name__ == "__main__":
     main()
