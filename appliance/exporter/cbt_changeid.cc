@@ -54,13 +54,14 @@ void report_unexpected(const std::string& vm_uuid, const std::string& disk_name,
         raise_unexpected_changeid_alert(vmc, disk_name);
 }
 
-// Whether the VM of an exported disk uses tracking, and its uuid. A VM that nobody listed uses none.
+// Whether the VM of an exported disk uses tracking. A VM that nobody listed uses none.
 bool is_tracked(const std::string& shadow_path) {
     const vm_state_ref_t state = vm_state_get(shadow_path.substr(0, shadow_path.rfind('/')));
     if (!state)
         return false;
-    const read_lock_t lock((*state).vmc_rwlock);
-    return (*state).vmc.use_cbt;
+    const vm_state_t& vm = *state;
+    const read_lock_t lock(vm.vmc_rwlock);
+    return vm.vmc.use_cbt;
 }
 
 errdesc_t* read_changeid(const std::string& results_path, std::string* changeid) {

@@ -135,6 +135,10 @@ void cbt_script_hurry() {
     _hurries = true;
 }
 
+bool cbt_hurries() {
+    return _hurries;
+}
+
 void _cbt_script_unhurry() {
     _hurries = false;
 }

@@ -41,6 +41,7 @@ void cbt_remove_work_file(const std::string& path);
 
 // The daemon ends: scripts are killed, within a second, and no new one is begun.
 void cbt_script_hurry();
+bool cbt_hurries();
 
 // For tests of what the daemon does at its end.
 void _cbt_script_unhurry();

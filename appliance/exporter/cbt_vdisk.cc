@@ -2,9 +2,11 @@
 #include "appliance/exporter/cbt_vdisk.h"
 
 #include <algorithm>
+#include <atomic>
 #include <optional>
 #include <string_view>
 
+#include "appliance/exporter/cbt_script.h"
 #include "appliance/lib/corcbt.h"
 #include "appliance/lib/registry.h"
 #include "controller/lib/controller.h"
@@ -22,6 +24,9 @@ constexpr int post_tries = 2;
 constexpr std::uint32_t full_percent = 100;
 
 mutex_t _records_mutex;  // held from a record's fetch to its post
+
+// A controller that does not answer while the daemon ends is not waited for at every disk: the next start resets all.
+std::atomic<bool> _resets_given_up = false;
 
 bool debugs() {
     return get_reg_settings()->cbt_debug_enabled;
@@ -122,11 +127,13 @@ void reset_cbt_vdisk(const std::string& vm_uuid, const std::string& vdisk_name, 
         ts_printf("reset_cbt_vdisk: invalid args received\n");
         return;
     }
-    if (vdisk != nullptr && !cbt_has_changeid(vdisk->changeid_incr))
+    if (_resets_given_up || (vdisk != nullptr && !cbt_has_changeid(vdisk->changeid_incr)))
         return;
     const errdesc_keeper_t keeper;
-    if (errdesc_t* e = change_cbt_vdisk(vm_uuid, vdisk_name, forget_incr))
+    if (errdesc_t* e = change_cbt_vdisk(vm_uuid, vdisk_name, forget_incr)) {
         _errdesc_log(e, ERRDESC_WARNING);
+        _resets_given_up = cbt_hurries();
+    }
 }
 
 void reset_cbt_vdisk_path(const std::string& vm_uuid, const std::string& path) {
