@@ -149,6 +149,15 @@ void log_failure(errdesc_t* e) {
         _errdesc_log(e, ERRDESC_ERROR);
 }
 
+// By force where somebody still reads it: a device gives up then what lies under it.
+void remove_device(const std::string& name) {
+    errdesc_t* e = remove_devmap_device(name, false);
+    if (e == nullptr)
+        return;
+    log_failure(e);
+    log_failure(remove_devmap_device(name, true));
+}
+
 }  // namespace
 
 void write_dm_table_entry(std::int64_t start, std::int64_t length, const std::string& device, std::int64_t offset,
@@ -213,7 +222,7 @@ errdesc_t* setup_import_corcbt(const std::string& flat_file, const std::string& 
 
 void release_merged_corcbt(merged_corcbt_t* merged) {
     if (!merged->name.empty())
-        log_failure(remove_devmap_device(merged->name, false));
+        remove_device(merged->name);
     for (const std::string* loopdev : {&merged->flat_loopdev, &merged->corcbt_loopdev}) {
         if (!loopdev->empty())
             log_failure(release_loop_dev(*loopdev));

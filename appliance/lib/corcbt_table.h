@@ -68,7 +68,8 @@ struct merged_corcbt_t {
 [[nodiscard]] errdesc_t* setup_import_corcbt(const std::string& flat_file, const std::string& corcbt_file,
                                              merged_corcbt_t* import);
 
-// Removes the device, then releases the loop devices; a failure is logged at level 3 and the rest is done all the same.
+// Removes the device, by force where it is in use, then releases the loop devices; a failure is logged at level 3 and
+// the rest is done all the same.
 void release_merged_corcbt(merged_corcbt_t* merged);
 
 }  // namespace mirador

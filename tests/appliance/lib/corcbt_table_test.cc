@@ -222,6 +222,16 @@ TEST_F(corcbt_device, MergedReadsAsTheDiskOfNow) {
     EXPECT_EQ(read_file(log_), "create " + name + " " + work_ + "/" + name + ".dm_table_merge\nremove " + name + "\n");
 }
 
+TEST_F(corcbt_device, ReleaseOfADeviceInUseIsForced) {
+    merged_corcbt_t merged;
+    ASSERT_EQ(get_merged_corcbt(flat_, corcbt_, &merged), nullptr);
+    const std::string name = merged.name;
+    write_file(status_, "1");
+    release_merged_corcbt(&merged);
+    expect_nothing_left(merged);
+    EXPECT_THAT(read_file(log_), testing::EndsWith("remove " + name + "\nremove -f " + name + "\n"));
+}
+
 TEST_F(corcbt_device, ImportStandsForTheChangedPartsOfTheGrownImage) {
     merged_corcbt_t import;
     ASSERT_EQ(setup_import_corcbt(flat_, corcbt_, &import), nullptr);
