@@ -15,4 +15,6 @@ snapshots  snapshots on the datastore, and faults of the agent
 snapshot_case
            the test case whose daemon takes them
 cbt_case   the test case whose VMs' changes are tracked
+cbt_load   the same on a datastore that may be slow
+slow_file  a file that answers slowly
 """
