@@ -37,10 +37,10 @@ errdesc_t* get_cookie_by_any_name(std::string* path, std::string* shadow_path, c
     return vm_proxy_get_cookie(*path, *shadow_path, cookie);
 }
 
-errdesc_t* open_by_type(vm_proxy_cookie_t& cookie, unique_fd* fd) REQUIRES(cookie.mutex) {
+errdesc_t* open_by_type(vm_proxy_cookie_t& cookie, bool by_losetup_name, unique_fd* fd) REQUIRES(cookie.mutex) {
     switch (cookie.header.type) {
         case VM_PROXY_HEADER_VMDK_FLAT:
-            return vm_proxy_open_vmdk_flat(cookie, fd);
+            return vm_proxy_open_vmdk_flat(cookie, by_losetup_name, fd);
         case VM_PROXY_HEADER_VMDK_ASCII:
         case VM_PROXY_HEADER_VMX:
             return vm_proxy_open_real_file(cookie, fd);
@@ -129,7 +129,7 @@ errdesc_t* give_up(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
 }
 
 // Opens on one cookie. *retry: it has left the table, and the path has another one or needs one.
-errdesc_t* open_cookie(const cookie_ptr& shared, std::unique_ptr<fuse_fh_t>* fh, bool* retry) {
+errdesc_t* open_cookie(const cookie_ptr& shared, bool by_losetup_name, std::unique_ptr<fuse_fh_t>* fh, bool* retry) {
     vm_proxy_cookie_t& cookie = *shared;
     const mutex_lock_t lock(cookie.mutex);
     *retry = cookie.detached;
@@ -141,7 +141,7 @@ errdesc_t* open_cookie(const cookie_ptr& shared, std::unique_ptr<fuse_fh_t>* fh,
     cookie.ref++;
     cookie.stamp = clock_now();
     unique_fd fd;
-    errdesc_t* e = open_by_type(cookie, &fd);
+    errdesc_t* e = open_by_type(cookie, by_losetup_name, &fd);
     cookie.publish_info();
     if (e != nullptr) {
         vm_proxy_remove_cookie(cookie);
@@ -153,11 +153,12 @@ errdesc_t* open_cookie(const cookie_ptr& shared, std::unique_ptr<fuse_fh_t>* fh,
 }
 
 errdesc_t* open_locked(std::string* path, std::string* shadow_path, std::unique_ptr<fuse_fh_t>* fh) {
+    const std::string name = *path;
     cookie_ptr cookie;
     bool retry = true;
     while (retry) {
         RETURN_IF_ERROR(get_cookie_by_any_name(path, shadow_path, &cookie));
-        RETURN_IF_ERROR(open_cookie(cookie, fh, &retry));
+        RETURN_IF_ERROR(open_cookie(cookie, *path != name, fh, &retry));
     }
     return nullptr;
 }

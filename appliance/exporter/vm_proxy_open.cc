@@ -75,7 +75,7 @@ errdesc_t* take_snapshot(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
 }
 
 // Everything that happens once for a cookie, before its device can be opened.
-errdesc_t* first_open(vm_proxy_cookie_t& cookie, std::string* change_id) REQUIRES(cookie.mutex) {
+errdesc_t* first_open(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
     RETURN_IF_ERROR(take_snapshot(cookie));
     ts_printf("vm_proxy_open_vmdk_flat: opening %s on %s (%s)\n", cookie.header.path, cookie.virtual_machine.c_str(),
               cookie.header.hv_name);
@@ -83,7 +83,7 @@ errdesc_t* first_open(vm_proxy_cookie_t& cookie, std::string* change_id) REQUIRE
     RETURN_IF_ERROR(find_volumes(*cookie.vdskdesc));
     cookie.devicemapper_path = cookie.vdskdesc->devicemapper_path;
     cor_assert(!cookie.devicemapper_path.empty());
-    return get_cbt_changeid(cookie, change_id);
+    return nullptr;
 }
 
 errdesc_t* open_for_reading(const std::string& path, const std::string& reported_path, unique_fd* fd) {
@@ -135,26 +135,30 @@ std::vector<std::uint8_t> cfg_trailer(std::time_t now) {
     return trailer;
 }
 
-errdesc_t* open_flat(vm_proxy_cookie_t& cookie, unique_fd* fd) REQUIRES(cookie.mutex) {
+errdesc_t* open_flat(vm_proxy_cookie_t& cookie, bool is_second_stream, unique_fd* fd) REQUIRES(cookie.mutex) {
     const bool is_first = cookie.devicemapper_path.empty();
-    std::string change_id;
     if (is_first)
-        RETURN_IF_ERROR(first_open(cookie, &change_id));
+        RETURN_IF_ERROR(first_open(cookie));
+    const bool is_first_copy = !is_second_stream && (is_first || !cookie.is_copied);
+    std::string change_id;
+    if (is_first_copy)
+        RETURN_IF_ERROR(get_cbt_changeid(cookie, &change_id));
     cor_assert(cookie.ref >= 0);
     RETURN_IF_ERROR(open_for_reading(cookie.devicemapper_path, cookie.header.path, fd));
-    if (is_first) {
+    if (is_first || is_first_copy)
         place_header(cookie, change_id, fd->get());
+    if (is_first)
         stats_thr_update_flat_size(cookie.path, cookie.header.statb.size);
-    }
+    cookie.is_copied = is_first_copy || (!is_first && cookie.is_copied);
     return nullptr;
 }
 
 }  // namespace
 
-errdesc_t* vm_proxy_open_vmdk_flat(vm_proxy_cookie_t& cookie, unique_fd* fd) {
+errdesc_t* vm_proxy_open_vmdk_flat(vm_proxy_cookie_t& cookie, bool is_second_stream, unique_fd* fd) {
     cor_assert(!cookie.path.empty());
     cor_assert(!cookie.shadow_path.empty());
-    errdesc_t* e = open_flat(cookie, fd);
+    errdesc_t* e = open_flat(cookie, is_second_stream, fd);
     if (e == nullptr)
         return nullptr;
     const errdesc_keeper_t keep;

@@ -11,10 +11,12 @@ namespace mirador {
 
 // A disk: on the first open of the cookie a snapshot of the VM, the mapping of the disk's chain, its partitions, and
 // the virtual disk header as overlay over a free sector; later opens reuse all of it. On failure everything is torn
-// down. A tracked disk's change id stands in the header. Errors: the snapshot's, the chain's (24 with the retry limit
-// in its text when too many extent files stay open after giving up other disks of the hypervisor), get_cbt_changeid's,
-// the device's.
-[[nodiscard]] errdesc_t* vm_proxy_open_vmdk_flat(vm_proxy_cookie_t& cookie, unique_fd* fd) REQUIRES(cookie.mutex);
+// down. A tracked disk's change id stands in the header. With `is_second_stream` the disk is opened for a changed-block
+// file, which is no full copy: what changes from now on must not be counted from there. Errors: the snapshot's, the
+// chain's (24 with the retry limit in its text when too many extent files stay open after giving up other disks of the
+// hypervisor), get_cbt_changeid's, the device's.
+[[nodiscard]] errdesc_t* vm_proxy_open_vmdk_flat(vm_proxy_cookie_t& cookie, bool is_second_stream, unique_fd* fd)
+    REQUIRES(cookie.mutex);
 
 // A descriptor or VMX file: the real file on its datastore. Error: what the datastore side publishes, else errno with
 // the path.

@@ -72,6 +72,7 @@ struct vm_proxy_cookie_t {
     std::string virtual_machine GUARDED_BY(mutex);     // the VM's name
     std::string devicemapper_path GUARDED_BY(mutex);   // block device that the data comes from; empty: not opened yet
     fuse_fh_buffer_t buffered_data GUARDED_BY(mutex);  // the overlay
+    bool is_copied GUARDED_BY(mutex) = false;          // a disk has been opened for a full copy
     std::shared_ptr<snapshot_use_t> snapshot GUARDED_BY(mutex);  // what the chain is frozen by; given back likewise
     std::shared_ptr<vdskdesc_t> vdskdesc GUARDED_BY(mutex);      // the opened chain; torn down with its last owner
     std::shared_ptr<cbt_device_t> cbt GUARDED_BY(mutex);   // a changed-block file's device; gone with its last owner
