@@ -60,8 +60,10 @@ errdesc_t* vm_proxy_remove_tree(const std::string& shadow_dir) {
     RETURN_IF_ERROR(read_dir(shadow_dir, &entries));
     for (const fs::directory_entry& entry : entries) {
         std::error_code failure;
-        const bool is_dir = fs::is_directory(entry.symlink_status(failure));
-        RETURN_IF_ERROR(is_dir ? vm_proxy_remove_tree(entry.path()) : vm_proxy_remove(entry.path()));
+        const fs::file_status status = entry.symlink_status(failure);
+        if (!fs::exists(status))  // gone; what an update makes there anew is another's
+            continue;
+        RETURN_IF_ERROR(fs::is_directory(status) ? vm_proxy_remove_tree(entry.path()) : vm_proxy_remove(entry.path()));
     }
     if (rmdir(shadow_dir.c_str()) != 0 && errno != ENOENT)
         ts_printf("%s stays: %s\n", shadow_dir.c_str(), errnum_text(errno).c_str());
