@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cinttypes>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -45,7 +44,7 @@ bool debugs() {
     return get_reg_settings()->cbt_debug_enabled;
 }
 
-// Whether the name is one of the data extents that a companion may stand beside.
+// What a changed-block file may stand beside, in the order in which it is looked for.
 constexpr const char* flat_endings[] = {"-flat.vmdk", "-rdm.vmdk"};
 
 // One export while it is set up. Nothing of it is the cookie's.

@@ -12,10 +12,10 @@
 // working when its cookie has left the table; releasing it then changes no count.
 //
 // Locks, in this order: `corcbt_mutex` (one open of a changed-block file at a time, of those alone), the table lock
-// (`mutex`: one open, release or idle eviction at a time), a cookie's `mutex`
-// (its state while it is opened or torn down), `list_mutex` (the list itself, held for moments only). Choosing a victim
-// holds `list_mutex` and only tries cookies' locks, so a cookie that is being opened is never chosen. Attribute queries
-// never wait for the table lock.
+// (`mutex`: one open, release or idle eviction at a time; free while a changed-block file is set up), a cookie's
+// `mutex` (its state while it is opened or torn down, free likewise), `list_mutex` (the list itself, held for moments
+// only). Choosing a victim holds `list_mutex` and only tries cookies' locks, so a cookie that is being opened is never
+// chosen. Attribute queries never wait for the table lock.
 #pragma once
 
 #include <atomic>
@@ -121,9 +121,9 @@ struct vm_proxy_open_list_t {
 
     std::uint32_t magic = 0;
     std::uint32_t version = 0;
-    mutex_t corcbt_mutex;
-    mutex_t mutex;       // the table lock
-    mutex_t list_mutex;  // makes look-up, admission and removal one step
+    mutex_t corcbt_mutex;  // held for an open of a changed-block file
+    mutex_t mutex;         // the table lock
+    mutex_t list_mutex;    // makes look-up, admission and removal one step
     std::vector<cookie_ptr> list GUARDED_BY(list_mutex);
 };
 
