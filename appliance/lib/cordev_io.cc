@@ -14,6 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include "appliance/lib/cordev_ahead.h"
+#include "appliance/lib/inuse_bits.h"
 #include "appliance/lib/registry.h"
 #include "lib/alignment_desc.h"
 #include "lib/clock.h"
@@ -26,8 +28,8 @@ namespace mirador {
 namespace {
 
 constexpr std::size_t sector_size = 512;
-constexpr sector_count_t bits = 8;  // sectors in a byte of a bitmap
-constexpr int run_level = 4;        // debug level of a line for each run
+constexpr sector_count_t bits = inuse_bits_per_byte;
+constexpr int run_level = 4;  // debug level of a line for each run
 
 // Tells the storage layer that a device is read together with its bitmap; nothing to other file systems.
 constexpr int paired_read_flag = 0x10000000;
@@ -100,19 +102,6 @@ void add(std::atomic<std::uint64_t>* counter, sector_count_t amount) {
 
 std::intmax_t value(const std::atomic<std::uint64_t>& counter) {
     return static_cast<std::intmax_t>(counter.load(std::memory_order_relaxed));
-}
-
-bool is_in_use(const unsigned char* bitmap, sector_count_t bit) {
-    return ((bitmap[bit / bits] >> (bit % bits)) & 1) != 0;
-}
-
-// Where the bits that equal the one at `bit` end, at `end` at the latest.
-sector_count_t end_of_run(const unsigned char* bitmap, sector_count_t bit, sector_count_t end) {
-    const bool state = is_in_use(bitmap, bit);
-    const unsigned char all_equal = state ? 0xff : 0;
-    while (bit < end && is_in_use(bitmap, bit) == state)
-        bit += bit % bits == 0 && bitmap[bit / bits] == all_equal ? bits : 1;
-    return std::min(bit, end);
 }
 
 errdesc_t* read_device(const cor_dev_desc_t& pdev, char* buf, sector_count_t start, sector_count_t count) {
@@ -216,6 +205,7 @@ cor_dev_ptr cor_dev_open(const std::string& device_path, const std::string& exte
     unique_fd bmap_fd = open_to_read(bitmap, lvm ? 0 : paired_read_flag);
     if (!bmap_fd || !covers(bmap_fd.get(), bitmap, length))
         return nullptr;
+    cor_dev_no_kernel_ahead(fd.get());
     auto pdev = std::make_shared<cor_dev_desc_t>();
     pdev->name = name;
     pdev->fd = std::move(fd);
@@ -265,9 +255,9 @@ errdesc_t* cor_dev_read(cor_dev_desc_t& pdev, char* buf, const unsigned char* bi
     cor_read_stats_t mine;
     const sector_count_t first_bit = start_sector - bmap_base_sector;
     for (sector_count_t bit = first_bit; bit < first_bit + *count;) {
-        const sector_count_t end = end_of_run(bitmap, bit, first_bit + *count);
+        const sector_count_t end = inuse_end_of_run(bitmap, bit, first_bit + *count);
         RETURN_IF_ERROR(flush_run(pdev, buf + static_cast<std::size_t>(bit - first_bit) * sector_size,
-                                  is_in_use(bitmap, bit), bmap_base_sector + bit, end - bit, &mine));
+                                  inuse_bit(bitmap, bit), bmap_base_sector + bit, end - bit, &mine));
         bit = end;
     }
     cor_assert(mine.sectors_read + mine.sectors_skipped == *count);
@@ -290,6 +280,7 @@ errdesc_t* optimize_byte_read(cor_dev_desc_t& pdev, char* buf, std::size_t size,
     const std::size_t room = cor_dev_room(pdev, size, offset);
     if (room == 0)
         return nullptr;
+    cor_dev_read_ahead(pdev, room, offset);
     alignment_desc_t blocks;
     alignment_desc_get(offset, room, sector_size, &blocks);
     cor_read_stats_t stats;

@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "appliance/lib/cordev_ahead.h"
 #include "appliance/lib/registry.h"
 #include "lib/clock.h"
 #include "lib/tool_paths.h"
@@ -27,6 +28,9 @@ namespace {
 // What the storage layer answers to "dev_ref_count", which no ordinary file system knows; -1: nothing.
 int ref_count = 0;
 int looks_until_dropped = 0;  // after so many looks the count is 0
+
+// The ranges (offset, size) that the kernel was told to fetch, while somebody wants to know.
+std::vector<std::pair<off_t, off_t>>* fetched = nullptr;
 
 }  // namespace
 
@@ -40,6 +44,12 @@ extern "C" ssize_t getxattr(const char* path, const char* name, void* value, std
     const std::string text = std::to_string(looks_until_dropped-- > 0 ? ref_count : 0);
     std::memcpy(value, text.data(), text.size());
     return static_cast<ssize_t>(text.size());
+}
+
+extern "C" int posix_fadvise(int, off_t offset, off_t size, int advice) noexcept {
+    if (fetched != nullptr && advice == POSIX_FADV_WILLNEED)
+        fetched->emplace_back(offset, size);
+    return 0;
 }
 
 namespace mirador {
@@ -161,6 +171,28 @@ TEST_F(cordev_io, OneReadOfTheDeviceForEachRunAndTheClosingLineTellsIt) {
     EXPECT_THAT(testing::internal::GetCapturedStdout(),
                 HasSubstr("PDEV_STATS for /mapping: 5 invocations, 71 inuse_tests, 20 runs, sectors_read 35, "
                           "sectors_skipped 36, io_bytes 36352\n"));
+}
+
+// Going through the disk has every sector in use fetched once, but those before the second window, and no free one.
+TEST_F(cordev_io, WhatIsInUseIsFetchedAheadAndNothingElse) {
+    constexpr std::size_t window = cor_dev_window / sector;
+    constexpr std::size_t sectors = 4 * window + 300;
+    bool used = false;
+    make(sectors, [&](std::size_t) { return used = random_() % 200 == 0 ? !used : used; });
+    const cor_dev_ptr pdev = open();
+    for (const std::size_t request : {64U * 1024U, 128U * 1024U, 1U << 20, 4096U}) {
+        std::vector<std::pair<off_t, off_t>> ranges;
+        fetched = &ranges;
+        for (std::size_t at = 0; at < sectors * sector; at += request)
+            ASSERT_NO_FATAL_FAILURE(expect_read(*pdev, at, request));
+        fetched = nullptr;
+        std::vector<int> times(sectors);
+        for (const auto& [offset, size] : ranges)
+            for (off_t at = offset; at < offset + size; at += static_cast<off_t>(sector))
+                times.at(static_cast<std::size_t>(at) / sector)++;
+        for (std::size_t i = 0; i < sectors; i++)
+            ASSERT_EQ(times[i], request > 4096 && i >= window && model_.in_use(i) ? 1 : 0) << request << " " << i;
+    }
 }
 
 TEST_F(cordev_io, FreeSectorsCostNoReadOfTheDeviceAndFailuresComeFromTheOthers) {
