@@ -292,6 +292,8 @@ void undo(setup_t* setup, unique_fd* fd) {
 }
 
 errdesc_t* first_open(vm_proxy_cookie_t& cookie, unique_fd* fd) REQUIRES(cookie.mutex) {
+    if (cbt_hurries())  // set-ups that wait for one another would each ask a controller that may be silent
+        return errdesc_set_str(ERR_CANCELLED, cookie.path);
     setup_t setup{};
     setup.path = cookie.path;
     setup.shadow_path = cookie.shadow_path;

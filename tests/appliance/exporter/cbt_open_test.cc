@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "appliance/exporter/cbt_device.h"
+#include "appliance/exporter/cbt_script.h"
 #include "appliance/exporter/shadow_fixture.h"
 #include "appliance/exporter/vm_proxy_api.h"
 #include "appliance/lib/corcbt.h"
@@ -275,8 +276,12 @@ TEST_F(cbt_open_test, TooLargeChangesRaiseThePromise) {
     EXPECT_THAT(posted("vdisk"), ElementsAre(HasSubstr(R"("corcbt_size_percentage":)")));
 }
 
-TEST_F(cbt_open_test, NotWithASingleThread) {
+TEST_F(cbt_open_test, NotAtTheDaemonsEndNorWithASingleThread) {
     be({});
+    cbt_script_hurry();
+    EXPECT_EQ(open(path_), nullptr);
+    EXPECT_EQ(error_hash_get(path_)->number, ERR_CANCELLED);
+    _cbt_script_unhurry();
     allow_corcbt_opens(false);
     EXPECT_EQ(open(path_), nullptr);
     EXPECT_EQ(error_hash_get(path_)->number, ERR_NOT_SUPPORTED);
