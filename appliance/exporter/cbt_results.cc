@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <charconv>
-#include <optional>
 #include <string_view>
 
 #include "lib/file_io.h"
@@ -68,12 +67,14 @@ class results_t {
     }
 
     // A range without its end would be lost: the file was cut, or a line of it is missing.
-    bool is_whole() const { return !length_; }
+    bool is_whole() const { return length_ == none; }
 
   private:
+    static constexpr std::int64_t none = -1;
+
     bool _take_length(std::string_view text) {
         std::int64_t length = 0;
-        if (length_ || !read_number(text, &length))
+        if (length_ != none || !read_number(text, &length))
             return false;
         length_ = length;
         return true;
@@ -81,18 +82,18 @@ class results_t {
 
     bool _take_start(std::string_view text) {
         std::int64_t start = 0;
-        if (!length_ || !read_number(text, &start))
+        if (length_ == none || !read_number(text, &start))
             return false;
         if (!changeid_only_)
-            list_->push_back({.magic = 0, .start = start, .length = *length_});
-        length_.reset();
+            list_->push_back({.magic = 0, .start = start, .length = length_});
+        length_ = none;
         return true;
     }
 
     bool changeid_only_;
     cbt_extent_list_t* list_;
     std::string* changeid_;
-    std::optional<std::int64_t> length_;  // of a range that has no start yet
+    std::int64_t length_ = none;  // of a range that has no start yet
 };
 
 // It neither waits for a pipe nor follows a link.
