@@ -26,6 +26,7 @@ from mirador_appliance.controller import Controller  # noqa: E402
 from mirador_appliance.records import datastore_document  # noqa: E402
 
 _AGENT = _HERE / "instant_agent.py"
+_BLOCK_LIST = _HERE / "instant_blocklist.py"
 _SOCKET = "/run/instant-agent"  # the agent's program knows it
 _PATIENCE = 5.0  # seconds in which the daemon must take over what it is told
 
@@ -122,6 +123,7 @@ class _AgentsEnd(socketserver.StreamRequestHandler):
 def _install(places, *arguments):
     _installed(places, *arguments)
     shutil.copy(_AGENT, places.agent_script)
+    shutil.copy(_BLOCK_LIST, places.block_list_script)
 
 
 if __name__ == "__main__":

@@ -11,6 +11,7 @@ import json
 import pathlib
 import sys
 
+import report_changed_blocks
 import report_inventory
 import report_smart_reads
 import report_snapshots
@@ -182,7 +183,9 @@ def main():
 
 
 PARTS = {"figures.json": report, "smart_reads.json": report_smart_reads.report,
-         "inventory.json": report_inventory.report, "snapshots.json": report_snapshots.report}
-TITLES = (TITLE, report_smart_reads.TITLE, report_inventory.TITLE, report_snapshots.TITLE)
+         "inventory.json": report_inventory.report, "snapshots.json": report_snapshots.report,
+         "changed_blocks.json": report_changed_blocks.report}
+TITLES = (TITLE, report_smart_reads.TITLE, report_inventory.TITLE, report_snapshots.TITLE,
+          report_changed_blocks.TITLE)
 if __name__ == "__main__":
     main()

@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
 """Measures one part once and writes the figures as JSON. Runs in a sandbox; script/bench starts it.
 
-    run.py {bytes,smart-reads,inventory,snapshots} OUTPUT-DIRECTORY [--quick]
+    run.py {bytes,smart-reads,inventory,snapshots,changed-blocks} OUTPUT-DIRECTORY [--quick]
 
 Leaves figures.json, and profile.txt with what the machine did during sequential reads; or smart_reads.json; or
-inventory.json; or snapshots.json. MIRADOR_BIN names the directory of the programs.
+inventory.json; or snapshots.json; or changed_blocks.json. MIRADOR_BIN names the directory of the programs.
 """
 
 import argparse
@@ -22,6 +22,7 @@ import time
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests" / "e2e"))
 
 from harness import place  # noqa: E402
+import changed_blocks  # noqa: E402
 import inventory  # noqa: E402
 import measure  # noqa: E402
 import smart_reads  # noqa: E402
@@ -69,7 +70,7 @@ def origin(output):
 
 
 def measure_bytes(output, quick):
-    """Everything but optimised reads, inventories and snapshots."""
+    """Everything but what the other parts measure."""
     rounds = 1 if quick else 5
     short_rounds = 1 if quick else 3
     figures = {**origin(output), "rounds": rounds, "short_rounds": short_rounds}
@@ -119,6 +120,14 @@ def measure_snapshots(output, quick):
     (output / "snapshots.json").write_text(json.dumps(figures, indent=1))
 
 
+def measure_changed_blocks(output, quick):
+    """Files of changed blocks."""
+    tell("changed blocks")
+    figures = {**origin(output), **changed_blocks.measure_all(quick)}
+    figures["busy"] = statistics.median(measure.busy_between_rounds)
+    (output / "changed_blocks.json").write_text(json.dumps(figures, indent=1))
+
+
 def main():
     parser = argparse.ArgumentParser(usage=__doc__)
     parser.add_argument("part", choices=PARTS)
@@ -133,7 +142,7 @@ def main():
 
 
 PARTS = {"bytes": measure_bytes, "smart-reads": measure_smart_reads, "inventory": measure_inventories,
-         "snapshots": measure_snapshots}
+         "snapshots": measure_snapshots, "changed-blocks": measure_changed_blocks}
 _BEGIN = time.monotonic()
 if __name__ == "__main__":
     main()

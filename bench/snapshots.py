@@ -27,7 +27,7 @@ _PAUSE, _LONG_PAUSE = 0.001, 0.01  # seconds between two looks at the daemon's t
 _SETTLE = 3  # seconds until what an open has set off in the daemon is over
 
 
-class _InstantAppliance(Controller):
+class InstantAppliance(Controller):
     """The appliance whose snapshots stand at once."""
     PROGRAM = [sys.executable, "-B", pathlib.Path(__file__).with_name("instant_appliance.py")]
 
@@ -107,7 +107,7 @@ def measure(quick):
     opens, parallel = (QUICK_OPENS, QUICK_PARALLEL) if quick else (OPENS, PARALLEL)
     count = 1 + opens + parallel
     mount_tmpfs(WORK)
-    appliance = _InstantAppliance(count, WORK)
+    appliance = InstantAppliance(count, WORK)
     appliance.command("set", "export.max_session", str(2 * count))
     appliance.start()
     daemon = FollowingDaemon()
