@@ -8,6 +8,7 @@ import random
 import signal
 import subprocess
 import sys
+import threading
 import unittest
 from unittest import mock
 
@@ -241,6 +242,25 @@ class Switches(TrackedCase):
         snapshots.track(self.vmx, False)
         self.assertEqual(path.read_text(), on.replace('# Change Tracking File\nchangeTrackPath="vm-scsi0-0.ctk"\n', ""))
         snapshots.remove(self.vmx, "one")
+
+    def test_a_merge_goes_first(self):
+        """Both write the base's descriptor."""
+        self.create("one")
+        self.run_guest(1)
+        self.create("two")
+        switch = threading.Thread(target=snapshots.track, args=(self.vmx, False))
+
+        def meanwhile(step):
+            if step == "parent's id written" and switch.ident is None:
+                switch.start()
+                switch.join(0.2)
+
+        held = self.contents()
+        self.assertEqual(snapshots.remove(self.vmx, "one", steps=meanwhile), 1)
+        switch.join()
+        self.assertNotIn("changeTrackPath", (self.home / "a.vmdk").read_text())
+        self.create("three")
+        self.assertEqual(self.contents(), held)
 
     def test_the_configuration_is_kept(self):
         vmx = pathlib.Path(self.vmx)

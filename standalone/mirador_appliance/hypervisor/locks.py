@@ -15,8 +15,8 @@ import time
 from collections.abc import Iterator
 
 _TURN = 0.0005  # seconds between two tries
-_PATIENCE = 60.0  # seconds that a VM may take to stand still
-_LOOK = 0.5  # seconds for which whoever only lists the VM's snapshots may hold it
+PATIENCE = 60.0  # seconds that a VM may take to stand still
+LOOK = 0.5  # seconds for which whoever only lists the VM's snapshots may hold it
 
 
 def _file(vmx: str, kind: str) -> str:
@@ -63,11 +63,11 @@ def _alone(path: str, fd: int) -> Iterator[None]:
 
 
 @contextlib.contextmanager
-def task(vmx: str, is_look: bool = False) -> Iterator[None]:
-    """BlockingIOError while another task works on the VM. is_look: this is none that others have to reckon with, and it
-    is over at once."""
+def task(vmx: str, patience: float = LOOK) -> Iterator[None]:
+    """BlockingIOError while another task works on the VM, after so many seconds. Without patience: this is no task that
+    others have to reckon with, and it is over at once."""
     path = task_file(vmx)
-    deadline = time.monotonic() + (0 if is_look else _LOOK)
+    deadline = time.monotonic() + patience
     while (fd := _take(path, fcntl.LOCK_EX)) is None:
         if time.monotonic() >= deadline:
             raise BlockingIOError(errno.EALREADY, "another task is in progress")
@@ -80,7 +80,7 @@ def task(vmx: str, is_look: bool = False) -> Iterator[None]:
 def standing_still(vmx: str) -> Iterator[None]:
     """The VM neither reads nor writes. TimeoutError when it does not come to rest."""
     path = _file(vmx, "run")
-    deadline = time.monotonic() + _PATIENCE
+    deadline = time.monotonic() + PATIENCE
     while (fd := _take(path, fcntl.LOCK_EX)) is None:
         if time.monotonic() > deadline:
             raise TimeoutError(errno.ETIMEDOUT, "the virtual machine does not come to rest")

@@ -80,11 +80,12 @@ def _told() -> Iterator[None]:
 
 
 @contextlib.contextmanager
-def _task(vmx_path: str, names: Names, steps: Steps, is_look: bool = False) -> Iterator[tuple[Machine, Journal | None]]:
+def _task(vmx_path: str, names: Names, steps: Steps,
+          patience: float = locks.LOOK) -> Iterator[tuple[Machine, Journal | None]]:
     """Works on the VM alone, once what a crash left of an earlier task's creation is made good; with the journal of a
     removal that is still to be finished."""
     machine = Machine(vmx_path, names, steps)
-    with _told(), locks.task(machine.vmx, is_look):
+    with _told(), locks.task(machine.vmx, patience):
         durable.tidy(journal.path_of(machine.vmx))
         locks.tidy(machine.vmx)
         left = journal.load(machine.vmx)
@@ -146,7 +147,7 @@ def _make_good(machine: Machine, names: Names, steps: Steps) -> None:
     if not any(map(os.path.exists, traces)):
         return
     try:
-        with _task(machine.vmx, names, steps, is_look=True) as (_, left):
+        with _task(machine.vmx, names, steps, patience=0) as (_, left):
             if left:
                 consolidation.forget(machine, left)
     except Refused as busy:
@@ -208,9 +209,10 @@ def moment(vmx_path: str, *, names: Names = PlainNames()) -> "builtins.list[Mome
 
 
 def track(vmx_path: str, on: bool, *, names: Names = PlainNames(), steps: Steps = no_steps) -> None:
-    """Turns the tracking of changes on or off. No change id that there is now holds any longer."""
-    with _told():
-        tracking.switch(Machine(vmx_path, names, steps), on)
+    """Turns the tracking of changes on or off. No change id that there is now holds any longer. Waits for a task that
+    works on the VM, since a merge changes descriptors as well. Refused: 114 when that takes too long."""
+    with _task(vmx_path, names, steps, locks.PATIENCE) as (machine, _):
+        tracking.switch(machine, on)
 
 
 def forget_changes(vmx_path: str, *, names: Names = PlainNames()) -> None:
