@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cinttypes>
@@ -92,21 +93,32 @@ errdesc_t* wait_for_script(pid_t pid, const std::string& text) {
     return errdesc_set_str(ERR_CANCELLED, text);
 }
 
-errdesc_t* run(const std::vector<std::string>& argv, const std::optional<secret_t>& password) {
-    if (_hurries)
-        return errdesc_set_str(ERR_CANCELLED, joined(argv));
-    const std::vector<std::string> environment = {"password=" + (password ? password->reveal() : std::string())};
-    pid_t pid = -1;
-    RETURN_IF_ERROR(spawn_env(argv, 0, nullptr, nullptr, &pid, 0, &environment));
-    return wait_for_script(pid, joined(argv));
-}
-
 // Two numbers mean something when the script gives them, and only then.
 errdesc_t* not_the_scripts(errdesc_t* e) {
     if (e == nullptr || (e->number != cbt_no_changeid && e->number != cbt_needs_reset))
         return e;
     const std::string text = e->string;
     return errdesc_set_fmt(ERR_IO, "%s", text.c_str());
+}
+
+// What the kernel does not take for a program (a script that a crash has emptied, say) ends with the kernel's ENOEXEC,
+// which is 8 as well.
+bool is_program(const std::string& path) {
+    const unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    std::array<char, 2> magic{};
+    if (!fd || read(fd.get(), magic.data(), magic.size()) != static_cast<ssize_t>(magic.size()))
+        return false;
+    return magic == std::array{'#', '!'} || magic == std::array{'\x7f', 'E'};
+}
+
+errdesc_t* run(const std::vector<std::string>& argv, const std::optional<secret_t>& password) {
+    if (_hurries)
+        return errdesc_set_str(ERR_CANCELLED, joined(argv));
+    const std::vector<std::string> environment = {"password=" + (password ? password->reveal() : std::string())};
+    pid_t pid = -1;
+    RETURN_IF_ERROR(spawn_env(argv, 0, nullptr, nullptr, &pid, 0, &environment));
+    errdesc_t* e = wait_for_script(pid, joined(argv));
+    return is_program(argv[0]) ? e : not_the_scripts(e);
 }
 
 // The file is there before the script is, so that nobody else can put one in its place.

@@ -31,9 +31,10 @@ struct cbt_request_t {
 
 // Runs the script. *results_path, "<directory for temporary files>/<dm_name>.query_results", is set in any case: the
 // caller removes that file, unless `cbt_debug_enabled` is set. The hypervisor's password is in the script's environment
-// and nowhere else. Errors: those of the controller, which is asked for the hypervisor, but ERR_IO (1014) for its 5 and
-// 8; errno when the file cannot be made; the script's exit code, cbt_no_changeid and cbt_needs_reset among them; EINVAL
-// when a signal ended it; ETIME for one that took too long and ERR_CANCELLED at the daemon's end, killed in both cases.
+// and nowhere else. Errors: those of the controller, which is asked for the hypervisor; errno when the file cannot be
+// made; the script's exit code, cbt_no_changeid and cbt_needs_reset among them, or errno for one that is no program;
+// EINVAL when a signal ended it; ETIME for one that took too long and ERR_CANCELLED at the daemon's end, killed in both
+// cases. A 5 or 8 that is not the script's is ERR_IO (1014).
 [[nodiscard]] errdesc_t* cbt_get_block_list(const cbt_request_t& request, std::string* results_path);
 
 // Removes a work file, unless `cbt_debug_enabled` is set. A missing one is none.

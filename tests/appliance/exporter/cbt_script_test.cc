@@ -122,6 +122,9 @@ TEST_F(cbt_script_test, OnlyTheScriptSaysThatThereIsNoChangeIdOrThatTrackingMust
     say("kill -9 $$");
     EXPECT_EQ(run(), EINVAL);
     cbt_remove_work_file(results_path_);
+    write_file(tool_paths().cbt_getblocklist, "");
+    EXPECT_EQ(run(), ERR_IO) << "nothing that can be run";
+    cbt_remove_work_file(results_path_);
     controller_.answer("hvconfig", "", 400);  // the HTTP client's 5
     EXPECT_EQ(run(), ERR_IO);
     controller_.answer("hvconfig", "[]");
