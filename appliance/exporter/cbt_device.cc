@@ -10,6 +10,7 @@
 #include "appliance/lib/table_file.h"
 #include "appliance/mounter/vdsk_mapping.h"
 #include "lib/cor_assert.h"
+#include "lib/cor_string.h"
 #include "lib/fault_point.h"
 #include "lib/log.h"
 #include "lib/tool_paths.h"
@@ -25,6 +26,13 @@ void release(std::string* loopdev) {
     loopdev->clear();
 }
 
+// A line of the table, as debugging tells it.
+std::string line_of(std::int64_t position, std::int64_t length, const std::string& loopdev, std::int64_t offset) {
+    return cor_format("%jd %jd linear %s %jd\n", static_cast<std::intmax_t>(position / cbt_sector_size),
+                      static_cast<std::intmax_t>(length / cbt_sector_size), loopdev.c_str(),
+                      static_cast<std::intmax_t>(offset / cbt_sector_size));
+}
+
 void write_extents(const cbt_extent_list_t& extents, std::int64_t position, const std::string& main_loop_dev,
                    table_file_t* table) {
     const bool debug = get_reg_settings()->cbt_debug_enabled;
@@ -32,10 +40,17 @@ void write_extents(const cbt_extent_list_t& extents, std::int64_t position, cons
         if (debug) {
             ts_printf("dm cbt_item start: %jd\n", static_cast<std::intmax_t>(extent.start));
             ts_printf("   dm cbt_item length: %jd\n", static_cast<std::intmax_t>(extent.length));
+            ts_printf("dm table_buf: %s", line_of(position, extent.length, main_loop_dev, extent.start).c_str());
         }
         write_dm_table_entry(position, extent.length, main_loop_dev, extent.start, table);
         position += extent.length;
     }
+}
+
+void write_padding(std::int64_t position, std::int64_t length, const std::string& zero_loop_dev, table_file_t* table) {
+    if (get_reg_settings()->cbt_debug_enabled)
+        ts_printf("dm table_buf for pad extent: %s\n", line_of(position, length, zero_loop_dev, 0).c_str());
+    write_dm_table_entry(position, length, zero_loop_dev, 0, table);
 }
 
 // Head, changed ranges, padding.
@@ -47,8 +62,7 @@ errdesc_t* make_dmsetup_cbt_table(const cbt_file_header_t& header, const cbt_ext
     write_dm_table_entry(0, header.block_data_offset, device->cbt_hdr_loop_dev, 0, table);
     write_extents(extents, header.block_data_offset, device->cbt_main_loop_dev, table);
     if (missing_sectors > 0)
-        write_dm_table_entry(header.corcbt_file_size, missing_sectors * cbt_sector_size, device->cbt_zero_loop_dev, 0,
-                             table);
+        write_padding(header.corcbt_file_size, missing_sectors * cbt_sector_size, device->cbt_zero_loop_dev, table);
     device->vdskdesc.stats.lines = 1 + extents.size() + (missing_sectors > 0 ? 1 : 0);
     return table->finish();
 }
