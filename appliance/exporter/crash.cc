@@ -73,7 +73,7 @@ void crash_recover_umount(const std::string& mountpoint, const std::string& tmpf
 void crash_recover_abort_fuse(const std::string& mountpoint) {
     const int connection = fuse_connection_of(mountpoint);
     if (connection >= 0)
-        log_failure(fuse_connection_abort(connection), ERRDESC_ERROR);
+        log_failure(fuse_connection_end(connection, mountpoint), ERRDESC_ERROR);
 }
 
 void crash_recover_mapper() {

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "appliance/exporter/fuse_connection.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
@@ -8,6 +11,8 @@
 #include <string_view>
 
 #include "lib/cor_string.h"
+#include "lib/file_io.h"
+#include "lib/spawn.h"
 #include "lib/tool_paths.h"
 
 namespace mirador {
@@ -23,6 +28,13 @@ std::string mount_info_path(std::string_view path) {
             text.push_back(c);
     }
     return text;
+}
+
+// The switch is a file of a file system that is not mounted everywhere. Error: errno with its path.
+errdesc_t* turn_switch(int connection) {
+    const std::string path = cor_format("%s/%d/abort", tool_paths().fuse_connections.c_str(), connection);
+    const unique_fd fd(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    return fd && write(fd.get(), "1\n", 2) == 2 ? nullptr : errdesc_set_str(errno, path);
 }
 
 }  // namespace
@@ -48,10 +60,14 @@ int fuse_connection_of(const std::string& mountpoint) {
     return connection;
 }
 
-errdesc_t* fuse_connection_abort(int connection) {
-    const std::string path = cor_format("%s/%d/abort", tool_paths().fuse_connections.c_str(), connection);
-    std::ofstream abort(path);
-    return abort << "1\n" << std::flush ? nullptr : errdesc_set_str(errno, path);
+errdesc_t* fuse_connection_end(int connection, const std::string& mountpoint) {
+    if (connection >= 0) {
+        errdesc_t* e = turn_switch(connection);
+        if (e == nullptr)
+            return nullptr;
+        _errdesc_log(e, ERRDESC_WARNING);
+    }
+    return spawn_tool({tool_paths().umount, "-fl", mountpoint});
 }
 
 }  // namespace mirador

@@ -13,8 +13,10 @@ namespace mirador {
 // file system itself is not asked.
 int fuse_connection_of(const std::string& mountpoint);
 
-// Ends a connection: everybody who waits for an answer, and who asks from now on, gets an error at once. The mount
-// stays. Error: errno with the path of the kernel's switch.
-[[nodiscard]] errdesc_t* fuse_connection_abort(int connection);
+// Ends the connection behind the FUSE file system that is mounted on `mountpoint`: everybody who waits for an answer,
+// and who asks from now on, gets an error at once. The mount stays, but where the kernel's switch cannot be used: then
+// it is unmounted by force, which ends the connection too, and which is the only way for one whose number is not known
+// (-1). Errors: those of the tool for that.
+[[nodiscard]] errdesc_t* fuse_connection_end(int connection, const std::string& mountpoint);
 
 }  // namespace mirador

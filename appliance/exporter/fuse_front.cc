@@ -333,10 +333,10 @@ class ending_watch_t {
         const std::time_t deadline = clock_now() + ending_patience;
         while (!done_ && clock_now() < deadline)
             clock_wait(cond_, mutex_, 1);
-        if (done_ || connection < 0)
+        if (done_)
             return;
         ts_printf("Requests are still on their way: ending FUSE connection %d\n", connection);
-        if (errdesc_t* e = fuse_connection_abort(connection))
+        if (errdesc_t* e = fuse_connection_end(connection, fs_options().proxy_mount_point))
             _errdesc_log(e, ERRDESC_ERROR);
         else
             aborted_ = true;

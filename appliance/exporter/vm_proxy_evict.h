@@ -27,8 +27,9 @@ inline constexpr int evict_min_idle = 30;
 [[nodiscard]] errdesc_t* vm_proxy_evict(bool force);
 
 // Releases what a cookie holds: for a flat disk the device reader, the chain's volume groups, partitions and mappings
-// (failures logged at level 3), then its use of the VM's snapshot; nothing for other kinds. `check_vmdk_ref`: wait
-// in between, 60 seconds at most, until the extended attribute "user.vmdk_ref" of the head's first extent file reads 0.
+// (failures logged at level 3), then its use of the VM's snapshot; for a changed-block file its device, then its record
+// is reset; nothing for other kinds. `check_vmdk_ref`: wait for a flat disk, before the snapshot is given back, 60
+// seconds at most, until the extended attribute "user.vmdk_ref" of the head's first extent file reads 0.
 [[nodiscard]] errdesc_t* vm_proxy_do_evict(vm_proxy_cookie_t& cookie, bool check_vmdk_ref) REQUIRES(cookie.mutex);
 
 // Waits until "user.vmdk_ref" of `path` reads 0: up to 60 further looks a second apart. An attribute that cannot be

@@ -35,6 +35,7 @@ class crash : public testing::Test {
         tools.mount_table = write("mtab", "");
         tools.mount_info = write("mountinfo", "");
         tools.fuse_connections = root_ + "/connections";
+        write("connections/77/abort", "");
         tools.tmp_dir = root_ + "/tmp";
         tools.cache_dir = root_ + "/cache";
         tools.loop_prefix = root_ + "/dev/loop";
@@ -61,6 +62,10 @@ class crash : public testing::Test {
         for (std::string line; std::getline(file, line);)
             lines.push_back(line);
         return lines;
+    }
+    std::string written_to_abort_77() const {
+        std::ifstream file(root_ + "/connections/77/abort");
+        return {std::istreambuf_iterator<char>(file), {}};
     }
     std::vector<std::string> work_files() const {
         std::vector<std::string> names;
@@ -102,15 +107,22 @@ TEST_F(crash, ClearsEverythingInItsOrder) {
     EXPECT_EQ(calls(), expected);
     EXPECT_FALSE(fs::exists(shadow));
     EXPECT_FALSE(fs::exists(root_ + "/cache"));
-    std::ifstream aborted(root_ + "/connections/77/abort");
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(aborted), {}), "1\n");
+    EXPECT_EQ(written_to_abort_77(), "1\n");
 }
 
 TEST_F(crash, FindsTheConnectionOfAMountPointWithBlanks) {
     write("mountinfo",
           "20 1 0:78 / /x rw - fuse.other a rw\n21 1 0:77 / /x\\040y\\134z rw - fuse.mirador mirador rw\n");
     crash_recover_abort_fuse("/x y\\z");
-    EXPECT_TRUE(fs::exists(root_ + "/connections/77/abort"));
+    EXPECT_EQ(written_to_abort_77(), "1\n");
+}
+
+TEST_F(crash, UnmountsByForceWhereTheKernelShowsNoConnections) {
+    write("mountinfo", "20 1 0:78 / /x rw - fuse.mirador mirador rw\n");
+    crash_recover_abort_fuse("/x");
+    EXPECT_EQ(calls(), std::vector<std::string>{"umount -fl /x"});
+    crash_recover_abort_fuse("/y");
+    EXPECT_EQ(calls().size(), 1U) << "what is no FUSE mount stays";
 }
 
 TEST_F(crash, TouchesNothingOfACleanMachineAndKeepsAUsersDirectory) {
