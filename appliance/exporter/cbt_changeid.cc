@@ -102,7 +102,8 @@ errdesc_t* ask_changeid(const vm_proxy_header_t& header, const ks_vdisk_t* vdisk
     return e;
 }
 
-// Makes the change id the base of the changed-block files to come, unless there is one by now: then that is it.
+// Makes the change id the base of the changed-block files to come, which must belong to its tracking, unless there is a
+// base by now: then that is it.
 errdesc_t* note_base(const std::string& vm_uuid, const std::string& vdisk_name, std::string* changeid) {
     return change_cbt_vdisk(vm_uuid, vdisk_name, [changeid](ks_vdisk_t* vdisk, bool) {
         if (cbt_has_changeid(vdisk->changeid_base)) {
@@ -112,7 +113,7 @@ errdesc_t* note_base(const std::string& vm_uuid, const std::string& vdisk_name, 
         if (debugs())
             ts_printf("get_cbt_changeid updating vdisk with: %s\n", changeid->c_str());
         vdisk->changeid_base = *changeid;
-        if (!is_expected(vdisk->changeid, *changeid))
+        if (!cbt_has_changeid(vdisk->changeid) || !is_expected(vdisk->changeid, *changeid))
             vdisk->changeid = *changeid;
         return true;
     });

@@ -173,6 +173,14 @@ errdesc_t* handle_script_failure(const setup_t& setup, errdesc_t* e) {
     return e;
 }
 
+// A script that ended well but wrote nothing has not told that nothing has changed.
+errdesc_t* read_changes(const std::string& results_path, setup_t* setup) {
+    RETURN_IF_ERROR(cbt_process_list(results_path, false, &setup->extents, &setup->changeid));
+    if (setup->extents.empty() && setup->changeid.empty())
+        return errdesc_set_fmt(ERR_INVALID_ARG, "Invalid cbt results");
+    return nullptr;
+}
+
 // Asks what has changed. *no_changeid: the disk has no change id.
 errdesc_t* get_changes(setup_t* setup, bool* no_changeid) {
     cbt_request_t request;
@@ -188,7 +196,7 @@ errdesc_t* get_changes(setup_t* setup, bool* no_changeid) {
         *no_changeid = e->number == cbt_no_changeid;
         e = handle_script_failure(*setup, e);
     } else {
-        e = cbt_process_list(results_path, false, &setup->extents, &setup->changeid);
+        e = read_changes(results_path, setup);
         if (e != nullptr)
             ts_printf("open_corcbt error return from cbt_process_list\n");
     }

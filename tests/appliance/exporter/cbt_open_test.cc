@@ -237,6 +237,12 @@ TEST_F(cbt_open_test, FailureOfAnyStepLeavesNothing) {
          5, "script", "vdisk"},
         {"results that are none", [](world_t* w) { w->results = "start: 0\n"; }, ERR_INVALID_ARG, "Invalid cbt results",
          ""},
+        {"no results",
+         [](world_t* w) {
+             w->results = "# nothing\n";
+             w->record = R"([{"vhost_uuid": "564d", "name": "a-corcbt.vmdk", "changeid_base": "a/1"}])";
+         },
+         ERR_INVALID_ARG, "Invalid cbt results", ""},
         {"another tracking", [](world_t* w) { w->results = "changeid: b/9\n"; }, ERR_UNMATCHED,
          "Unexpected new changeid", "vmconfig"},
         {"change beyond the disk", [](world_t* w) { w->results = "changeid: a/2\nlength: 512\nstart: 4194304\n"; },

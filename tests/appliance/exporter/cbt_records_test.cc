@@ -206,6 +206,9 @@ TEST_F(cbt_base_test, FullCopyHasTheRecordsBaseOrMakesOne) {
     hold(R"("changeid": "old/2")");  // tracking has started anew meanwhile: the copy begins it
     EXPECT_EQ(open(), "0 a/3");
     EXPECT_THAT(records(), ElementsAre("a/3 - - a/3 5 0 0"));
+    hold(R"("changeid": "uninitialized", "changeid_base": "uninitialized")");  // the first one after a reset
+    EXPECT_EQ(open(), "0 a/3");
+    EXPECT_THAT(records(), ElementsAre("a/3 - - a/3 5 0 0")) << "changes of another tracking are none since then";
     answer(object_, "[]");
     EXPECT_EQ(open(), "0 a/3");
     EXPECT_THAT(records(), IsEmpty());
