@@ -14,6 +14,8 @@
 #include <random>
 #include <set>
 
+#include "appliance/lib/cor_vdsk_header.h"
+#include "appliance/lib/mbr.h"
 #include "lib/file_io.h"
 #include "tests/appliance/lib/record_bytes.h"
 #include "tests/lib/in_child.h"
@@ -177,6 +179,30 @@ TEST_F(restore_image, FailuresLeaveWhatWasThere) {
     }
     EXPECT_EQ(restore({flat_, corcbt_, "-o", there, "--force"}).status, 0);
     EXPECT_EQ(read_file(there), images.now);
+}
+
+// A disk that has grown since its copy was made looks like a copy that was cut, but for the header in it.
+TEST_F(restore_image, ACutCopyIsNotTakenForASmallerDisk) {
+    constexpr std::size_t size = 1 << 20;
+    constexpr std::size_t sector = 512;
+    const std::unique_ptr<cor_vdsk_header_t> vdsk = new_cor_vdsk_header();
+    vdsk->size = size / sector;
+    mbr_t mbr{};
+    mbr.mbr_signature = mbr_t::signature_value;
+    std::string copy(size, 'x');
+    copy.replace(0, sizeof mbr, reinterpret_cast<const char*>(&mbr), sizeof mbr);
+    copy.replace(2 * sector, sizeof *vdsk, reinterpret_cast<const char*>(vdsk.get()), sizeof *vdsk);
+    cbt_file_header_t header;
+    std::string bytes;
+    ASSERT_EQ(build_corcbt_header({{0, size, 512}}, "id", "disk", 2 * size, &header, &bytes), nullptr);
+    write_file(corcbt_, bytes + std::string(512, 'n'));
+    write_file(flat_, copy.substr(0, size - 512));
+    const result_t result = restore({flat_, corcbt_, "-o", image_});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("old has 1048064 bytes, its header tells of 1048576"));
+    write_file(flat_, copy);
+    EXPECT_EQ(restore({flat_, corcbt_, "-o", image_}).status, 0);
+    EXPECT_EQ(read_file(image_), copy + std::string(512, 'n') + std::string(size - 512, '\0'));
 }
 
 // As with a disk that is too small.

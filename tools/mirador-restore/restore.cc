@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <string_view>
 
+#include "appliance/lib/cor_vdsk_header.h"
 #include "appliance/lib/corcbt.h"
 #include "lib/file_io.h"
 #include "tools/mirador-restore/image_copy.h"
@@ -64,12 +65,25 @@ errdesc_t* read_changes(inputs_t* in) {
     return check_corcbt(in->header, in->list, in->corcbt.st.st_size);
 }
 
+// An image is smaller than the disk where the disk has grown since. One that was cut is smaller too, and what it lacks
+// would become zeros; where an export has laid its header over the disk, that tells.
+errdesc_t* check_is_whole(const input_t& flat) {
+    cor_vdsk_header_t header{};
+    if (read_cor_vdsk_header(flat.fd.get(), &header) != nullptr)
+        return nullptr;
+    const std::int64_t told = header.size * cbt_sector_size;
+    if (told <= flat.st.st_size)
+        return nullptr;
+    return errdesc_set_fmt(EINVAL, "%s has %jd bytes, its header tells of %jd: it was cut", flat.path.c_str(),
+                           static_cast<std::intmax_t>(flat.st.st_size), static_cast<std::intmax_t>(told));
+}
+
 errdesc_t* open_inputs(const restore_options_t& options, inputs_t* in) {
     RETURN_IF_ERROR(in->flat.open(options.flat));
     RETURN_IF_ERROR(in->corcbt.open(options.corcbt));
     RETURN_IF_ERROR(with_path(read_changes(in), options.corcbt));
     if (in->flat.st.st_size % cbt_sector_size == 0 && in->flat.st.st_size <= in->header.flat_file_size)
-        return nullptr;
+        return check_is_whole(in->flat);
     return errdesc_set_fmt(EINVAL, "%s has %jd bytes, the disk %jd", options.flat.c_str(),
                            static_cast<std::intmax_t>(in->flat.st.st_size),
                            static_cast<std::intmax_t>(in->header.flat_file_size));

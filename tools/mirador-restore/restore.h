@@ -26,8 +26,8 @@ struct restore_options_t {
 // Makes the image. It has the size that the changed-block file tells: what the disk has grown by is zeros where it has
 // not changed. Neither input is touched; after an error there is no image and what was there before is there still.
 // Errors, with the path that is at fault: those of read_corcbt_header and check_corcbt; EINVAL when the flat image is
-// larger than the disk or either input is no regular file or is the image; EEXIST for an image that is there, without
-// `force`; errno of a failed transfer.
+// larger than the disk or smaller than its own virtual disk header tells, or either input is no regular file or is the
+// image; EEXIST for an image that is there, without `force`; errno of a failed transfer.
 [[nodiscard]] errdesc_t* restore_image(const restore_options_t& options);
 
 // The program. Its exit status is 0; 1 with one line on `err` when there is no image; 2 with a line on `err` for a
