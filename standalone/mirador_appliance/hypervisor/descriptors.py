@@ -91,8 +91,9 @@ def change_content_id(path: str, tell: Callable[[int, int], None] = lambda old, 
     was = len(to_bytes(text))
     fd = os.open(path, os.O_RDWR | os.O_CLOEXEC)
     try:
-        is_in_the_way = len(data) > was != os.fstat(fd).st_size  # some tools write ids of less than eight digits
-        if is_in_the_way or os.pwrite(fd, data, 0) != len(data):
+        # Some tools write ids of less than eight digits, and zeros behind the text.
+        in_the_way = os.pread(fd, len(data) - was, was).strip(b"\0") if len(data) > was else b""
+        if in_the_way or os.pwrite(fd, data, 0) != len(data):
             raise OSError(errno.EIO, "the descriptor could not be written", path)
     finally:
         os.close(fd)
