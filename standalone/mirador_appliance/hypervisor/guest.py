@@ -80,6 +80,9 @@ class Guest:
         self._running.end()
 
     def _close(self) -> None:
+        if self._tracked:  # what a loss of power took back later would be no tracked change
+            for disk in self._disks:
+                disk.sync()
         for changes in self._tracked:
             changes.switch_off()
         for disk in self._disks:
