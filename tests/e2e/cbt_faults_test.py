@@ -65,7 +65,8 @@ class Answers(CbtCase):
         epoch, _ = split(self.known(vm, "disk")["changeid_base"])
         change_id, size = f"{epoch}/9", DISKS["disk"]
         for what, text, expected in (
-                ("no text", "nonsense", WRONG_RESULTS), ("an empty line", f"changeid: {change_id}\n\n", WRONG_RESULTS),
+                ("no text", "nonsense", WRONG_RESULTS), ("nothing told", "# nothing\n", WRONG_RESULTS),
+                ("an empty line", f"changeid: {change_id}\n\n", WRONG_RESULTS),
                 ("no length", f"changeid: {change_id}\nstart: 0\n", WRONG_RESULTS),
                 ("part of a sector", results(change_id, (0, 100)), INVALID),
                 ("a start within a sector", results(change_id, (100, 512)), INVALID),
