@@ -22,6 +22,7 @@ class Script(AgentCase):
         super().setUp()
         self.results = self.directory / "results"
         self.assertEqual(self.run_command("cbt", "web", "on"), "")
+        wait_until(lambda: self.appliance.vms()["web"]["cbt_reset_pending"] == 1, "the controller knows")
 
     def run_command(self, *words):
         done = self.appliance.run(*words)
