@@ -256,8 +256,20 @@ int mirador_release(const char* path, fuse_file_info* fi) {
     return e == nullptr ? 0 : reply_error(path, e);
 }
 
+// How many requests the kernel may have on their way for its page cache, unless an option says so. Who splices from a
+// changed-block file (sendfile) or maps it reads it through the page cache, whatever its open said, and each of these
+// requests waits for one of the same kind, to the flat disk: were they as few as the kernel likes (12), readers could
+// take them all and wait for ever.
+void* mirador_init(fuse_conn_info* conn) {
+    constexpr unsigned page_cache_requests = 512;
+    if (conn->max_background == 0)
+        conn->max_background = page_cache_requests;
+    return nullptr;
+}
+
 fuse_operations mirador_oper() {
     fuse_operations oper{};
+    oper.init = mirador_init;
     oper.getattr = mirador_getattr;
     oper.open = mirador_open;
     oper.read = mirador_read;

@@ -6,7 +6,7 @@ import time
 
 from harness import place
 from harness.cbt_case import DISKS
-from harness.cbt_load import UNLIMITED, LoadCase
+from harness.cbt_load import AS_THE_DAEMON_LIKES, LoadCase
 from harness.tools import WORK
 
 READERS = 32
@@ -22,11 +22,27 @@ def read_from(descriptor, start):
     return b"".join(pieces[offset] for offset in blocks)
 
 
+def spliced_from(descriptor, start):
+    """The same through the page cache, past which every other read of the file goes."""
+    size = os.fstat(descriptor).st_size
+    first = int(start * size) // BLOCK * BLOCK
+    with open(os.memfd_create("copy"), "w+b") as copy:
+        for begin, end in ((first, size), (0, first)):
+            while begin < end:
+                sent = os.sendfile(copy.fileno(), descriptor, begin, min(BLOCK, end - begin))
+                assert sent > 0, f"nothing behind byte {begin}"
+                begin += sent
+        copy.seek(0)
+        data = copy.read()
+    return data[size - first:] + data[:size - first]
+
+
 class ManyReaders(LoadCase):
     """Most of each disk has changed, so that nearly all that is read comes from the disk."""
 
     percent = 100
     rounds = 200
+    read = staticmethod(read_from)
 
     @classmethod
     def vm_names(cls):
@@ -40,7 +56,7 @@ class ManyReaders(LoadCase):
         with self.slow(0.003), concurrent.futures.ThreadPoolExecutor(READERS) as pool:
             opened = list(pool.map(lambda share: os.open(self.changed(*share[0]), os.O_RDONLY), shares))
             start = time.monotonic()
-            found = list(pool.map(lambda share, descriptor: read_from(descriptor, share[1]), shares, opened, timeout=120))
+            found = list(pool.map(lambda share, descriptor: self.read(descriptor, share[1]), shares, opened, timeout=120))
             print(f"{READERS} readers: {time.monotonic() - start:.1f} s")
             for descriptor in opened:
                 os.close(descriptor)
@@ -55,9 +71,11 @@ class ManyReaders(LoadCase):
             self.wait_quiet(vm)
 
 
-class ManyReadersWithoutLimit(ManyReaders):
-    """The same where the kernel may have many requests of its own on their way."""
-    mount_options = UNLIMITED
+class ManySplicingReaders(ManyReaders):
+    """The same through the page cache, with as many requests for it as the daemon asks the kernel for."""
+
+    mount_options = AS_THE_DAEMON_LIKES
+    read = staticmethod(spliced_from)
 
 
 if __name__ == "__main__":

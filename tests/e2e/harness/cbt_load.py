@@ -7,8 +7,8 @@ from collections.abc import Iterator
 from .cbt_case import CbtCase
 from .slow_file import SlowFile
 
-UNLIMITED = ("-o", "use_ino,allow_other,default_permissions,max_background=512")
-AS_THE_KERNEL_LIKES = ("-o", "use_ino,allow_other,default_permissions")
+AS_THE_DAEMON_LIKES = ("-o", "use_ino,allow_other,default_permissions")
+AS_THE_KERNEL_LIKES = (AS_THE_DAEMON_LIKES[0], AS_THE_DAEMON_LIKES[1] + ",max_background=12")
 
 
 class LoadCase(CbtCase):
