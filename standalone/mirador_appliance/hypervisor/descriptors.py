@@ -88,12 +88,14 @@ def change_content_id(path: str, tell: Callable[[int, int], None] = lambda old, 
     new = fresh_content_id(old)
     data = to_bytes(changed(text, cid=new))
     tell(old, new)
-    was = len(to_bytes(text))
+    was = to_bytes(text)
     fd = os.open(path, os.O_RDWR | os.O_CLOEXEC)
     try:
-        # Some tools write ids of less than eight digits, and zeros behind the text.
-        in_the_way = os.pread(fd, len(data) - was, was).strip(b"\0") if len(data) > was else b""
-        if in_the_way or os.pwrite(fd, data, 0) != len(data):
+        if os.pread(fd, len(was), 0) != was:
+            raise OSError(errno.EIO, "the descriptor does not stand by itself", path)
+        # What is behind a text's end is nothing: some tools write zeros there, or leave the end of a longer text.
+        data = data.ljust(os.fstat(fd).st_size, b"\0")
+        if os.pwrite(fd, data, 0) != len(data):
             raise OSError(errno.EIO, "the descriptor could not be written", path)
     finally:
         os.close(fd)
