@@ -144,20 +144,6 @@ errdesc_t* release_after(errdesc_t* e, merged_corcbt_t* merged) {
     return e;
 }
 
-void log_failure(errdesc_t* e) {
-    if (e != nullptr)
-        _errdesc_log(e, ERRDESC_ERROR);
-}
-
-// By force where somebody still reads it: a device gives up then what lies under it.
-void remove_device(const std::string& name) {
-    errdesc_t* e = remove_devmap_device(name, false);
-    if (e == nullptr)
-        return;
-    log_failure(e);
-    log_failure(remove_devmap_device(name, true));
-}
-
 }  // namespace
 
 void write_dm_table_entry(std::int64_t start, std::int64_t length, const std::string& device, std::int64_t offset,
@@ -222,10 +208,11 @@ errdesc_t* setup_import_corcbt(const std::string& flat_file, const std::string& 
 
 void release_merged_corcbt(merged_corcbt_t* merged) {
     if (!merged->name.empty())
-        remove_device(merged->name);
+        release_devmap_device(merged->name);
     for (const std::string* loopdev : {&merged->flat_loopdev, &merged->corcbt_loopdev}) {
         if (!loopdev->empty())
-            log_failure(release_loop_dev(*loopdev));
+            if (errdesc_t* e = release_loop_dev(*loopdev))
+                _errdesc_log(e, ERRDESC_ERROR);
     }
     *merged = {};
 }

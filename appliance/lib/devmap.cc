@@ -40,4 +40,13 @@ errdesc_t* remove_devmap_device(const std::string& name, bool force) {
     return spawn_tool(argv);
 }
 
+void release_devmap_device(const std::string& name) {
+    for (const bool force : {false, true}) {
+        errdesc_t* e = remove_devmap_device(name, force);
+        if (e == nullptr)
+            return;
+        _errdesc_log(e, ERRDESC_ERROR);
+    }
+}
+
 }  // namespace mirador

@@ -21,4 +21,8 @@ void dm_mk_unique_name(const std::string& prefix, std::string* name);
 // spawn_tool.
 [[nodiscard]] errdesc_t* remove_devmap_device(const std::string& name, bool force);
 
+// Removes the device `name`, by force where somebody still reads it: it gives up then what lies under it. Failures are
+// logged at level 3.
+void release_devmap_device(const std::string& name);
+
 }  // namespace mirador

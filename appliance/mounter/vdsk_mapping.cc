@@ -120,20 +120,6 @@ errdesc_t* load_pieces(const std::string& name, const std::string& table_path, s
     return nullptr;
 }
 
-void log_failure(errdesc_t* e) {
-    if (e != nullptr)
-        _errdesc_log(e, ERRDESC_ERROR);
-}
-
-// A device that is in use gives up the devices under it when its removal is forced.
-void remove(const std::string& name) {
-    errdesc_t* e = remove_devmap_device(name, false);
-    if (e == nullptr)
-        return;
-    log_failure(e);
-    log_failure(remove_devmap_device(name, true));
-}
-
 }  // namespace
 
 std::string vdsk_table_path(const std::string& name) {
@@ -152,10 +138,10 @@ errdesc_t* vdsk_load_mapping(const std::string& name, const std::string& table_p
 
 void vdsk_remove_mapping(vdskdesc_t* vdskdesc) {
     if (!vdskdesc->dm_name.empty())
-        remove(vdskdesc->dm_name);
+        release_devmap_device(vdskdesc->dm_name);
     vdskdesc->dm_name.clear();
     for (; !vdskdesc->dm_pieces.empty(); vdskdesc->dm_pieces.pop_back())
-        remove(vdskdesc->dm_pieces.back());
+        release_devmap_device(vdskdesc->dm_pieces.back());
 }
 
 }  // namespace mirador
