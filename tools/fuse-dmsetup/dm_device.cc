@@ -17,6 +17,8 @@
 namespace mirador {
 namespace {
 
+constexpr unsigned long most_read_ahead = 128 * 1024;  // bytes
+
 std::optional<unsigned> parse_number(std::string_view text) {
     unsigned number = 0;
     const auto [end, failed] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -66,6 +68,9 @@ errdesc_t* dm_device_open(const std::string& name, dm_device_t* device) {
         return errdesc_set_str(ENOTBLK, name);
     if (ioctl(fd.get(), BLKGETSIZE64, &bytes) != 0)
         return errdesc_set_str(errno, name);
+    // The kernel reads ahead on the mapping's own file; the device's own read-ahead may be many times as large, and would
+    // fetch what nobody asks for.
+    ioctl(fd.get(), BLKRASET, most_read_ahead / sector_size);
     *device = {.name = name,
                .major = major(status.st_rdev),
                .minor = minor(status.st_rdev),
