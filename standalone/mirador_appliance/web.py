@@ -15,6 +15,7 @@ import threading
 import time
 from typing import Any
 
+from . import peer
 from .faults_told import Refused, reason
 from .mischief import Mischief, Rule
 from .objects import BadRequest, Objects
@@ -25,6 +26,7 @@ _PREFIX = "/api/"
 _LARGEST_POST = 16 << 20  # bytes
 _PATIENCE = 60.0  # seconds in which a client must have sent its request, or take a piece of the answer
 _CHUNK = 1021  # bytes
+_SECRET = ("hvconfig",)  # objects that hold passwords
 
 
 class Journal:
@@ -164,6 +166,8 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         return rule.status or 200, text.encode("utf-8", "surrogateescape") * rule.repeat
 
     def _result(self, name: str, query: str, body: bytes) -> tuple[int, bytes]:
+        if (self.command == "POST" or name in _SECRET) and not self._is_client_trusted():
+            return 403, pack({"error": "for root alone"})
         try:
             if self.command == "POST":
                 return 200, self.server.objects.post(name, body)
@@ -172,6 +176,9 @@ class _Handler(http.server.BaseHTTPRequestHandler):
             return error.status, pack({"error": str(error)})
         except sqlite3.Error as error:
             return 500, pack({"error": str(error)})
+
+    def _is_client_trusted(self) -> bool:
+        return peer.is_trusted(self.client_address, self.server.server_address)
 
     def _is_client_there(self) -> bool:
         """Whether the client still holds the connection open, which it does without sending more."""

@@ -75,6 +75,27 @@ class Objects(SharedCase):
     def value(self, key):
         return self.appliance.post("registry", {"method_name": "get_value", "method_args": key}).json()
 
+    def test_what_only_root_is_told_and_may_change(self):
+        """Another user of the machine, over either kind of socket, sees neither passwords nor changes anything."""
+        port = self.appliance.url.rpartition(":")[2]
+        ask = """import http.client, socket, sys
+for family, host in ((socket.AF_INET, "127.0.0.1"), (socket.AF_INET6, "::ffff:127.0.0.1")):
+    for method, path in (("GET", "hvconfig"), ("GET", "hvconfig?hostname=x"), ("POST", "registry"), ("POST", "vdisk"),
+                         ("GET", "vhost"), ("GET", "datastore")):
+        connection = http.client.HTTPConnection(host, int(sys.argv[1]))
+        connection.sock = socket.socket(family)
+        connection.sock.connect((host, int(sys.argv[1])))
+        connection.request(method, "/api/" + path, b'{"method_name": "get_value", "method_args": "vendor.id"}')
+        print(connection.getresponse().status, end=" ")
+"""
+        told = {}
+        for user in (0, 12345):
+            done = subprocess.run(["/usr/bin/python3", "-c", ask, port], user=user, capture_output=True, text=True,
+                                  timeout=60, check=True)
+            told[user] = done.stdout.split()
+        self.assertEqual(told[12345], ["403", "403", "403", "403", "200", "200"] * 2)
+        self.assertNotIn("403", told[0])
+
     def test_registry(self):
         self.assertEqual(self.value("export.cache.ttl"), {"error_code": 0, "result": "120"})
         self.assertEqual(self.value("no.such")["error_code"], 1)
