@@ -69,13 +69,20 @@ errdesc_t* fault_point(const char* name) {
     const int number = std::atoi(action->c_str() + action->find(':') + 1);
     if (*action == "kill")
         kill(getpid(), SIGKILL);
+    else if (*action == "assert")
+        cor_assert_failed(name, __FILE__, __LINE__, __func__);
     else if (action->starts_with("error:"))
         return errdesc_set_str(number, name);
     else if (action->starts_with("wait:"))
         clock_sleep(static_cast<unsigned>(number));
     else
-        cor_assert_failed("a fault point's action is kill, error:N or wait:N", __FILE__, __LINE__, __func__);
+        cor_assert_failed("a fault point's action is kill, assert, error:N or wait:N", __FILE__, __LINE__, __func__);
     return nullptr;
+}
+
+void fault_moment(const char* name) {
+    if (errdesc_t* e = fault_point(name))
+        _errdesc_log(e, ERRDESC_ERROR);
 }
 
 void fast_clock_from_environment() {
@@ -93,6 +100,8 @@ namespace mirador {
 errdesc_t* fault_point(const char*) {
     return nullptr;
 }
+
+void fault_moment(const char*) {}
 
 void fast_clock_from_environment() {}
 

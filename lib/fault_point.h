@@ -5,6 +5,7 @@
 //   MIRADOR_FAULT_POINTS="<name>=<action>[,<name>=<action>…]"
 //
 //   kill       the process ends as by kill -9
+//   assert     an assertion fails
 //   error:N    the point fails with error N and its own name
 //   wait:N     N seconds go by (clock_sleep)
 //
@@ -17,6 +18,9 @@ namespace mirador {
 
 // Null unless the point is to fail.
 [[nodiscard]] errdesc_t* fault_point(const char* name);
+
+// A point at which nothing can fail: an error is only logged.
+void fault_moment(const char* name);
 
 // Runs the process's clock MIRADOR_CLOCK_FACTOR times as fast, where that is set and the build is a debug one. Once,
 // before any thread.

@@ -81,6 +81,7 @@ bool find_test_table(std::string* path) {
 cbt_device_t::~cbt_device_t() {
     const errdesc_keeper_t keep;
     vdsk_remove_mapping(&vdskdesc);
+    fault_moment("cbt.unmapped");
     release(&cbt_main_loop_dev);
     release(&cbt_hdr_loop_dev);
     release(&cbt_zero_loop_dev);

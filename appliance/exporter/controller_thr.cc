@@ -25,6 +25,7 @@
 #include "lib/clock.h"
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
+#include "lib/fault_point.h"
 #include "lib/file_io.h"
 #include "lib/log.h"
 #include "lib/startup.h"
@@ -127,6 +128,7 @@ void cycle(cnt_thr_life_t* life) {
     cnt_thr_state_t& state = global_cnt_thr_state;
     if (std::exchange(life->first_cycle, false)) {
         crash_recover_reset_cbt_vdisk();
+        fault_moment("cycle.reset");
         crash_recover_reset_snap_suffix();
     }
     life->has_settings = life->has_settings || read_settings();

@@ -12,6 +12,7 @@
 #include "appliance/exporter/fuse_connection.h"
 #include "appliance/lib/registry.h"
 #include "lib/cor_string.h"
+#include "lib/fault_point.h"
 #include "lib/file_io.h"
 #include "lib/file_tree.h"
 #include "lib/spawn.h"
@@ -118,6 +119,7 @@ void crash_recover_tmpfs(const std::string& tmpfs_path, bool tmpfs_mounted) {
 
 void crash_recover_nfs() {
     (void)spawn_tool({tool_paths().exportfs, "-ua"});
+    fault_moment("recover.withdrawn");
     (void)spawn_tool({tool_paths().exportfs, "-a"});
 }
 
@@ -131,14 +133,19 @@ void vm_proxy_crash_recover(const std::string& mountpoint, const std::string& tm
     crash_recover_umount(mountpoint, tmpfs_path, &fuse_mounted, &tmpfs_mounted);
     if (fuse_mounted)
         crash_recover_abort_fuse(mountpoint);
+    fault_moment("recover.ended");
     crash_recover_mapper();
+    fault_moment("recover.unmapped");
     crash_recover_loop();
     crash_recover_tmp_files();
+    fault_moment("recover.detached");
     crash_recover_fuse(mountpoint, fuse_mounted);
     if (!keep_tmpfs_dir)
         crash_recover_tmpfs(tmpfs_path, tmpfs_mounted);
+    fault_moment("recover.unmounted");
     crash_recover_nfs();
     crash_recover_cache();
+    fault_moment("recover.done");
 }
 
 }  // namespace mirador

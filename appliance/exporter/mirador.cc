@@ -24,6 +24,7 @@
 #include "lib/clock.h"
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
+#include "lib/fault_point.h"
 #include "lib/instance_lock.h"
 #include "lib/jrpcclnt_pool.h"
 #include "lib/startup.h"
@@ -147,6 +148,25 @@ void hurry() {
     jrpcclnt_pool_begin_shutdown();
 }
 
+// Ends what serve() has started, in the reverse order. Whether the shadow tree could be removed.
+bool shut_down() {
+    hurry();
+    fault_moment("end.unmounted");
+    if (fs_options().start_cnt_threads != 0)
+        cnt_thr_stop();
+    const bool removed = remove_tmpfs();
+    fault_moment("end.shadow");
+    vm_proxy_release_all();
+    fault_moment("end.released");
+    snapshot_state_shutdown();
+    fault_moment("end.snapshots");
+    stats_thr_stop();  // may give the controller up for good, which snapshots still need
+    managed_alert_shutdown();
+    jrpcclnt_pool_destroy();
+    cor_assert(cor_exit() == nullptr);
+    return removed;
+}
+
 // From recovery to the end; what has been started is stopped in the reverse order.
 int serve(fuse_args* args, background_t* background) {
     const mirador_options_t& options = fs_options();
@@ -156,25 +176,17 @@ int serve(fuse_args* args, background_t* background) {
     vm_proxy_crash_recover(options.proxy_mount_point, options.tmpfs_mount_point, options.use_existing_dir != 0);
     if (!prepare_tmpfs())
         return 1;
+    fault_moment("start.shadow");
     cnt_thr_set_up(options.tmpfs_mount_point, options.use_existing_dir != 0);
     if (options.start_cnt_threads != 0) {
         stats_thr_enable();
         cnt_thr_start();
     }
+    fault_moment("start.threads");
     // It has told its failure.
     (void)fuse_serve(
         args, [&] { background->serving(options.log_dir != nullptr); }, hurry);
-    hurry();
-    if (options.start_cnt_threads != 0)
-        cnt_thr_stop();
-    const bool removed = remove_tmpfs();
-    vm_proxy_release_all();
-    snapshot_state_shutdown();
-    stats_thr_stop();  // may give the controller up for good, which snapshots still need
-    managed_alert_shutdown();
-    jrpcclnt_pool_destroy();
-    cor_assert(cor_exit() == nullptr);
-    return removed ? 0 : 1;
+    return shut_down() ? 0 : 1;
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include "appliance/exporter/stats_thr.h"
 #include "lib/clock.h"
 #include "lib/cor_assert.h"
+#include "lib/fault_point.h"
 #include "lib/log.h"
 
 namespace mirador {
@@ -99,6 +100,7 @@ void evict_corcbt(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
     cookie.corcbt_file_size = 0;
     cookie.publish_info();
     stats_thr_close_stats(cookie.path, false);
+    fault_moment("evict.closed");
     if (cookie.stamp != 0)  // it has been opened
         reset_cbt_vdisk_path(cookie.header.vm_uuid, cookie.path);
 }

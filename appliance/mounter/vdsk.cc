@@ -10,6 +10,7 @@
 #include "appliance/mounter/vdsk_mapping.h"
 #include "appliance/mounter/vmdkmount.h"
 #include "lib/cor_assert.h"
+#include "lib/fault_point.h"
 #include "vmware/lib/vmdk/chain_check.h"
 #include "vmware/lib/vmdk/datastore_containment.h"
 #include "vmware/lib/vmdk/datastore_path.h"
@@ -54,7 +55,9 @@ errdesc_t* map_chain(vdskdesc_t* vdskdesc) {
     dm_mk_unique_name(std::string(name_prefix), &name);
     table_file_t table(vdsk_table_path(name));
     RETURN_IF_ERROR(write_table(vdskdesc, &table));
-    return vdsk_load_mapping(name, table.path(), vdskdesc);
+    RETURN_IF_ERROR(fault_point("map.bound"));
+    RETURN_IF_ERROR(vdsk_load_mapping(name, table.path(), vdskdesc));
+    return fault_point("map.loaded");
 }
 
 errdesc_t* build(const std::string& path, vdskdesc_t* vdskdesc) {
@@ -95,6 +98,7 @@ void vdsk_teardown(vdskdesc_t* vdskdesc) {
     vdsk_free_volume_groups(&vdskdesc->volume_groups);
     vdsk_free_partitions(&vdskdesc->partitions);
     vdsk_remove_mapping(vdskdesc);
+    fault_moment("unmap.removed");
     for (; !vdskdesc->loopdevs.empty(); vdskdesc->loopdevs.pop_back())
         log_failure(vdsk_release_loop_dev(vdskdesc->loopdevs.back()));
     vmdk_close(&vdskdesc->vmdkdesc);
