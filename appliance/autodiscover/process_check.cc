@@ -10,6 +10,7 @@
 #include <csignal>
 #include <vector>
 
+#include "lib/clock.h"
 #include "lib/errdesc.h"
 #include "lib/file_io.h"
 #include "lib/spawn.h"
@@ -19,25 +20,29 @@ namespace mirador {
 namespace {
 
 constexpr std::size_t max_output = 4096;  // bytes; the rest is read and forgotten
-constexpr int output_timeout_ms = spawn_tool_timeout * 1000;
+constexpr int look_ms = 100;              // between two looks whether a silent tool lives
 
-// Reads a tool's output to its end. False, with the reason in errno, when the tool is silent too long or the pipe
-// fails.
-bool read_output(int fd, std::string* output) {
+// Reads a tool's output to the tool's end: what it started and left behind may hold the pipe open. False, with the
+// reason in errno, when the tool prints, or is silent, for too long, or the pipe fails.
+bool read_output(pid_t pid, int fd, std::string* output) {
+    const std::time_t end = clock_now() + spawn_tool_timeout;
     std::array<char, max_output> chunk{};
-    for (;;) {
+    while (clock_now() < end) {
+        const bool alive = spawn_is_alive(pid);  // asked first: what it said last is still read
         pollfd readable = {.fd = fd, .events = POLLIN, .revents = 0};
-        const int ready = poll(&readable, 1, output_timeout_ms);
-        if (ready == 0)
-            errno = ETIME;
+        const int ready = poll(&readable, 1, alive ? look_ms : 0);
+        if (ready == 0 && !alive)
+            return true;
         const ssize_t got = ready > 0 ? read(fd, chunk.data(), chunk.size()) : -1;
-        if (got < 0 && ready != 0 && errno == EINTR)
+        if (ready == 0 || (got < 0 && errno == EINTR))
             continue;
         if (got <= 0)
             return got == 0;
         output->append(chunk.data(), static_cast<std::size_t>(got));
         output->resize(std::min(output->size(), max_output));
     }
+    errno = ETIME;
+    return false;
 }
 
 // What a tool has to say.
@@ -56,7 +61,7 @@ bool ask(const std::vector<std::string>& argv, const std::string& unread, const 
         return false;
     }
     unique_fd pipe(out);
-    const bool complete = read_output(pipe.get(), &answer->output);
+    const bool complete = read_output(pid, pipe.get(), &answer->output);
     const int read_error = errno;
     pipe.reset();
     if (!complete)

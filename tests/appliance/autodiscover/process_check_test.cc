@@ -63,6 +63,26 @@ TEST(process_check, OnlyTheToolsOwnNoIsANo) {
     tool_paths() = {};
 }
 
+TEST(process_check, NoToolIsWaitedForWithoutEnd) {
+    const temp_dir_t dir;
+    const fast_clock_t clock(200);
+    struct {
+        const char* script;
+        bool controller;
+        std::time_t longest;
+    } const cases[] = {
+        {"while :; do echo running; done\n", false, 240},
+        {"sleep 5 & echo running\n", true, 240},  // its child holds the pipe; 1,000 seconds by this clock
+    };
+    for (const auto& c : cases) {
+        tool_paths().controller_watchdog = write_script(dir / "tool", c.script);
+        const std::time_t begin = clock_now();
+        EXPECT_EQ(corcontroller_is_running(), c.controller) << c.script;
+        EXPECT_LE(clock_now() - begin, c.longest) << c.script;
+    }
+    tool_paths() = {};
+}
+
 TEST(process_check, TheNameReachesTheTool) {
     const temp_dir_t dir;
     const fast_clock_t clock(20);
