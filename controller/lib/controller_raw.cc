@@ -22,6 +22,10 @@ std::atomic<int> given_up = 0;        // requests that began while the process e
 std::atomic<int> early_given_up = 0;  // those that began before
 std::atomic<bool> shutting_down = false;
 
+constexpr errnum_t timed_out = 28;  // libcurl's
+constexpr int max_unanswered = 3;   // requests in a row
+std::atomic<int> unanswered = 0;
+
 constexpr const char* json_content_type = "Content-Type: application/json; charset=UTF-8";
 
 errdesc_t* make_url(const std::string& base, const std::string& object, std::string* url) {
@@ -38,6 +42,16 @@ errdesc_t* limit_request(http_handle_t& connection) {
         return httpclnt_interrupt(connection, &early_given_up);
     RETURN_IF_ERROR(httpclnt_set_timeout(connection, _controller_raw_shutdown_limit));
     return httpclnt_interrupt(connection, &given_up);
+}
+
+// At the end of the process each request may take its time, but not hundreds of them: a controller that has let several
+// run into their limit is asked nothing more.
+errdesc_t* judge(errdesc_t* e) {
+    if (e == nullptr || e->number != timed_out)
+        unanswered = 0;
+    else if (shutting_down && ++unanswered >= max_unanswered)
+        controller_raw_give_up();
+    return e;
 }
 
 errdesc_t* deliver(const http_response_t& response, const controller_reply_t& callback) {
@@ -60,7 +74,7 @@ errdesc_t* controller_raw_do_get_ex(const std::string& base, const std::string& 
     http_handle_ptr connection;
     RETURN_IF_ERROR(httpclnt_open(&connection));
     RETURN_IF_ERROR(interrupt != nullptr ? httpclnt_interrupt(*connection, interrupt) : limit_request(*connection));
-    RETURN_IF_ERROR(httpclnt_get(*connection, url, &response));
+    RETURN_IF_ERROR(judge(httpclnt_get(*connection, url, &response)));
     httpclnt_close(&connection);
     return deliver(response, callback);
 }
@@ -77,7 +91,7 @@ errdesc_t* controller_raw_do_post_json(std::string base, const std::string& obje
     RETURN_IF_ERROR(httpclnt_open(&connection));
     RETURN_IF_ERROR(limit_request(*connection));
     RETURN_IF_ERROR(httpclnt_set_content_type_in_header(*connection, json_content_type));
-    RETURN_IF_ERROR(httpclnt_post(*connection, url, json_object_to_json_string(body), &response));
+    RETURN_IF_ERROR(judge(httpclnt_post(*connection, url, json_object_to_json_string(body), &response)));
     httpclnt_close(&connection);
     return deliver(response, callback);
 }

@@ -36,7 +36,7 @@ using controller_reply_t = std::function<errdesc_t*(const std::string& body)>;
 
 // From now on no request that has no interruption of its own lasts longer than 10 seconds: one under way ends with 42
 // then, a later one with 28. What the end of the process still asks is asked, but a controller that never answers does
-// not hold it up. Does not wait.
+// not hold it up: after three requests in a row that ended with 28, all is given up. Does not wait.
 void controller_raw_begin_shutdown();
 
 // Those seconds, for tests.
