@@ -42,7 +42,7 @@ class Agent:
     def ask(self, *words: str):
         """The data of the reply, or the number of the error that it is."""
         self.send(json.dumps(words) + "\n")
-        reply = json.loads(self.reply())
+        reply = json.loads(self.reply().decode("utf-8", "surrogateescape"))
         return reply["errdesc"]["err_num"] if "errdesc" in reply else reply.get("response_data")
 
     def close(self, number: int | None = None) -> int:
@@ -103,13 +103,18 @@ class Protocol(AgentCase):
     def test_nothing_is_done_for_strangers(self):
         agent, file = self.start(), str(self.directory / "session")
         for request in (("create_snapshot", "web", WEB, "x", "0"), ("create_top_snapshot", "web", WEB, "x", "0"),
-                        ("remove_snapshot", "web", WEB, "x", "1"), ("list_snapshot", ".*"), ("df",)):
+                        ("remove_snapshot", "web", WEB, "x", "1"), ("list_snapshot", ".*"), ("df",),
+                        ("ls", "", "[ds1]"), ("stat", "", "[ds1]"), ("mkdir", "", "[ds1] x", "0"),
+                        ("rm", "", "[ds1] web/web.vmx"), ("cp", "", "[ds1] web/web.vmx", "", "[ds1] x", "0"),
+                        ("mv", "", "[ds1] web/web.vmx", "", "[ds1] x", "0")):
             self.assertEqual(agent.ask(*request), 107, request)
         self.assertEqual(agent.ask("connect", "root", "guess", file), 13)
         self.assertEqual(agent.ask("connect", "admin", self.password, file), 13)
         self.assertEqual(agent.ask("df"), 107)
         self.assertEqual(self.start("esx3").ask("connect", "root", self.password, file), 113)
         self.assertFalse(os.path.exists(file))
+        self.assertEqual(os.listdir(self.directory / "ds1"), ["web"])
+        self.assertTrue(self.vmx["web"].exists())
 
     def test_session_file_is_private_and_replaces_what_lies_there(self):
         victim, file = self.directory / "victim", self.directory / "session"

@@ -10,6 +10,9 @@ to know it reads from the appliance's database at each call, so it works beside 
     session    whom the agent speaks for
     following  waits until controller and daemon have taken in a change
     removal    removals, also such that nobody waits for
+    datastore_paths   paths on the datastores, and the way to them
+    file_entries      a file as it is told
+    file_operations   files on the datastores
     methods    what can be asked
     program    the process
 """

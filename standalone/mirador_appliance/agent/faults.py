@@ -11,7 +11,7 @@ file, no faults. The first rule that fits a call acts on it. A rule's members, a
     delay     seconds to wait before acting
     noise     bytes to write to standard error before acting
     die       "before" or "after" acting, without an answer
-    step      name of the step of the snapshot operation behind which the process dies, as by SIGKILL
+    step      name of the step of the operation behind which the process dies, as by SIGKILL
     error     number to answer with, `text` with it
     garbage   text to answer with, as it stands
     cut       how many bytes of the answer are written before the process dies

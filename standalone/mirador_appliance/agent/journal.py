@@ -1,13 +1,14 @@
 """The journal of calls: `agent-journal.jsonl` in the state directory, a JSON object a line.
 
     {"event": "began", "call": ID, "time": SECONDS, "hypervisor": NAME, "method": NAME, "vm": NAME, "uuid": UUID,
-     "snapshot": NAME}                                     members that the method does not have are left out
+     "snapshot": NAME, "path": PATH, "to": PATH}           members that the method does not have are left out
     {"event": "ended", "call": ID, "time": SECONDS, "method": NAME, "outcome": WORD, …}
 
 IDs are "PID-NUMBER" of the agent's process and its calls. Outcomes: "done" (with "result" when it is a number, with
 "moment": [{"node", "base", "sha256"}, …] when a fault asks for it), "refused" (with "error" and "text"), "died",
-"silent", "garbage", "cut". "fault" is the rule that acted, "steps" the names of the steps of a snapshot operation that
-were done, a repeated one once. A call without an end is one whose process was killed. A removal that went on behind its call has one more line:
+"silent", "garbage", "cut". "fault" is the rule that acted, "steps" the names of the steps of an operation that were
+done, a repeated one once. A call without an end is one whose process was killed. A removal that went on behind its call
+has one more line:
 
     {"event": "finished", "time": SECONDS, "method": NAME, "vmx": PATH, "snapshot": NAME, "steps": […],
      "count": N or "error": N and "text": TEXT}

@@ -18,6 +18,7 @@ from ..places import Places
 from ..records import LOGIN_NAME, Vm, datastore_document
 from ..store import Store
 from ..texts import to_bytes, unpack
+from .datastore_paths import FileStore
 from .framing import AgentError
 
 
@@ -136,6 +137,11 @@ class Machines:
             yield {**{key: document[key] for key in ("name", "url", "type", "timestamp", "accessible", "capacity")},
                    "hv": hypervisor, "dc": document["datacenter"], "freeSpace": document["free"],
                    "paths": unpack(to_bytes(document["path"]))}
+
+    def stores(self, hypervisor: str) -> list[FileStore]:
+        """The hypervisor's datastores as places of files."""
+        return [FileStore(name, datastore_document(name, hypervisor, record)["datacenter"], record["directory"])
+                for name, record in self._stores.items() if self._hypervisor(name) == hypervisor]
 
 
 def _start(token: str) -> str:

@@ -7,17 +7,23 @@
     remove_snapshot  VM, UUID, SNAPSHOT, BLOCKING
     list_snapshot    PATTERN
     df
+    stat, ls         DATACENTER, PATH
+    mkdir            DATACENTER, PATH, PARENTS
+    rm               DATACENTER, PATH
+    cp, mv           DATACENTER, PATH, DATACENTER, PATH, OVERWRITE
 
 A VM is found by its uuid. Removing what is not there is success with the count 0. A pattern is a regular expression
-that a name must match from its start. QUIESCE and BLOCKING are "1" or "0".
+that a name must match from its start. QUIESCE, BLOCKING, PARENTS and OVERWRITE are "1" or "0". Paths are those of
+datastore_paths, files those of file_entries; an empty DATACENTER is any.
 """
 
+import contextlib
 import dataclasses
 import errno
 import re
 import sys
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
 from typing import Any, Protocol
 
 from .. import bell
@@ -25,6 +31,7 @@ from ..hypervisor import snapshots
 from ..hypervisor.machine import Refused
 from . import following, removal
 from .faults import Rule
+from .file_operations import Files
 from .framing import AgentError, Request
 from .machines import Home, Machine
 from .session import Session
@@ -40,6 +47,8 @@ class Subject:
     vm: str = ""
     uuid: str = ""
     snapshot: str = ""
+    path: str = ""
+    to: str = ""
 
     @property
     def names(self) -> tuple[str, ...]:
@@ -51,10 +60,13 @@ class Subject:
 
 
 _OF_VM = ("create_snapshot", "create_top_snapshot", "remove_snapshot")
+_OF_FILES = ("stat", "ls", "mkdir", "rm", "cp", "mv")
 
 
 def subject_of(request: Request) -> Subject:
     method, *rest = request
+    if method in _OF_FILES:
+        return Subject(method, path="".join(rest[1:2]), to="".join(rest[3:4]))
     return Subject(method, *rest[:3]) if method in _OF_VM else Subject(method)
 
 
@@ -82,6 +94,12 @@ class Methods:
             "remove_snapshot": (4, self._remove),
             "list_snapshot": (1, self._list),
             "df": (0, self._df),
+            "stat": (2, self._stat),
+            "ls": (2, self._ls),
+            "mkdir": (3, self._mkdir),
+            "rm": (2, self._rm),
+            "cp": (5, self._cp),
+            "mv": (5, self._mv),
         }
 
     def call(self, request: Request, rule: Rule | None, watcher: Watcher) -> Answer:
@@ -164,6 +182,46 @@ class Methods:
         if self._rule.free is not None:
             found = [{**store, "freeSpace": self._rule.free} for store in found]
         return "list", found
+
+    def _files(self) -> Files:
+        self._session.check()
+        return Files(self._home, self._session.hypervisor, self._watcher.step)
+
+    @contextlib.contextmanager
+    def _changing_files(self) -> Iterator[Files]:
+        """The watching process looks when it is done."""
+        try:
+            yield self._files()
+        finally:
+            bell.ring(self._home.state)
+
+    def _stat(self, datacenter: str, path: str) -> Answer:
+        files = self._files()
+        return "file", files.stat(files.path(datacenter, path))
+
+    def _ls(self, datacenter: str, path: str) -> Answer:
+        files = self._files()
+        return "list", files.ls(files.path(datacenter, path))
+
+    def _mkdir(self, datacenter: str, path: str, with_parents: str) -> Answer:
+        with self._changing_files() as files:
+            files.mkdir(files.path(datacenter, path), with_parents == "1")
+        return "void", None
+
+    def _rm(self, datacenter: str, path: str) -> Answer:
+        with self._changing_files() as files:
+            files.rm(files.path(datacenter, path))
+        return "void", None
+
+    def _cp(self, datacenter: str, path: str, other_datacenter: str, other: str, overwrite: str) -> Answer:
+        with self._changing_files() as files:
+            files.cp(files.path(datacenter, path), files.path(other_datacenter, other), overwrite == "1")
+        return "void", None
+
+    def _mv(self, datacenter: str, path: str, other_datacenter: str, other: str, overwrite: str) -> Answer:
+        with self._changing_files() as files:
+            files.mv(files.path(datacenter, path), files.path(other_datacenter, other), overwrite == "1")
+        return "void", None
 
 
 def _entries(machine: Machine, wanted: re.Pattern[str]) -> list[dict[str, Any]]:

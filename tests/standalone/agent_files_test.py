@@ -1,0 +1,229 @@
+"""The agent's file methods: what they tell, what they do, and that they stay on their hypervisor's datastores."""
+
+import json
+import os
+import stat
+import time
+import unittest
+
+from agent_test import AgentCase
+from fixture import FLAT_SIZE, OLD, wait_until
+
+from mirador_appliance.agent import faults
+from mirador_appliance.hypervisor import locks
+
+DC = "ha-datacenter"
+
+
+class FilesCase(AgentCase):
+    def setUp(self):
+        super().setUp()
+        self.agent = self.connected()
+        self.root = self.directory / "ds1"
+
+    def ls(self, path):
+        """The names in a directory with their types."""
+        return {entry["name"]: entry["type"] for entry in self.agent.ask("ls", DC, path)}
+
+    def refused(self, *words):
+        """The number and text of a refusal."""
+        self.agent.send(json.dumps(words) + "\n")
+        told = json.loads(self.agent.reply())["errdesc"]
+        return told["err_num"], told["err_string"]
+
+    def everything(self):
+        """Each file and directory of this test but the appliance's own, and what is in it."""
+        return {str(path): os.readlink(path) if path.is_symlink() else path.read_bytes() if path.is_file() else None
+                for name in ("ds1", "ds2", "outside") for path in (self.directory / name).rglob("*")}
+
+
+class Telling(FilesCase):
+    def test_what_a_directory_holds(self):
+        for name in ("vmware.log", "WEB.VMXF", "a.vmsn", "a.vmsd", "a.vswp", "a.vmss", "a.nvram", "notes.txt", ".x.lck",
+                     "empty.vmdk", "new\nline \x1b ü", "\udcff"):
+            (self.root / "web" / name).write_bytes(b"")
+        (self.root / "web" / "link.vmdk").symlink_to("web.vmdk")
+        os.mkfifo(self.root / "web" / "pipe.vmdk")
+        self.assertEqual(self.ls("[ds1] web"), {
+            "web.vmx": "vmxFile", "web.vmdk": "diskDescriptorFile", "web-flat.vmdk": "diskExtentFile",
+            "vmware.log": "logFile", "WEB.VMXF": "configFile", "a.vmsn": "snapshotDataFile",
+            "a.vmsd": "snapshotListFile", "a.vswp": "swapFile", "a.vmss": "vmssFile", "a.nvram": "nvramFile",
+            "notes.txt": "file", ".x.lck": "IGNORE", "empty.vmdk": "diskExtentFile", "new\nline \x1b ü": "file",
+            "\udcff": "file", "link.vmdk": "file", "pipe.vmdk": "file"})
+        self.assertEqual(self.ls("[ds1]"), {"web": "directory"})
+        told = self.agent.ask("stat", DC, "[ds1] web/web.vmx")
+        self.assertEqual(self.agent.ask("ls", DC, "[ds1] web/web.vmx"), [told])
+
+    def test_one_file_by_all_its_names(self):
+        size = self.vmx["web"].stat().st_size
+        for path in ("[ds1] web/web.vmx", "[ds1]web/web.vmx", "[ds1] /web/./web.vmx/", "/vmfs/volumes/ds1/web/web.vmx",
+                     "/vmfs.direct/volumes/ds1//web/web.vmx"):
+            for datacenter in (DC, ""):
+                self.assertEqual(self.agent.ask("stat", datacenter, path), {
+                    "dc_name": DC, "ds_name": "ds1", "folder": "web", "name": "web.vmx", "type": "vmxFile",
+                    "mtime": OLD, "size": size}, path)
+        for path, folder, name in (("[ds1] web", "", "web"), ("/vmfs/volumes/ds1", "", "")):
+            told = self.agent.ask("stat", DC, path)
+            self.assertEqual((told["folder"], told["name"], told["type"]), (folder, name, "directory"))
+        os.utime(self.vmx["web"], (1e11, 1e11))
+        self.assertEqual(self.agent.ask("stat", DC, "[ds1] web/web.vmx")["mtime"], 0xffffffff)
+
+
+class Changing(FilesCase):
+    def test_files_come_and_go(self):
+        agent, flat = self.agent, self.root / "web/web-flat.vmdk"
+        data = os.urandom(5000)
+        with open(flat, "r+b") as file:
+            file.truncate(64 << 20)
+            file.seek(40 << 20)
+            file.write(data)
+        flat.chmod(0o640)
+        self.assertIsNone(agent.ask("mkdir", DC, "[ds1] a/b/c", "1"))
+        self.assertIsNone(agent.ask("mkdir", DC, "[ds1] a/d", "0"))
+        self.assertIsNone(agent.ask("cp", DC, "[ds1] web/web-flat.vmdk", DC, "/vmfs/volumes/ds1/a/copy", "0"))
+        copy = self.root / "a/copy"
+        status = copy.stat()
+        self.assertEqual((status.st_size, stat.S_IMODE(status.st_mode)), (64 << 20, 0o640))
+        self.assertLess(status.st_blocks * 512, 1 << 20)  # holes stay holes
+        self.assertEqual(copy.read_bytes(), flat.read_bytes())
+        self.assertIsNone(agent.ask("mv", DC, "[ds1] a/copy", DC, "[ds1] a/b/moved", "0"))
+        self.assertIsNone(agent.ask("mv", DC, "[ds1] a/b", DC, "[ds1] b", "0"))
+        self.assertEqual((self.root / "b/moved").stat().st_ino, status.st_ino)
+        self.assertIsNone(agent.ask("cp", DC, "[ds1] web/web.vmx", DC, "[ds1] b/moved", "1"))
+        self.assertEqual((self.root / "b/moved").read_bytes(), self.vmx["web"].read_bytes())
+        self.assertIsNone(agent.ask("mv", DC, "[ds1] b/moved", DC, "[ds1] b/c/moved", "1"))
+        for path in ("b/c/moved", "b/c", "b", "a/d", "a"):
+            self.assertIsNone(agent.ask("rm", DC, f"[ds1] {path}"), path)
+        self.assertEqual(os.listdir(self.root), ["web"])
+        self.assertEqual({path.name for path in (self.root / "web").iterdir()},
+                         {"web.vmx", "web.vmdk", "web-flat.vmdk"})
+
+    def test_controller_follows(self):
+        self.assertIsNone(self.agent.ask("mv", DC, "[ds1] web", DC, "[ds1] www", "0"))
+        wait_until(lambda: self.appliance.vms()["web"]["vmx_path"] == "www/web.vmx",
+                   "the VM is found at its new place")
+
+    def test_what_is_refused_changes_nothing(self):
+        web = self.root / "web"
+        (self.root / "empty").mkdir()
+        os.link(web / "web.vmx", web / "twin")
+        os.mkfifo(web / "pipe")
+        before = self.everything().keys()
+        vmx, flat, new = "[ds1] web/web.vmx", "[ds1] web/web-flat.vmdk", "[ds1] new"
+        for words, number in (
+                (("stat", DC, "[ds1] web/none"), 2), (("ls", DC, "[ds1] none"), 2), (("ls", DC, f"{vmx}/x"), 20),
+                (("stat", "dc2", vmx), 2), (("stat", DC, f"[ds1] {'n' * 256}"), 36),
+                (("mkdir", DC, "[ds1] web", "1"), 17), (("mkdir", DC, "[ds1]", "1"), 17),
+                (("mkdir", DC, "[ds1] a/b", "0"), 2), (("mkdir", DC, f"{vmx}/x", "1"), 20),
+                (("rm", DC, "[ds1] web"), 39), (("rm", DC, new), 2), (("rm", DC, "[ds1]"), 16),
+                (("cp", DC, vmx, DC, flat, "0"), 17), (("cp", DC, vmx, DC, flat, "yes"), 17),
+                (("cp", DC, vmx, DC, vmx, "1"), 22), (("cp", DC, vmx, DC, "[ds1] web/twin", "1"), 22),
+                (("cp", DC, "[ds1] web", DC, new, "0"), 21), (("cp", DC, "[ds1] web/pipe", DC, new, "0"), 22),
+                (("cp", DC, vmx, DC, "[ds1] empty", "1"), 21), (("cp", DC, vmx, DC, "[ds1]", "1"), 16),
+                (("cp", DC, "[ds1] none", DC, new, "0"), 2), (("cp", DC, vmx, DC, "[ds1] a/b", "0"), 2),
+                (("cp", "dc2", vmx, DC, new, "0"), 2), (("cp", DC, vmx, "dc2", new, "0"), 2),
+                (("mv", DC, vmx, DC, flat, "0"), 17), (("mv", DC, "[ds1] empty", DC, "[ds1] web", "0"), 17),
+                (("mv", DC, "[ds1] empty", DC, "[ds1] web", "1"), 39), (("mv", DC, vmx, DC, "[ds1] empty", "1"), 21),
+                (("mv", DC, "[ds1] web/twin", DC, vmx, "1"), 22), (("mv", DC, "[ds1] web", DC, "[ds1] web/w", "0"), 22),
+                (("mv", DC, "[ds1] none", DC, new, "1"), 2), (("mv", DC, "[ds1]", DC, new, "1"), 16),
+                (("mkdir", DC, "[ds1] x"), 22), (("ls",), 22)):
+            self.assertEqual(self.refused(*words)[0], number, words)
+        self.assertEqual(self.everything().keys(), before)
+        self.assertEqual((web / "web-flat.vmdk").stat().st_size, FLAT_SIZE)
+
+    def test_vm_that_a_task_works_on_is_left_alone(self):
+        with locks.task(str(self.vmx["web"])):
+            for words in (("rm", DC, "[ds1] web/web.vmx"), ("mv", DC, "[ds1] web/web.vmx", DC, "[ds1] x", "0"),
+                          ("cp", DC, "[ds1] web/web.vmx", DC, "[ds1] web/web.vmdk", "1"),
+                          ("mv", DC, "[ds1] web", DC, "[ds1] www", "0")):
+                number, text = self.refused(*words)
+                self.assertEqual((number, "another task is in progress" in text), (114, True), words)
+            self.assertIsNone(self.agent.ask("cp", DC, "[ds1] web/web.vmx", DC, "[ds1] x", "0"))
+        self.assertIsNone(self.agent.ask("rm", DC, "[ds1] web/web.vmx"))
+        self.assertEqual(sorted(os.listdir(self.root / "web")), ["web-flat.vmdk", "web.vmdk"])
+
+
+class Confined(FilesCase):
+    def setUp(self):
+        super().setUp()
+        outside = self.directory / "outside"
+        outside.mkdir()
+        (outside / "precious").write_bytes(b"precious")
+        for name, target in (("out", outside), ("up", "../outside"), ("in", "web"), ("root", "/"),
+                             ("file", outside / "precious"), ("inner", "web/web.vmx"), ("nowhere", outside / "new")):
+            (self.root / name).symlink_to(target)
+
+    def test_no_path_leads_out(self):
+        outside = self.directory / "outside"
+        before = self.everything()
+        paths = {"[ds1] ../outside/precious": 22, "[ds1] web/../../outside/precious": 22, "[ds1] ..": 22,
+                 "/vmfs/volumes/ds1/../../outside/precious": 22, "/vmfs/volumes/../volumes/ds1/web/web.vmx": 2,
+                 str(outside / "precious"): 22, "/etc/passwd": 22, "web/web.vmx": 22, "": 22, "[": 22, "[] x": 22,
+                 "[ds1] web\0/web.vmx": 22, "[ds1] \ud800": 22, "[ds2] mail/mail.vmx": 2, "[ds3] x": 2,
+                 "[.] x": 2, "[..] outside/precious": 2, f"[{outside}] precious": 2, "/vmfs/volumes/": 2,
+                 "[ds1] out/precious": 40, "[ds1] up/precious": 40, "[ds1] root/etc/passwd": 40,
+                 "[ds1] in/web.vmx": 40}
+        vmx, new = "[ds1] web/web.vmx", "[ds1] web/new"
+        for path, number in paths.items():
+            for words in (("stat", DC, path), ("ls", DC, path), ("mkdir", DC, f"{path}/x", "1"), ("rm", DC, path),
+                          ("cp", DC, path, DC, new, "1"), ("cp", DC, vmx, DC, path, "1"),
+                          ("mv", DC, path, DC, new, "1"), ("mv", DC, vmx, DC, path, "1")):
+                told, text = self.refused(*words)
+                self.assertEqual((told, ": " in text), (number, True), (words, text))
+        self.assertEqual(self.everything(), before)
+
+    def test_a_link_is_never_followed(self):
+        before = self.everything()
+        for name in ("out", "file", "inner"):
+            self.assertEqual(self.agent.ask("stat", DC, f"[ds1] {name}")["type"], "file")
+            self.assertEqual(self.refused("ls", DC, f"[ds1] {name}")[0], 40)
+            self.assertEqual(self.refused("cp", DC, f"[ds1] {name}", DC, "[ds1] new", "0")[0], 40)
+            self.assertEqual(self.refused("mkdir", DC, f"[ds1] {name}", "1")[0], 17)
+        for name in ("out", "file", "nowhere"):
+            self.assertEqual(self.refused("cp", DC, "[ds1] web/web.vmx", DC, f"[ds1] {name}", "0")[0], 17)
+        self.assertEqual(self.everything(), before)
+        for name in ("out", "file", "nowhere", "inner"):  # the link itself is replaced, moved and removed
+            self.assertIsNone(self.agent.ask("mv", DC, f"[ds1] {name}", DC, "[ds1] moved", "0"))
+            self.assertIsNone(self.agent.ask("cp", DC, "[ds1] web/web.vmx", DC, "[ds1] moved", "1"))
+            self.assertIsNone(self.agent.ask("rm", DC, "[ds1] moved"))
+        self.assertIsNone(self.agent.ask("rm", DC, "[ds1] in"))
+        self.assertEqual((self.directory / "outside/precious").read_bytes(), b"precious")
+        self.assertEqual(os.listdir(self.directory / "outside"), ["precious"])
+        self.assertTrue(self.vmx["web"].exists())
+
+
+class Faults(FilesCase):
+    def test_death_leaves_the_old_file_or_the_new_one(self):
+        copy = ("cp", DC, "[ds1] web/web.vmx", DC, "[ds1] web/web.vmdk", "1")
+        old = (self.root / "web/web.vmdk").read_bytes()
+        faults.add(self.state, faults.Rule(method="cp", step="copied", times=1))
+        self.agent.send(json.dumps(copy) + "\n")
+        self.assertEqual(self.agent.reply(), b"")
+        self.assertEqual((self.root / "web/web.vmdk").read_bytes(), old)
+        self.agent = self.connected()
+        left, = (name for name, kind in self.ls("[ds1] web").items() if kind == "IGNORE")
+        self.assertIsNone(self.agent.ask("rm", DC, f"[ds1] web/{left}"))
+        faults.add(self.state, faults.Rule(method="cp", die="after", times=1))
+        self.agent.send(json.dumps(copy) + "\n")
+        self.assertEqual(self.agent.reply(), b"")
+        self.assertEqual((self.root / "web/web.vmdk").read_bytes(), self.vmx["web"].read_bytes())
+        self.assertEqual(len(os.listdir(self.root / "web")), 3)
+
+    def test_faults_and_journal_know_the_methods(self):
+        self.fault("--method", "rm", "--error", "5", "--text", "no such luck", "--times", "1")
+        self.assertEqual(self.refused("rm", DC, "[ds1] web/web.vmx"), (5, "no such luck"))
+        self.assertTrue(self.vmx["web"].exists())
+        ended = self.ended()
+        self.assertEqual((ended["method"], ended["path"], ended["outcome"], ended["error"]),
+                         ("rm", "[ds1] web/web.vmx", "refused", 5))
+        self.agent.ask("mv", DC, "[ds1] web/web.vmx", DC, "[ds1] x", "0")
+        ended = self.ended()
+        self.assertEqual((ended["path"], ended["to"], ended["outcome"]), ("[ds1] web/web.vmx", "[ds1] x", "done"))
+        self.fault("--method", "ls", "--delay", "0.3")
+        started = time.monotonic()
+        self.assertEqual(self.ls("[ds1]"), {"web": "directory", "x": "file"})
+        self.assertGreaterEqual(time.monotonic() - started, 0.3)
+
+
+if __name__ == "__main__":
+    unittest.main()
