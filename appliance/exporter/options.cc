@@ -69,6 +69,14 @@ void set_text(char** field, const std::string& text) {
     cor_assert(*field != nullptr);
 }
 
+// An empty text says nothing: a start script's variable that is not set.
+void drop_empty(char** field) {
+    if (*field == nullptr || **field != '\0')
+        return;
+    std::free(*field);
+    *field = nullptr;
+}
+
 // The path as it reads from any working directory, without slashes at its end.
 fs::path absolute_path(const fs::path& given) {
     std::error_code failed;
@@ -123,7 +131,12 @@ mirador_options_t& fs_options() {
 }
 
 bool mirador_parse_options(fuse_args* args) {
-    return fuse_opt_parse(args, &fs_options(), mirador_opts, mirador_parse_opt) == 0;
+    mirador_options_t& options = fs_options();
+    const bool passed = fuse_opt_parse(args, &options, mirador_opts, mirador_parse_opt) == 0;
+    for (char** field :
+         {&options.proxy_mount_point, &options.tmpfs_mount_point, &options.tmpfs_mount_options, &options.log_dir})
+        drop_empty(field);
+    return passed;
 }
 
 void options_settle_log_dir() {

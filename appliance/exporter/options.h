@@ -30,9 +30,9 @@ struct mirador_options_t {
 // The one record; holds the defaults until mirador_parse_options.
 mirador_options_t& fs_options();
 
-// Parses `args` into fs_options(); what is FUSE's stays in `args`, the mount point included. False on failure. An
-// option that is neither the daemon's nor FUSE's is told on standard error with the usage, and the process exits with
-// status 1.
+// Parses `args` into fs_options(); what is FUSE's stays in `args`, the mount point included. A text that is empty
+// counts as not given. False on failure. An option that is neither the daemon's nor FUSE's is told on standard error
+// with the usage, and the process exits with status 1.
 [[nodiscard]] bool mirador_parse_options(fuse_args* args);
 
 // The daemon leaves the directory that it is started in: makes the log directory, if one is given, absolute.

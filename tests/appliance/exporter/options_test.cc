@@ -76,6 +76,7 @@ TEST(options, CommandLinesAreParsed) {
          "tmpfs=/sh opts=size=1M log=/log "},
         {{"mirador", "-W", "-D", "--no-threads", "-h", "-V", "/x"}, "threads=0 ro=0 dir=1 help=1 version=1 fuse=/x,"},
         {{"mirador", "--writable", "--use-dir", "--help", "--version"}, "mount=- .* ro=0 dir=1 help=1 version=1"},
+        {{"mirador", "-L", "", "-P", "", "--tmpfs-opts=", "/x"}, "mount=/x tmpfs=- opts=- log=- "},
         {{"mirador", "-o", "allow_other", "-f", "/x"}, "fuse=-o,allow_other,-f,/x,"},
     };
     for (const auto& c : cases)
@@ -114,6 +115,7 @@ TEST(options, PathsAreSettled) {
 // Only command lines that end the program before it touches the machine.
 TEST(options, CommandLinesThatEndAtOnce) {
     EXPECT_EXIT(run_main({"mirador", "-V"}), testing::ExitedWithCode(1), "Mount point must be provided");
+    EXPECT_EXIT(run_main({"mirador", ""}), testing::ExitedWithCode(1), "Mount point must be provided");
     EXPECT_EXIT(run_main({"mirador", "-W", "/x"}), testing::ExitedWithCode(1),
                 "The ``--writable'' option is not currently supported.");
     EXPECT_EXIT(run_main({"mirador", "-h", "-W", "/x"}), testing::ExitedWithCode(0), "");
