@@ -47,6 +47,11 @@ bool is_work_file(std::string_view name) {
            extension == ".zero";
 }
 
+void remove_work_file(const std::string& path) {
+    if (unlink(path.c_str()) != 0)
+        log_failure(errdesc_set_str(errno, path), ERRDESC_INFO);
+}
+
 }  // namespace
 
 void crash_recover_umount(const std::string& mountpoint, const std::string& tmpfs_path, bool* fuse_mounted,
@@ -96,13 +101,16 @@ void crash_recover_tmp_files() {
         log_failure(errdesc_set_str(errno, directory), ERRDESC_INFO);
         return;
     }
-    while (const dirent* entry = readdir(dir.get())) {  // NOLINT(concurrency-mt-unsafe): the stream is ours alone
-        if (!is_work_file(entry->d_name))
-            continue;
-        const std::string path = cor_format_path("%s/%s", directory.c_str(), entry->d_name);
-        if (unlink(path.c_str()) != 0)
-            log_failure(errdesc_set_str(errno, path), ERRDESC_INFO);
+    for (;;) {
+        errno = 0;
+        const dirent* entry = readdir(dir.get());  // NOLINT(concurrency-mt-unsafe): the stream is ours alone
+        if (entry == nullptr)
+            break;
+        if (is_work_file(entry->d_name))
+            remove_work_file(cor_format_path("%s/%s", directory.c_str(), entry->d_name));
     }
+    if (errno != 0)
+        log_failure(errdesc_set_str(errno, directory), ERRDESC_INFO);
 }
 
 void crash_recover_fuse(const std::string& mountpoint, bool fuse_mounted) {
