@@ -205,8 +205,8 @@ int mirador_readdir(const char* path, void* buf, fuse_fill_dir_t filler, off_t o
     rewinddir(dir);
     errno = 0;
     const dirent* entry = readdir(dir);  // NOLINT(concurrency-mt-unsafe): the stream belongs to this handle
-    if (entry == nullptr)
-        return reply_alert(path, errdesc_set_str(errno, path));
+    if (entry == nullptr)  // not even a dot: it was removed since it was opened, which is no error to readdir
+        return reply_alert(path, errdesc_set_str(errno != 0 ? errno : ENOENT, path));
     for (; entry != nullptr; entry = readdir(dir)) {  // NOLINT(concurrency-mt-unsafe)
         ts_dprintf(entry_level, "    mirador_readdir(%s): got %s\n", path, entry->d_name);
         if (std::string_view(entry->d_name) == shadow_lock_name)

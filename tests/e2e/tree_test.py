@@ -95,6 +95,14 @@ class Tree(DaemonCase):
         self.assertIn("good", names)
         self.assertFalse({"short", "garbage", "empty"} & set(names))
 
+    def test_directory_that_goes_while_it_is_open(self):
+        os.mkdir(SHADOW / "going")
+        held = os.open(EXPORT / "going", os.O_RDONLY | os.O_DIRECTORY)
+        self.addCleanup(os.close, held)
+        os.rmdir(SHADOW / "going")
+        self.assertEqual(os.listdir(held), [])
+        self.assertIn("error:2] /going: No such file or directory\n", self.daemon.log())
+
     def test_missing_names(self):
         for name in ("nothing", "nothing/below", "x" * 255):
             with self.assertRaises(FileNotFoundError):
