@@ -15,7 +15,6 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
-#include <ctime>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -342,8 +341,7 @@ class ending_watch_t {
         while (!done_ && fuse_exited(handle) == 0)
             clock_wait(cond_, mutex_, 1);
         on_ending();
-        const std::time_t deadline = clock_now() + ending_patience;
-        while (!done_ && clock_now() < deadline)
+        for (int left = ending_patience; !done_ && left > 0; left--)
             clock_wait(cond_, mutex_, 1);
         if (done_)
             return;
@@ -413,6 +411,9 @@ bool fuse_serve(fuse_args* args, const std::function<void()>& on_serving, const 
     allow_corcbt_opens(multithreaded != 0);
     on_serving();
     const bool aborted = run_loop(handle, multithreaded != 0, connection, on_ending);
+    // FUSE's teardown takes its signal handlers away, and who asks once more for the end must not cut it short: disks
+    // are taken apart and snapshots removed yet.
+    block_signals();
     fuse_teardown(handle, mountpoint);
     if (aborted)
         unmount_dead(fs_options().proxy_mount_point);

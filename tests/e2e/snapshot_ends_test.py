@@ -4,6 +4,7 @@ import concurrent.futures
 import contextlib
 import errno
 import re
+import signal
 import time
 
 from harness import place, snapshots
@@ -183,6 +184,18 @@ class Ends(SnapshotCase):
         self.remove_own(self.idle)
         wait_until(is_removed, "it is being removed", BOUND)
         self.assertEqual(self.end(), {})
+        self.wait_clean(self.idle, contents)
+
+    def test_term_again_while_it_ends(self):
+        """Who asks twice gets no snapshot left."""
+        contents = self.assert_reads_frozen(self.idle)
+        self.faults.set(self.idle.name, {"method": "remove_snapshot", "delay": 1})
+        is_removed = self.faults.next_call(self.idle, "remove_snapshot")
+        self.daemon.signal(signal.SIGTERM)
+        wait_until(is_removed, "it is being removed", BOUND)
+        for number in (signal.SIGINT, signal.SIGHUP, signal.SIGTERM):
+            self.daemon.signal(number)
+        self.daemon.wait()
         self.wait_clean(self.idle, contents)
 
     def test_term_while_snapshots_cannot_be_removed(self):
