@@ -38,7 +38,7 @@ errdesc_t* find_vm(const std::string& hv_name, const std::string& vm_name, ks_vm
             *vmc = std::move(*vm);
             return nullptr;
         }
-    return errdesc_set_fmt(ERR_OBJ_NOT_FOUND, "Virtual machine not found");
+    return errdesc_set_str(ERR_OBJ_NOT_FOUND, "Virtual machine not found");
 }
 
 // What is to change of the VM; null: nothing.

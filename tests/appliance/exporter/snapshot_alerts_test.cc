@@ -97,8 +97,8 @@ TEST_F(snapshot_alerts, KnowTheirVm) {
         errnum_t number;
         const char* text;
     } const cases[] = {
-        {"esx", "Vm", ERR_OBJ_NOT_FOUND, "Virtual machine not found"},
-        {"other", "vm", ERR_OBJ_NOT_FOUND, "Virtual machine not found"},
+        {"esx", "Vm", ERR_OBJ_NOT_FOUND, "Virtual machine not found: not found"},
+        {"other", "vm", ERR_OBJ_NOT_FOUND, "Virtual machine not found: not found"},
         {"none", "vm", ENOENT, "none: No such file or directory"},
         {"a/b", "vm", EINVAL, "Hypervisor 'a/b' refused, host name is no name"},
     };
