@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "appliance/exporter/hv_thr.h"
+#include "appliance/exporter/snapshot_scrub.h"
 #include "appliance/exporter/vm_state.h"
 #include "appliance/lib/registry.h"
 #include "controller/lib/controller.h"
@@ -42,8 +43,9 @@ struct listed_t {
     }
 
     // Whether an alert is about a VM that is not listed any more, or not under the name and hypervisor that it had.
+    // Those about old snapshots come from what the hypervisor lists, and go when it no longer does.
     bool outlived(const managed_alert_t& alert) const {
-        if (!ks_is_set(alert.vm_uuid))
+        if (!ks_is_set(alert.vm_uuid) || alert.alert_id == old_snapshot_alert)
             return false;
         const auto vm = vms.find(*alert.vm_uuid);
         if (vm == vms.end())

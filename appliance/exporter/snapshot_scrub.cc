@@ -17,7 +17,6 @@
 namespace mirador {
 namespace {
 
-constexpr const char* old_alert = "old_snapshot";
 constexpr const char* old_severity = "notice";
 
 const reg_names_t& names() {
@@ -98,7 +97,8 @@ void report_old(const std::string& hv_name, const snapshotdesc_t& desc, std::tim
     vm.hv_hostname = hv_name;
     vm.vm_name = desc.vmname;
     vm.uuid = desc.vmuuid;
-    if (errdesc_t* e = managed_alert_post(old_alert, desc.vmuuid, names().appliance_uuid, old_severity, text, vm, 0))
+    if (errdesc_t* e =
+            managed_alert_post(old_snapshot_alert, desc.vmuuid, names().appliance_uuid, old_severity, text, vm, 0))
         _errdesc_log(e, ERRDESC_WARNING);
 }
 
@@ -134,7 +134,7 @@ errdesc_t* snapshot_scrub(snapshot_list_t* list, std::time_t now, bool* had_iden
     RETURN_IF_ERROR(for_each_snapshot(
         snapshot_name_pattern(names().vendor_id), &saw_all,
         [&](const ks_hypervisor_config_t& hvc, const snapshotdesc_t& desc) { scrub_one(list, hvc, desc, now); }));
-    return managed_alert_clear_old(names().appliance_uuid, old_alert, now);
+    return managed_alert_clear_old(names().appliance_uuid, old_snapshot_alert, now);
 }
 
 errdesc_t* snapshot_remove_named(const std::string& hv_name, const std::string& vm_uuid,

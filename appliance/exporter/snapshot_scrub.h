@@ -13,6 +13,9 @@
 
 namespace mirador {
 
+// The kind of the alerts that snapshot_scrub raises and clears.
+inline constexpr const char* old_snapshot_alert = "old_snapshot";
+
 // Enters a record without users for each snapshot of this appliance that the hypervisors have; of VMs that the
 // controller knows only. A hypervisor that cannot be asked is skipped and logged; *saw_all tells that there was none.
 // Errors: ERR_NOT_AVAILABLE without identity; the controller's, when the hypervisors cannot be had.

@@ -9,7 +9,9 @@
 
 #include "appliance/exporter/controller_thr.h"
 #include "appliance/exporter/hv_thr.h"
+#include "appliance/exporter/snapshot_scrub.h"
 #include "appliance/exporter/vm_state.h"
+#include "controller/lib/managed_alert.h"
 #include "lib/clock.h"
 #include "lib/tool_paths.h"
 #include "tests/appliance/exporter/inventory_lab.h"
@@ -109,9 +111,13 @@ TEST_F(cnt_cycle_test, RecordsThatReachOutsideAreLeftOut) {
     EXPECT_EQ(names(""), "esx1 ok");
     EXPECT_THAT(alerts(), Contains(HasSubstr("alert_post vm_discovery esx1:bad")));
 
+    const ks_vm_config_t stranger = config(bad);  // a VM of the hypervisor's that the controller does not list
+    EXPECT_EQ(managed_alert_post(old_snapshot_alert, "stranger", "node", "notice", "old", stranger, 0), nullptr);
     list({good});
     ASSERT_TRUE(cycle());
-    EXPECT_THAT(alerts(), Contains(HasSubstr("alert_clear vm_discovery esx1:bad")));
+    const std::vector<std::string> seen = alerts();
+    EXPECT_THAT(seen, Contains(HasSubstr("alert_clear vm_discovery esx1:bad")));
+    EXPECT_THAT(seen, testing::Not(Contains(HasSubstr("alert_clear old_snapshot"))));
 }
 
 TEST_F(cnt_cycle_test, VmOfTwoHypervisorsKeepsTheAlertsOfBoth) {
