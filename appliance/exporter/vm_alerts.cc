@@ -58,8 +58,14 @@ void post_in_use_alert(const ks_vm_config_t& vmc, const std::string& vm_path) {
         "Cannot remove %s (hypervisor: %s) from the namespace because there are "
         "application(s) accessing the VM %s.\n",
         vm_path.c_str(), ks_text(vmc.hv_hostname).c_str(), ks_text(vmc.vm_name).c_str());
-    if (errdesc_t* failure = managed_alert_post("user_defined_folder", vm_path, node_uuid(), severity, text, vmc, 0))
+    if (errdesc_t* failure = managed_alert_post(in_use_alert, vm_path, node_uuid(), severity, text, vmc, 0))
         ts_printf("vm_stop_old: Failed to alert user: %s\n", failure->string);
+}
+
+void clear_in_use_alert(const ks_vm_config_t& vmc, const std::string& vm_path) {
+    const errdesc_keeper_t keeper;
+    if (managed_alert_clear(in_use_alert, vm_path, node_uuid(), vmc) != nullptr)
+        ts_printf("Failed to clear alert %s\n", vm_path.c_str());
 }
 
 void raise_unexpected_changeid_alert(const ks_vm_config_t& vmc, const std::string& disk_name) {

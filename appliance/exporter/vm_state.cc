@@ -88,6 +88,8 @@ void clean_up(vm_state_t* state) {
     cor_assert(e == nullptr);
     if (errdesc_t* failure = vm_proxy_remove_tree(vm.vm_path))  // clients may have used all descriptors up
         _errdesc_log(failure, ERRDESC_ERROR);
+    if (vm.keeps_alerts)
+        return;
     const read_lock_t vmc_lock(vm.vmc_rwlock);
     if (errdesc_t* failure = managed_alert_clear_vm(ks_text(vm.vmc.uuid), get_reg_settings()->names().appliance_uuid))
         _errdesc_log(failure, ERRDESC_WARNING);
@@ -105,6 +107,13 @@ void release(std::shared_ptr<vm_state_t> state, bool remove_state) {
     ts_printf("vm_state_release: removed '%s'\n", state->vm_path.c_str());
 }
 
+// A VMX file that is called otherwise now, as that of a VM that became a template, leaves its entries behind.
+void note_left_entries(vm_state_t* state, const vm_paths_t& paths) REQUIRES(state->mutex) {
+    for (const std::string& entry : {state->paths.vmx_shadow_path, state->paths.vm_cfg_path})
+        if (!entry.empty() && entry != paths.vmx_shadow_path && entry != paths.vm_cfg_path)
+            state->left_entries.push_back(entry);
+}
+
 // Replaces what the controller said of the VM, and all paths that follow from it.
 errdesc_t* vm_state_copy(vm_state_t* state, const ks_vm_config_t& vmc, ks_vdisk_list_t vdisks, const std::string& root)
     REQUIRES(state->mutex) {
@@ -113,6 +122,7 @@ errdesc_t* vm_state_copy(vm_state_t* state, const ks_vm_config_t& vmc, ks_vdisk_
     RETURN_IF_ERROR(shadow_make_dir(paths.vm_path));
     if (!paths.vm_symlink.empty())
         shadow_link_uuid(root, paths.vm_symlink, paths.vm_path);
+    note_left_entries(state, paths);
     state->paths = std::move(paths);
     const write_lock_t lock(state->vmc_rwlock);
     state->vmc = vmc;
@@ -144,6 +154,13 @@ bool is_taken(const vm_state_t& state, const ks_vm_config_t& vmc, std::uint64_t 
     return state.vmc.uuid != vmc.uuid || (state.gen == gen && *stored_hv != ks_text(vmc.hv_hostname));
 }
 
+// The cycle lists the VM.
+void mark_listed(vm_state_t* state, const ks_vm_config_t& vmc, std::uint64_t gen) {
+    state->gen = gen;
+    if (state->only_kept.exchange(false))
+        clear_in_use_alert(vmc, state->vm_path);
+}
+
 // Takes a changed record over, under the VM's mutex.
 errdesc_t* change(vm_state_t* state, const ks_vm_config_t& vmc, const std::string& root, std::uint64_t gen)
     REQUIRES(state->mutex) {
@@ -153,7 +170,7 @@ errdesc_t* change(vm_state_t* state, const ks_vm_config_t& vmc, const std::strin
     if (is_taken(*state, vmc, gen, &stored_hv))
         return same_name_error(vmc, stored_hv);
     RETURN_IF_ERROR(vm_state_copy(state, vmc, std::move(vdisks), root));
-    state->gen = gen;
+    mark_listed(state, vmc, gen);
     state->refresh_now = true;
     return nullptr;
 }
@@ -178,7 +195,7 @@ errdesc_t* busy(const std::string& vm_path) {
 errdesc_t* update_known(vm_state_t* state, const ks_vm_config_t& vmc, const std::string& root, std::uint64_t gen,
                         bool* updated) {
     if (!differs(*state, vmc)) {
-        state->gen = gen;
+        mark_listed(state, vmc, gen);
         return nullptr;
     }
     if (!take_mutex(state))
@@ -229,6 +246,11 @@ ks_vm_config_t config_of(const vm_state_t& vm) {
     return vm.vmc;
 }
 
+bool is_only_kept(const std::string& vm_shadow_path) {
+    const vm_state_ref_t state = vm_state_get(vm_shadow_path);
+    return state && (*state).only_kept;
+}
+
 bool is_on(const vm_state_t& vm, const std::string& hv_hostname) {
     const read_lock_t lock(vm.vmc_rwlock);
     return vm.vmc.hv_hostname == hv_hostname;
@@ -275,7 +297,7 @@ errdesc_t* vm_state_update(const ks_vm_config_t& vmc, const ks_hypervisor_config
 }
 
 // An update on its way, which may last, is not waited for: its thread is the record's last user then.
-void vm_stop_old(std::uint64_t gen) {
+void vm_stop_old(std::uint64_t gen, const std::function<bool(const ks_vm_config_t&)>& is_listed) {
     for (const std::string& key : vm_state_get_keys()) {
         vm_state_ref_t state = vm_state_get(key);
         if (!state || (*state).gen == gen)
@@ -283,10 +305,12 @@ void vm_stop_old(std::uint64_t gen) {
         const ks_vm_config_t vmc = config_of(*state);
         const std::string hv_name = ks_text(vmc.hv_hostname);
         if (snapshot_existed(hv_name, ks_text(vmc.uuid))) {
+            (*state).only_kept = true;
             post_in_use_alert(vmc, key);
             continue;
         }
         ts_printf("vm_stop_old: releasing %s (hv_name: %s)\n", key.c_str(), hv_name.c_str());
+        (*state).keeps_alerts = is_listed && is_listed(vmc);
         vm_state_release(std::move(state), true);
     }
 }
@@ -317,6 +341,9 @@ errdesc_t* vm_wait_snapshot(const std::string& vm_shadow_path, int snapshot_expe
         RETURN_IF_ERROR(vm_count_snapshots(vm_shadow_path, &found));
         if (snapshot_expected == 0 ? found == 0 : found >= snapshot_expected)
             return nullptr;
+        if (is_only_kept(vm_shadow_path))
+            return errdesc_set_fmt(EINVAL, "%s is no longer listed, only found %d snapshots", vm_shadow_path.c_str(),
+                                   found);
         if (goes_on && !goes_on())
             return errdesc_set_fmt(ERR_CANCELLED, "The wait for %d snapshots on %s is given up", snapshot_expected,
                                    vm_shadow_path.c_str());

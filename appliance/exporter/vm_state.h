@@ -33,13 +33,16 @@ struct vm_state_t {
 
     std::uint32_t magic = magic_value;
     std::uint32_t version = version_value;
-    const std::string vm_path;           // shadow directory, the key
-    std::atomic<std::uint64_t> gen = 0;  // the last cycle of the controller that listed the VM
+    const std::string vm_path;               // shadow directory, the key
+    std::atomic<std::uint64_t> gen = 0;      // the last cycle of the controller that listed the VM
+    std::atomic<bool> only_kept = false;     // no longer listed, but its snapshot is in use
+    std::atomic<bool> keeps_alerts = false;  // beyond its end
     mutex_t mutex;
     mutable rwlock_t vmc_rwlock;
     ks_vm_config_t vmc GUARDED_BY(vmc_rwlock);
     ks_vdisk_list_t vmc_vdisk_list GUARDED_BY(vmc_rwlock);
     vm_paths_t paths GUARDED_BY(mutex);
+    std::vector<std::string> left_entries GUARDED_BY(mutex);  // under former names of the VMX file, to be removed
     ks_hypervisor_type_t hv_type = HYPERVISOR_TYPE_UNKNOWN;
     std::atomic<std::time_t> last_update = 0;  // end of the last attempt, seconds
     std::atomic<std::uint32_t> failed_attempts = 0;
@@ -47,8 +50,9 @@ struct vm_state_t {
     std::atomic<bool> refresh_again = false;  // and the one after that which is on its way
     std::time_t stamp GUARDED_BY(mutex) = 0;  // of the last update: no two of a VM bear the same
     vd_list_t vd_list GUARDED_BY(mutex);
-    bool vmx_available GUARDED_BY(mutex) = false;  // the last full update could copy the VMX file
-    bool release_pending = false;                  // by the table's mutex
+    std::vector<std::string> independent_disks GUARDED_BY(mutex);  // about which an alert was raised
+    bool vmx_available GUARDED_BY(mutex) = false;                  // the last full update could copy the VMX file
+    bool release_pending = false;                                  // by the table's mutex
 };
 
 // A user's hold on a record; gives it back at its end.
@@ -91,8 +95,10 @@ std::vector<std::string> vm_state_get_keys();
 [[nodiscard]] errdesc_t* vm_state_update(const ks_vm_config_t& vmc, const ks_hypervisor_config_t& hvc,
                                          const std::string& root_shadow_path, std::uint64_t gen, bool* updated);
 
-// Retires the VMs that cycle `gen` did not list. One whose snapshot is in use stays, with an alert.
-void vm_stop_old(std::uint64_t gen);
+// Retires the VMs that cycle `gen` did not list. One whose snapshot is in use stays, with an alert, which is cleared
+// when a later cycle lists it again. `is_listed` (null: no) tells that the cycle met a VM which it could not take over:
+// that one's alerts, which say why, stay when it goes.
+void vm_stop_old(std::uint64_t gen, const std::function<bool(const ks_vm_config_t&)>& is_listed = nullptr);
 
 // Calls `visit` for each VM of a hypervisor until it returns false.
 void vm_state_each(const std::string& hv_hostname, const std::function<bool(vm_state_t&)>& visit);
@@ -101,7 +107,8 @@ void vm_state_each(const std::string& hv_hostname, const std::function<bool(vm_s
 [[nodiscard]] errdesc_t* vm_count_snapshots(const std::string& vm_shadow_path, int* count);
 
 // Waits until the controller has seen as many snapshots of a VM as expected: none, or at least that many. Errors:
-// EINVAL for an unknown VM; ETIME after `timeout` seconds; ERR_CANCELLED when `goes_on` (null: always) says no.
+// EINVAL for an unknown VM, and for one that is no longer listed: nobody tells its number then; ETIME after `timeout`
+// seconds; ERR_CANCELLED when `goes_on` (null: always) says no.
 [[nodiscard]] errdesc_t* vm_wait_snapshot(const std::string& vm_shadow_path, int snapshot_expected, std::time_t timeout,
                                           const std::function<bool()>& goes_on);
 

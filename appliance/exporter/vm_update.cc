@@ -12,6 +12,7 @@
 #include "appliance/exporter/snapshot_state.h"
 #include "appliance/exporter/vm_alerts.h"
 #include "appliance/exporter/vm_cbt_reset.h"
+#include "appliance/exporter/vm_proxy_remove.h"
 #include "appliance/exporter/vm_proxy_touch.h"
 #include "appliance/exporter/vmx_frozen.h"
 #include "appliance/exporter/vmx_write_cfg.h"
@@ -21,6 +22,7 @@
 #include "lib/clock.h"
 #include "lib/error_hash.h"
 #include "lib/log.h"
+#include "vmware/lib/vmdk/datastore_containment.h"
 #include "vmware/lib/vmx/vmx_convert.h"
 
 namespace mirador {
@@ -113,7 +115,19 @@ errdesc_t* update_disk(vm_state_t* vm, attempt_t* attempt, const ks_vdisk_t& vdi
     return vdisk.independent ? nullptr : update_exported_disk(vm, attempt, vdisk);
 }
 
+// The alert about a disk that is not exported goes with the disk.
+void clear_former_independent(vm_state_t* vm, const attempt_t& attempt) REQUIRES(vm->mutex) {
+    std::vector<std::string> names;
+    for (const ks_vdisk_t& vdisk : attempt.vdisks)
+        if (vdisk.independent)
+            names.push_back(ks_text(vdisk.name));
+    for (const std::string& name : std::exchange(vm->independent_disks, names))
+        if (std::ranges::find(names, name) == names.end())
+            post_independent_disk_alert(attempt.vmc, name, false);
+}
+
 errdesc_t* update_disks(vm_state_t* vm, attempt_t* attempt) REQUIRES(vm->mutex) {
+    clear_former_independent(vm, *attempt);
     if (attempt->vdisks.empty())
         return nullptr;
     vd_touch_gen(attempt->vdisks, &vm->vd_list, attempt->update.gen);
@@ -134,12 +148,26 @@ errdesc_t* check_conflict(const vm_state_t& vm, const attempt_t& attempt) REQUIR
 void copy_vmx(vm_state_t* vm, attempt_t* attempt) REQUIRES(vm->mutex) {
     if (attempt->vmc.snap_exists >= 1)
         vmx_follow_to_frozen(vm->paths.vmx_ds_path, attempt->heads, &attempt->conversions);
-    errdesc_t* e = vmx_copy_convert(vm->paths.vmx_ds_path, vm->paths.vm_cached_path, attempt->conversions);
+    const std::string& vmx = vm->paths.vmx_ds_path;
+    const auto is_datastores = [&vmx](int fd) { return datastore_check_opened(vmx, fd, vmx); };
+    errdesc_t* e = vmx_copy_convert(vmx, vm->paths.vm_cached_path, attempt->conversions, is_datastores);
     vm->vmx_available = e == nullptr;
     if (e == nullptr)
         return;
     error_hash_save(client_path(*vm), e);
     _errdesc_log(e, ERRDESC_WARNING);
+}
+
+// Those of former names of the VMX file, once the present one's stand.
+void remove_left_entries(vm_state_t* vm) REQUIRES(vm->mutex) {
+    if (!vm->vmx_available)
+        return;
+    for (const std::string& entry : std::exchange(vm->left_entries, {})) {
+        if (entry == vm->paths.vmx_shadow_path || entry == vm->paths.vm_cfg_path)
+            continue;
+        if (errdesc_t* e = vm_proxy_remove(entry))
+            _errdesc_log(e, ERRDESC_ERROR);
+    }
 }
 
 // The steps that count as an attempt.
@@ -153,7 +181,9 @@ errdesc_t* write_entries(vm_state_t* vm, attempt_t* attempt) REQUIRES(vm->mutex)
         vd_stop_old(&vm->vd_list, attempt->update.gen);
     if (attempt->full)
         RETURN_IF_ERROR(vmx_write_cfg(attempt->vmc, vm->paths, vm->vd_list));
-    return touch_entry(*attempt, VM_PROXY_HEADER_CFG, vm->paths.vm_cfg_path, vm->paths.vm_cfg_cached_path);
+    RETURN_IF_ERROR(touch_entry(*attempt, VM_PROXY_HEADER_CFG, vm->paths.vm_cfg_path, vm->paths.vm_cfg_cached_path));
+    remove_left_entries(vm);
+    return nullptr;
 }
 
 // Records how an attempt ended.
