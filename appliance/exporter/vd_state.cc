@@ -42,6 +42,15 @@ struct vd_look_t {
     struct ::stat stat {};
 };
 
+errdesc_t* vd_unlink(const std::string& name) {
+    return vm_proxy_remove(name);
+}
+
+void log_failure(errdesc_t* e) {
+    if (e != nullptr)
+        _errdesc_log(e, ERRDESC_ERROR);
+}
+
 void check_state(const vd_state_t& state) {
     cor_assert(state.magic == vd_state_t::magic_value);
     cor_assert(state.version == vd_state_t::version_value);
@@ -155,6 +164,8 @@ errdesc_t* take_names(vd_list_t* vd_list, const vd_update_t& update, const vd_st
 void replace(vd_list_t* vd_list, std::unique_ptr<vd_state_t> state) {
     const vd_state_t* predecessor =
         find(vd_list, [&](const vd_state_t& other) { return other.vd_shadow_path == state->vd_shadow_path; });
+    if (predecessor != nullptr && predecessor->extent_shadow_path != state->extent_shadow_path)
+        log_failure(vd_unlink(predecessor->extent_shadow_path));  // nobody else's: names are told apart
     const char* change = predecessor == nullptr ? "added" : "updated";
     if (predecessor == nullptr || predecessor->current_vd_path != state->current_vd_path)
         ts_printf("vd_update: %s %s to %s\n", change, state->vd_shadow_path.c_str(),
@@ -196,10 +207,6 @@ vm_proxy_touch_t touch_of(const vd_update_t& update, vm_proxy_header_type_t type
 errdesc_t* touch(const std::string& shadow_path, const vm_proxy_touch_t& touch) {
     RETURN_IF_ERROR(vm_proxy_touch_check(touch));
     return vm_proxy_touch(shadow_path, touch);
-}
-
-errdesc_t* vd_unlink(const std::string& name) {
-    return vm_proxy_remove(name);
 }
 
 // What an entry's failure means: "try again" ends the update, anything else is only logged.
@@ -306,11 +313,6 @@ errdesc_t* update_corcbt(const vd_state_t& state, const vd_update_t& update) {
     return update.use_cbt ? add_corcbt(state, update, path) : remove_corcbt(path);
 }
 
-void log_failure(errdesc_t* e) {
-    if (e != nullptr)
-        _errdesc_log(e, ERRDESC_ERROR);
-}
-
 // Removes the two entries that every disk has, and the copy in the cache.
 void unlink_disk(const vd_state_t& state) {
     log_failure(vd_unlink(state.vd_shadow_path));
@@ -330,7 +332,7 @@ void vd_unlink_all(const vd_state_t& state) {
 void vd_touch_gen(const ks_vdisk_list_t& vmc_vdisk_list, vd_list_t* vd_list, std::uint64_t gen) {
     for (const ks_vdisk_t& vdisk : vmc_vdisk_list) {
         vd_state_t* state = find_root(vd_list, ks_text(vdisk.base_ascii_path));
-        if (state == nullptr)
+        if (state == nullptr || vdisk.independent)
             continue;
         state->gen = gen;
         ts_dprintf(touch_level, "touched %s to %jd\n", state->new_vd_name.c_str(), static_cast<std::intmax_t>(gen));
@@ -340,7 +342,7 @@ void vd_touch_gen(const ks_vdisk_list_t& vmc_vdisk_list, vd_list_t* vd_list, std
 bool vd_is_current(const ks_vdisk_list_t& vmc_vdisk_list, vd_list_t* vd_list, const std::string& extent_shadow_path) {
     return std::ranges::any_of(vmc_vdisk_list, [&](const ks_vdisk_t& vdisk) {
         const vd_state_t* state = find_root(vd_list, ks_text(vdisk.base_ascii_path));
-        return state != nullptr && state->extent_shadow_path == extent_shadow_path &&
+        return state != nullptr && !vdisk.independent && state->extent_shadow_path == extent_shadow_path &&
                state->current_vd_path == ks_text(vdisk.head_ascii_path);
     });
 }

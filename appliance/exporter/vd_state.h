@@ -67,7 +67,7 @@ struct vd_update_t {
 };
 
 // Marks the disks that the controller still lists with the stamp, so that they survive an update in which their own
-// refresh fails.
+// refresh fails. One that snapshots leave out by now is not marked: read without one, it would change under its reader.
 void vd_touch_gen(const ks_vdisk_list_t& vmc_vdisk_list, vd_list_t* vd_list, std::uint64_t gen);
 
 // Refreshes one disk and points *vd_state_out at its state, which stays the list's. `vdisk` must have a head descriptor
@@ -78,7 +78,7 @@ void vd_touch_gen(const ks_vdisk_list_t& vmc_vdisk_list, vd_list_t* vd_list, std
                                    const vd_state_t** vd_state_out);
 
 // Whether the disk that an extent entry stands for was taken over with the head that the controller lists for it. False
-// as well for an entry of no listed disk.
+// as well for an entry of no listed disk, and of one that snapshots leave out.
 bool vd_is_current(const ks_vdisk_list_t& vmc_vdisk_list, vd_list_t* vd_list, const std::string& extent_shadow_path);
 
 // Removes the disks that do not bear the stamp, entries and all.

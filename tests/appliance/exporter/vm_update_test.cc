@@ -216,6 +216,42 @@ TEST_F(vm_update_test, DiskThatCannotBeHadDoesNotTakeOthersAlong) {
     EXPECT_EQ(names("esx1/vm"), "a-flat.vmdk a.vmdk b-flat.vmdk b.vmdk vm.cfg vm.vmx");
 }
 
+// Its contents would change under whoever reads it.
+TEST_F(vm_update_test, DiskThatSnapshotsLeaveOutByNowIsNoLongerExported) {
+    lab_vm_t vm;
+    vm.disks = {{.name = "a.vmdk"}, {.name = "b.vmdk"}};
+    expose(vm);
+    vm.disks[1].independent = true;
+    vm.snap_exists = 1;
+    take(vm, 2);
+    EXPECT_EQ(vm_settle_disk(vm_dir(vm) + "/a-flat.vmdk"), nullptr);
+    const errdesc_t* e = vm_settle_disk(vm_dir(vm) + "/b-flat.vmdk");
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->number, EAGAIN);
+    EXPECT_EQ(names("esx1/vm"), "a-flat.vmdk a.vmdk vm.cfg vm.vmx");
+    EXPECT_THAT(cached("vm.cfg"), Not(HasSubstr("b.vmdk")));
+    EXPECT_THAT(alerts(), Contains("alert_post independent_disk 564d0001:b.vmdk"));
+
+    vm.disks.pop_back();
+    vm.discovered = 1;
+    take(vm, 3);
+    ASSERT_EQ(update(vm, true), 0);
+    EXPECT_THAT(alerts(), Contains("alert_clear independent_disk 564d0001:b.vmdk"));
+}
+
+TEST_F(vm_update_test, DiskThatTakesANameOverLeavesNoEntryOfItsPredecessor) {
+    lab_vm_t vm;
+    vm.disks = {{.name = "a.vmdk", .extent = "a-rdm.vmdk"}};
+    expose(vm);
+    EXPECT_EQ(names("esx1/vm"), "a-rdm.vmdk a.vmdk vm.cfg vm.vmx");
+    vm.disks = {{.name = "a.vmdk", .dir = "other"}};
+    vm.discovered = 1;
+    make_files(vm);
+    take(vm, 2);
+    ASSERT_EQ(update(vm), 0);
+    EXPECT_EQ(names("esx1/vm"), "a-flat.vmdk a.vmdk vm.cfg vm.vmx");
+}
+
 TEST_F(vm_update_test, HostileDiskPathsAreTurnedDown) {
     lab_vm_t vm;
     expose(vm);
@@ -357,6 +393,13 @@ TEST_F(vm_update_test, TemplatesCannotBeSnapshotted) {
     expose(vm);
     EXPECT_EQ(names("esx1/vm"), "disk-flat.vmdk disk.vmdk vm.cfg vm.vmtx");
     EXPECT_EQ(header("esx1/vm/disk-flat.vmdk").can_snapshot, 0U);
+
+    vm.vmx_path = "vm/vm.vmx";  // a VM again
+    vm.discovered = 1;
+    std::filesystem::rename(datastore_ + "/vm/vm.vmtx", datastore_ + "/vm/vm.vmx");
+    take(vm, 2);
+    ASSERT_EQ(update(vm), 0);
+    EXPECT_EQ(names("esx1/vm"), "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx");
 }
 
 }  // namespace
