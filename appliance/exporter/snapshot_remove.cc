@@ -89,15 +89,18 @@ bool is_due(const snapshot_state_t& state, const snapshot_removal_t& removal) {
 }
 
 std::vector<snapshot_state_ptr> choose(snapshot_list_t* list, const snapshot_removal_t& removal) {
-    std::vector<snapshot_state_ptr> due;
+    std::vector<snapshot_state_ptr> chosen;
     list_iter(*list, [&](const snapshot_state_ptr& state) {
         snapshot_state_check(*state);
         state->atime = std::min(state->atime, removal.now);  // the clock may have been set back
-        if (is_due(*state, removal))
-            due.push_back(state);
+        chosen.push_back(state);
         return true;
     });
-    return due;
+    std::erase_if(chosen, [&](const snapshot_state_ptr& state) {
+        return (!removal.is_last && snapshot_state_used_elsewhere(*list, state->hvname, state->vmuuid) != nullptr) ||
+               !is_due(*state, removal);
+    });
+    return chosen;
 }
 
 // Tries until the snapshot is gone or there is no sense in going on. Whether it is gone.
@@ -140,6 +143,7 @@ errdesc_t* snapshot_state_destroy(snapshot_state_t* state, bool blocking, bool a
 void snapshot_state_remove_old(snapshot_list_t* list, const snapshot_removal_t& removal) {
     bool removed = false;
     for (const snapshot_state_ptr& state : choose(list, removal)) {
+        snapshot_state_distrust_elsewhere(*list, state->hvname, state->vmuuid);
         if (!try_to_destroy(state.get(), removal))
             continue;
         cor_assert(list_delete(*list, state));

@@ -31,7 +31,8 @@ struct snapshot_removal_t {
 };
 
 // Destroys the states that are due and takes them out of the list; one that cannot be removed stays. Attempts go on for
-// `snapshot_retry_limit` times, 15 seconds apart. The caller holds the mutex that guards the states.
+// `snapshot_retry_limit` times, 15 seconds apart. Before the last time a state waits while its VM is read through
+// another hypervisor. The caller holds the mutex that guards the states.
 void snapshot_state_remove_old(snapshot_list_t* list, const snapshot_removal_t& removal);
 
 }  // namespace mirador

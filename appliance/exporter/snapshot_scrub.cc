@@ -74,6 +74,8 @@ void snapshot_state_leftover_removal(snapshot_list_t* list, const ks_hypervisor_
 
 // Whether the list has this snapshot, or has one of its VM in use: to remove another one below that has to wait.
 bool is_held(const snapshot_list_t& list, const std::string& hv_name, const snapshotdesc_t& desc) {
+    if (snapshot_state_used_elsewhere(list, hv_name, desc.vmuuid) != nullptr)
+        return true;
     return list_contains(list, [&](const snapshot_state_ptr& state) {
         const bool same_vm = state->hvname == hv_name && state->vmuuid == desc.vmuuid;
         return same_vm && (!state->is_leftover() || state->snapshotname == desc.snapshotname) ? 0 : 1;

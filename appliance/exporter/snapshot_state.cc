@@ -39,6 +39,22 @@ bool take_lock(int fd, int operation) {
     return outcome == 0;
 }
 
+template <typename match_t>
+snapshot_state_ptr find_first(const snapshot_list_t& list, const match_t& match) {
+    snapshot_state_ptr found;
+    list_iter(list, [&](const snapshot_state_ptr& state) {
+        cor_assert(state->magic == snapshot_state_t::magic_value);
+        if (match(*state))
+            found = state;
+        return found == nullptr;
+    });
+    return found;
+}
+
+bool is_elsewhere(const snapshot_state_t& state, const std::string& hv_name, const std::string& vm_uuid) {
+    return state.vmuuid == vm_uuid && state.hvname != hv_name;
+}
+
 // A regular expression that matches `text` alone, at its place.
 std::string escaped(const std::string& text) {
     std::string pattern;
@@ -60,14 +76,23 @@ void snapshot_state_check(const snapshot_state_t& state) {
 
 snapshot_state_ptr snapshot_state_find(const snapshot_list_t& list, const std::string& hv_name,
                                        const std::string& vm_uuid) {
-    snapshot_state_ptr found;
+    return find_first(
+        list, [&](const snapshot_state_t& state) { return state.hvname == hv_name && state.vmuuid == vm_uuid; });
+}
+
+snapshot_state_ptr snapshot_state_used_elsewhere(const snapshot_list_t& list, const std::string& hv_name,
+                                                 const std::string& vm_uuid) {
+    return find_first(
+        list, [&](const snapshot_state_t& state) { return is_elsewhere(state, hv_name, vm_uuid) && state.ref > 0; });
+}
+
+void snapshot_state_distrust_elsewhere(const snapshot_list_t& list, const std::string& hv_name,
+                                       const std::string& vm_uuid) {
     list_iter(list, [&](const snapshot_state_ptr& state) {
-        cor_assert(state->magic == snapshot_state_t::magic_value);
-        if (state->hvname == hv_name && state->vmuuid == vm_uuid)
-            found = state;
-        return found == nullptr;
+        if (is_elsewhere(*state, hv_name, vm_uuid))
+            state->removal_begun = true;
+        return true;
     });
-    return found;
 }
 
 void snapshot_state_dump(const snapshot_list_t& list) {

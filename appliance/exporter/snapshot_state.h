@@ -55,6 +55,17 @@ void snapshot_state_check(const snapshot_state_t& state);
 snapshot_state_ptr snapshot_state_find(const snapshot_list_t& list, const std::string& hv_name,
                                        const std::string& vm_uuid);
 
+// Two hypervisors may list one VM: a host and what manages it, or a host under its old and its new name. A snapshot
+// that is removed through one of them is gone for the other too. The caller holds the thread's mutex.
+
+// A record of the VM that has users and was made through another hypervisor; null when the list has none.
+snapshot_state_ptr snapshot_state_used_elsewhere(const snapshot_list_t& list, const std::string& hv_name,
+                                                 const std::string& vm_uuid);
+
+// From now on nobody reads from snapshots of the VM that were made through other hypervisors: they may go.
+void snapshot_state_distrust_elsewhere(const snapshot_list_t& list, const std::string& hv_name,
+                                       const std::string& vm_uuid);
+
 // Prints the list, at debug level 2.
 void snapshot_state_dump(const snapshot_list_t& list);
 

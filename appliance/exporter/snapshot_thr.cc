@@ -71,13 +71,18 @@ bool goes_on() {
     return !snapshot_thr_state().hurries;
 }
 
+// Whether the clock was set back after a time was set to `length` seconds from then.
+bool was_set_back(std::time_t now, std::time_t time, std::time_t length) {
+    return time - now > length;
+}
+
 // Goes on in each pass for a while after the start and after a failed creation: an agent of the run before, or the
 // hypervisor, may still be making a snapshot; and until every hypervisor has been seen.
 void find_leftover(snapshot_thr_t* thr, std::time_t now) REQUIRES(thr->mutex) {
     bool saw_all = false;
     if (errdesc_t* e = snapshot_state_find_leftover(&thr->list, &saw_all))
         _errdesc_log(e, ERRDESC_WARNING);
-    if (saw_all && now >= thr->suspect_until)
+    if (saw_all && (now >= thr->suspect_until || was_set_back(now, thr->suspect_until, suspicion)))
         thr->suspect_until = 0;
 }
 
@@ -101,7 +106,7 @@ void pass(snapshot_thr_t* thr) REQUIRES(thr->mutex) {
         &thr->list, {.now = now, .blocking = get_reg_settings()->snapshot_blocking_removal, .goes_on = goes_on});
     if (thr->suspect_until != 0)
         find_leftover(thr, now);
-    if (now > thr->snapshot_next_scrub)
+    if (now > thr->snapshot_next_scrub || was_set_back(now, thr->snapshot_next_scrub, scrub_interval))
         scrub(thr, now);
 }
 
@@ -155,6 +160,7 @@ bool is_unusable(const snapshot_state_t& state) {
 
 errdesc_t* drop_unusable(snapshot_thr_t* thr, snapshot_state_ptr* state) REQUIRES(thr->mutex) {
     while (*state != nullptr && is_unusable(**state)) {
+        snapshot_state_distrust_elsewhere(thr->list, (*state)->hvname, (*state)->vmuuid);
         RETURN_IF_ERROR(snapshot_state_destroy(state->get(), true, true, goes_on));
         cor_assert(list_delete(thr->list, *state));
         *state = snapshot_state_find(thr->list, (*state)->hvname, (*state)->vmuuid);
@@ -165,6 +171,7 @@ errdesc_t* drop_unusable(snapshot_thr_t* thr, snapshot_state_ptr* state) REQUIRE
 errdesc_t* make_state(snapshot_thr_t* thr, const snapshot_request_t& request, snapshot_state_ptr* state)
     REQUIRES(thr->mutex) {
     snapshot_made_t made;
+    snapshot_state_distrust_elsewhere(thr->list, request.hvname, request.vmuuid);
     errdesc_t* e = snapshot_state_new(request, &made);
     if (e != nullptr && made.left_behind)
         thr->suspect_until = clock_now() + suspicion;
@@ -218,12 +225,22 @@ void count(snapshot_state_t* state, snapshot_action_t action) {
     snapshot_state_check(*state);
 }
 
+// To make a snapshot of a VM removes what bears its name already: what somebody reads from must not go.
+errdesc_t* refuse_if_used_elsewhere(const snapshot_thr_t& thr, const snapshot_request_t& request) REQUIRES(thr.mutex) {
+    const snapshot_state_ptr other = snapshot_state_used_elsewhere(thr.list, request.hvname, request.vmuuid);
+    if (other == nullptr)
+        return nullptr;
+    return errdesc_set_fmt(EBUSY, "Disks of virtual machine '%s' are open through hypervisor '%s'",
+                           other->vmname.c_str(), other->hvname.c_str());
+}
+
 // The record that the action is about; null when there is none to give back.
 errdesc_t* find_or_make(snapshot_thr_t* thr, const snapshot_request_t& request, snapshot_action_t action,
                         snapshot_state_ptr* state) REQUIRES(thr->mutex) {
     *state = snapshot_state_find(thr->list, request.hvname, request.vmuuid);
     if (action == SNAPSHOT_REMOVE)
         return nullptr;
+    RETURN_IF_ERROR(refuse_if_used_elsewhere(*thr, request));
     RETURN_IF_ERROR(drop_unusable(thr, state));
     if (*state != nullptr && is_gone(**state))
         return errdesc_set_fmt(ESTALE, "Snapshot '%s' of %s is no longer there", (*state)->snapshotname.c_str(),
@@ -279,7 +296,10 @@ errdesc_t* snapshot_update(const std::string& path, const std::string& file_shad
     snapshot_thr_t& thr = snapshot_thr_state();
     const mutex_lock_t lock(thr.mutex);
     snapshot_state_ptr state;
-    RETURN_IF_ERROR(find_or_make(&thr, request, action, &state));
+    errdesc_t* e = find_or_make(&thr, request, action, &state);
+    if (e != nullptr && state == nullptr)
+        log_update(request, action, nullptr);
+    RETURN_IF_ERROR(e);
     if (action == SNAPSHOT_CREATE)
         RETURN_IF_ERROR(read_header_anew(file_shadow_path, header));
     if (state != nullptr) {
@@ -301,10 +321,12 @@ errdesc_t* snapshot_scrub_ex(const std::string& hv_name, const std::string& vm_u
     snapshot_thr_t& thr = snapshot_thr_state();
     const mutex_lock_t lock(thr.mutex);
     const snapshot_state_ptr state = snapshot_state_find(thr.list, hv_name, vm_uuid);
-    if (state == nullptr)
-        return snapshot_remove_named(hv_name, vm_uuid, snapshot_name);
-    if (state->ref > 0)
+    if ((state != nullptr && state->ref > 0) || snapshot_state_used_elsewhere(thr.list, hv_name, vm_uuid) != nullptr)
         return errdesc_set_fmt(EBUSY, "Snapshot '%s' is still in use and cannot be removed.", snapshot_name.c_str());
+    if (state == nullptr) {
+        snapshot_state_distrust_elsewhere(thr.list, hv_name, vm_uuid);
+        return snapshot_remove_named(hv_name, vm_uuid, snapshot_name);
+    }
     state->atime = 0;  // unused for long enough
     kick_snapshot_thr();
     return errdesc_set_fmt(EAGAIN, "Removing snapshot '%s' is in progress.", snapshot_name.c_str());

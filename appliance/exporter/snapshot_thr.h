@@ -38,7 +38,8 @@ void snapshot_state_hurry();
 //
 // Of a VM that cannot be snapshotted nothing is taken: *vmname becomes the header's VM UUID when it was empty, and
 // *ctime 0. Giving back what is not there is success. Errors: snapshot_state_new's (snapshot_make.h); ESTALE for
-// a snapshot in use that somebody else has removed; those of the header.
+// a snapshot in use that somebody else has removed; EBUSY for a VM that is read through another hypervisor; those of
+// the header.
 [[nodiscard]] errdesc_t* snapshot_update(const std::string& path, const std::string& file_shadow_path,
                                          const std::string& master_uuid, snapshot_action_t action,
                                          vm_proxy_header_t* header, std::string* vmname, std::time_t* ctime);
@@ -46,8 +47,9 @@ void snapshot_state_hurry();
 // Whether the VM has a snapshot of this run or one left over. Takes the list's own mutex, for moments.
 bool snapshot_existed(const std::string& hv_name, const std::string& vm_uuid);
 
-// Removes a named snapshot of a VM on request. Errors: EBUSY while disks of the VM are open; EAGAIN when it is unused:
-// the thread removes it now; snapshot_remove_named's (snapshot_scrub.h) where this daemon has no snapshot of the VM.
+// Removes a named snapshot of a VM on request. Errors: EBUSY while disks of the VM are open, through any hypervisor;
+// EAGAIN when it is unused: the thread removes it now; snapshot_remove_named's (snapshot_scrub.h) where this daemon has
+// no snapshot of the VM.
 [[nodiscard]] errdesc_t* snapshot_scrub_ex(const std::string& hv_name, const std::string& vm_uuid,
                                            const std::string& snapshot_name);
 

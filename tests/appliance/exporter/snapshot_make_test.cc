@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "appliance/exporter/snapshot_remove.h"
+#include "appliance/exporter/snapshot_scrub.h"
 #include "lib/error_hash.h"
 #include "tests/appliance/exporter/snapshot_lab.h"
 
@@ -242,6 +243,36 @@ TEST_F(snapshot_make, UnusedSnapshotsGoWhenTheyHaveBeenIdleForLongEnough) {
     EXPECT_THAT(asked(), ElementsAre(request("remove_snapshot", "0")));
     EXPECT_TRUE(list_empty(list_));
     EXPECT_FALSE(is_locked());
+}
+
+// A host and what manages it list the same VM, so the same snapshot.
+TEST_F(snapshot_make, NothingIsRemovedBelowAReaderThroughAnotherHypervisor) {
+    const auto reader = std::make_shared<snapshot_state_t>();
+    reader->hvname = "manager";
+    reader->vmname = "vm";
+    reader->vmuuid = vm_.uuid;
+    reader->vm_shadow_path = vm_dir();
+    reader->ref = 1;
+    list_add(list_, reader);
+    agent_.answer_data("list_snapshot", "[" + listed(name) + "]");
+    bool saw_all = false;
+    EXPECT_EQ(snapshot_state_find_leftover(&list_, &saw_all), nullptr);
+    EXPECT_EQ(list_count(list_), 1);
+
+    reader->ref = 0;
+    reader->atime = start;
+    EXPECT_EQ(snapshot_state_find_leftover(&list_, &saw_all), nullptr);
+    EXPECT_EQ(list_count(list_), 2);
+    EXPECT_FALSE(reader->removal_begun);
+    (void)asked();
+    reader->ref = 1;
+    remove_old(start);
+    EXPECT_THAT(asked(), IsEmpty());
+    reader->ref = 0;
+    remove_old(start);
+    EXPECT_THAT(asked(), ElementsAre(request("remove_snapshot", "0")));
+    EXPECT_EQ(list_count(list_), 1);
+    EXPECT_TRUE(reader->removal_begun) << "it may have been this one";
 }
 
 TEST_F(snapshot_make, BlockingRemovalWaitsUntilTheVmShowsNone) {
