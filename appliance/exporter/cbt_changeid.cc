@@ -130,7 +130,7 @@ errdesc_t* check_cbt_changeid(const std::string& vm_uuid, const std::string& dis
         ts_printf("check_cbt_changeid: expected %s, received %s, VM %s, disk %s\n", ks_text(expected).c_str(),
                   received.c_str(), vm_uuid.c_str(), disk_name.c_str());
     report_unexpected(vm_uuid, disk_name, vmc);
-    return errdesc_set_fmt(ERR_UNMATCHED, "Unexpected new changeid");
+    return errdesc_set_str(ERR_UNMATCHED, "Unexpected new changeid");
 }
 
 errdesc_t* post_cbt_reset_event(const std::string& vm_uuid) {

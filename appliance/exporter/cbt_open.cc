@@ -177,7 +177,7 @@ errdesc_t* handle_script_failure(const setup_t& setup, errdesc_t* e) {
 errdesc_t* read_changes(const std::string& results_path, setup_t* setup) {
     RETURN_IF_ERROR(cbt_process_list(results_path, false, &setup->extents, &setup->changeid));
     if (setup->extents.empty() && setup->changeid.empty())
-        return errdesc_set_fmt(ERR_INVALID_ARG, "Invalid cbt results");
+        return errdesc_set_str(ERR_INVALID_ARG, "Invalid cbt results");
     return nullptr;
 }
 

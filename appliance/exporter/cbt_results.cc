@@ -23,7 +23,7 @@ constexpr std::string_view start_key = "start: ";
 enum class line_t { WHOLE, END, TOO_LONG };
 
 errdesc_t* invalid() {
-    return errdesc_set_fmt(ERR_INVALID_ARG, "Invalid cbt results");
+    return errdesc_set_str(ERR_INVALID_ARG, "Invalid cbt results");
 }
 
 // The next line, without its end.

@@ -79,7 +79,7 @@ errdesc_t* read_header(int fd, const std::string& path, cbt_file_header_t* heade
     if (debugs())
         ts_printf("corcbt_header bytes_read: %ld\n", static_cast<long>(done));
     if (header->magic_header != cbt_file_header_t::magic_value)
-        return errdesc_set_fmt(EINVAL, "invalid corcbt header magic number");
+        return errdesc_set_str(EINVAL, "invalid corcbt header magic number");
     if (debugs())
         log_header(*header);
     if (done < sizeof *header)
@@ -129,7 +129,7 @@ errdesc_t* read_list(int fd, const std::string& path, const cbt_file_header_t& h
     }
     if (debugs())
         log_list(*list);
-    return ended ? nullptr : errdesc_set_fmt(EINVAL, "invalid corcbt changed block list");
+    return ended ? nullptr : errdesc_set_str(EINVAL, "invalid corcbt changed block list");
 }
 
 template <std::size_t size>

