@@ -235,9 +235,10 @@ int mirador_open(const char* path, fuse_file_info* fi) {
     return 0;
 }
 
+// The kernel takes a short reply for the file's end, and the file for as long as that.
 int mirador_read(const char* path, char* buf, std::size_t size, off_t offset, fuse_file_info* fi) {
     std::size_t bytes_read = 0;
-    errdesc_t* e = vm_proxy_read(buf, size, offset, open_files_t::get(fi->fh), &bytes_read);
+    errdesc_t* e = vm_proxy_read_whole(buf, size, offset, open_files_t::get(fi->fh), &bytes_read);
     return e == nullptr ? static_cast<int>(bytes_read) : reply_alert(path, e);
 }
 

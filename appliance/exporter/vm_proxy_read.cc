@@ -98,4 +98,13 @@ errdesc_t* vm_proxy_read(char* buf, std::size_t size, off_t offset, const fuse_f
     return nullptr;
 }
 
+errdesc_t* vm_proxy_read_whole(char* buf, std::size_t size, off_t offset, const fuse_fh_t* fh,
+                               std::size_t* bytes_read) {
+    RETURN_IF_ERROR(vm_proxy_read(buf, size, offset, fh, bytes_read));
+    for (std::size_t got = *bytes_read; got > 0 && *bytes_read < size; *bytes_read += got)
+        RETURN_IF_ERROR(
+            vm_proxy_read(buf + *bytes_read, size - *bytes_read, offset + static_cast<off_t>(*bytes_read), fh, &got));
+    return nullptr;
+}
+
 }  // namespace mirador

@@ -79,6 +79,9 @@ TEST_F(vm_proxy_read_test, FailureOfTheSourceShowsUnlessTheOverlayCoversTheStart
         EXPECT_EQ(e == nullptr ? 0 : e->number, c.got == 0 ? EISDIR : 0) << c.offset;
         EXPECT_EQ(got, c.got) << c.offset;
         EXPECT_EQ(buf.substr(0, c.got), std::string(c.got, 'H'));
+        // Who takes what is short for the file's end must not be told that the disk ends there.
+        e = vm_proxy_read_whole(buf.data(), c.size, c.offset, fh.get(), &got);
+        EXPECT_EQ(e == nullptr ? 0 : e->number, c.got < c.size ? EISDIR : 0) << c.offset;
     }
     std::size_t got = 0;
     char byte = 0;
