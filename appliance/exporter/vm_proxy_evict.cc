@@ -53,6 +53,7 @@ cookie_ptr choose_victim(const std::vector<cookie_ptr>& list, std::time_t now,
     for (const cookie_ptr& cookie : list) {
         if (!cookie->mutex.try_lock())
             continue;
+        cookie->stamp = std::min(cookie->stamp, now);  // the clock may have been set back
         const bool is_candidate = qualifies(*cookie, now, hv_name);
         if (is_candidate)
             print_reads(*cookie);

@@ -123,6 +123,8 @@ TEST_F(vm_proxy_table, IdlePassSparesWhatIsOpenOrWasUsedAMomentAgo) {
     const std::string b = expose_disk("b-flat.vmdk");
     fh_ptr open_b = open(b);
     release(open(a));
+    clock.advance(-500);
+    EXPECT_EQ(vm_proxy_evict(false)->number, EMFILE) << "the clock was set back: it is idle from now on";
     clock.advance(evict_min_idle);
     EXPECT_EQ(vm_proxy_evict(false)->number, EMFILE);
     clock.advance(1);
