@@ -6,39 +6,32 @@
 #include <algorithm>
 #include <array>
 
+#include "appliance/exporter/controller_thr.h"
 #include "appliance/exporter/vm_proxy_evict.h"
 #include "appliance/lib/registry.h"
+#include "appliance/lib/shadow_names.h"
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
 
 namespace mirador {
 namespace {
 
-// The end of the n-th component of an absolute path: the place of the n-th slash behind the first character.
-std::size_t nth_slash(const std::string& path, int n) {
-    std::size_t at = 0;
-    while (at != std::string::npos && n-- > 0)
-        at = path.find('/', at + 1);
-    return at;
-}
-
-// All names of one object share one cookie: where the directory "/<root>/<dir>/<alias>" is a symbolic link to the VM's
-// own directory, both names are rewritten to the ones below the link's target.
+// All names of one object share one cookie: where the directory "<shadow root>/<dir>/<alias>" is a symbolic link to the
+// VM's own directory, both names are rewritten to the ones below the link's target.
 void resolve_vm_uuid_alias(std::string* path, std::string* shadow_path) {
-    constexpr int alias_components = 3;
-    const std::size_t prefix_end = nth_slash(*shadow_path, alias_components);
-    if (prefix_end == std::string::npos)
+    const std::string& root = cnt_thr_namespaceroot();
+    if (!shadow_path->starts_with(root + '/'))
+        return;
+    const std::size_t dir_end = shadow_path->find('/', root.size() + 1);
+    const std::size_t alias_end = dir_end == std::string::npos ? dir_end : shadow_path->find('/', dir_end + 1);
+    if (alias_end == std::string::npos)
         return;
     std::array<char, path_size> target{};
-    const ssize_t length = readlink(shadow_path->substr(0, prefix_end).c_str(), target.data(), target.size() - 1);
+    const ssize_t length = readlink(shadow_path->substr(0, alias_end).c_str(), target.data(), target.size() - 1);
     if (length <= 0)
         return;
-    const std::string rewritten = target.data() + shadow_path->substr(prefix_end);
-    const std::size_t exported = nth_slash(rewritten, 1);
-    if (exported == std::string::npos)
-        return;
-    *shadow_path = rewritten;
-    *path = rewritten.substr(exported);
+    *shadow_path = target.data() + shadow_path->substr(alias_end);
+    *path = translate_shadow_path(*shadow_path, root);
 }
 
 cookie_ptr find_cookie(const vm_proxy_open_list_t& table, const std::string& path) REQUIRES(table.list_mutex) {

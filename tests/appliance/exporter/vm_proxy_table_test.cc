@@ -245,17 +245,18 @@ TEST_F(vm_proxy_table, TooManyOpenExtentFilesAreMendedByEviction) {
 }
 
 TEST_F(vm_proxy_table, AliasDirectoryLeadsToTheVmsOwnCookie) {
-    std::filesystem::create_directories(shadow_ + "/vm");
-    expose_disk("vm/a-flat.vmdk");
-    // The rule looks at the first three components: "/tmp/<directory of the test>/alias".
-    const std::string alias = root_ + "/alias";
-    std::filesystem::create_directory_symlink(shadow_ + "/vm", alias);
+    const std::string disk = expose_disk("hv/vm/a-flat.vmdk");
+    std::filesystem::create_directories(shadow_ + "/.uuid");
+    std::filesystem::create_directory_symlink(shadow_ + "/hv/vm", shadow_ + "/.uuid/564d");
     get_reg_settings()->export_vm_uuid_enabled = true;
-    cookie_ptr cookie;
-    EXPECT_EQ(vm_proxy_get_cookie("/alias/a-flat.vmdk", alias + "/a-flat.vmdk", &cookie), nullptr);
-    EXPECT_EQ(cookie->shadow_path, shadow_ + "/vm/a-flat.vmdk");
-    EXPECT_EQ(cookie->path, shadow_.substr(shadow_.find('/', 1)) + "/vm/a-flat.vmdk");
+    fh_ptr own = open(disk);
+    fh_ptr other = open("/.uuid/564d/a-flat.vmdk");
     get_reg_settings()->export_vm_uuid_enabled = false;
+    ASSERT_NE(other, nullptr);
+    EXPECT_EQ(other->cookie, own->cookie);
+    EXPECT_EQ(other->path, disk);
+    release(std::move(own));
+    release(std::move(other));
 }
 
 TEST_F(vm_proxy_table, WaitForTheLastReferenceToAnExtentFile) {
