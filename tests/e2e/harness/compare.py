@@ -23,6 +23,9 @@ class Reader:
     def __exit__(self, *_) -> None:
         os.close(self._fd)
 
+    def fileno(self) -> int:
+        return self._fd
+
     def read(self, offset: int, size: int) -> bytes:
         if self._buffer is None:
             return os.pread(self._fd, size, offset)

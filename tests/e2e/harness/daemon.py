@@ -65,14 +65,18 @@ class Daemon:
         return [program("mirador"), *self._options, *more, str(EXPORT), *MOUNT_OPTIONS]
 
     def start(self) -> None:
+        self.launch()
+        wait_until(lambda: _is_served() or self._process.poll() is not None, "the mount stands")
+        if self._process.poll() is not None:
+            raise Failed(f"the daemon ended with status {self._process.returncode}\n{self.last_lines()}")
+
+    def launch(self) -> None:
+        """Starts it and does not wait for its mount."""
         if not place.is_safe():
             raise Failed("the daemon is only started in a sandbox")
         with open(self._directory / "output", "ab") as output:  # nothing, once it logs
             self._process = subprocess.Popen(self.command("-f"), stdin=subprocess.DEVNULL, stdout=output, stderr=output,
                                              env={**os.environ, **self.environment})
-        wait_until(lambda: _is_served() or self._process.poll() is not None, "the mount stands")
-        if self._process.poll() is not None:
-            raise Failed(f"the daemon ended with status {self._process.returncode}\n{self.last_lines()}")
 
     def is_running(self) -> bool:
         return self._process is not None and self._process.poll() is None
@@ -87,12 +91,12 @@ class Daemon:
         try:
             status = self._process.wait(timeout=60)
         except subprocess.TimeoutExpired:
-            raise Failed(f"the daemon does not end\n{self._threads()}\n{self.last_lines()}") from None
+            raise Failed(f"the daemon does not end\n{self.threads()}\n{self.last_lines()}") from None
         faults = [line for line in self.log().splitlines() if _FAULTS.search(line)]
         if status != 0 or faults:
             raise Failed(f"the daemon ended with status {status}\n{faults}\n{self.last_lines()}")
 
-    def _threads(self) -> str:
+    def threads(self) -> str:
         """What each of its threads waits for."""
         lines = []
         for task in sorted(pathlib.Path(f"/proc/{self.pid}/task").iterdir()):
@@ -101,8 +105,12 @@ class Daemon:
         return "\n".join(lines)
 
     def kill(self) -> None:
+        self.kill_and_leave().wait(timeout=30)
+
+    def kill_and_leave(self) -> subprocess.Popen:
+        """Kills it and returns its process, which may be unable to end until the next start."""
         self._process.kill()
-        self._process.wait(timeout=30)
+        return self._process
 
     def signal(self, number: int) -> None:
         self._process.send_signal(number)

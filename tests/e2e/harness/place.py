@@ -36,11 +36,15 @@ def furnish() -> None:
         _FUSERMOUNT.symlink_to("/usr/bin/fusermount")
 
 
-def main(module: str | None = "__main__") -> None:
-    """Runs a module's tests, or, without one, those that the arguments name, where a daemon may run. MIRADOR_BIN:
-    directory of the programs to test."""
+def enter() -> None:
+    """Goes on where a daemon may run. MIRADOR_BIN: directory of the programs to test."""
     os.environ["MIRADOR_BIN"] = os.path.abspath(os.environ.get("MIRADOR_BIN", _CHECKOUT / "build" / "dev" / "bin"))
     if not is_safe():
         _enter_sandbox()
     furnish()
+
+
+def main(module: str | None = "__main__") -> None:
+    """Runs a module's tests, or, without one, those that the arguments name, where a daemon may run."""
+    enter()
     unittest.main(module=module, verbosity=2)

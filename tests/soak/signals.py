@@ -1,0 +1,25 @@
+"""Log rotation: the daemon opens its log anew on SIGHUP."""
+
+import signal
+
+from work import Worker
+
+
+class Hangups(Worker):
+    """Renames the log and tells the daemon; what is renamed is looked through and removed."""
+
+    def __init__(self, leaks, *rest):
+        super().__init__("hangups", *rest)
+        self._leaks = leaks
+
+    def step(self) -> None:
+        log = self.stage.daemon.log_file
+        old = log.with_suffix(".old")
+        log.rename(old)
+        self.stage.daemon.signal(signal.SIGHUP)
+        self.wait_for(log.exists, "the log is opened anew", 60)
+        self.pause(1, 1)  # who was writing a line has written it
+        self._leaks.check_log(old.read_text(errors="replace"))
+        old.unlink()
+        self.tally.count("hangups")
+        self.pause(2, 20)
