@@ -15,8 +15,9 @@
 namespace mirador {
 
 // Opens the cookie's device and sets it up first where there is none. Caller holds corcbt_mutex, table lock and the
-// cookie's mutex; the last two are released and taken again. On failure everything is torn down and the disk's record
-// reset, so that the next changed-block file holds what changed since the last full copy.
+// cookie's mutex; the last two are released and taken again. A set-up that fails leaves nothing and resets the disk's
+// record, so that the next changed-block file holds what changed since the last full copy; a device that cannot be
+// opened again is left to the caller, who evicts the cookie.
 //
 // Errors: EINVAL for a VM that is unknown or not tracked; those of the flat disk's open; of the block-list script, of
 // its results (cbt_script.h, cbt_results.h, cbt_check_extents); ERR_UNMATCHED for an unexpected change id; EFBIG when

@@ -118,13 +118,19 @@ bool leads_elsewhere(const vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
     return std::strcmp(now->path, then.path) != 0 || !is_same_file(now->statb, then.statb);
 }
 
-// Takes a cookie out of the table whose path leads elsewhere. A disk that is open stays: what was opened is in use.
-errdesc_t* give_up(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
-    if (cookie.ref > 0 && is_disk(cookie))
-        return errdesc_set_fmt(EBUSY, "%s: another disk is still open under this path", cookie.path.c_str());
+// Takes a cookie out of the table for good, with all that it holds.
+void discard(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
+    const errdesc_keeper_t keep;
     vm_proxy_remove_cookie(cookie);
     if (errdesc_t* e = vm_proxy_do_evict(cookie, false))
         _errdesc_log(e, ERRDESC_ERROR);
+}
+
+// Discards a cookie whose path leads elsewhere. A disk that is open stays: what was opened is in use.
+errdesc_t* give_up(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
+    if (cookie.ref > 0 && is_disk(cookie))
+        return errdesc_set_fmt(EBUSY, "%s: another disk is still open under this path", cookie.path.c_str());
+    discard(cookie);
     return nullptr;
 }
 
@@ -142,11 +148,11 @@ errdesc_t* open_cookie(const cookie_ptr& shared, bool by_losetup_name, std::uniq
     cookie.stamp = clock_now();
     unique_fd fd;
     errdesc_t* e = open_by_type(cookie, by_losetup_name, &fd);
-    cookie.publish_info();
     if (e != nullptr) {
-        vm_proxy_remove_cookie(cookie);
+        discard(cookie);
         return e;
     }
+    cookie.publish_info();
     open_pdev(cookie);
     *fh = fuse_fh_new(std::move(fd), shared, cookie);
     return nullptr;

@@ -96,13 +96,14 @@ void evict_flat(vm_proxy_cookie_t& cookie, bool check_vmdk_ref) REQUIRES(cookie.
 
 // The next backup asks for what changed since the last full copy: nobody knows whether this one was read whole.
 void evict_corcbt(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
+    const bool was_served = cookie.cbt != nullptr;  // a set-up that failed has reset the record
     cookie.cbt.reset();
     cookie.devicemapper_path.clear();
     cookie.corcbt_file_size = 0;
     cookie.publish_info();
     stats_thr_close_stats(cookie.path, false);
     fault_moment("evict.closed");
-    if (cookie.stamp != 0)  // it has been opened
+    if (was_served)
         reset_cbt_vdisk_path(cookie.header.vm_uuid, cookie.path);
 }
 

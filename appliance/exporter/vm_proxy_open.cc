@@ -135,7 +135,11 @@ std::vector<std::uint8_t> cfg_trailer(std::time_t now) {
     return trailer;
 }
 
-errdesc_t* open_flat(vm_proxy_cookie_t& cookie, bool is_second_stream, unique_fd* fd) REQUIRES(cookie.mutex) {
+}  // namespace
+
+errdesc_t* vm_proxy_open_vmdk_flat(vm_proxy_cookie_t& cookie, bool is_second_stream, unique_fd* fd) {
+    cor_assert(!cookie.path.empty());
+    cor_assert(!cookie.shadow_path.empty());
     const bool is_first = cookie.devicemapper_path.empty();
     if (is_first)
         RETURN_IF_ERROR(first_open(cookie));
@@ -151,20 +155,6 @@ errdesc_t* open_flat(vm_proxy_cookie_t& cookie, bool is_second_stream, unique_fd
         stats_thr_update_flat_size(cookie.path, cookie.header.statb.size);
     cookie.is_copied = is_first_copy || (!is_first && cookie.is_copied);
     return nullptr;
-}
-
-}  // namespace
-
-errdesc_t* vm_proxy_open_vmdk_flat(vm_proxy_cookie_t& cookie, bool is_second_stream, unique_fd* fd) {
-    cor_assert(!cookie.path.empty());
-    cor_assert(!cookie.shadow_path.empty());
-    errdesc_t* e = open_flat(cookie, is_second_stream, fd);
-    if (e == nullptr)
-        return nullptr;
-    const errdesc_keeper_t keep;
-    if (errdesc_t* failed = vm_proxy_do_evict(cookie, false))
-        _errdesc_log(failed, ERRDESC_ERROR);
-    return e;
 }
 
 errdesc_t* vm_proxy_open_real_file(vm_proxy_cookie_t& cookie, unique_fd* fd) {

@@ -180,6 +180,19 @@ TEST_F(cbt_open_test, DeviceGoesWithItsLastReader) {
     expect_nothing_left();
 }
 
+TEST_F(cbt_open_test, DeviceThatCannotBeOpenedAgainIsTakenApart) {
+    world_t world;
+    world.record = R"([{"vhost_uuid": "564d", "name": "a-corcbt.vmdk", "changeid_incr": "a/1"}])";
+    be(world);
+    release(open(path_));
+    EXPECT_THAT(posted("vdisk"), ElementsAre(HasSubstr("a\\/2")));
+    std::filesystem::remove_all(root_ + "/mapper");
+    std::filesystem::create_directory(root_ + "/mapper");
+    EXPECT_EQ(open(path_), nullptr);
+    expect_nothing_left();
+    EXPECT_THAT(posted("vdisk"), ElementsAre(HasSubstr("uninitialized")));
+}
+
 TEST_F(cbt_open_test, FileThatIsFullNeedsNoZeros) {
     world_t world;
     world.promised = 4096;
