@@ -11,6 +11,7 @@
 
 #include "appliance/exporter/hv_thr.h"
 #include "appliance/exporter/snapshot_scrub.h"
+#include "appliance/exporter/vm_alerts.h"
 #include "appliance/exporter/vm_state.h"
 #include "appliance/lib/registry.h"
 #include "controller/lib/controller.h"
@@ -42,16 +43,21 @@ struct listed_t {
         vms[ks_text(vmc.uuid)].emplace_back(ks_text(vmc.hv_hostname), ks_text(vmc.vm_name));
     }
 
+    bool has(const ks_string_t& uuid, const ks_string_t& hv_name, const ks_string_t& vm_name) const {
+        const auto vm = vms.find(ks_text(uuid));
+        const registration_t own(ks_text(hv_name), ks_text(vm_name));
+        return vm != vms.end() && std::ranges::find(vm->second, own) != vm->second.end();
+    }
+
     // Whether an alert is about a VM that is not listed any more, or not under the name and hypervisor that it had.
-    // Those about old snapshots come from what the hypervisor lists, and go when it no longer does.
+    // Those about old snapshots come from what the hypervisor lists, and go when it no longer does; that about a VM
+    // which is kept though it is not listed goes with it.
     bool outlived(const managed_alert_t& alert) const {
-        if (!ks_is_set(alert.vm_uuid) || alert.alert_id == old_snapshot_alert)
+        if (!ks_is_set(alert.vm_uuid) || alert.alert_id == old_snapshot_alert || alert.alert_id == in_use_alert)
             return false;
-        const auto vm = vms.find(*alert.vm_uuid);
-        if (vm == vms.end())
+        if (!vms.contains(*alert.vm_uuid))
             return hypervisors.contains(ks_text(alert.hv_name));
-        const registration_t own(ks_text(alert.hv_name), ks_text(alert.vm_name));
-        return std::ranges::find(vm->second, own) == vm->second.end();
+        return !has(alert.vm_uuid, alert.hv_name, alert.vm_name);
     }
 };
 
@@ -169,7 +175,8 @@ bool cnt_cycle_run(const cnt_cycle_t& cycle, user_folders_t* folders) {
     }
     if (!cycle.goes_on())
         return false;
-    vm_stop_old(cycle.gen);
+    vm_stop_old(cycle.gen,
+                [&](const ks_vm_config_t& vmc) { return listed.has(vmc.uuid, vmc.hv_hostname, vmc.vm_name); });
     clear_outlived_alerts(listed);
     folders->remove_old_user_defined_folders(cycle.root);
     if (get_debug_level() > dump_debug_level)

@@ -311,6 +311,8 @@ void vm_stop_old(std::uint64_t gen, const std::function<bool(const ks_vm_config_
         }
         ts_printf("vm_stop_old: releasing %s (hv_name: %s)\n", key.c_str(), hv_name.c_str());
         (*state).keeps_alerts = is_listed && is_listed(vmc);
+        if ((*state).only_kept)
+            clear_in_use_alert(vmc, key);
         vm_state_release(std::move(state), true);
     }
 }

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <thread>
@@ -118,6 +119,29 @@ TEST_F(cnt_cycle_test, RecordsThatReachOutsideAreLeftOut) {
     const std::vector<std::string> seen = alerts();
     EXPECT_THAT(seen, Contains(HasSubstr("alert_clear vm_discovery esx1:bad")));
     EXPECT_THAT(seen, testing::Not(Contains(HasSubstr("alert_clear old_snapshot"))));
+}
+
+TEST_F(cnt_cycle_test, AlertOfAVmThatCannotBeTakenOverOutlivesItsDirectory) {
+    const std::string about = " vm_discovery esx1:vm";
+    const auto soon_cleared = [&] {
+        return soon([&] { return std::ranges::count(alerts(), "alert_clear" + about) > 0; });
+    };
+    lab_vm_t vm;
+    make_files(vm);
+    list({vm});
+    ASSERT_TRUE(cycle());
+    ASSERT_TRUE(soon_cleared());
+    vm.discovered = 1;
+    list({vm});
+    answer("vdisk?vhost_uuid=" + vm.uuid, "", 500);
+    ASSERT_TRUE(cycle());
+    EXPECT_EQ(names("esx1"), "");
+    const std::vector<std::string> raised = alerts();
+    EXPECT_THAT(raised, Contains("alert_post" + about));
+    EXPECT_THAT(raised, testing::Not(Contains("alert_clear" + about)));
+    list({vm});
+    ASSERT_TRUE(cycle());
+    EXPECT_TRUE(soon_cleared());
 }
 
 TEST_F(cnt_cycle_test, VmOfTwoHypervisorsKeepsTheAlertsOfBoth) {
