@@ -1,25 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "vmware/lib/webservices/ws_datastore.h"
 
-#include <cerrno>
-#include <utility>
+#include <array>
 
-#include "lib/json_tools.h"
-#include "vmware/lib/webservices/ws_session.h"
+#include "lib/cor_assert.h"
+#include "lib/log.h"
+#include "vmware/lib/webservices/ws_marshal.h"
 
 namespace mirador {
 namespace {
 
-bool decode_text(json_object* obj, const char* key, std::string* text) {
-    const char* value = nullptr;
-    if (jdr_string(JDR_DECODE, &obj, key, &value) < 0)
-        return false;
-    *text = value;
-    return true;
+constexpr const char* paths_key = "paths";
+
+json_object* encoded_paths(const std::vector<std::string>& paths) {
+    json_object* const array = json_object_new_array();
+    for (const std::string& path : paths)
+        json_object_array_add(array, json_object_new_string_len(path.data(), static_cast<int>(path.size())));
+    return array;
 }
 
 void decode_paths(json_object* obj, std::vector<std::string>* paths) {
-    json_object* const array = json_object_object_get(obj, "paths");
+    paths->clear();
+    json_object* const array = json_object_object_get(obj, paths_key);
     if (json_object_is_type(array, json_type_array) == 0)
         return;
     for (std::size_t i = 0; i < json_object_array_length(array); i++) {
@@ -29,44 +31,52 @@ void decode_paths(json_object* obj, std::vector<std::string>* paths) {
     }
 }
 
-errdesc_t* decode_list(json_object* array, std::vector<datastore_info_t>* list) {
-    if (json_object_is_type(array, json_type_array) == 0)
-        return errdesc_set_str(ENOENT, "df: no datastores in the agent's reply");
-    for (std::size_t i = 0; i < json_object_array_length(array); i++)
-        if (!datastore_info_decode(json_object_array_get_idx(array, i), &list->emplace_back()))
-            return errdesc_set_str(ENOENT, "df: a datastore in the agent's reply is none");
-    return nullptr;
+void marshal_paths(jdr_op_t op, json_object* obj, std::vector<std::string>* paths) {
+    if (op == JDR_ENCODE) {
+        json_object_object_add(obj, paths_key, encoded_paths(*paths));
+    } else if (op == JDR_DECODE) {
+        decode_paths(obj, paths);
+    } else {
+        paths->clear();
+        json_object_object_del(obj, paths_key);
+    }
+}
+
+// In the order of the wire.
+bool marshal_fields(jdr_op_t op, json_object* obj, datastore_info_t* info) {
+    const bool whole = jdr_text(op, &obj, "hv", &info->hv) >= 0 && jdr_text(op, &obj, "name", &info->name) >= 0 &&
+                       jdr_text(op, &obj, "url", &info->url) >= 0 && jdr_text(op, &obj, "type", &info->type) >= 0 &&
+                       jdr_text(op, &obj, "dc", &info->dc) >= 0 &&
+                       jdr_time_t(op, &obj, "timestamp", &info->timestamp) >= 0 &&
+                       jdr_uint32(op, &obj, "accessible", &info->accessible) >= 0 &&
+                       jdr_uint64(op, &obj, "capacity", &info->capacity) >= 0 &&
+                       jdr_uint64(op, &obj, "freeSpace", &info->free_space) >= 0;
+    if (whole)
+        marshal_paths(op, obj, &info->paths);
+    return whole;
 }
 
 }  // namespace
 
-bool datastore_info_decode(json_object* obj, datastore_info_t* info) {
-    if (json_object_is_type(obj, json_type_object) == 0)
-        return false;
-    const bool complete = decode_text(obj, "hv", &info->hv) && decode_text(obj, "name", &info->name) &&
-                          decode_text(obj, "url", &info->url) && decode_text(obj, "type", &info->type) &&
-                          decode_text(obj, "dc", &info->dc) &&
-                          jdr_time_t(JDR_DECODE, &obj, "timestamp", &info->timestamp) >= 0 &&
-                          jdr_uint32(JDR_DECODE, &obj, "accessible", &info->accessible) >= 0 &&
-                          jdr_uint64(JDR_DECODE, &obj, "capacity", &info->capacity) >= 0 &&
-                          jdr_uint64(JDR_DECODE, &obj, "freeSpace", &info->free_space) >= 0;
-    if (complete)
-        decode_paths(obj, &info->paths);
-    return complete;
+ssize_t jdr_datastore_info(jdr_op_t op, json_object** obj, const char* key, datastore_info_t* info) {
+    return jdr_record(op, obj, key, info, marshal_fields);
+}
+
+void datastore_info_dump(const std::string& tag, const datastore_info_t& info) {
+    tm local{};
+    std::array<char, 64> time{};
+    if (localtime_r(&info.timestamp, &local) != nullptr)
+        std::strftime(time.data(), time.size(), "%Y-%m-%d %H:%M:%S", &local);
+    ts_printf(
+        "%s: hv <%s> dc <%s> name <%s> url <%s> type <%s> accessible <%d> capacity <%jd> free_space <%jd> "
+        "timestamp <%s>\n",
+        tag.c_str(), info.hv.c_str(), info.dc.c_str(), info.name.c_str(), info.url.c_str(), info.type.c_str(),
+        static_cast<int>(info.accessible), static_cast<std::intmax_t>(info.capacity),
+        static_cast<std::intmax_t>(info.free_space), time.data());
 }
 
 errdesc_t* ws_df(const ks_hypervisor_config_t& hvc, std::vector<datastore_info_t>* list) {
-    json_ptr data;
-    RETURN_IF_ERROR(jrpc_single_call_raw(hvc, {"df"}, &data));
-    std::vector<datastore_info_t> found;
-    errdesc_t* e = decode_list(data.get(), &found);
-    if (list == nullptr)
-        return e;
-    if (e != nullptr)
-        list->clear();
-    else
-        list->insert(list->end(), std::make_move_iterator(found.begin()), std::make_move_iterator(found.end()));
-    return e;
+    return ws_call_for_list(hvc, {"df"}, jdr_datastore_info, list);
 }
 
 }  // namespace mirador

@@ -16,7 +16,7 @@
 
 namespace mirador {
 
-// One datastore as the agent reports it.
+// One datastore as the agent reports it. Copies are copies of everything and free themselves.
 struct datastore_info_t {
     std::string hv;
     std::string name;
@@ -30,8 +30,12 @@ struct datastore_info_t {
     std::vector<std::string> paths;  // of its files
 };
 
-// Reads one from an object of the reply: false when a member is missing or of another kind; "paths" may be missing.
-[[nodiscard]] bool datastore_info_decode(json_object* obj, datastore_info_t* info);
+// The marshaller of a datastore (lib/jdr.h). Decoding asks for every member but "paths"; elements of those that are no
+// strings are left out.
+ssize_t jdr_datastore_info(jdr_op_t op, json_object** obj, const char* key, datastore_info_t* info);
+
+// Logs a datastore on one line that begins with the tag; its time is local.
+void datastore_info_dump(const std::string& tag, const datastore_info_t& info);
 
 // Appends the hypervisor's datastores to *list; null: the reply is only checked. Errors: the session's and the agent's
 // (vmware/lib/webservices/ws_session.h); ENOENT for a reply without an array, or with an element that is no datastore.

@@ -6,15 +6,10 @@
 #include <cstdlib>
 
 #include "lib/cor_assert.h"
-#include "lib/jdr.h"
-#include "vmware/lib/webservices/ws_session.h"
+#include "vmware/lib/webservices/ws_marshal.h"
 
 namespace mirador {
 namespace {
-
-const char* flag(bool value) {
-    return value ? "1" : "0";
-}
 
 // No number at all is none.
 template <typename T>
@@ -36,19 +31,12 @@ errdesc_t* call_for_count(const ks_hypervisor_config_t& hvc, const jrpc_args_t& 
     return nullptr;
 }
 
-bool decode_text(json_object* entry, const char* key, std::string* text) {
-    const char* value = nullptr;
-    if (jdr_string(JDR_DECODE, &entry, key, &value) < 0)
-        return false;
-    *text = value;
-    return true;
-}
-
 bool decode_entry(json_object* entry, ws_snapshot_desc_t* desc) {
     using time_limits_t = std::numeric_limits<std::int32_t>;
     std::int32_t quiesced = 0;
-    if (!decode_text(entry, "name", &desc->name) || !decode_text(entry, "vmname", &desc->vmname) ||
-        !decode_text(entry, "vmuuid", &desc->vmuuid) ||
+    if (jdr_text(JDR_DECODE, &entry, "name", &desc->name) < 0 ||
+        jdr_text(JDR_DECODE, &entry, "vmname", &desc->vmname) < 0 ||
+        jdr_text(JDR_DECODE, &entry, "vmuuid", &desc->vmuuid) < 0 ||
         jdr_time_t(JDR_DECODE, &entry, "createTime", &desc->ctime) < 0 ||
         jdr_int32(JDR_DECODE, &entry, "quiesced", &quiesced) < 0)
         return false;
@@ -79,19 +67,19 @@ void decode_list(json_object* data, std::vector<ws_snapshot_desc_t>* list) {
 
 errdesc_t* ws_create_snapshot(const ks_hypervisor_config_t& hvc, const std::string& vmname, const std::string& vmuuid,
                               const std::string& snapshotname, bool quiesce) {
-    return jrpc_single_call_raw(hvc, {"create_snapshot", vmname, vmuuid, snapshotname, flag(quiesce)}, nullptr);
+    return jrpc_single_call_raw(hvc, {"create_snapshot", vmname, vmuuid, snapshotname, ws_flag(quiesce)}, nullptr);
 }
 
 errdesc_t* ws_create_top_snapshot(const ks_hypervisor_config_t& hvc, const std::string& vmname,
                                   const std::string& vmuuid, const std::string& snapshotname, bool quiesce,
                                   int* create_count) {
     cor_assert(create_count != nullptr);
-    return call_for_count(hvc, {"create_top_snapshot", vmname, vmuuid, snapshotname, flag(quiesce)}, create_count);
+    return call_for_count(hvc, {"create_top_snapshot", vmname, vmuuid, snapshotname, ws_flag(quiesce)}, create_count);
 }
 
 errdesc_t* ws_remove_snapshot(const ks_hypervisor_config_t& hvc, const std::string& vmname, const std::string& vmuuid,
                               const std::string& snapshotname, bool blocking, int* remove_count) {
-    return call_for_count(hvc, {"remove_snapshot", vmname, vmuuid, snapshotname, flag(blocking)}, remove_count);
+    return call_for_count(hvc, {"remove_snapshot", vmname, vmuuid, snapshotname, ws_flag(blocking)}, remove_count);
 }
 
 errdesc_t* ws_list_snapshot(const ks_hypervisor_config_t& hvc, const std::string& snapshotname_regex,

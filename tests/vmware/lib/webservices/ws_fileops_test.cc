@@ -1,0 +1,235 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "vmware/lib/webservices/ws_fileops.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <functional>
+
+#include "lib/cor_string.h"
+#include "tests/support/scripted_agent.h"
+#include "vmware/lib/webservices/ws_datastore.h"
+
+namespace mirador {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+const ks_hypervisor_config_t hvc = {
+    .hostname = "esx", .login_name = "root", .password = secret_t("secret"), .hv_port = 443};
+
+constexpr const char* web_file =
+    R"({"dc_name":"dc","ds_name":"ds","vm_moref":"vm-7","folder":"web","name":"web.vmx","type":"VMXfile",)"
+    R"("mtime":1700000000,"size":1099511627776})";
+constexpr const char* plain_file =
+    R"({"size":-1,"mtime":4294967295,"type":"foo","name":"","folder":"","ds_name":"","dc_name":"","vm_moref":7})";
+constexpr const char* datastore =
+    R"({"hv":"esx","name":"ds","url":"ds://x","type":"NFS","dc":"dc","timestamp":1700000000,"accessible":1,)"
+    R"("capacity":18446744073709551615,"freeSpace":5,"paths":["/a",3,"/b"]})";
+
+// The object without one of its members.
+std::string without(const char* object, const char* member) {
+    const json_ptr value(json_tokener_parse(object));
+    json_object_object_del(value.get(), member);
+    return json_object_to_json_string(value.get());
+}
+
+std::string shown(const esx_file_desc_t& fd) {
+    return cor_format("%x %u %s|%s|%s|%s|%s|%d|%s|%jd|%jd", fd.magic, fd.version, fd.dc_name.c_str(),
+                      fd.ds_name.c_str(), fd.vm_moref.value_or("none").c_str(), fd.file_folder.c_str(),
+                      fd.file_name.c_str(), fd.file_type, fd.file_type_str.c_str(), std::intmax_t{fd.file_mtime},
+                      std::intmax_t{fd.file_bytes});
+}
+
+constexpr const char* web_shown = "20100120 2 dc|ds|vm-7|web|web.vmx|3|VMXfile|1700000000|1099511627776";
+constexpr const char* plain_shown = "20100120 2 ||none|||0|foo|4294967295|-1";
+
+std::string outcome(const errdesc_t* e) {
+    return e == nullptr ? "ok" : cor_format("%d %s", e->number, e->string);
+}
+
+class ws_fileops : public testing::Test {
+  protected:
+    // The last request, without the session's.
+    std::string request() {
+        const std::vector<std::string> seen = agent_.seen();
+        return seen.empty() ? "" : seen.back();
+    }
+
+    scripted_agent_t agent_;
+};
+
+TEST_F(ws_fileops, AsksAsTheAgentExpects) {
+    esx_file_desc_t entry;
+    struct {
+        const char* method;
+        std::function<errdesc_t*()> call;
+        const char* request;
+        const char* data;
+    } const cases[] = {
+        {"mkdir", [] { return ws_mkdir(hvc, "dc", "[ds] a/b", true); }, R"(["mkdir", "dc", "[ds] a/b", "1"])", "null"},
+        {"mkdir", [] { return ws_mkdir(hvc, "", "\"ä\"\n", false); }, R"(["mkdir", "", "\"ä\"\n", "0"])", "17"},
+        {"rm", [] { return ws_unlink(hvc, "dc", "[ds] a"); }, R"(["rm", "dc", "[ds] a"])", "{}"},
+        {"cp", [] { return ws_cp(hvc, "dc", "a", "dc2", "b", true); }, R"(["cp", "dc", "a", "dc2", "b", "1"])", "null"},
+        {"cp", [] { return ws_cp(hvc, "dc", "a", "dc2", "b", false); }, R"(["cp", "dc", "a", "dc2", "b", "0"])", "[]"},
+        {"mv", [] { return ws_mv(hvc, "dc", "a", "dc2", "b", true); }, R"(["mv", "dc", "a", "dc2", "b", "1"])", "null"},
+        {"mv", [] { return ws_mv(hvc, "dc", "a", "dc2", "b", false); }, R"(["mv", "dc", "a", "dc2", "b", "0"])", "0"},
+        {"stat", [&] { return ws_stat(hvc, "dc", "a", &entry); }, R"(["stat", "dc", "a"])", web_file},
+        {"ls", [] { return ws_ls(hvc, "dc", "a", nullptr); }, R"(["ls", "dc", "a"])", "[]"},
+        {"df", [] { return ws_df(hvc, nullptr); }, R"(["df"])", "[]"},
+    };
+    for (const auto& c : cases) {
+        agent_.answer_data(c.method, c.data);
+        EXPECT_EQ(outcome(c.call()), "ok") << c.request;
+        EXPECT_EQ(request(), c.request);
+        agent_.answer_error(c.method, EEXIST, "it is there");
+        EXPECT_EQ(outcome(c.call()), "17 it is there") << c.request;
+    }
+}
+
+TEST_F(ws_fileops, StatTellsOfOneFile) {
+    esx_file_desc_t entry;
+    for (const auto& [data, expected] : {std::pair{web_file, web_shown}, std::pair{plain_file, plain_shown}}) {
+        agent_.answer_data("stat", data);
+        EXPECT_EQ(outcome(ws_stat(hvc, "dc", "a", &entry)), "ok");
+        EXPECT_EQ(shown(entry), expected);
+    }
+    for (const std::string& data : {std::string("null"), std::string("[]"), std::string("\"x\""),
+                                    cor_format("[%s]", web_file), without(web_file, "size")}) {
+        agent_.answer_data("stat", data);
+        EXPECT_THAT(outcome(ws_stat(hvc, "dc", "a", &entry)), HasSubstr("2 stat: ")) << data;
+    }
+    agent_.answer("stat", "{}");
+    EXPECT_THAT(outcome(ws_stat(hvc, "dc", "a", &entry)), HasSubstr("2 stat: "));
+    EXPECT_EQ(shown(entry), plain_shown);
+}
+
+TEST_F(ws_fileops, ListIsWholeOrNone) {
+    std::vector<esx_file_desc_t> list(1);
+    agent_.answer_data("ls", cor_format("[%s,%s]", web_file, plain_file));
+    ASSERT_EQ(outcome(ws_ls(hvc, "dc", "a", &list)), "ok");
+    ASSERT_EQ(list.size(), 3U);  // what the caller's list held stays
+    EXPECT_EQ(shown(list[1]), web_shown);
+    EXPECT_EQ(shown(list[2]), plain_shown);
+    EXPECT_EQ(ws_ls(hvc, "dc", "a", nullptr), nullptr);
+
+    std::vector<std::string> faults = {"null", "{}", "17", cor_format("[%s,null]", web_file),
+                                       cor_format("[%s,[]]", web_file)};
+    for (const char* member : {"dc_name", "ds_name", "folder", "name", "type", "mtime", "size"})
+        faults.push_back(cor_format("[%s,%s]", web_file, without(web_file, member).c_str()));
+    for (const std::string& data : faults) {
+        list.resize(2);
+        agent_.answer_data("ls", data);
+        EXPECT_THAT(outcome(ws_ls(hvc, "dc", "a", &list)), HasSubstr("2 ls: ")) << data;
+        EXPECT_THAT(list, IsEmpty()) << data;
+        EXPECT_THAT(outcome(ws_ls(hvc, "dc", "a", nullptr)), HasSubstr("2 ls: ")) << data;
+    }
+    for (const std::string& reply : {std::string("{}"), scripted_agent_t::error_reply(5, "x"), std::string()}) {
+        list.resize(2);
+        agent_.answer("ls", reply);
+        EXPECT_NE(ws_ls(hvc, "dc", "a", &list), nullptr) << reply;
+        EXPECT_THAT(list, IsEmpty()) << reply;
+    }
+}
+
+TEST_F(ws_fileops, DatastoresAreWholeOrNone) {
+    std::vector<datastore_info_t> list(1);
+    agent_.answer_data("df", cor_format("[%s,%s]", datastore, without(datastore, "paths").c_str()));
+    ASSERT_EQ(outcome(ws_df(hvc, &list)), "ok");
+    ASSERT_EQ(list.size(), 3U);
+    EXPECT_EQ(list[1].hv + list[1].name + list[1].url + list[1].type + list[1].dc, "esxdsds://xNFSdc");
+    EXPECT_EQ(list[1].capacity, 18446744073709551615U);
+    EXPECT_THAT(list[1].paths, ElementsAre("/a", "/b"));
+    EXPECT_THAT(list[2].paths, IsEmpty());
+
+    for (const char* member : {"hv", "name", "url", "type", "dc", "timestamp", "accessible", "capacity", "freeSpace"}) {
+        list.resize(1);
+        agent_.answer_data("df", cor_format("[%s,%s]", datastore, without(datastore, member).c_str()));
+        EXPECT_THAT(outcome(ws_df(hvc, &list)), HasSubstr("2 df: ")) << member;
+        EXPECT_THAT(list, IsEmpty()) << member;
+    }
+    list.resize(1);
+    agent_.answer_error("df", ENOSYS, "no such method");
+    EXPECT_EQ(outcome(ws_df(hvc, &list)), "38 no such method");
+    EXPECT_THAT(list, IsEmpty());
+}
+
+TEST(fdesc, TypesHaveNamesInAnyCase) {
+    const std::pair<const char*, fdesc_type_t> cases[] = {
+        {"ignore", FDESC_IGNORE},
+        {"LOGFILE", FDESC_LOGFILE},
+        {"vmxFile", FDESC_VMXFILE},
+        {"configfile", FDESC_CONFIGFILE},
+        {"diskDescriptorFile", FDESC_DISKDESCRIPTORFILE},
+        {"DISKEXTENTFILE", FDESC_DISKEXTENTFILE},
+        {"snapshotDataFile", FDESC_SNAPSHOTDATAFILE},
+        {"snapshotlistfile", FDESC_SNAPSHOTLISTFILE},
+        {"swapFile", FDESC_SWAPFILE},
+        {"vmssFile", FDESC_VMSSFILE},
+        {"NVRAMFile", FDESC_NVRAMFILE},
+        {"Directory", FDESC_DIRECTORY},
+        {"directory ", FDESC_UNKNOWN},
+        {"", FDESC_UNKNOWN},
+    };
+    for (const auto& [name, type] : cases)
+        EXPECT_EQ(fdesc_get_type(name), type) << name;
+}
+
+// Encodes what was decoded, and lets it go.
+template <typename record_t, typename marshal_t>
+void expect_round_trip(const std::string& text, marshal_t marshal) {
+    const json_ptr source(json_tokener_parse(text.c_str()));
+    json_object* obj = source.get();
+    record_t record;
+    ASSERT_EQ(marshal(JDR_DECODE, &obj, nullptr, &record), static_cast<ssize_t>(sizeof(record_t)));
+    record_t copy = record;
+    json_object* encoded = nullptr;
+    ASSERT_EQ(marshal(JDR_ENCODE, &encoded, nullptr, &copy), static_cast<ssize_t>(sizeof(record_t)));
+    EXPECT_EQ(json_object_equal(encoded, source.get()), 1) << json_object_to_json_string(encoded);
+
+    const json_ptr outer(json_object_new_object());
+    json_object* holder = outer.get();
+    json_object_object_add(holder, "inside", encoded);
+    record_t freed;
+    ASSERT_GE(marshal(JDR_DECODE, &holder, "inside", &freed), 0);
+    ASSERT_GE(marshal(JDR_FREE, &holder, "inside", &freed), 0);
+    EXPECT_EQ(json_object_object_length(encoded), 0);
+    EXPECT_EQ(marshal(JDR_DECODE, &holder, "elsewhere", &freed), jdr_failed);
+}
+
+TEST(fdesc, PassesThroughItsMarshaller) {
+    expect_round_trip<esx_file_desc_t>(web_file, jdr_fdesc);
+    expect_round_trip<esx_file_desc_t>(without(plain_file, "vm_moref"), jdr_fdesc);
+    expect_round_trip<datastore_info_t>(
+        R"({"hv":"a","name":"b","url":"c","type":"d","dc":"e","timestamp":-1,"accessible":0,"capacity":1,)"
+        R"("freeSpace":18446744073709551615,"paths":["x",""]})",
+        jdr_datastore_info);
+}
+
+TEST(fdesc, IsLoggedOnOneLine) {
+    esx_file_desc_t fd;
+    fd.ds_name = "ds";
+    fd.file_name = "f";
+    fd.file_type_str = "logFile";
+    fd.file_bytes = 1LL << 40;
+    datastore_info_t info;
+    info.name = "ds";
+    info.accessible = 1;
+    info.free_space = 7;
+    testing::internal::CaptureStdout();
+    fdesc_dump("t%s", fd);
+    datastore_info_dump("u", info);
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_THAT(log, HasSubstr(cor_format("t%%s: fdesc %p: vm_moref <(null)>, ds_name <ds>, dc_name <>, "
+                                          "file_folder <>, file_name <f>, file_type <logFile>, file_mtime 0, "
+                                          "file_bytes 1099511627776\n",
+                                          static_cast<const void*>(&fd))));
+    EXPECT_THAT(log, testing::ContainsRegex("u: hv <> dc <> name <ds> url <> type <> accessible <1> capacity <0> "
+                                            "free_space <7> timestamp <19[67][0-9]-.*>\n"));
+}
+
+}  // namespace
+}  // namespace mirador
