@@ -1,0 +1,192 @@
+"""mirador-fileops, by way of the embedded appliance: each operation, and what is refused."""
+
+import contextlib
+import json
+import os
+import pathlib
+import pty
+import subprocess
+import unittest
+
+from harness import place
+from harness.appliance import Appliance
+from harness.disks import MIB, datastore
+from harness.machines import machine
+from harness.tools import WORK, program, run, wait_until
+
+HOST, OTHER_HOST = "esx1.example", "esx2.example"
+
+
+class Fileops(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.store, cls.other, cls.foreign = (datastore(f"fileops-{name}") for name in ("a", "b", "c"))
+        run("mount", "-t", "tmpfs", "-o", "size=16m", "b", cls.other.directory)
+        cls.vm = machine(cls.store, "web")
+        cls.appliance = Appliance(*(f"{host}:{store.directory}" for host, store in (
+            (HOST, cls.store), (HOST, cls.other), (OTHER_HOST, cls.foreign))))
+        cls.appliance.start()
+        cls.addClassCleanup(cls.appliance.stop)
+        wait_until(lambda: all(store["complete"] for store in cls.appliance.status()["datastores"]), "discovery")
+        cls.outside = WORK / "outside"
+        cls.outside.mkdir()
+        (cls.outside / "precious").write_text("precious")
+        (cls.store.directory / "out").symlink_to(cls.outside)
+
+    def call(self, *words, host=HOST):
+        return subprocess.run([program("mirador-fileops"), host, *words], stdin=subprocess.DEVNULL, timeout=60,
+                              capture_output=True, text=True, check=False)
+
+    def does(self, *words):
+        """A call that must succeed; returns its output."""
+        done = self.call(*words)
+        self.assertEqual((done.returncode, done.stderr), (0, ""), words)
+        return done.stdout
+
+    def refuses(self, text, *words, status=1, host=HOST):
+        """A call that must fail with one line in which the text stands."""
+        done = self.call(*words, host=host)
+        self.assertEqual((done.returncode, done.stdout, done.stderr.count("\n")), (status, "", 1), (words, done.stderr))
+        self.assertTrue(done.stderr.startswith("mirador-fileops: "), done.stderr)
+        self.assertIn(text, done.stderr)
+
+    @contextlib.contextmanager
+    def fault(self, *words):
+        self.appliance.command("fault", "add", *words)
+        try:
+            yield
+        finally:
+            self.appliance.command("fault", "clear")
+
+    def test_looking(self):
+        flat = self.vm.flat()
+        os.utime(flat, (1_700_000_000, 1_700_000_000))
+        when = run("date", "-d", "@1700000000", "+%F %T").strip()
+        lines = self.does("ls", f"[{self.store.name}] web").splitlines()
+        self.assertIn(f"diskExtentFile      {MIB}  {when}  disk-flat.vmdk", lines)
+        self.assertEqual([line.split()[-1] for line in lines], sorted(os.listdir(self.vm.directory)))
+        self.assertIn("1.0 MiB", self.does("ls", "-h", self.store.link(flat)))
+        told = json.loads(self.does("ls", "--json", f"[{self.store.name}]"))
+        self.assertEqual([(file["name"], file["type"]) for file in told], [("out", "file"), ("web", "directory")])
+        told = json.loads(self.does("stat", "--json", self.store.link(flat)))
+        self.assertEqual((told["folder"], told["size"], told["mtime"]), ("web", MIB, 1_700_000_000))
+        shown = self.does("stat", self.store.link(flat))
+        for text in (f"[{self.store.name}] web/{flat.name}\n", "diskExtentFile", str(MIB), when, "ha-datacenter"):
+            self.assertIn(text, shown)
+        told = {store["name"]: store["capacity"] for store in json.loads(self.does("df", "--json"))}
+        self.assertEqual(told.keys(), {self.store.name, self.other.name})
+        self.assertEqual(told[self.other.name], 16 * MIB)
+        header, *lines = self.does("df").splitlines()
+        self.assertTrue(header.startswith("DATASTORE"))
+        self.assertIn(str(16 * MIB), next(line for line in lines if line.startswith(self.other.name)))
+
+    def test_names_do_not_reach_the_terminal(self):
+        folder = self.store.vm("odd")
+        (folder / "a\x1b[2J\nb").touch()
+        controller, terminal = pty.openpty()
+        with open(controller, "rb", buffering=0) as reader:
+            done = subprocess.run([program("mirador-fileops"), HOST, "ls", f"[{self.store.name}] odd"],
+                                  stdin=subprocess.DEVNULL, stdout=terminal, check=False, timeout=60)
+            os.close(terminal)
+            shown = reader.read(4096).decode()
+        self.assertEqual((done.returncode, shown.rpartition("  ")[2]), (0, "a\\x1b[2J\\x0ab\r\n"))
+
+    def test_changing(self):
+        a, b, flat = f"[{self.store.name}]", f"[{self.other.name}]", self.vm.flat()
+        data = flat.read_bytes()
+        self.does("mkdir", "-p", f"{a} one/two")
+        self.does("cp", self.store.link(flat), f"{a} one/two/copy")
+        self.assertEqual((self.store.directory / "one/two/copy").read_bytes(), data)
+        self.does("mv", f"{a} one/two", f"{a} two")
+        moved = self.store.directory / "two/copy"
+        os.utime(moved, (1_600_000_000, 1_600_000_000))
+        moved.chmod(0o604)
+        self.does("mv", f"{a} two/copy", f"{b} copy")  # to another file system
+        status = (self.other.directory / "copy").stat()
+        self.assertEqual((status.st_mtime, status.st_mode & 0o777, moved.exists()), (1_600_000_000, 0o604, False))
+        self.assertEqual((self.other.directory / "copy").read_bytes(), data)
+        self.does("cp", "--force", self.store.link(self.vm.vmx), f"{b} copy")
+        self.assertEqual((self.other.directory / "copy").read_bytes(), self.vm.vmx.read_bytes())
+        self.refuses("Invalid cross-device link", "mv", f"{a} two", f"{b} two")
+        for path in (f"{b} copy", f"{a} two", f"{a} one"):
+            self.does("rm", path)
+        self.assertEqual(os.listdir(self.other.directory), [])
+        self.assertFalse((self.store.directory / "one").exists())
+
+    def test_refusals(self):
+        a, vmx = f"[{self.store.name}]", self.store.link(self.vm.vmx)
+        before = self.vm.flat().read_bytes()
+        for words, text in (
+                (("cp", vmx, f"{a} web/disk-flat.vmdk"), "File exists"),
+                (("mv", vmx, f"{a} web/disk-flat.vmdk"), "File exists"),
+                (("rm", f"{a} web"), "Directory not empty"),
+                (("mkdir", f"{a} x/y"), f"{a} x: No such file or directory"),
+                (("stat", f"{a} none"), f"{a} none: No such file or directory"),
+                (("cp", vmx, f"{a} ../precious"), "\"..\" is refused"),
+                (("cp", "-f", vmx, f"{a} out/precious"), "symbolic link"),
+                (("cp", f"{a} out/precious", f"{a} stolen"), "symbolic link"),
+                (("rm", str(self.outside / "precious")), "on no datastore"),
+                (("rm", "--datacenter", "ha-datacenter", str(self.outside / "precious")), "no path on a datastore"),
+                (("ls", f"[{self.foreign.name}]"), "on no datastore"),
+                (("ls", "--datacenter", "ha-datacenter", f"[{self.foreign.name}]"), "there is no datastore"),
+                (("ls", "--datacenter", "elsewhere", a), "there is no datacenter")):
+            self.refuses(text, *words)
+        self.refuses(f"no such hypervisor; the controller knows {HOST}, {OTHER_HOST}", "df", host="esx9.example")
+        self.refuses("unknown command \"dd\"; see mirador-fileops --help", "dd", status=2)
+        self.assertEqual((self.outside / "precious").read_text(), "precious")
+        self.assertEqual((os.listdir(self.outside), self.vm.flat().read_bytes()), (["precious"], before))
+        self.assertFalse((self.store.directory / "stolen").exists())
+
+    def test_faults_of_the_agent(self):
+        a, vmx = f"[{self.store.name}]", self.store.link(self.vm.vmx)
+        with self.fault("--method", "stat", "--error", "5", "--text", "the disk\x1b[2J is tired"):
+            self.refuses("the disk\\x1b[2J is tired", "stat", vmx)
+        with self.fault("--method", "ls", "--garbage", "{}\n"):
+            self.refuses("no whole list", "ls", a)
+        with self.fault("--method", "ls", "--garbage", "<html>\n"):
+            self.refuses("json parse error", "ls", a)
+        with self.fault("--method", "cp", "--die", "before"):
+            self.refuses("Failed to get response to JRPC request", "cp", vmx, f"{a} new")
+        self.assertFalse((self.store.directory / "new").exists())
+        with self.fault("--method", "rm", "--busy"):
+            self.refuses("fault on demand", "rm", vmx)
+        self.assertTrue(self.vm.vmx.exists())
+        with self.fault("--method", "connect", "--error", "13", "--text", "login refused"):
+            self.refuses("login refused", "df")
+
+    def test_says_what_happens_and_keeps_secrets(self):
+        """Nothing of it is in the output, and the login is nowhere."""
+        password = next(record["password"] for record in self.appliance.get("hvconfig") if record["hostname"] == HOST)
+        done = self.call("-v", "ls", self.store.link(self.vm.vmx))
+        self.assertEqual(done.returncode, 0)
+        self.assertIn("ls: fdesc 0x", done.stderr)
+        self.assertEqual(done.stdout.count("\n"), 1)
+        self.assertNotIn(password, done.stdout + done.stderr)
+        with self.fault("--method", "ls", "--silence", "--for", "20"):
+            asking = subprocess.Popen([program("mirador-fileops"), HOST, "ls", f"[{self.store.name}]"],
+                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            children = pathlib.Path(f"/proc/{asking.pid}/task/{asking.pid}/children")
+            wait_until(lambda: any("fault" in call and call["method"] == "ls" for call in self.appliance.agent_calls()),
+                       "the agent is silent")
+            for pid in (str(asking.pid), *children.read_text().split()):
+                for name in ("cmdline", "environ"):
+                    self.assertNotIn(password.encode(), pathlib.Path(f"/proc/{pid}/{name}").read_bytes())
+            asking.terminate()
+            asking.wait(timeout=30)
+
+    def test_output_that_cannot_be_written(self):
+        with open("/dev/full", "w") as full:
+            done = subprocess.run([program("mirador-fileops"), HOST, "df"], stdin=subprocess.DEVNULL, stdout=full,
+                                  stderr=subprocess.PIPE, text=True, check=False, timeout=60)
+        self.assertEqual((done.returncode, done.stderr), (1, "mirador-fileops: standard output: Input/output error\n"))
+
+    def test_without_a_controller(self):
+        self.appliance.stop()
+        try:
+            self.refuses("Cannot perform operations on", "df")
+        finally:
+            self.appliance.start()
+
+
+if __name__ == "__main__":
+    place.main()
