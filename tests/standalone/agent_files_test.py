@@ -1,15 +1,20 @@
 """The agent's file methods: what they tell, what they do, and that they stay on their hypervisor's datastores."""
 
+import itertools
 import json
 import os
 import stat
 import time
 import unittest
+import unittest.mock
 
 from agent_test import AgentCase
 from fixture import FLAT_SIZE, OLD, wait_until
 
-from mirador_appliance.agent import faults
+from mirador_appliance.agent import faults, file_operations
+from mirador_appliance.agent.file_operations import Files
+from mirador_appliance.agent.framing import AgentError
+from mirador_appliance.agent.machines import Home
 from mirador_appliance.hypervisor import locks
 
 DC = "ha-datacenter"
@@ -190,6 +195,61 @@ class Confined(FilesCase):
         self.assertEqual((self.directory / "outside/precious").read_bytes(), b"precious")
         self.assertEqual(os.listdir(self.directory / "outside"), ["precious"])
         self.assertTrue(self.vmx["web"].exists())
+
+
+class Races(FilesCase):
+    """What somebody else does just before a copy gets its name."""
+
+    def files(self, meanwhile):
+        return Files(Home(self.state, self.directory / "root"), "esx1", lambda step: meanwhile())
+
+    def refusal_of(self, run, *words):
+        with self.assertRaises(AgentError) as raised:
+            run(*words)
+        return raised.exception.number
+
+    def test_target_that_comes_meanwhile_is_kept(self):
+        files = self.files(lambda: (self.root / "new").write_bytes(b"theirs"))
+        vmx, new = files.path(DC, "[ds1] web/web.vmx"), files.path(DC, "[ds1] new")
+        self.assertEqual(self.refusal_of(files.cp, vmx, new, False), 17)
+        self.assertEqual(((self.root / "new").read_bytes(), sorted(os.listdir(self.root))), (b"theirs", ["new", "web"]))
+        files.cp(vmx, new, True)
+        self.assertEqual((self.root / "new").read_bytes(), self.vmx["web"].read_bytes())
+
+    def test_directory_that_becomes_a_link_leads_nobody_out(self):
+        outside, folder = self.directory / "outside", self.root / "folder"
+        outside.mkdir()
+        folder.mkdir()
+
+        def swap():
+            folder.rename(self.root / "was")
+            folder.symlink_to(outside)
+
+        files = self.files(swap)
+        files.cp(files.path(DC, "[ds1] web/web.vmx"), files.path(DC, "[ds1] folder/new"), False)
+        self.assertEqual((os.listdir(outside), os.listdir(self.root / "was")), ([], ["new"]))
+
+    def test_file_that_is_written_to_while_it_moves_stays(self):
+        flat = self.root / "web/web-flat.vmdk"
+
+        def over_file_systems(real=file_operations._place):
+            """A renaming that fails at first."""
+            calls = itertools.count()
+
+            def place(*words):
+                if next(calls) == 0:
+                    raise AgentError(18, "another file system")
+                real(*words)
+            return unittest.mock.patch.object(file_operations, "_place", place)
+
+        files = self.files(lambda: flat.write_bytes(b"newer"))
+        old, new = files.path(DC, "[ds1] web/web-flat.vmdk"), files.path(DC, "[ds1] new")
+        with over_file_systems():
+            self.assertEqual(self.refusal_of(files.mv, old, new, False), 16)
+        self.assertEqual((flat.read_bytes(), os.listdir(self.root)), (b"newer", ["web"]))
+        with over_file_systems():
+            self.files(lambda: None).mv(old, new, False)
+        self.assertEqual(((self.root / "new").read_bytes(), flat.exists()), (b"newer", False))
 
 
 class Faults(FilesCase):
