@@ -209,7 +209,7 @@ int mirador_main(int argc, char** argv) {
     if (!fuse_check_arguments(guard.args, &foreground))
         return 1;
     options_settle_mount_points(&guard.args);
-    if (!can_mount())
+    if (!options_check_mount_points() || !can_mount())
         return 1;
     background_t background;
     if (!foreground)

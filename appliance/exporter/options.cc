@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "appliance/exporter/options.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -103,6 +104,10 @@ fs::path named(const fs::path& path) {
     return name == "." || name == ".." ? resolved(path) : resolved(path.parent_path()) / name;
 }
 
+bool is_within(const fs::path& path, const fs::path& directory) {
+    return std::mismatch(directory.begin(), directory.end(), path.begin(), path.end()).first == directory.end();
+}
+
 // Puts `path` in the place of FUSE's argument `given`. The last one that reads so: options with texts stand in front.
 void replace_argument(fuse_args* args, const std::string& given, const std::string& path) {
     for (int i = args->argc - 1; i > 0; i--) {
@@ -155,6 +160,17 @@ void options_settle_mount_points(fuse_args* args) {
     set_text(&options.proxy_mount_point, resolved(mount_point).string());
     set_text(&options.tmpfs_mount_point, resolved(shadow).string());
     replace_argument(args, given, options.proxy_mount_point);
+}
+
+bool options_check_mount_points() {
+    const mirador_options_t& options = fs_options();
+    const fs::path mount_point = options.proxy_mount_point;
+    const fs::path shadow = options.tmpfs_mount_point;
+    if (!is_within(mount_point, shadow) && !is_within(shadow, mount_point))
+        return true;
+    std::fprintf(stderr, "mirador: %s, %s: mount point and shadow tree must not lie in one another\n",
+                 mount_point.c_str(), shadow.c_str());
+    return false;
 }
 
 void usage(const char* progname) {

@@ -43,6 +43,11 @@ void options_settle_log_dir();
 // the mount point in FUSE's arguments as well. Asserted: there is a mount point; the paths fit.
 void options_settle_mount_points(fuse_args* args);
 
+// Whether the settled mount points lie apart, neither of them in the other: the daemon would wait for itself where it
+// reads the shadow through its own file system, and recovery removes the whole shadow. False after a line on standard
+// error.
+[[nodiscard]] bool options_check_mount_points();
+
 void usage(const char* progname);
 
 }  // namespace mirador

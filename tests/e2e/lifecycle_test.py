@@ -73,6 +73,7 @@ class CommandLine(unittest.TestCase):
         for name, arguments, text in (
             ("missing mount point", ["/nowhere"], "/nowhere: No such file or directory"),
             ("mount point is a file", [str(file)], "file: Not a directory"),
+            ("shadow in the tree", ["-P", f"{EXPORT}/below", str(EXPORT)], f"{EXPORT}, {EXPORT}/below: mount point and"),
         ):
             with self.subTest(name):
                 done = mirador("--no-threads", *arguments)

@@ -112,6 +112,26 @@ TEST(options, PathsAreSettled) {
         EXPECT_EXIT(print_paths(dir, c.words), testing::ExitedWithCode(0), c.paths) << c.words.back();
 }
 
+// The function alone: behind it, recovery removes the shadow.
+TEST(options, MountPointsLieApart) {
+    struct {
+        std::string shadow;
+        std::string mount_point;
+        bool passes;
+    } const cases[] = {
+        {"/x.shadow", "/x", true}, {"/a/x", "/a/xy", true}, {"/x", "/x", false},
+        {"/x/y", "/x", false},     {"/", "/x", false},      {"/x", "/x/y/z", false},
+    };
+    for (auto c : cases) {
+        fs_options().tmpfs_mount_point = c.shadow.data();
+        fs_options().proxy_mount_point = c.mount_point.data();
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(options_check_mount_points(), c.passes) << c.shadow << " " << c.mount_point;
+        EXPECT_EQ(testing::internal::GetCapturedStderr().empty(), c.passes);
+    }
+    fs_options().tmpfs_mount_point = fs_options().proxy_mount_point = nullptr;
+}
+
 // Only command lines that end the program before it touches the machine.
 TEST(options, CommandLinesThatEndAtOnce) {
     EXPECT_EXIT(run_main({"mirador", "-V"}), testing::ExitedWithCode(1), "Mount point must be provided");
