@@ -5,7 +5,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "appliance/exporter/cnt_cycle.h"
 #include "appliance/exporter/fake_vdsk.h"
+#include "appliance/exporter/hv_thr.h"
 #include "appliance/exporter/snapshot_command.h"
 #include "appliance/exporter/snapshot_scrub.h"
 #include "appliance/exporter/vm_proxy_api.h"
@@ -328,13 +330,30 @@ TEST_F(snapshot_thr, OldSnapshotsOfOthersAreReportedAndOursRemoved) {
 }
 
 TEST_F(snapshot_thr, VmWithASnapshotStaysInTheTree) {
+    const auto cycle = [&](std::uint64_t gen, const std::vector<lab_vm_t>& vms) {
+        user_folders_t folders;
+        list(vms);
+        EXPECT_TRUE(cnt_cycle_run({.root = shadow_, .gen = gen, .goes_on = [] { return true; }}, &folders));
+    };
+    const std::string about = " user_defined_folder " + vm_dir();
+    lab_vm_t other;
+    other.name = "other";
+    other.uuid = "564d0009";
     use_ptr use = take();
-    vm_stop_old(2);
+    cycle(2, {other});
     EXPECT_TRUE(vm_state_get(vm_dir()));
-    EXPECT_THAT(alerts(), Contains("alert_post user_defined_folder " + vm_dir()));
+    const std::vector<std::string> seen = alerts();
+    EXPECT_THAT(seen, Contains("alert_post" + about));
+    EXPECT_THAT(seen, Not(Contains("alert_clear" + about)));
+    EXPECT_EQ(vm_wait_snapshot(vm_dir(), 0, 300, nullptr)->number, EINVAL);  // nobody will tell
+
+    cycle(3, {vm_, other});
+    EXPECT_THAT(alerts(), Contains("alert_clear" + about));
+    EXPECT_EQ(vm_wait_snapshot(vm_dir(), 0, 0, nullptr)->number, ETIME);
+    hv_thr_stop_all();
     use.reset();
     snapshot_state_shutdown();
-    vm_stop_old(2);
+    vm_stop_old(4);
     EXPECT_FALSE(vm_state_get(vm_dir()));
 }
 
