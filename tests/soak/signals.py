@@ -19,7 +19,10 @@ class Hangups(Worker):
         self.stage.daemon.signal(signal.SIGHUP)
         self.wait_for(log.exists, "the log is opened anew", 60)
         self.pause(1, 1)  # who was writing a line has written it
-        self._leaks.check_log(old.read_text(errors="replace"))
+        text = old.read_text(errors="replace")
+        self._leaks.check_log(text)
+        self.tally.count("snapshots", text.count(": Creating snapshot "))
+        self.tally.count("evictions", text.count(", remove\n"))  # of disks: each gives its use of the snapshot back
         old.unlink()
         self.tally.count("hangups")
         self.pause(2, 20)

@@ -11,6 +11,7 @@ kills        the other way to run: kill the daemon over and over
 """
 
 import argparse
+import contextlib
 import faulthandler
 import os
 import pathlib
@@ -51,7 +52,8 @@ def main() -> int:
     else:
         _soak(Stage(tally, _FACTOR, _SETTINGS, reports), tally, reports, options)
     if tally.failures and options.keep:
-        shutil.copytree(WORK, options.keep, dirs_exist_ok=True, ignore=_special_files)
+        with contextlib.suppress(shutil.Error):  # some may go meanwhile
+            shutil.copytree(WORK, options.keep, dirs_exist_ok=True, ignore=_special_files)
     print(tally.line(), tally.reasons(), sep="\n")
     print(f"FAILED, seed {options.seed}" if tally.failures else "all was right", flush=True)
     sys.stdout.flush()
