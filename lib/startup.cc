@@ -6,6 +6,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -29,6 +30,17 @@ void lift_core_limit() {
         return;
     limit.rlim_cur = limit.rlim_max;
     (void)setrlimit(RLIMIT_CORE, &limit);
+}
+
+// Every file that a client holds open takes a descriptor, and with none left disks could not be opened nor the log. Not
+// beyond `enough`: some programs that are run go through all numbers.
+void lift_descriptor_limit() {
+    constexpr rlim_t enough = 65536;
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= enough)
+        return;
+    limit.rlim_cur = std::min(limit.rlim_max, enough);
+    (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 void sigpipe_handler(int) {}
@@ -78,6 +90,7 @@ void hold_std_streams() {
 errdesc_t* cor_startup(const cordesc_t* desc) {
     cor_assert(desc != nullptr);
     lift_core_limit();
+    lift_descriptor_limit();
     cor_snprintf(_program_name.data(), _program_name.size(), "%s", desc->name.c_str());
     openlog(_program_name.data(), LOG_PID | LOG_PERROR, LOG_USER);
     survive_broken_pipes();

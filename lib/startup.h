@@ -19,8 +19,9 @@ struct cordesc_t {
 // is opened later may take its number, what is printed would end there. The first thing that main does.
 void hold_std_streams();
 
-// Lifts the core-file size limit, opens the system log (which prints to standard error too) and makes SIGPIPE harmless
-// in a way that outlives a library resetting it. With a log directory, standard output and standard error go to
+// Lifts the limits of core files and open descriptors, opens the system log (which prints to standard error too) and
+// makes SIGPIPE harmless in a way that outlives a library resetting it. With a log directory, standard output and
+// standard error go to
 // "<logdir>/<name>" from here on, unbuffered, and SIGHUP reopens that file: after a rotation the program goes on in
 // a fresh one. Without it SIGHUP is left alone. Always succeeds; asserted: the log file can be opened.
 [[nodiscard]] errdesc_t* cor_startup(const cordesc_t* desc);

@@ -143,14 +143,17 @@ TEST(startup, LogDirectoryThatIsMissingIsFatal) {
     EXPECT_DEATH(logrotate_hndlr(SIGTERM), "signo == SIGHUP");
 }
 
-TEST(startup, BrokenPipesAndCoreLimit) {
+TEST(startup, BrokenPipesAndLimits) {
     EXPECT_EQ(in_child([] {
                   const cordesc_t desc{"daemon", std::nullopt};
-                  if (cor_startup(&desc) != nullptr)
+                  const rlimit few{64, 128};
+                  if (setrlimit(RLIMIT_NOFILE, &few) != 0 || cor_startup(&desc) != nullptr)
                       return 1;
                   rlimit limit{};
                   if (getrlimit(RLIMIT_CORE, &limit) != 0 || limit.rlim_cur != limit.rlim_max)
                       return 2;
+                  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur != 128)
+                      return 6;
                   std::array<int, 2> ends{};
                   if (pipe(ends.data()) != 0 || close(ends[0]) != 0)
                       return 3;
