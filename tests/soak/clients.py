@@ -1,6 +1,7 @@
 """Clients of the exported tree: what they read must be right, and an error that they see must have a reason."""
 
 import contextlib
+import errno
 import os
 import pathlib
 import threading
@@ -88,7 +89,8 @@ class Clients:
         number, said = self.told(path)
         text = f"{error.strerror}; {number}: {said}"
         reason = self._excuses.explain(vm.uuid, began, text)
-        if reason is None and "Too many open files" in text and self._table.could_be_full(began):
+        is_such = error.errno == errno.EPERM or "Too many open files" in text  # attributes tell no reason
+        if reason is None and is_such and self._table.could_be_full(began):
             reason = "the table is full"
         if reason is None:
             raise Wrong(f"{path}: {text}; nothing explains it, begun {time.monotonic() - began:.1f} s ago; "

@@ -42,7 +42,7 @@ def _check_in_order(worker: Worker, vm: Vm, disk: str, reader: Reader) -> None:
 
 def _check_mapped(worker: Worker, vm: Vm, disk: str, reader: Reader) -> None:
     truth = vm.frozen(disk, worker.clients.own)
-    with mmap.mmap(reader.fileno(), 0, prot=mmap.PROT_READ) as mapped:
+    with mmap.mmap(reader.fileno(), len(truth), prot=mmap.PROT_READ) as mapped:
         data = mapped[:]
     worker.tally.count("bytes", len(data))
     if without_header(disk, data) != truth:

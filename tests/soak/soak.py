@@ -15,6 +15,7 @@ import contextlib
 import faulthandler
 import os
 import pathlib
+import random
 import shutil
 import sys
 import time
@@ -25,8 +26,9 @@ from harness import place  # noqa: E402
 from harness.tools import WORK  # noqa: E402
 
 _FACTOR = 10  # the daemon's seconds in one of the clock on the wall
-_SETTINGS = {"export.max_session": "24", "snapshot.max_idle": "20", "snapshot.retry_limit": "12",
-             "appliance.cbt.percent": "1", "export.cache.ttl": "60"}
+_SETTINGS = {"snapshot.retry_limit": "12", "appliance.cbt.percent": "1", "export.cache.ttl": "60"}
+_DRAWN = {"export.max_session": ("20", "30"), "snapshot.max_idle": ("0", "20", "200"),
+          "snapshot.blocking_removal": ("0", "1"), "smartread.enabled": ("0", "1"), "export.vm_uuid.enabled": ("0", "1")}
 _LINE = 5  # seconds between two lines
 _STILL = 400  # seconds for the workers to come to the end of a step
 _STAGE = 5  # minutes between two looks, fewer when there is little time: the warm-up is a third of it
@@ -44,13 +46,15 @@ def main() -> int:
     from stage import Stage, make_place  # pylint: disable=import-outside-toplevel
     from tally import Tally  # pylint: disable=import-outside-toplevel
     tally = Tally(options.seed)
-    print(f"seed {options.seed}", flush=True)
+    draw = random.Random(f"{options.seed} settings")
+    settings = _SETTINGS | {key: draw.choice(values) for key, values in _DRAWN.items()}
+    print(f"seed {options.seed}: {settings}", flush=True)
     reports = make_place()
     if options.kills:
         import kills  # pylint: disable=import-outside-toplevel
         kills.kill_over_and_over(tally, reports, options.kills)
     else:
-        _soak(Stage(tally, _FACTOR, _SETTINGS, reports), tally, reports, options)
+        _soak(Stage(tally, _FACTOR, settings, reports), tally, reports, options)
     if tally.failures and options.keep:
         with contextlib.suppress(shutil.Error):  # some may go meanwhile
             shutil.copytree(WORK, options.keep, dirs_exist_ok=True, ignore=_special_files)

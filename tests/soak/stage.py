@@ -112,7 +112,9 @@ class Stage:
                 for vm in self.vms if vm.uuid not in self.away}
 
     def wait_tree(self) -> None:
-        wait_equal(tree, self.expected_tree(), "the tree is as the inventory says", BOUND)
+        def found() -> dict[str, set[str]]:
+            return {vm: files for vm, files in tree().items() if not vm.startswith(".")}
+        wait_equal(found, self.expected_tree(), "the tree is as the inventory says", BOUND)
 
     # Coming to rest
 
