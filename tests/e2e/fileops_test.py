@@ -27,6 +27,7 @@ class Fileops(unittest.TestCase):
             (HOST, cls.store), (HOST, cls.other), (OTHER_HOST, cls.foreign))))
         cls.appliance.start()
         cls.addClassCleanup(cls.appliance.stop)
+        os.environ["MIRADOR_CLOCK_FACTOR"] = "10"  # a look whether a program has ended lasts a second
         wait_until(lambda: all(store["complete"] for store in cls.appliance.status()["datastores"]), "discovery")
         cls.outside = WORK / "outside"
         cls.outside.mkdir()
@@ -149,7 +150,7 @@ class Fileops(unittest.TestCase):
             self.refuses("Failed to get response to JRPC request", "cp", vmx, f"{a} new")
         self.assertFalse((self.store.directory / "new").exists())
         with self.fault("--method", "rm", "--busy"):
-            self.refuses("fault on demand", "rm", vmx)
+            self.refuses("Another task is already in progress", "rm", vmx)
         self.assertTrue(self.vm.vmx.exists())
         with self.fault("--method", "connect", "--error", "13", "--text", "login refused"):
             self.refuses("login refused", "df")

@@ -9,7 +9,6 @@
 
 #include "controller/lib/controller.h"
 #include "lib/file_io.h"
-#include "lib/jrpcclnt_pool.h"
 #include "tools/mirador-fileops/fileops_text.h"
 
 namespace mirador {
@@ -82,10 +81,7 @@ errdesc_t* run(const fileops_options_t& options, std::string* text) {
 
 errdesc_t* run_quietly(const fileops_options_t& options, std::string* text) {
     const stdout_elsewhere_t elsewhere(options.verbose);
-    errdesc_t* const e = run(options, text);
-    const errdesc_keeper_t keeper;
-    jrpcclnt_pool_destroy();
-    return e;
+    return run(options, text);
 }
 
 errdesc_t* print(const std::string& text, std::FILE* out) {
