@@ -14,7 +14,8 @@ namespace mirador {
 namespace {
 
 constexpr const char* default_options = "size=50M,nr_inodes=50000,mode=0755";
-constexpr mode_t mntdir_mode = 0777;
+// A power cut leaves the directory behind, bare: what others put there the next start would remove as root.
+constexpr mode_t mntdir_mode = 0755;
 
 // Removes the tree while `e` is on its way up; an error of the removal is logged there and dropped.
 errdesc_t* remove_and_pass(const std::string& mntdir, errdesc_t* e) {

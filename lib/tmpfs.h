@@ -10,7 +10,7 @@
 
 namespace mirador {
 
-// Creates `mntdir` with missing parents (mode 0777) and mounts a tmpfs there, by default with
+// Creates `mntdir` with missing parents (mode 0755) and mounts a tmpfs there, by default with
 // "size=50M,nr_inodes=50000,mode=0755". Asserted: `mntdir` is given. Errors: errno with `mntdir`; the mount's error,
 // after `mntdir` was removed with all that it holds.
 [[nodiscard]] errdesc_t* tmpfs_create(const std::string& mntdir,

@@ -40,6 +40,7 @@ TEST_F(tmpfs_test, CreateMountsOnANewDirectory) {
     EXPECT_EQ(tmpfs_create(shadow), nullptr);
     EXPECT_EQ(calls(), "mount -t tmpfs -o size=50M,nr_inodes=50000,mode=0755 tmpfs " + shadow + "\n");
     EXPECT_TRUE(std::filesystem::is_directory(shadow));
+    EXPECT_EQ(std::filesystem::status(shadow).permissions(), std::filesystem::perms{0755});
     EXPECT_EQ(tmpfs_create(shadow, "size=1M"), nullptr);
     EXPECT_THAT(calls(), testing::EndsWith("mount -t tmpfs -o size=1M tmpfs " + shadow + "\n"));
 }
