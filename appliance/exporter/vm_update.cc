@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "appliance/exporter/vm_update.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
@@ -242,6 +244,12 @@ bool has_snapshot(const vm_state_t& vm) {
     return vm.vmc.snap_exists >= 1;
 }
 
+// Whether what an update made has been taken out of the tree since, with the directory of the VM's hypervisor. Without
+// its entries nobody could go on reading the disks that a snapshot keeps still.
+bool has_lost_entries(const vm_state_t& vm) REQUIRES(vm.mutex) {
+    return vm.refresh_now && vm.last_update != 0 && access(vm.paths.vm_cfg_path.c_str(), F_OK) != 0;
+}
+
 bool wants_update(const vm_state_t& vm, bool force, std::time_t now) {
     return force || vm.refresh_now || !is_fresh(vm, now);
 }
@@ -251,7 +259,7 @@ errdesc_t* refresh(vm_state_t* vm, bool force, bool keep_mtime) {
     const std::time_t now = clock_now();
     if (!wants_update(*vm, force, now))  // another thread has made it meanwhile
         return nullptr;
-    if (!force && (has_snapshot(*vm) || snapshot_state_is_locked(vm->vm_path))) {
+    if (!force && !has_lost_entries(*vm) && (has_snapshot(*vm) || snapshot_state_is_locked(vm->vm_path))) {
         ts_dprintf(skip_level, "%s skipping refresh because of snapshot lock\n", vm->vm_path.c_str());
         return nullptr;
     }

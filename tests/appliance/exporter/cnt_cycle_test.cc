@@ -96,6 +96,16 @@ TEST_F(cnt_cycle_test, TreeRecoversFromACycleWithoutHypervisors) {
     list({vm});
     ASSERT_TRUE(cycle());
     EXPECT_TRUE(soon_names("esx1/vm", "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx"));
+
+    vm.snap_exists = 1;  // and so do the other disks of a VM that is being read
+    list({vm});
+    ASSERT_TRUE(cycle());
+    answer("hvconfig", "garbage");
+    EXPECT_FALSE(cycle());
+    EXPECT_EQ(names(""), "");
+    list({vm});
+    ASSERT_TRUE(cycle());
+    EXPECT_TRUE(soon_names("esx1/vm", "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx"));
 }
 
 TEST_F(cnt_cycle_test, RecordsThatReachOutsideAreLeftOut) {
