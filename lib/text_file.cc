@@ -19,7 +19,8 @@ errdesc_t* refuse(const std::string& path, const char* kind, const char* fault) 
 }  // namespace
 
 // Looks before it opens, as some devices act when they are opened; a file swapped in between is looked at again.
-errdesc_t* read_text_file(const std::string& path, const char* kind, std::size_t max_size, std::string* text) {
+errdesc_t* read_text_file(const std::string& path, const char* kind, std::size_t max_size, std::string* text,
+                          const opened_file_check_t& check) {
     struct stat st {};
     if (stat(path.c_str(), &st) != 0)
         return errdesc_set_str(errno, path);
@@ -30,6 +31,8 @@ errdesc_t* read_text_file(const std::string& path, const char* kind, std::size_t
         return errdesc_set_str(errno, path);
     if (!S_ISREG(st.st_mode))
         return refuse(path, kind, "not a regular file");
+    if (check)
+        RETURN_IF_ERROR(check(fd.get()));
     if (static_cast<std::uint64_t>(st.st_size) > max_size)
         return refuse(path, kind, "too long");
     text->resize(static_cast<std::size_t>(st.st_size));

@@ -3,15 +3,21 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 
 #include "lib/errdesc.h"
 
 namespace mirador {
 
+// Whether a file may be read, asked of what a descriptor is open on before anything is read from it: its path may lead
+// elsewhere by then.
+using opened_file_check_t = std::function<errdesc_t*(int fd)>;
+
 // Reads the whole file into *text. It neither waits for a pipe nor touches a device. Errors: errno with the path;
-// EINVAL "<kind> refused, not a regular file: <path>" or "<kind> refused, too long: <path>" above `max_size` bytes.
+// EINVAL "<kind> refused, not a regular file: <path>" or "<kind> refused, too long: <path>" above `max_size` bytes; those
+// of `check`, where there is one.
 [[nodiscard]] errdesc_t* read_text_file(const std::string& path, const char* kind, std::size_t max_size,
-                                        std::string* text);
+                                        std::string* text, const opened_file_check_t& check = nullptr);
 
 }  // namespace mirador

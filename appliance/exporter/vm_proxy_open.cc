@@ -21,6 +21,7 @@
 #include "lib/clock.h"
 #include "lib/cor_assert.h"
 #include "lib/log.h"
+#include "vmware/lib/vmdk/datastore_containment.h"
 
 namespace mirador {
 namespace {
@@ -158,7 +159,9 @@ errdesc_t* vm_proxy_open_vmdk_flat(vm_proxy_cookie_t& cookie, bool is_second_str
 }
 
 errdesc_t* vm_proxy_open_real_file(vm_proxy_cookie_t& cookie, unique_fd* fd) {
-    return open_for_reading(cookie.header.path, cookie.header.path, fd);
+    const std::string path = cookie.header.path;
+    RETURN_IF_ERROR(open_for_reading(path, path, fd));
+    return datastore_check_opened(path, fd->get(), path);  // a link may have been put in the file's place
 }
 
 errdesc_t* vm_proxy_open_cfg_file(vm_proxy_cookie_t& cookie, unique_fd* fd) {

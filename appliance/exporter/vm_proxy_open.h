@@ -19,8 +19,8 @@ namespace mirador {
 [[nodiscard]] errdesc_t* vm_proxy_open_vmdk_flat(vm_proxy_cookie_t& cookie, bool is_second_stream, unique_fd* fd)
     REQUIRES(cookie.mutex);
 
-// A descriptor or VMX file: the real file on its datastore. Error: what the datastore side publishes, else errno with
-// the path.
+// A descriptor or VMX file: the real file on its datastore. Errors: what the datastore side publishes, else errno with
+// the path; EINVAL when a name on a datastore leads to no file of one.
 [[nodiscard]] errdesc_t* vm_proxy_open_real_file(vm_proxy_cookie_t& cookie, unique_fd* fd) REQUIRES(cookie.mutex);
 
 // A configuration file: the real file, followed by `cfg_trailer_size` bytes that tell the time of the open.

@@ -2,8 +2,10 @@
 #include "vmware/lib/vmdk/datastore_containment.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -11,6 +13,7 @@
 #include <optional>
 #include <string_view>
 
+#include "lib/cor_string.h"
 #include "vmware/lib/vmdk/datastore_path.h"
 
 namespace mirador {
@@ -83,6 +86,14 @@ errdesc_t* datastore_check_contained(const std::string& descriptor, const std::s
     if (!S_ISREG(st.st_mode))
         return errdesc_set_fmt(EINVAL, "Refused, not a regular file: %s", path.c_str());
     return nullptr;
+}
+
+errdesc_t* datastore_check_opened(const std::string& descriptor, int fd, const std::string& path) {
+    std::array<char, path_size> resolved{};
+    const std::string link = cor_format("/proc/self/fd/%d", fd);
+    if (readlink(link.c_str(), resolved.data(), resolved.size() - 1) < 0)
+        return errdesc_set_str(errno, path);
+    return datastore_check_contained(descriptor, resolved.data());
 }
 
 }  // namespace mirador

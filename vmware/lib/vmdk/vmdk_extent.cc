@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 
 #include "lib/cor_assert.h"
@@ -22,16 +21,6 @@ std::string path_of_fd(int fd) {
     return cor_format("/proc/self/fd/%d", fd);
 }
 
-// Where the file behind a descriptor lies, links resolved.
-errdesc_t* resolved_path(int fd, const std::string& path, std::string* resolved) {
-    std::array<char, path_size> buf{};
-    const ssize_t len = readlink(path_of_fd(fd).c_str(), buf.data(), buf.size());
-    if (len < 0)
-        return errdesc_set_str(errno, path);
-    resolved->assign(buf.data(), static_cast<std::size_t>(len));
-    return nullptr;
-}
-
 // Turns down what the descriptor may not name. `located` is open on the file without having opened its contents.
 errdesc_t* check_extentfile(const vmdkdesc_t& vmdkdesc, int located, const std::string& path) {
     struct stat st {};
@@ -39,9 +28,7 @@ errdesc_t* check_extentfile(const vmdkdesc_t& vmdkdesc, int located, const std::
         return errdesc_set_str(errno, path);
     if (!S_ISREG(st.st_mode) && !S_ISBLK(st.st_mode))
         return errdesc_set_fmt(EINVAL, "%s is not a file with data", path.c_str());
-    std::string resolved;
-    RETURN_IF_ERROR(resolved_path(located, path, &resolved));
-    return datastore_check_contained(vmdkdesc.filename, resolved);
+    return datastore_check_opened(vmdkdesc.filename, located, path);
 }
 
 // A block device's status has no size, its end has.

@@ -16,6 +16,7 @@
 #include "lib/cor_string.h"
 #include "lib/file_io.h"
 #include "lib/file_tree.h"
+#include "vmware/lib/vmdk/datastore_containment.h"
 #include "vmware/lib/vmdk/vmdk_chain.h"
 #include "vmware/lib/vmdk/vmdk_open.h"
 #include "vmware/lib/vmdk/vmdk_parse.h"
@@ -40,6 +41,7 @@ errdesc_t* read_text(const std::string& path, std::string* text) {
     struct stat st {};
     if (!fd || fstat(fd.get(), &st) != 0)
         return errdesc_set_str(errno, path);
+    RETURN_IF_ERROR(datastore_check_opened(path, fd.get(), path));
     if (!S_ISREG(st.st_mode) || static_cast<std::uint64_t>(st.st_size) > vmdk_max_text)
         return not_a_text(path);
     text->resize(static_cast<std::size_t>(st.st_size));

@@ -10,7 +10,6 @@
 
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
-#include "lib/text_file.h"
 #include "vmware/lib/vmx/vmx_encoding.h"
 #include "vmware/lib/vmx/vmx_scan.h"
 
@@ -194,8 +193,8 @@ bool vmx_split_device_key(std::string_view key, vmx_address_t* address, std::str
     return true;
 }
 
-errdesc_t* vmx_read_text(const std::string& path, std::string* text) {
-    return read_text_file(path, file_kind, vmx_max_text, text);
+errdesc_t* vmx_read_text(const std::string& path, std::string* text, const opened_file_check_t& check) {
+    return read_text_file(path, file_kind, vmx_max_text, text, check);
 }
 
 errdesc_t* vmx_open(const std::string& path, vmxdesc_t* vmxdesc) {

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "lib/errdesc.h"
+#include "lib/text_file.h"
 
 namespace mirador {
 
@@ -101,8 +102,9 @@ std::string vmx_working_dir(const vmxdesc_t& vmxdesc);
 // Prints the description for a person: a line for each text and each device.
 void vmx_dump(const vmxdesc_t& vmxdesc, std::FILE* stream);
 
-// Reads the file as bytes, with the errors of vmx_open.
-[[nodiscard]] errdesc_t* vmx_read_text(const std::string& path, std::string* text);
+// Reads the file as bytes, with the errors of vmx_open and of `check`.
+[[nodiscard]] errdesc_t* vmx_read_text(const std::string& path, std::string* text,
+                                       const opened_file_check_t& check = nullptr);
 
 // The device that a key belongs to ("SCSI0:1.fileName") and the rest of the key behind the full stop, in lower case.
 // False for any other key, and for numbers beyond vmx_max_controllers and vmx_max_units.

@@ -122,13 +122,14 @@ errdesc_t* vmx_convert_text(const vmxdesc_t& desc, const std::string& text, cons
     return nullptr;
 }
 
-errdesc_t* vmx_copy_convert(const std::string& path, const std::string& copy_path, const vmx_conversion_t& conversion) {
+errdesc_t* vmx_copy_convert(const std::string& path, const std::string& copy_path, const vmx_conversion_t& conversion,
+                            const opened_file_check_t& check) {
     struct stat original {};
     std::string text;
     vmxdesc_t desc;
     if (stat(path.c_str(), &original) != 0)
         return errdesc_set_str(errno, path);
-    RETURN_IF_ERROR(vmx_read_text(path, &text));
+    RETURN_IF_ERROR(vmx_read_text(path, &text, check));
     RETURN_IF_ERROR(vmx_parse_text(path, text, &desc));
     std::string converted;
     RETURN_IF_ERROR(vmx_convert_text(desc, text, conversion, &converted));

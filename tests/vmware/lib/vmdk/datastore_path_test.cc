@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "vmware/lib/vmdk/datastore_path.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -12,8 +13,10 @@
 #include <utility>
 #include <vector>
 
+#include "lib/file_io.h"
 #include "tests/lib/temp_dir.h"
 #include "vmware/lib/vmdk/datastore_containment.h"
+#include "vmware/lib/vmdk/vmdk_names.h"
 
 namespace mirador {
 namespace {
@@ -194,6 +197,25 @@ TEST_F(containment_test, ADescriptorOnADatastoreNamesOnlyFilesOfDatastores) {
     EXPECT_THAT(outcome(descriptor, temp / "direct/ds1/absent"), StartsWith(temp / "direct/ds1/absent: No such"));
     // A descriptor that leads out by a link still lies where its name says.
     EXPECT_EQ(outcome(temp / "direct/ds1/vm/link-out", secret), "outside");
+}
+
+TEST_F(containment_test, WhatIsOpenCountsAndNotItsName) {
+    const std::string path = temp / "direct/ds1/vm/changing.vmdk";
+    fs::create_symlink(secret, path);
+    const unique_fd outside(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    fs::remove(path);
+    write_file(path, "text");
+    const unique_fd inside(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(datastore_check_opened(path, inside.get(), path), nullptr);
+    EXPECT_EQ(datastore_check_opened(path, outside.get(), path)->string,
+              "Refused, outside every datastore: " + secret);
+    EXPECT_EQ(datastore_check_opened(secret, outside.get(), path), nullptr) << "it is on no datastore by its name";
+    EXPECT_EQ(datastore_check_opened(path, -1, path)->number, ENOENT);
+    std::int64_t size = 0;
+    fs::remove(path);
+    fs::create_symlink(secret, path);
+    EXPECT_EQ(vmdk_copy_descfiles(path, temp / "copy.vmdk", "a", "b", &size)->number, EINVAL);
+    EXPECT_FALSE(fs::exists(temp / "copy.vmdk"));
 }
 
 TEST_F(containment_test, TheRuleHoldsForDescriptorsOnDatastoresOnly) {

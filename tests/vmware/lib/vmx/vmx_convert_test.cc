@@ -136,6 +136,9 @@ TEST_F(vmx_convert_test, TheCopyAppearsWholeOrNotAtAll) {
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->number, EISDIR);
     EXPECT_EQ(read_file(copy_), "scsi0:0.fileName = \"vm.vmdk\"\n");
+    const auto refuse = [](int fd) { return fd < 0 ? nullptr : errdesc_set(EPERM); };
+    EXPECT_EQ(vmx_copy_convert(vmx_, copy_, {}, refuse)->number, EPERM);
+    EXPECT_EQ(read_file(copy_), "scsi0:0.fileName = \"vm.vmdk\"\n");
     EXPECT_EQ(vmx_copy_convert(root_ / "absent.vmx", copy_, {})->number, ENOENT);
     EXPECT_THAT(vmx_copy_convert(vmx_, vmx_ + "/x/vm.vmx", {})->string, HasSubstr("Cannot make directory"));
 }
