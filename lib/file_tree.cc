@@ -12,27 +12,16 @@
 #include "lib/cor_string.h"
 #include "lib/file_io.h"
 #include "lib/log.h"
-#include "lib/thread_annotations.h"
 
 namespace mirador {
 namespace {
 
-mutex_t _umask_mutex;
-
-// Sets the process's file-creation mask to 0 for a block.
-class no_umask_t {
-  public:
-    no_umask_t() REQUIRES(_umask_mutex) : previous_(umask(0)) {}
-    ~no_umask_t() { umask(previous_); }
-    no_umask_t(const no_umask_t&) = delete;
-    no_umask_t& operator=(const no_umask_t&) = delete;
-
-  private:
-    mode_t previous_;
-};
-
+// The mode is set behind the file-creation mask's back: to take the mask off would take it off all that other threads
+// create meanwhile, and off the programs that they start.
 int mkdir_unless_present(const std::string& path, mode_t mode) {
-    return mkdir(path.c_str(), mode) == 0 || errno == EEXIST ? 0 : -1;
+    if (mkdir(path.c_str(), mode) != 0)
+        return errno == EEXIST ? 0 : -1;
+    return fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW);
 }
 
 struct tree_entry_t {
@@ -105,8 +94,6 @@ errdesc_t* remove_tree(const std::string& path, int flags) {
 }  // namespace
 
 int mkdirp(const std::string& path, mode_t mode) {
-    const mutex_lock_t lock(_umask_mutex);
-    const no_umask_t no_umask;
     for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
         if (mkdir_unless_present(path.substr(0, slash), mode) != 0)
             return -1;

@@ -10,8 +10,8 @@
 
 namespace mirador {
 
-// Creates `path` with every missing parent, each with exactly `mode` (the process's file-creation mask is set to 0
-// meanwhile; one mutex keeps concurrent calls from mixing their masks). 0, also when it exists; -1 with errno.
+// Creates `path` with every missing parent, each with exactly `mode`, whatever the process's file-creation mask
+// says. 0, also when it exists; -1 with errno.
 [[nodiscard]] int mkdirp(const std::string& path, mode_t mode);
 
 // Removes a tree; a missing `path` is success. Names that begin with two dots are left in place, and then the last

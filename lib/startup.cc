@@ -108,7 +108,7 @@ errdesc_t* cor_exit() {
 }
 
 void logrotate_hndlr(int signo) {
-    constexpr mode_t log_mode = 0666;
+    constexpr mode_t log_mode = 0640;  // while debugging, lines may hold what is not for everybody
     cor_assert(signo == SIGHUP);
     const int saved_errno = errno;
     // Not close-on-exec: the descriptor opened may be one of the two itself.

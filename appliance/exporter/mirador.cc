@@ -10,6 +10,7 @@
 #include <string>
 
 #include "appliance/exporter/cbt_script.h"
+#include "appliance/exporter/closed_places.h"
 #include "appliance/exporter/controller_thr.h"
 #include "appliance/exporter/crash.h"
 #include "appliance/exporter/daemonize.h"
@@ -113,16 +114,20 @@ bool prepare_tmpfs() {
     const char* mount_point = options.tmpfs_mount_point;
     if (options.use_existing_dir != 0) {
         const int wanted = R_OK | X_OK | (options.is_readonly == 0 ? W_OK : 0);
-        if (access(cor_format_path("%s/.", mount_point).c_str(), wanted) == 0)
+        if (access(cor_format_path("%s/.", mount_point).c_str(), wanted) == 0) {
+            check_users_shadow_tree(mount_point);
             return true;
+        }
         std::perror(mount_point);
         return false;
     }
     const char* mount_options = options.tmpfs_mount_options;
     errdesc_t* e =
         tmpfs_create(mount_point, mount_options == nullptr ? std::nullopt : std::optional<std::string>(mount_options));
-    if (e == nullptr)
+    if (e == nullptr) {
+        close_shadow_tree(mount_point);
         return true;
+    }
     std::printf("tmpfs_create(%s, %s) returned an error\n", mount_point,
                 mount_options == nullptr ? "(null)" : mount_options);
     _errdesc_print(e, ERRDESC_ERROR);
@@ -174,6 +179,7 @@ int serve(fuse_args* args, background_t* background) {
         return 1;
     choose_dmsetup();
     vm_proxy_crash_recover(options.proxy_mount_point, options.tmpfs_mount_point, options.use_existing_dir != 0);
+    make_closed_cache();
     if (!prepare_tmpfs())
         return 1;
     fault_moment("start.shadow");

@@ -66,7 +66,7 @@ errdesc_t* refuse(const std::string& path, const std::string& fault) {
 }
 
 errdesc_t* write_record(const vm_proxy_header_t& header, const std::string& path) {
-    const unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, temporary_mode));
+    const unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, temporary_mode));
     if (!fd)
         return errdesc_set_str(errno, path);
     std::size_t done = 0;

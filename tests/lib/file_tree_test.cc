@@ -1,16 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "lib/file_tree.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <thread>
 #include <vector>
 
+#include "lib/file_io.h"
 #include "tests/lib/in_child.h"
 #include "tests/lib/temp_dir.h"
 
@@ -52,9 +55,17 @@ TEST(file_tree, MkdirpReportsWhatStandsInTheWay) {
     EXPECT_EQ(errno, ENAMETOOLONG);
 }
 
-TEST(file_tree, ConcurrentMkdirpKeepsTheProcessMask) {
+TEST(file_tree, MkdirpLeavesTheMaskToOtherThreads) {
     temp_dir_t dir;
     const mode_t previous = umask(027);
+    std::atomic<bool> done = false;
+    std::thread other([&] {
+        while (!done) {
+            const unique_fd fd(open((dir / "file").c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+            EXPECT_EQ(mode_of(dir / "file"), 0640U);
+            unlink((dir / "file").c_str());
+        }
+    });
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; t++) {
         threads.emplace_back([&dir, t] {
@@ -64,6 +75,8 @@ TEST(file_tree, ConcurrentMkdirpKeepsTheProcessMask) {
     }
     for (std::thread& thread : threads)
         thread.join();
+    done = true;
+    other.join();
     EXPECT_EQ(umask(previous), 027U);
     EXPECT_EQ(mode_of(dir / "19/3"), 0777U);
 }
