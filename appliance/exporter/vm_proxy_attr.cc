@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 
+#include "appliance/exporter/closed_places.h"
 #include "appliance/exporter/controller_thr.h"
 #include "appliance/exporter/export_names.h"
 #include "appliance/exporter/snapshot_command.h"
@@ -86,7 +87,7 @@ errdesc_t* attribute_value(const std::string& path, const std::string& shadow_pa
         *length = 1;
     }
     if (is_command(name))
-        *value = snapshot_command(shadow_path, name);
+        *value = snapshot_command(path, shadow_path, name);
     if (!value->empty())
         *length = value->size() + 1;
     return nullptr;
@@ -113,6 +114,8 @@ errdesc_t* vm_proxy_getattr(const std::string& path, const std::string& shadow_p
         *stbuf = cor_statb_to_stat(header->statb);
         if (header->type == VM_PROXY_HEADER_CFG)
             stbuf->st_size += static_cast<off_t>(cfg_trailer_size);
+    } else {
+        show_shadow_root(stbuf);
     }
     stbuf->st_ino = fs_ino_hash(path);
     stbuf->st_blksize = preferred_block_size;

@@ -257,7 +257,7 @@ TEST_F(snapshot_thr, SnapshotWhoseRemovalFailedIsReadByNobody) {
 
 TEST_F(snapshot_thr, CommandRemovesOneByName) {
     const std::string all = R"(["list_snapshot", ".*"])";
-    const auto command = [&](const std::string& text) { return snapshot_command(vm_dir(), "snapshot_scrub" + text); };
+    const auto command = [&](const std::string& text) { return snapshot_command("/esx1/vm", vm_dir(), "snapshot_scrub" + text); };
     list_at_agent({listed("V+x: other"), listed("before upgrade"), listed("V+x: elsewhere", "other-vm")});
     EXPECT_EQ(command(":V+x: other"), "0:Snapshot 'V+x: other' has been removed.");
     EXPECT_THAT(asked(), ElementsAre(all, R"(["remove_snapshot", "vm", "564d0001", "V+x: other", "1"])"));
@@ -267,10 +267,10 @@ TEST_F(snapshot_thr, CommandRemovesOneByName) {
     EXPECT_EQ(asked().size(), 3U);
     EXPECT_TRUE(command("").starts_with("22:Invalid snapshot name."));
     EXPECT_TRUE(command(":").starts_with("22:Invalid snapshot name."));
-    EXPECT_EQ(snapshot_command(shadow_ + "/none", "snapshot_scrub:x"),
-              "22:Invalid VM folder name '" + shadow_ + "/none' (2).");
-    EXPECT_EQ(snapshot_command(shadow_, "snapshot_scrub:x"),
-              "22:Invalid VM folder name '" + shadow_ + "', .vmx file is missing.");
+    EXPECT_EQ(snapshot_command("/none", shadow_ + "/none", "snapshot_scrub:x"),
+              "22:Invalid VM folder name '/none' (2).");
+    EXPECT_EQ(snapshot_command("/esx1", shadow_, "snapshot_scrub:x"),
+              "22:Invalid VM folder name '/esx1', .vmx file is missing.");
 
     use_ptr use = take();
     EXPECT_EQ(command(":mine"), "16:Snapshot 'mine' is still in use and cannot be removed.");
