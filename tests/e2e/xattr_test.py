@@ -1,0 +1,243 @@
+"""What clients learn and order through attributes, with the usual tools and in one read into a large buffer, of the tree
+that the daemon makes of an inventory."""
+
+import errno
+import os
+import pathlib
+import re
+import subprocess
+
+from harness import place, snapshots
+from harness.compare import Reader
+from harness.daemon import EXPORT
+from harness.disks import SECTOR
+from harness.inventory import tree
+from harness.snapshot_case import BOUND, HOST, OWN, SnapshotCase
+from harness.tools import Failed, run, saved_error, wait_equal, wait_until, xattr
+
+LARGE = 65536  # bytes of a buffer, the most that the kernel passes on
+STRANGER = 12345  # a user who is not root
+SICK = "the hypervisor is sick"
+
+
+def whole(path, name):
+    """An attribute read once, as it comes."""
+    return xattr(path, name, room=LARGE)
+
+
+def getfattr(path, name):
+    return run("getfattr", "--absolute-names", "--only-values", "-n", name, path)
+
+
+def is_refused(path, name):
+    """Whether the daemon refuses to give an attribute."""
+    try:
+        whole(path, name)
+    except OSError as error:
+        assert error.errno == errno.EPERM, error
+        return True
+    return False
+
+
+class Attributes(SnapshotCase):
+    settings = SnapshotCase.settings | {"snapshot.max_idle": "100000", "smartread.lvm.enabled": "1"}
+    # Freed memory is not to count as used.
+    environment = SnapshotCase.environment | {
+        "ASAN_OPTIONS": f"{os.environ.get('ASAN_OPTIONS', '')}:quarantine_size_mb=1:malloc_context_size=1"}
+
+    @classmethod
+    def vm_names(cls):
+        return ["open", "failing", "private", "ordered"]
+
+    @classmethod
+    def make_machines(cls):
+        stores = super().make_machines()
+        cls.vms["private"].flat().chmod(0o600)
+        return stores
+
+    def setUp(self):
+        """Whoever waits for a file to come makes errors of its path."""
+        for vm in self.vms.values():
+            self.wait_exported(vm)
+            os.setxattr(self.exported(vm), "user.err_reset", b"")
+
+    def directory(self, vm) -> pathlib.Path:
+        return self.exported(vm).parent
+
+    def test_every_attribute_in_a_large_buffer(self):
+        vm = self.vms["open"]
+        flat, directory = self.exported(vm), self.directory(vm)
+        told = {"smartread_lvm_enabled": b"1\0", "user.err_num": b"0\0", "user.err_string": b"\0"}
+        unlisted = dict.fromkeys(("x", "user.x", "user.err_reset", "user.err_nu", "trusted.x", "snapshot_scru"), b"")
+        files = [path for path in directory.iterdir() if path != flat]
+        self.assertEqual({path.name for path in files}, {"disk.vmdk", "vm.cfg", "vm.vmx"})
+        with Reader(flat):
+            device = whole(flat, "devicemapper_path")
+            self.assertRegex(device, rb"\A/dev/mapper/[^/]+\0\Z")
+            self.assertTrue(os.path.exists(device.rstrip(b"\0")))
+            expected = {flat: {"devicemapper_path": device, "vm_uuid": vm.uuid.encode() + b"\0"},
+                        **{path: {"devicemapper_path": b"", "vm_uuid": b""} for path in files},
+                        directory: {}, EXPORT: {}}
+            for path, cookies in expected.items():
+                for name, value in (cookies | told | unlisted).items():
+                    with self.subTest(path=path, name=name):
+                        self.assertEqual(whole(path, name), value)
+                        self.assertEqual(xattr(path, name), value, "read for its length first")
+                        if value:
+                            self.assertEqual(xattr(path, name, room=len(value)), value)
+                        if len(value) > 1:
+                            with self.assertRaises(PermissionError):
+                                xattr(path, name, room=len(value) - 1)
+                            self.assertIn(f"The value buffer is too small ({len(value) + 1} bytes needed.)",
+                                          self.daemon.last_lines())
+            for name in ("devicemapper_path", "vm_uuid"):  # a directory is no disk
+                self.assertTrue(is_refused(directory, name))
+
+    def test_error_of_one_path_with_the_tools(self):
+        vm = self.vms["failing"]
+        flat, other = self.exported(vm), self.exported(self.vms["open"])
+        loop_file = flat.with_name("disk-flat.vmdk-cbt-losetup")
+        self.faults.set(vm.name, {"method": "create_snapshot", "error": errno.EIO, "text": SICK})
+        self.addCleanup(self.faults.set, vm.name)
+        number, text = self.open_fails(vm)
+        self.assertEqual((number, SICK in text), (errno.EIO, True), text)
+        for path in (flat, loop_file):
+            self.assertEqual(getfattr(path, "user.err_num"), f"{number}\0")
+            self.assertEqual(getfattr(path, "user.err_string"), f"{text}\0")
+        for field in ("st_size", "st_mtime_ns", "st_mode", "st_blksize"):
+            self.assertEqual(getattr(loop_file.stat(), field), getattr(flat.stat(), field), field)
+        self.assertNotIn(loop_file.name, os.listdir(flat.parent))
+        for path in (other, flat.with_name("disk.vmdk")):
+            self.assertEqual(saved_error(path), (0, ""), path)
+        for name, value in (("user.err_num", "0"), ("user.err_resets", "1"), ("x", "1"), ("trusted.x", "1")):
+            run("setfattr", "-n", name, "-v", value, flat)
+        self.assertEqual(saved_error(flat), (number, text), "nothing else resets it")
+        run("setfattr", "-n", "user.err_reset", "-v", "", flat)
+        self.assertEqual(getfattr(flat, "user.err_num"), "0\0")
+        self.assertEqual(getfattr(flat, "user.err_string"), "\0")
+
+    def test_strangers_see_what_the_modes_let_them(self):
+        """The mode of a file is its disk's on the datastore."""
+        private, public = self.exported(self.vms["private"]), self.exported(self.vms["open"])
+        self.assertEqual((private.stat().st_mode & 0o777, public.stat().st_mode & 0o777), (0o600, 0o644))
+        attempts = {
+            "an attribute of a private disk": ("getfattr", "-n", "user.err_num", private),
+            "the bytes of a private disk": ("head", "-c1", private),
+            "a loop-file name of a private disk": ("head", "-c1", f"{private}-cbt-losetup"),
+            "the reset of an error": ("setfattr", "-n", "user.err_reset", "-v", "1", public),
+        }
+        for what, command in attempts.items():
+            done = subprocess.run([os.fspath(word) for word in command], user=STRANGER, capture_output=True, timeout=60,
+                                  text=True, check=False)
+            self.assertEqual(done.returncode, 1, what)
+            self.assertIn("Permission denied", done.stderr, what)
+        self.assertEqual(snapshots.names(self.vms["private"]), [])
+
+    # The order to remove a snapshot
+
+    def order(self, path, name="snapshot_scrub"):
+        return whole(path, name).decode()
+
+    def test_orders_that_name_no_snapshot_of_a_vm(self):
+        directory = self.directory(self.vms["ordered"])
+        below = lambda path: f"/{path.relative_to(EXPORT)}"  # noqa: E731
+        for path, name, number, text in (
+                (directory, "snapshot_scrub", 22, "Invalid snapshot name.: Invalid argument"),
+                (directory, "snapshot_scrub:", 22, "Invalid snapshot name.: Invalid argument"),
+                (directory / "vm.vmx", "snapshot_scrub:x", 22,
+                 f"Invalid VM folder name '{below(directory / 'vm.vmx')}' ({errno.ENOTDIR})."),
+                (directory.parent, "snapshot_scrub:x", 22,
+                 f"Invalid VM folder name '/{HOST}', .vmx file is missing."),
+                (directory, "snapshot_scrub:nobody's", 2, "Snapshot 'nobody's' not found."),
+                (directory, "snapshot_scrubbing: x", 2, "Snapshot ' x' not found.")):
+            with self.subTest(path=path, name=name):
+                self.assertEqual(self.order(path, name), f"{number}:{text}\0")
+                self.assertRegex(self.daemon.last_lines(), rf"WARNING .*error:{number}\] {re.escape(text)}")
+
+    def test_order_that_the_hypervisor_does_not_carry_out(self):
+        vm = self.vms["ordered"]
+        for method in ("list_snapshot", "remove_snapshot"):
+            with self.subTest(method):
+                snapshots.make(vm, name := f"{snapshots.VENDOR}: of another, {method}", 1)
+                subject = "*" if method == "list_snapshot" else vm.name
+                self.faults.set(subject, {"method": method, "error": errno.EIO, "text": SICK})
+                try:
+                    self.assertRegex(self.order(self.directory(vm), f"snapshot_scrub:{name}"), rf"\A5:.*{SICK}.*\0\Z")
+                finally:
+                    self.faults.set(subject)
+                self.assertEqual(snapshots.names(vm), [name])
+                answer = getfattr(self.directory(vm), f"snapshot_scrub:{name}")
+                self.assertEqual(answer, f"0:Snapshot '{name}' has been removed.\0")
+                self.assertEqual(snapshots.names(vm), [])
+
+    def test_the_tool_gives_an_order_once(self):
+        """Though it asks for the value's length first."""
+        vm = self.vms["ordered"]
+        snapshots.make(vm, name := f"{snapshots.VENDOR}: once", 1)
+        before = len(self.faults.calls(vm, "remove_snapshot"))
+        self.assertEqual(getfattr(self.directory(vm), f"snapshot_scrub:{name}"),
+                         f"0:Snapshot '{name}' has been removed.\0")
+        self.assertEqual(len(self.faults.calls(vm, "remove_snapshot")) - before, 1)
+
+    def test_order_for_a_snapshot_of_the_daemons_own(self):
+        vm, directory = self.vms["open"], self.directory(self.vms["open"])
+        with Reader(self.exported(vm)):
+            busy = f"Snapshot '{OWN}' is still in use and cannot be removed."
+            self.assertEqual(self.order(directory, f"snapshot_scrub:{OWN}"), f"16:{busy}\0")
+            self.assertRegex(self.daemon.last_lines(), rf"WARNING .*error:16\] {re.escape(busy)}")
+        begun = f"Removing snapshot '{OWN}' is in progress."
+        wait_until(lambda: self.order(directory, f"snapshot_scrub:{OWN}") == f"11:{begun}\0", "it begins", BOUND)
+        self.assertRegex(self.daemon.log(), rf"(?m)^[^\n]*: INFO: {re.escape(begun)}$")
+        self.wait_clean(vm, snapshots.contents(vm))
+
+    # Totals and numbers
+
+    def test_df(self):
+        """All of it is used, none of it free; it is as large as the files together, to the block."""
+        files = [EXPORT / vm / name for vm, names in tree().items() for name in names]
+        used = sum(-(-(path.stat().st_size - 200 * (path.suffix == ".cfg")) // SECTOR) for path in files) * SECTOR
+        self.assertEqual({path.stat().st_blksize for path in files}, {131072})
+        block = os.statvfs(EXPORT).f_bsize
+        told = run("df", "--block-size=1", "--output=size,used,avail,itotal,iused,iavail", EXPORT).splitlines()[1]
+        size, in_use, free, inodes, inodes_used, inodes_free = map(int, told.split())
+        self.assertEqual((size, in_use, free, inodes_free), (used // block * block, used // block * block, 0, 0))
+        self.assertEqual(inodes, inodes_used)
+        self.assertGreater(inodes, len(files))
+
+    def test_numbers_stay_over_a_restart(self):
+        def numbers():
+            found = {}
+            for vm, names in tree().items():
+                for path in (EXPORT / vm, *(EXPORT / vm / name for name in names)):
+                    found[path] = os.lstat(path).st_ino
+                for entry in os.scandir(EXPORT / vm):
+                    assert entry.inode() == os.lstat(entry.path).st_ino, entry.path
+            return found
+        before = numbers()
+        self.assertEqual(len({*before.values()}), len(before))
+        self.daemon.stop()
+        self.daemon.start()
+        for vm in self.vms.values():
+            self.wait_exported(vm)
+        wait_equal(numbers, before, "the tree is the same", BOUND)
+
+    # Memory
+
+    def test_probing_for_names_takes_no_more_memory_each_time(self):
+        """The error of each name that is not there is kept, but not for ever."""
+        def probe(first, count):
+            for number in range(first, first + count):
+                if os.path.lexists(EXPORT / HOST / f"nothing-{number}"):
+                    raise Failed("it is there")
+            return self._resident()
+        some = probe(0, 6000)
+        more = probe(6000, 12000)
+        self.assertLess(more - some, 16 << 20, "bytes for 12000 names")
+
+    def _resident(self):
+        status = pathlib.Path(f"/proc/{self.daemon.pid}/status").read_text()
+        return int(re.search(r"VmRSS:\s+(\d+) kB", status)[1]) << 10
+
+
+if __name__ == "__main__":
+    place.main()
