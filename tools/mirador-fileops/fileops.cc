@@ -74,14 +74,10 @@ errdesc_t* find_hypervisor(const std::string& name, ks_hypervisor_config_t* hvc)
 }
 
 errdesc_t* run(const fileops_options_t& options, std::string* text) {
+    const stdout_elsewhere_t elsewhere(options.verbose);
     ks_hypervisor_config_t hvc;
     RETURN_IF_ERROR(find_hypervisor(options.hypervisor, &hvc));
     return options.command->run(hvc, options, text);
-}
-
-errdesc_t* run_quietly(const fileops_options_t& options, std::string* text) {
-    const stdout_elsewhere_t elsewhere(options.verbose);
-    return run(options, text);
 }
 
 errdesc_t* print(const std::string& text, std::FILE* out) {
@@ -104,7 +100,7 @@ int fileops_main(const std::vector<std::string>& args, std::FILE* out, std::FILE
     }
     options.human = options.human || isatty(fileno(out)) != 0;
     std::string text;
-    const errdesc_t* e = run_quietly(options, &text);
+    const errdesc_t* e = run(options, &text);
     if (e == nullptr)
         e = print(text, out);
     if (e == nullptr)
