@@ -22,7 +22,7 @@ OPTION = re.compile(r"(?<![\w-])(--?[a-zA-Z](?:[a-zA-Z-]*[a-zA-Z])?)(?![\w-])")
 
 def page_text(name):
     """A page as a reader sees it, without the breaks in its words; it must give no warning."""
-    done = subprocess.run(["groff", "-man", "-Tascii", "-P-cbou", "-ww", "-rHY=0", "-rLL=200n", PAGES / name],
+    done = subprocess.run(["groff", "-t", "-man", "-Tascii", "-P-cbou", "-ww", "-rHY=0", "-rLL=200n", PAGES / name],
                           capture_output=True, text=True, check=True)
     if done.stderr:
         raise AssertionError(done.stderr)
