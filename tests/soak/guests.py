@@ -11,6 +11,7 @@ from harness import snapshots
 from work import Worker
 
 _USERS_OWN = "before the update"
+_TOLD = "No such file or directory|Resource temporarily unavailable|already in progress|task is in progress"
 
 
 class Guests(Worker):
@@ -28,7 +29,8 @@ class Guests(Worker):
     def _users_snapshot(self, vm) -> None:
         """Refused while another task works on the VM; then there is none, or it stays for the next time."""
         vmx = str(vm.machine.vmx)
-        with contextlib.suppress(Refused), vm.changes:
+        changing = self.stage.excuses.during(vm.uuid, "a user's snapshot", _TOLD)
+        with changing, contextlib.suppress(Refused), vm.changes:
             if _USERS_OWN in snapshots.names(vm.machine):
                 hypervisor.remove(vmx, _USERS_OWN)
             else:

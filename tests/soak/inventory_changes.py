@@ -91,7 +91,9 @@ class InventoryChanges(Worker):
             directory = store.directory / vm.machine.directory.name
             os.rename(self._aside(vm), directory)
             if host:
+                group = vm.place.group if vm.place.group in self._folders else host
                 vm.define(dataclasses.replace(vm.machine, store=store, vmx=directory / vm.machine.vmx.name), host)
+                vm.place = Place(group, vm.name)
             self.stage.away.discard(vm.uuid)
 
     def _wait_clean(self, vm: Vm) -> None:

@@ -23,6 +23,7 @@ _SETTINGS = {"export.max_session": "40", "snapshot.max_idle": "20", "snapshot.re
              "appliance.cbt.percent": "1", "export.cache.ttl": "60"}
 _CACHE = pathlib.Path("/var/corvantis/vm_proxy_cache")
 _MOUNTS = ["/export", "/export.shadow"]
+_VMS = (2, 2, 0)
 _LOAD = 5  # threads
 _LONGEST = 6.0  # seconds that a daemon under load may live
 _BLOCK = 128 * 1024
@@ -32,7 +33,7 @@ _TOO_MUCH = 27  # more has changed than a changed-block file promises
 
 
 def kill_over_and_over(tally: Tally, reports: pathlib.Path, count: int) -> None:
-    stage = Stage(tally, _FACTOR, _SETTINGS, reports)
+    stage = Stage(tally, _FACTOR, _SETTINGS, reports, _VMS)
     killer = Killer(stage, reports)
     try:
         stage.start()
@@ -226,15 +227,21 @@ class Killer:
     # Backups
 
     def _check_backups(self, number: int) -> None:
-        """A disk is read, and what changed on another."""
+        """A disk is read, or what changed on it."""
+        if number % _NEW_BACKUP == _NEW_BACKUP - 1:
+            self._copy_fully()
+        self._draw.choice((self._check_disk, self._check_changes))()
+        self._tally.count("backups")
+
+    def _check_disk(self) -> None:
         vm = self._draw.choice(self._stage.read)
         disk = self._draw.choice(vm.disks)
         with _opened(vm.flat(disk)) as reader:
             truth = vm.frozen(disk, OWN)
             for offset in range(0, len(truth), _BLOCK):
                 self._stage.clients.read_equal(reader, disk, truth, offset, _BLOCK)
-        if number % _NEW_BACKUP == _NEW_BACKUP - 1:
-            self._copy_fully()
+
+    def _check_changes(self) -> None:
         vm = self._draw.choice(self._stage.tracked)
         disk = self._draw.choice(vm.disks)
         if not self._has_room(vm, disk):
@@ -244,7 +251,6 @@ class Killer:
             image = WORK / "image"
             run(program("mirador-restore"), self._full[vm.name, disk], changes, "-o", image, "--force")
             self._check_image(vm, disk, image)
-        self._tally.count("backups", 2)
 
     @staticmethod
     def _has_room(vm: Vm, disk: str) -> bool:

@@ -27,7 +27,7 @@ OWN_UUID = "5ca1ab1e-0000-4000-8000-0000000050ac"
 OWN = f"{snapshots.VENDOR}: {OWN_UUID}"
 BOUND = 300  # seconds within which everything comes to rest, on a slow machine with a sanitizer
 
-READ, TRACKED, ROAMING = 4, 3, 4  # VMs that are only read, whose changes are tracked, that come and go
+VMS = (4, 3, 4)  # that are only read, whose changes are tracked, that come and go
 
 
 class ControllerFaults:
@@ -47,15 +47,16 @@ class ControllerFaults:
 class Stage:
     """read, tracked, roaming: the VMs by what is done to them. away: roaming ones that are not on a datastore now."""
 
-    def __init__(self, tally: Tally, factor: int, settings: dict[str, str], reports: pathlib.Path):
+    def __init__(self, tally: Tally, factor: int, settings: dict[str, str], reports: pathlib.Path,
+                 vms: tuple[int, int, int] = VMS):
         self.tally, self.settings = tally, settings
         self.excuses = Excuses()
         self.clients = Clients(OWN, Table(int(settings["export.max_session"])), self.excuses, tally)
         draw = random.Random(f"{tally.seed} disks")
         self.stores = {host: datastore(host.partition(".")[0]) for host in HOSTS}
-        self.read = [self._make(f"read-{number}", number, draw) for number in range(READ)]
-        self.tracked = [self._make(f"tracked-{number}", number, draw) for number in range(TRACKED)]
-        self.roaming = [self._make(f"roaming-{number}", number, draw, (PARTITIONED,)) for number in range(ROAMING)]
+        self.read = [self._make(f"read-{number}", number, draw) for number in range(vms[0])]
+        self.tracked = [self._make(f"tracked-{number}", number, draw) for number in range(vms[1])]
+        self.roaming = [self._make(f"roaming-{number}", number, draw, (PARTITIONED,)) for number in range(vms[2])]
         self.away: set[str] = set()  # their uuids
         self.appliance = Appliance(*(f"{host}:{store.directory}" for host, store in self.stores.items()))
         self.agents = Mischief(self.appliance)

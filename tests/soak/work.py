@@ -13,6 +13,9 @@ from stage import Stage
 from tally import Tally
 
 
+_LOOK = 1  # seconds between two looks whether it is over
+
+
 class Ended(Exception):
     """The soak is over; whatever the worker was about need not be finished."""
 
@@ -31,7 +34,8 @@ class Calm:
         with self._changed:
             self._still.add(name)
             self._changed.notify_all()
-            self._changed.wait_for(lambda: not self._wanted or self._tally.ended.is_set())
+            while self._wanted and not self._tally.ended.is_set():
+                self._changed.wait(_LOOK)
             self._still.discard(name)
         if self._tally.ended.is_set():
             raise Ended
@@ -40,7 +44,9 @@ class Calm:
         """Waits until the workers stand still; returns those that do not."""
         with self._changed:
             self._wanted = True
-            self._changed.wait_for(lambda: self._still >= set(names) or self._tally.ended.is_set(), seconds)
+            deadline = time.monotonic() + seconds
+            while not self._still >= set(names) and not self._tally.ended.is_set() and time.monotonic() < deadline:
+                self._changed.wait(_LOOK)
             return sorted(set(names) - self._still)
 
     def end(self) -> None:
