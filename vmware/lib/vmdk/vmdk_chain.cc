@@ -21,17 +21,28 @@ struct file_id_t {
     bool operator==(const file_id_t&) const = default;
 };
 
-// The descriptor files between the first disk of a chain and the one looked at.
-using visited_t = std::vector<file_id_t>;
+// What has been met between the first disk of a chain and the one looked at.
+struct visited_t {
+    std::vector<file_id_t> descriptors;
+    std::size_t extents = 0;
+};
+
+errdesc_t* note_extents(const vmdkdesc_t& disk, visited_t* visited) {
+    visited->extents += disk.extentdesc.size();
+    if (visited->extents <= vmdk_max_chain_extents)
+        return nullptr;
+    return errdesc_set_fmt(EINVAL, "More than %zu extents in the chain down to %s", vmdk_max_chain_extents,
+                           disk.filename.c_str());
+}
 
 errdesc_t* note_visit(const std::string& filename, visited_t* visited) {
     struct stat st {};
     if (stat(filename.c_str(), &st) != 0)
         return errdesc_set_str(errno, filename);
     const file_id_t id{st.st_dev, st.st_ino};
-    if (std::ranges::find(*visited, id) != visited->end())
+    if (std::ranges::find(visited->descriptors, id) != visited->descriptors.end())
         return errdesc_set_fmt(EINVAL, "The chain of parents returns to %s", filename.c_str());
-    visited->push_back(id);
+    visited->descriptors.push_back(id);
     return nullptr;
 }
 
@@ -58,6 +69,7 @@ errdesc_t* get_ancestors(vmdkdesc_t* disk, std::uint32_t depth, visited_t* visit
     if (depth >= vmdk_max_ancestors)
         return errdesc_set_fmt(EINVAL, "Length of VMDK ancestors chain for %s has reached the limit (%d)",
                                disk->filename.c_str(), static_cast<int>(vmdk_max_ancestors));
+    RETURN_IF_ERROR(note_extents(*disk, visited));
     if (disk->pcid == vmdkdesc_t::no_parent) {
         array->assign(depth + 1, nullptr);
     } else if (disk->pcid != 0 && disk->parentfilenamehint) {

@@ -2,6 +2,7 @@
 // The chain of a disk and its parents. Each disk names its parent by a hint in its descriptor; the base names none.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -14,14 +15,18 @@ namespace mirador {
 
 inline constexpr std::uint32_t vmdk_max_ancestors = 128;
 
+// Extents that the disks of one chain may have together. Each takes memory, an open file and a loop device, and small
+// files can claim any number.
+inline constexpr std::size_t vmdk_max_chain_extents = 4096;
+
 // Opens the parents of an open disk (asserted), each owned by its child, and lists the chain: entry 0 is the disk
 // itself, the last one the base. Called with depth 0 and an empty array; the disk must stay where it is while the array
 // is used. A parent whose content id differs from the one its child names is logged at level 4 and used.
 //
 // Errors, which leave the array empty and open no parent: EINVAL "Length of VMDK ancestors chain for %s has reached the
 // limit (%d)" for 128 parents; EINVAL "VMDK descriptor for %s (%d) is corrupted" for a disk with a parent's content id
-// 0 or without a hint; EINVAL naming the file for a chain that returns to a disk of its own; those of
-// datastore_check_contained and vmdk_open_checked for a parent.
+// 0 or without a hint; EINVAL naming the file for a chain that returns to a disk of its own or has more than
+// vmdk_max_chain_extents; those of datastore_check_contained and vmdk_open_checked for a parent.
 [[nodiscard]] errdesc_t* vmdk_get_ancestors(vmdkdesc_t* vmdkdesc, std::uint32_t depth, std::vector<vmdkdesc_t*>* array);
 
 // The disks of an open chain that supply data: the whole chain of a disk reached through the direct datastore mount,

@@ -82,6 +82,24 @@ TEST_F(vmdk_chain, MayHave127Parents) {
               "Length of VMDK ancestors chain for " + (dir_ / "disk0.vmdk") + " has reached the limit (128)");
 }
 
+// Every extent takes a loop device, also when all lines name the same small file.
+TEST_F(vmdk_chain, ExtentsAreCountedTogether) {
+    const auto write_many = [&](const std::string& name, const std::string& parent_hint) {
+        descriptor_text_t text;
+        text.extents.assign(vmdkdesc_t::max_extents, "RW 8 SPARSE \"x\"");
+        if (!parent_hint.empty()) {
+            text.parent_hint = parent_hint;
+            text.parent_cid = "00000001";
+        }
+        text.write(dir_ / (name + ".vmdk"));
+    };
+    write_many("disk0", "");
+    for (int i = 1; i <= 4; ++i)
+        write_many(cor_format("disk%d", i), cor_format("disk%d.vmdk", i - 1));
+    EXPECT_EQ(chain_of(dir_ / "disk3.vmdk"), "disk3.vmdk disk2.vmdk disk1.vmdk disk0.vmdk ");
+    EXPECT_EQ(chain_of(dir_ / "disk4.vmdk"), "More than 4096 extents in the chain down to " + (dir_ / "disk0.vmdk"));
+}
+
 TEST_F(vmdk_chain, Broken) {
     write("base");
     const std::string corrupted = " is corrupted";
