@@ -43,9 +43,9 @@ struct vdskdesc_t {
 // Opens the disk whose descriptor is `path`, maps its chain read-only and loads the mapping under a name of its own;
 // *vdskdesc must be empty and owns the result. On an error nothing stays behind: no device, loop device, file or open
 // descriptor. Errors: EINVAL with file and fault for a chain that cannot be mapped as it stands (descriptor_check.h,
-// chain_check.h, vmdk_graindir.h, datastore_containment.h); EIO for a flat extent that is too short; EMFILE (24) when
-// descriptors or loop devices run out; errno with the path for a file that cannot be opened, read or written; EFBIG for
-// a disk in too many pieces or with too many grain tables; that of the tool that loads the table.
+// chain_check.h, vmdk_graindir.h, datastore_containment.h); EIO for a flat extent that is too short or none; EMFILE
+// (24) when descriptors or loop devices run out; errno with the path for a file that cannot be opened, read or written;
+// EFBIG for a disk in too many pieces or with too many grain tables; that of the tool that loads the table.
 [[nodiscard]] errdesc_t* vdsk_setup(const std::string& path, std::unique_ptr<vdskdesc_t>* vdskdesc);
 
 // Releases volume groups, partitions, mapping, loop devices and chain, in this order, also of a disk built in part, and

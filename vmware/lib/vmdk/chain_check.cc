@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "vmware/lib/vmdk/chain_check.h"
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <limits>
@@ -26,6 +27,9 @@ constexpr std::uint32_t flag_markers = 1U << 17;
 constexpr std::uint32_t refused_flags = flag_zeroed_grain | flag_compressed | flag_markers;
 
 constexpr std::size_t gd_entry_size = sizeof(std::uint32_t);
+
+// What the file of a sparse extent begins with, the hypervisor's newer kind among them.
+constexpr std::uint32_t sparse_magics[] = {sparsehdr_t::magic_value, cowdiskhdr_t::magic_value, 0xcafebabe};
 
 // What both kinds of sparse header say about the extent.
 struct geometry_t {
@@ -175,6 +179,20 @@ errdesc_t* check_same_geometry(chain_t chain, std::uint32_t index) {
     return nullptr;
 }
 
+// The ordinary mount shows a disk as one flat file. Where it does not, but shows a sparse extent's own file, the guest
+// would get headers and tables for its data. A file that has not grown to the disk's size is turned down for that when
+// it is mapped.
+errdesc_t* check_shown_flat(vmdkdesc_t* disk) {
+    extentdesc_t& extent = *disk->extentdesc.front();
+    if (extent.file_sectors < extent.extentsize)
+        return nullptr;
+    RETURN_IF_ERROR(vmdk_read_extent_header(&extent));
+    if (std::ranges::count(sparse_magics, extent.hdr.cow.magic) == 0)
+        return nullptr;
+    return errdesc_set_fmt(EIO, "Extent refused, a sparse file where the mount should show a flat one: %s",
+                           vmdk_extent_path(*disk, 0).c_str());
+}
+
 errdesc_t* check_total_size(chain_t chain) {
     std::uint64_t entries = 0;
     for (const vmdkdesc_t* disk : chain) {
@@ -210,8 +228,11 @@ errdesc_t* vmdk_check_extent(const extentdesc_t& extent, const std::string& path
 }
 
 errdesc_t* vmdk_check_chain(vmdkdesc_t* vmdkdesc) {
+    const bool named_sparse = !vmdkdesc->extentdesc.empty() && is_sparse(*vmdkdesc->extentdesc.front());
     const chain_t chain = vmdk_mapped_disks(vmdkdesc);
     errdesc_t* e = check_chain(chain);
+    if (e == nullptr && named_sparse && !vmdkdesc->datastore_direct)
+        e = check_shown_flat(vmdkdesc);
     if (e != nullptr) {
         const errdesc_keeper_t keep;
         for (vmdkdesc_t* disk : chain)

@@ -30,7 +30,8 @@ inline constexpr std::uint64_t vmdk_max_chain_entries = 1ULL << 26;  // of all d
 // vmdk_read_extent_header and vmdk_check_extent; EINVAL naming the descriptor for a stream-optimised disk, disks that
 // differ in number or size of their extents or in capacity, grain size or table length of the sparse ones at one
 // index, a disk with a sparse extent whose grain tables are longer than the first extent's, directories that are too
-// large together.
+// large together; EIO for a disk on the ordinary mount where that shows a sparse extent's own file instead of a flat
+// one.
 [[nodiscard]] errdesc_t* vmdk_check_chain(vmdkdesc_t* vmdkdesc);
 
 }  // namespace mirador

@@ -214,13 +214,27 @@ TEST_F(chain_check, DisksThatDoNotFitEachOther) {
 }
 
 TEST_F(chain_check, DiskOnTheOrdinaryMountIsOneFlatFileWhateverItsTypeSays) {
-    vmdkdesc_t disk;
-    ASSERT_EQ(vmdk_open_checked(sparse_disk("disk"), descriptor_role_t::head, &disk), nullptr);
-    ASSERT_EQ(vmdk_get_ancestors(&disk, 0, &disk.vmdk_ancestor_array), nullptr);
-    patch_file(dir_ / "disk-s001.vmdk", 0, 4, 0);
-    disk.datastore_direct = false;
-    EXPECT_EQ(vmdk_check_chain(&disk), nullptr);
-    EXPECT_EQ(disk.extentdesc[0]->extenttype, ET_FLAT);
+    const std::string path = sparse_disk("disk");
+    const std::string extent = dir_ / "disk-s001.vmdk";
+    const auto check = [&] {
+        vmdkdesc_t disk;
+        EXPECT_EQ(vmdk_open_checked(path, descriptor_role_t::head, &disk), nullptr);
+        EXPECT_EQ(vmdk_get_ancestors(&disk, 0, &disk.vmdk_ancestor_array), nullptr);
+        disk.datastore_direct = false;
+        const errdesc_t* e = vmdk_check_chain(&disk);
+        EXPECT_EQ(disk.extentdesc[0]->extenttype, ET_FLAT);
+        EXPECT_EQ(static_cast<bool>(disk.extentdesc[0]->fd), e == nullptr);
+        return e == nullptr ? 0 : e->number;
+    };
+    EXPECT_EQ(check(), 0);
+    // A sparse file that has grown to the disk's size is none the less no flat one.
+    std::filesystem::resize_file(extent, std::uint64_t{capacity} * sector_size);
+    for (const std::uint64_t magic : {sparsehdr_t::magic_value, cowdiskhdr_t::magic_value, 0xcafebabeU}) {
+        patch_file(extent, 0, 4, magic);
+        EXPECT_EQ(check(), EIO) << magic;
+    }
+    patch_file(extent, 0, 4, 0);
+    EXPECT_EQ(check(), 0);
 }
 
 TEST_F(chain_check, FilesThatADescriptorMayNotName) {
