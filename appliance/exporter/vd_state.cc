@@ -21,6 +21,7 @@
 #include "lib/cor_string.h"
 #include "lib/log.h"
 #include "lib/tool_paths.h"
+#include "vmware/lib/vmdk/datastore_containment.h"
 #include "vmware/lib/vmdk/datastore_path.h"
 #include "vmware/lib/vmdk/vmdk_names.h"
 #include "vmware/lib/vmdk/vmdk_open.h"
@@ -80,7 +81,11 @@ errdesc_t* take_paths(const ks_vdisk_t& vdisk, const vd_update_t& update, vd_loo
     look->current_extent_fpath = *vdisk.head_extent_path;
     look->root_vd_fpath = *vdisk.base_ascii_path;
     look->root_extent_fpath = *vdisk.base_extent_path;
-    return vd_get_fpath(look->current_vd_path, update.working_dir, update.vm_dir, &look->current_vd_fpath);
+    RETURN_IF_ERROR(vd_get_fpath(look->current_vd_path, update.working_dir, update.vm_dir, &look->current_vd_fpath));
+    for (const std::string* path : {&look->current_vd_fpath, &look->current_extent_fpath, &look->root_extent_fpath})
+        if (!is_on_datastore(*path))  // what a descriptor elsewhere names would not be checked
+            return errdesc_set_fmt(EINVAL, "Disk refused, outside every datastore: %s", path->c_str());
+    return nullptr;
 }
 
 // Stats the head descriptor and tells whether the disk must be looked at again.
