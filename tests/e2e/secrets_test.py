@@ -10,16 +10,16 @@ import sqlite3
 import stat
 import subprocess
 
-from harness import place, snapshots
+from harness import place
 from harness.case import DaemonCase
-from harness.cbt_case import DISKS, CbtCase
+from harness.cbt_case import CbtCase
 from harness.compare import Reader
 from harness.daemon import EXPORT, Entry
 from harness.disks import MIB, base_disk, datastore, raw_image
 from harness.inventory import SHADOW, InventoryCase, tree
 from harness.machines import machine
 from harness.snapshot_case import BOUND, HOST
-from harness.tools import WORK, saved_error, wait_equal, wait_until, xattr
+from harness.tools import WORK, wait_equal, wait_until, xattr
 from harness.watcher import Watcher
 
 STRANGER = 12345  # a user who is not root
