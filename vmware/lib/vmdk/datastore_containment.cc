@@ -73,8 +73,10 @@ bool is_on_datastore(const std::string& path) {
 }
 
 errdesc_t* datastore_check_contained(const std::string& descriptor, const std::string& path) {
-    if (!is_on_datastore(descriptor))
-        return nullptr;
+    return is_on_datastore(descriptor) ? datastore_check_file(path) : nullptr;
+}
+
+errdesc_t* datastore_check_file(const std::string& path) {
     const auto resolved = resolve(path);
     if (!resolved)
         return errdesc_set_str(errno, path);
@@ -89,11 +91,15 @@ errdesc_t* datastore_check_contained(const std::string& descriptor, const std::s
 }
 
 errdesc_t* datastore_check_opened(const std::string& descriptor, int fd, const std::string& path) {
+    return is_on_datastore(descriptor) ? datastore_check_opened(fd, path) : nullptr;
+}
+
+errdesc_t* datastore_check_opened(int fd, const std::string& path) {
     std::array<char, path_size> resolved{};
     const std::string link = cor_format("/proc/self/fd/%d", fd);
     if (readlink(link.c_str(), resolved.data(), resolved.size() - 1) < 0)
         return errdesc_set_str(errno, path);
-    return datastore_check_contained(descriptor, resolved.data());
+    return datastore_check_file(resolved.data());
 }
 
 }  // namespace mirador

@@ -20,8 +20,12 @@ bool is_on_datastore(const std::string& path);
 // "Refused, not a regular file: %s".
 [[nodiscard]] errdesc_t* datastore_check_contained(const std::string& descriptor, const std::string& path);
 
-// The same of the file that `fd` is open on under the name `path`, whatever that name leads to by now. Errors: as above,
-// with the file's own path.
+// The same for a descriptor of which it is known that it may name nothing else.
+[[nodiscard]] errdesc_t* datastore_check_file(const std::string& path);
+
+// The same of the file that `fd` is open on under the name `path`, whatever that name leads to by now. Errors: as
+// above, with the file's own path.
 [[nodiscard]] errdesc_t* datastore_check_opened(const std::string& descriptor, int fd, const std::string& path);
+[[nodiscard]] errdesc_t* datastore_check_opened(int fd, const std::string& path);
 
 }  // namespace mirador

@@ -10,6 +10,7 @@
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
 #include "lib/file_io.h"
+#include "vmware/lib/vmdk/datastore_containment.h"
 #include "vmware/lib/vmdk/vmdk_parse.h"
 
 namespace mirador {
@@ -102,7 +103,9 @@ errdesc_t* vmdk_check_descriptor(const std::string& path, descriptor_role_t role
     cor_assert(vmdkdesc);
     file_ptr stream;
     RETURN_IF_ERROR(open_regular(path, &stream));
+    const bool on_datastore = is_on_datastore(path) || datastore_check_opened(fileno(stream.get()), path) == nullptr;
     RETURN_IF_ERROR(read_descriptor(stream.get(), path, vmdkdesc));
+    vmdkdesc->on_datastore = on_datastore;
     if (vmdkdesc->extentdesc.empty())
         return refuse(path, "no extents");
     for (std::size_t i = 0; i < vmdkdesc->extentdesc.size(); ++i)

@@ -17,8 +17,8 @@ enum class descriptor_role_t : std::uint8_t {
     ancestor,  // a parent in its chain: may not be a raw device mapping
 };
 
-// Reads the descriptor `path` into *vmdkdesc (as vmdk_parse_file_contents leaves it) and looks at all it says. After
-// success vmdk_parse_file_contents does not assert on the same file.
+// Reads the descriptor `path` into *vmdkdesc (as vmdk_parse_file_contents leaves it), notes `on_datastore` and looks at
+// all it says. After success vmdk_parse_file_contents does not assert on the same file.
 // Errors: those of vmdk_parse_file_contents, so that EAGAIN tells a text that may be half written; EINVAL with a text
 // that names fault and file: not a regular file, text too long; no extents, more than 1024, an extent line that cannot
 // be read; a name too long, an extent without size or of a type that cannot be mapped; a disk whose size in bytes

@@ -58,8 +58,10 @@ errdesc_t* open_parent(const vmdkdesc_t& child, vmdkdesc_t* parent) {
     const std::string path = vmdk_get_path(*child.parentfilenamehint, child.dirname);
     std::string preferred;
     RETURN_IF_ERROR(get_preferred_datastore_path(path, &preferred));
-    RETURN_IF_ERROR(datastore_check_contained(child.filename, preferred));
+    if (child.on_datastore)
+        RETURN_IF_ERROR(datastore_check_file(preferred));
     RETURN_IF_ERROR(vmdk_open_checked(path, descriptor_role_t::ancestor, parent));
+    parent->on_datastore = parent->on_datastore || child.on_datastore;
     compare_content_id(child, *parent);
     return nullptr;
 }

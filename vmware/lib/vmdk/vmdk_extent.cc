@@ -28,7 +28,7 @@ errdesc_t* check_extentfile(const vmdkdesc_t& vmdkdesc, int located, const std::
         return errdesc_set_str(errno, path);
     if (!S_ISREG(st.st_mode) && !S_ISBLK(st.st_mode))
         return errdesc_set_fmt(EINVAL, "%s is not a file with data", path.c_str());
-    return datastore_check_opened(vmdkdesc.filename, located, path);
+    return vmdkdesc.on_datastore ? datastore_check_opened(located, path) : nullptr;
 }
 
 // A block device's status has no size, its end has.

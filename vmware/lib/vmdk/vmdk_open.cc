@@ -7,6 +7,7 @@
 
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
+#include "vmware/lib/vmdk/datastore_containment.h"
 #include "vmware/lib/vmdk/datastore_path.h"
 #include "vmware/lib/vmdk/vmdk_parse.h"
 
@@ -31,6 +32,7 @@ errdesc_t* open_with(const std::string& path, const reader_t& read, vmdkdesc_t* 
         return e;
     }
     vmdkdesc->datastore_direct = !is_datastore_fs_path(preferred);
+    vmdkdesc->on_datastore = vmdkdesc->on_datastore || is_on_datastore(preferred);
     vmdkdesc->filename = std::move(preferred);
     vmdkdesc->magic = vmdkdesc_t::magic_value;
     return nullptr;

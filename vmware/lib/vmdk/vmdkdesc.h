@@ -130,6 +130,9 @@ struct vmdkdesc_t {
     bool thin_provisioned = false;
     std::optional<std::string> change_track_path;  // quotes as written
     bool datastore_direct = false;                 // reached through the direct datastore mount
+    // Read from a datastore, where others write, or named by a disk that was: may name files on datastores only. Noted
+    // when the descriptor is read, for its path may lead elsewhere by the time its extents are opened.
+    bool on_datastore = false;
 
     std::uint32_t extentdesccount() const { return static_cast<std::uint32_t>(extentdesc.size()); }
 };

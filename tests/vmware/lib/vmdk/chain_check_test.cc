@@ -267,6 +267,38 @@ TEST_F(chain_check, FilesThatADescriptorMayNotName) {
     EXPECT_THAT(naming("missing", ENOENT), HasSubstr(store + "/vm/missing"));
 }
 
+// A name of a file on a datastore, but none that begins with a mount root, may lead elsewhere once the file is read.
+TEST_F(chain_check, LinkThatIsTurnedMeanwhile) {
+    const std::string store = dir_ / "volumes/ds1";
+    std::filesystem::create_directories(store);
+    datastore_mount_points = {dir_ / "volumes"};
+    std::filesystem::create_symlink(store, dir_ / "aside");
+    const std::string secret = write_file(dir_ / "secret", std::string(4096, 's'));
+    write_file(store + "/good-flat.vmdk", std::string(4096, 'g'));
+    descriptor_text_t text;
+    text.extents = {"RW 8 FLAT \"" + secret + "\""};
+    text.write(store + "/evil.vmdk");
+    std::filesystem::create_symlink(store + "/evil.vmdk", store + "/link.vmdk");
+    text.extents = {"RW 8 FLAT \"good-flat.vmdk\""};
+    text.parent_cid = "00000001";
+    text.parent_hint = dir_ / "aside/link.vmdk";
+    text.write(store + "/child.vmdk");
+
+    const auto turned = [&](const std::string& path) {
+        std::filesystem::remove(store + "/link.vmdk");
+        std::filesystem::create_symlink(store + "/evil.vmdk", store + "/link.vmdk");
+        vmdkdesc_t disk;
+        EXPECT_EQ(vmdk_open_checked(path, descriptor_role_t::head, &disk), nullptr);
+        EXPECT_EQ(vmdk_get_ancestors(&disk, 0, &disk.vmdk_ancestor_array), nullptr);
+        std::filesystem::remove(store + "/link.vmdk");
+        std::filesystem::create_symlink(secret, store + "/link.vmdk");
+        const errdesc_t* e = vmdk_check_chain(&disk);
+        return e == nullptr ? std::string("accepted") : e->string;
+    };
+    EXPECT_THAT(turned(store + "/child.vmdk"), HasSubstr("outside every datastore: " + secret));
+    EXPECT_THAT(turned(dir_ / "aside/link.vmdk"), HasSubstr("outside every datastore: " + secret));
+}
+
 // Many small claims add up: each directory is sound, all together are not.
 TEST_F(chain_check, DirectoriesThatAreTooLargeTogether) {
     constexpr std::uint32_t whole = 0xffffffff;
