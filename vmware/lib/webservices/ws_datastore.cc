@@ -62,6 +62,14 @@ ssize_t jdr_datastore_info(jdr_op_t op, json_object** obj, const char* key, data
     return jdr_record(op, obj, key, info, marshal_fields);
 }
 
+void datastore_info_copy(const datastore_info_t* src, datastore_info_t* dst) {
+    *dst = *src;
+}
+
+void datastore_info_free(datastore_info_t* info) {
+    *info = {};
+}
+
 void datastore_info_dump(const std::string& tag, const datastore_info_t& info) {
     tm local{};
     std::array<char, 64> time{};

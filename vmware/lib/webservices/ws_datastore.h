@@ -34,6 +34,10 @@ struct datastore_info_t {
 // strings are left out.
 ssize_t jdr_datastore_info(jdr_op_t op, json_object** obj, const char* key, datastore_info_t* info);
 
+// Makes *dst a copy, list of paths included; drops a datastore's texts and list and clears it.
+void datastore_info_copy(const datastore_info_t* src, datastore_info_t* dst);
+void datastore_info_free(datastore_info_t* info);
+
 // Logs a datastore on one line that begins with the tag; its time is local.
 void datastore_info_dump(const std::string& tag, const datastore_info_t& info);
 

@@ -72,13 +72,21 @@ fdesc_type_t fdesc_get_type(const std::string& name) {
 ssize_t jdr_fdesc(jdr_op_t op, json_object** obj, const char* key, esx_file_desc_t* fd) {
     const ssize_t size = jdr_record(op, obj, key, fd, marshal_fields);
     if (op == JDR_FREE) {
-        *fd = {};
+        fdesc_free(fd);
     } else if (op == JDR_DECODE && size != jdr_failed) {
         fd->file_type = fdesc_get_type(fd->file_type_str);
         fd->magic = fdesc_magic;
         fd->version = fdesc_version;
     }
     return size;
+}
+
+void fdesc_copy(const esx_file_desc_t* src, esx_file_desc_t* dst) {
+    *dst = *src;
+}
+
+void fdesc_free(esx_file_desc_t* fd) {
+    *fd = {};
 }
 
 void fdesc_dump(const std::string& tag, const esx_file_desc_t& fd) {

@@ -65,6 +65,10 @@ fdesc_type_t fdesc_get_type(const std::string& name);
 // The marshaller of a file (lib/jdr.h). Decoding asks for every member but "vm_moref"; it sets type, magic and version.
 ssize_t jdr_fdesc(jdr_op_t op, json_object** obj, const char* key, esx_file_desc_t* fd);
 
+// Makes *dst a copy; drops a file's texts and clears it.
+void fdesc_copy(const esx_file_desc_t* src, esx_file_desc_t* dst);
+void fdesc_free(esx_file_desc_t* fd);
+
 // Logs a file on one line that begins with the tag.
 void fdesc_dump(const std::string& tag, const esx_file_desc_t& fd);
 
