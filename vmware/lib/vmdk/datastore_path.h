@@ -41,7 +41,7 @@ std::string translate_to_datastore_fs_path(const std::string& path);
 std::string get_datastore_mount_point(const std::string& ds_name);
 
 // Splits a path into datastore name, directory within the datastore and file name, the last two by the rules of
-// dirname and basename ("." for a file at the top). `dir` and `base` may be null. Without anything behind the
+// dirname and basename ("." for a file at the top). `dir` and `base` may be null. Without a slash behind the
 // datastore's name both are empty.
 // Error: EINVAL "Invalid datastore path %s". Asserted: ds_name is not null.
 [[nodiscard]] errdesc_t* parse_datastore_path(const std::string& path, std::string* ds_name, std::string* dir,

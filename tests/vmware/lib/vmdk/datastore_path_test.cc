@@ -207,8 +207,7 @@ TEST_F(containment_test, WhatIsOpenCountsAndNotItsName) {
     write_file(path, "text");
     const unique_fd inside(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     EXPECT_EQ(datastore_check_opened(path, inside.get(), path), nullptr);
-    EXPECT_EQ(datastore_check_opened(path, outside.get(), path)->string,
-              "Refused, outside every datastore: " + secret);
+    EXPECT_EQ(datastore_check_opened(path, outside.get(), path)->string, "Refused, outside every datastore: " + secret);
     EXPECT_EQ(datastore_check_opened(secret, outside.get(), path), nullptr) << "it is on no datastore by its name";
     EXPECT_EQ(datastore_check_opened(path, -1, path)->number, ENOENT);
     std::int64_t size = 0;
