@@ -2,9 +2,11 @@
 
 import errno
 
+from harness import snapshots
 from harness.inventory import tree
 
 from excuses import ALL
+from model import Wrong
 from work import Worker
 
 _DEAD = "Broken pipe"
@@ -103,15 +105,21 @@ class ControllerFaults(Worker):
     def _wait_whole(self) -> None:
         """A list of hypervisors that cannot be had takes all of them away until there is a new generation; VMs that have a
         snapshot come back when it is gone."""
+        missing: list[str] = []
         def is_whole() -> bool:
             expected, found = self.stage.expected_tree(), tree()
-            missing = [vm for vm in self.stage.read + self.stage.tracked
-                       if not found.get(vm.path, set()) >= expected[vm.path]]
-            if missing:
-                self.stage.appliance.command("refresh", missing[0].uuid)
-                self.pause(0.5, 0.5)
-            return not missing
-        self.wait_for(is_whole, "the tree is whole again", _WHOLE)
+            vms = [vm for vm in self.stage.read + self.stage.tracked
+                   if not found.get(vm.path, set()) >= expected[vm.path]]
+            missing[:] = [f"{vm.path}: {sorted(found.get(vm.path, ()))}, snapshots {snapshots.names(vm.machine)}"
+                          for vm in vms]
+            if vms:
+                self.stage.appliance.command("refresh", vms[0].uuid)
+                self.pause(1, 1)
+            return not vms
+        try:
+            self.wait_for(is_whole, "the tree is whole again", _WHOLE)
+        except TimeoutError as error:
+            raise Wrong(f"the tree is not whole after {_WHOLE} s: {missing}") from error
 
     def _die(self) -> None:
         with self.stage.excuses.during(ALL, "the controller is dead", _MISSED):

@@ -15,7 +15,7 @@ from work import Worker
 
 _TOO_MUCH = 27  # more has changed than the file promises
 _NEW_START = (8, 1005)  # what has changed is not known any more
-_PENDING = 120  # seconds for the daemon to do what belongs to a reset
+_PENDING = 300  # seconds for the daemon to do what belongs to a reset: when the VM's snapshot has gone
 
 
 class Rounds(Worker):

@@ -2,11 +2,13 @@
 
 import signal
 
+from harness.tools import WORK
+
 from work import Worker
 
 
 class Hangups(Worker):
-    """Renames the log and tells the daemon; what is renamed is looked through and removed."""
+    """Renames the log and tells the daemon; what is renamed is looked through and put behind what came before."""
 
     def __init__(self, leaks, *rest):
         super().__init__("hangups", *rest)
@@ -23,6 +25,8 @@ class Hangups(Worker):
         self._leaks.check_log(text)
         self.tally.count("snapshots", text.count(": Creating snapshot "))
         self.tally.count("evictions", text.count(", remove\n"))  # of disks: each gives its use of the snapshot back
+        with open(WORK / "log", "ab") as whole:
+            whole.write(old.read_bytes())
         old.unlink()
         self.tally.count("hangups")
         self.pause(2, 20)

@@ -30,13 +30,15 @@ _SETTINGS = {"snapshot.retry_limit": "12", "appliance.cbt.percent": "1", "export
 _DRAWN = {"export.max_session": ("20", "30"), "snapshot.max_idle": ("0", "20", "200"),
           "snapshot.blocking_removal": ("0", "1"), "smartread.enabled": ("0", "1"), "export.vm_uuid.enabled": ("0", "1")}
 _LINE = 5  # seconds between two lines
-_STILL = 400  # seconds for the workers to come to the end of a step
+_STILL = 600  # seconds for the workers to come to the end of a step
 _STAGE = 5  # minutes between two looks, fewer when there is little time: the warm-up is a third of it
 
-# Memory that may come on top of the warm-up's, in MiB. What stays in use comes to its full size in the warm-up but for
-# the memory of errors (4,096 paths), which fills slowly; the rest is fragments of what is used and freed by threads that
-# come and go. Sanitizers keep what is freed for a while, and notes on it.
-_MARGINS = {"none": 12, "asan": 32, "tsan": 96}
+_PATHS = 5000  # more than the daemon remembers errors of
+
+# Memory that may come on top of the warm-up's, in MiB. What stays in use has its full size by then, the memory of errors
+# from the start; the rest is fragments of what is used and freed by threads that come and go. Sanitizers keep what is
+# freed for a while, and notes on it.
+_MARGINS = {"none": 8, "asan": 24, "tsan": 64}
 
 
 def main() -> int:
@@ -108,6 +110,7 @@ def _soak(stage, tally, reports, options) -> None:
         stage.start()
         stage.rest()
         leaks.start()
+        _fill_memory_of_errors(stage.vms[0].place.directory)
         print(f"idle: {leaks.idle.line()}", flush=True)
         tally.start()
         for worker in workers:
@@ -126,6 +129,12 @@ def _soak(stage, tally, reports, options) -> None:
         tally.fail("the end" if tally.ended.is_set() else "a look", fault)
     if tally.failures:
         print(stage.daemon.last_lines(), flush=True)
+
+
+def _fill_memory_of_errors(directory: pathlib.Path) -> None:
+    for number in range(_PATHS):
+        with contextlib.suppress(FileNotFoundError):
+            os.stat(directory / f"nothing-there-{number}")
 
 
 def _watch(tally, seconds: float) -> None:
