@@ -102,7 +102,7 @@ class Secrets(CbtCase):
     def work(self, vm):
         base = self.full(vm)
         self.write(vm)
-        self.faults.set(vm.name, {"method": SCRIPT, "delay": 0.5})  # long enough to be seen
+        self.faults.set(vm.name, {"method": SCRIPT, "delay": 2})  # long enough to be seen
         self.incremental(vm, base)
         self.faults.set(vm.name)
 
