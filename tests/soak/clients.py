@@ -15,6 +15,7 @@ from excuses import Excuses
 from model import Vm, Wrong, without_header
 from tally import Tally
 
+_OVERLOADED = 4  # processes for each processor that make a wait of the daemon's, cut short, too short
 _RELEASED = 10  # seconds within which the daemon has heard that a file was closed
 
 
@@ -92,6 +93,8 @@ class Clients:
         is_such = error.errno == errno.EPERM or "Too many open files" in text  # attributes tell no reason
         if reason is None and is_such and self._table.could_be_full(began):
             reason = "the table is full"
+        if reason is None and number == errno.ETIME and os.getloadavg()[0] > _OVERLOADED * os.cpu_count():
+            reason = "the daemon's clock is fast, and the machine too slow"
         if reason is None:
             raise Wrong(f"{path}: {text}; nothing explains it, begun {time.monotonic() - began:.1f} s ago; "
                         f"{self._excuses.tell(vm.name, began)}") from error

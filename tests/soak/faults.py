@@ -76,7 +76,7 @@ class AgentFaults(Worker):
 
 _OF_CONTROLLER = ({"delay": 1}, {"hang": 1}, {"hang": 0}, {"status": 500}, {"cut": 3}, {"body": _HTML}, {"body": ""})
 _MISSED = r"^(?!.*Too many open files)"  # what comes of it has many names
-_WHOLE = 240  # seconds for the tree to be back
+_WHOLE = 400  # seconds for the tree to be back
 _OBJECTS = ("*", "vhost", "hvconfig", "vdisk", "vmconfig", "folder", "fs_sync", "alert", "event", "stats")
 
 

@@ -12,7 +12,7 @@ from readers import check_disk
 from stage import HOSTS, OWN
 from work import Worker
 
-_SETTLE = 240  # seconds for the tree to follow while the controller has faults
+_SETTLE = 400  # seconds for the tree to follow while the controller has faults
 _NAMES = 4  # that a VM has in turn: the daemon remembers errors by path
 _FOLDERS = ("shelf", "attic")
 

@@ -140,7 +140,7 @@ class Killer:
         dead = kill(number, load)
         self._leave_traces(number)
         began = time.monotonic()
-        self._stage.daemon.start()
+        self._stage.daemon.start(BOUND)  # a tool is run for each loop device that the machine has ever had
         dead.wait(timeout=30)
         load.end()
         self._check_machine()

@@ -25,7 +25,7 @@ from tally import Tally
 HOSTS = ("esx-a.example", "esx-b.example")
 OWN_UUID = "5ca1ab1e-0000-4000-8000-0000000050ac"
 OWN = f"{snapshots.VENDOR}: {OWN_UUID}"
-BOUND = 300  # seconds within which everything comes to rest, on a slow machine with a sanitizer
+BOUND = 600  # seconds within which everything comes to rest, on a slow machine with a sanitizer
 
 VMS = (4, 3, 4)  # that are only read, whose changes are tracked, that come and go
 

@@ -64,9 +64,10 @@ class Daemon:
     def command(self, *more: str) -> list[str]:
         return [program("mirador"), *self._options, *more, str(EXPORT), *MOUNT_OPTIONS]
 
-    def start(self) -> None:
+    def start(self, seconds: float = 60) -> None:
+        """Waits for its mount, so many seconds at most."""
         self.launch()
-        wait_until(lambda: _is_served() or self._process.poll() is not None, "the mount stands")
+        wait_until(lambda: _is_served() or self._process.poll() is not None, "the mount stands", seconds)
         if self._process.poll() is not None:
             raise Failed(f"the daemon ended with status {self._process.returncode}\n{self.last_lines()}")
 
