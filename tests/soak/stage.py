@@ -96,7 +96,7 @@ class Stage:
     def post(self, name: str, value: dict[str, Any]) -> None:
         """Posts to the controller as the daemon does."""
         request = urllib.request.Request(self.appliance.url_of(name), json.dumps(value).encode())
-        with urllib.request.urlopen(request, timeout=10) as answer:
+        with urllib.request.urlopen(request, timeout=60) as answer:
             answer.read()
 
     def record(self, vm: Vm, disk: str) -> dict[str, Any]:
