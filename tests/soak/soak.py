@@ -38,7 +38,7 @@ _PATHS = 5000  # more than the daemon remembers errors of
 # Memory that may come on top of the warm-up's, in MiB. What stays in use has its full size by then, the memory of errors
 # from the start; the rest is fragments of what is used and freed by threads that come and go. Sanitizers keep what is
 # freed for a while, and notes on it.
-_MARGINS = {"none": 8, "asan": 24, "tsan": 64}
+_MARGINS = {"none": 16, "asan": 32, "tsan": 64}
 
 
 def main() -> int:
