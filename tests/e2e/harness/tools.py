@@ -10,6 +10,8 @@ from typing import Any
 
 WORK = pathlib.Path("/run/e2e")  # the tests' own files; the daemon clears and is checked in /tmp
 
+_LOOK = 0.02  # seconds between two looks at what is waited for
+
 _LIBC = ctypes.CDLL(None, use_errno=True)
 _LIBC.getxattr.restype = ctypes.c_ssize_t
 
@@ -37,7 +39,7 @@ def wait_until(condition: Callable[[], bool], what: str, seconds: float = 60) ->
     while not condition():
         if time.monotonic() > deadline:
             raise Failed(f"not within {seconds} s: {what}")
-        time.sleep(0.02)
+        time.sleep(_LOOK)
 
 
 def wait_equal(get: Callable[[], Any], expected: Any, what: str, seconds: float = 60) -> None:
