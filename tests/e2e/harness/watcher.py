@@ -53,15 +53,21 @@ def _read(path: str) -> bytes:
     return b""
 
 
+def _shown(words: bytes) -> str:
+    return words.replace(b"\0", b" ").decode(errors="replace")
+
+
 def _look_at_processes(mark: bytes, found: dict[str, Any]) -> None:
     for process in filter(str.isdigit, os.listdir("/proc")):
         words = _read(f"/proc/{process}/cmdline")
-        shown = words.replace(b"\0", b" ").decode(errors="replace")
+        shown = _shown(words)
         found["programs"][" ".join(shown.split()[:4])] = 1
         if mark in words:
             found["command_lines"][shown] = 1
         if mark in _read(f"/proc/{process}/environ"):
-            found["environments"][shown] = 1
+            # It may have begun its program since; one that has ended by now was seen before, or will not be.
+            if words := _read(f"/proc/{process}/cmdline"):
+                found["environments"][_shown(words)] = 1
 
 
 def _look_at_files(mark: bytes, directory: str, found: dict[str, Any]) -> None:
