@@ -220,6 +220,7 @@ class Snapshots(AgentCase):
         self.assertEqual(self.names(agent), [self.mine])
         self.assertEqual(agent.ask("remove_snapshot", "old name", WEB, self.mine, "0"), 1)
         wait_until(lambda: not self.names(agent), "it is gone")
+        wait_until(lambda: not any(name.startswith(".web") for name in os.listdir(self.vmx["web"].parent)), "it is done")
 
     def test_creation_that_died_is_finished_by_a_listing(self):
         agent, before = self.connected(), self.vmx["web"].read_bytes()
