@@ -15,8 +15,8 @@ namespace mirador {
 using opened_file_check_t = std::function<errdesc_t*(int fd)>;
 
 // Reads the whole file into *text. It neither waits for a pipe nor touches a device. Errors: errno with the path;
-// EINVAL "<kind> refused, not a regular file: <path>" or "<kind> refused, too long: <path>" above `max_size` bytes; those
-// of `check`, where there is one.
+// EINVAL "<kind> refused, not a regular file: <path>" or "<kind> refused, too long: <path>" above `max_size` bytes;
+// those of `check`, where there is one.
 [[nodiscard]] errdesc_t* read_text_file(const std::string& path, const char* kind, std::size_t max_size,
                                         std::string* text, const opened_file_check_t& check = nullptr);
 

@@ -68,8 +68,8 @@ errdesc_t* dm_device_open(const std::string& name, dm_device_t* device) {
         return errdesc_set_str(ENOTBLK, name);
     if (ioctl(fd.get(), BLKGETSIZE64, &bytes) != 0)
         return errdesc_set_str(errno, name);
-    // The kernel reads ahead on the mapping's own file; the device's own read-ahead may be many times as large, and would
-    // fetch what nobody asks for.
+    // The kernel reads ahead on the mapping's own file; the device's own read-ahead may be many times as large, and
+    // would fetch what nobody asks for.
     ioctl(fd.get(), BLKRASET, most_read_ahead / sector_size);
     *device = {.name = name,
                .major = major(status.st_rdev),

@@ -257,7 +257,9 @@ TEST_F(snapshot_thr, SnapshotWhoseRemovalFailedIsReadByNobody) {
 
 TEST_F(snapshot_thr, CommandRemovesOneByName) {
     const std::string all = R"(["list_snapshot", ".*"])";
-    const auto command = [&](const std::string& text) { return snapshot_command("/esx1/vm", vm_dir(), "snapshot_scrub" + text); };
+    const auto command = [&](const std::string& text) {
+        return snapshot_command("/esx1/vm", vm_dir(), "snapshot_scrub" + text);
+    };
     list_at_agent({listed("V+x: other"), listed("before upgrade"), listed("V+x: elsewhere", "other-vm")});
     EXPECT_EQ(command(":V+x: other"), "0:Snapshot 'V+x: other' has been removed.");
     EXPECT_THAT(asked(), ElementsAre(all, R"(["remove_snapshot", "vm", "564d0001", "V+x: other", "1"])"));
