@@ -105,7 +105,7 @@ class Changing(FilesCase):
 
     def test_controller_follows(self):
         self.assertIsNone(self.agent.ask("mv", DC, "[ds1] web", DC, "[ds1] www", "0"))
-        wait_until(lambda: self.appliance.vms()["web"]["vmx_path"] == "www/web.vmx",
+        wait_until(lambda: self.appliance.vms().get("web", {}).get("vmx_path") == "www/web.vmx",
                    "the VM is found at its new place")
 
     def test_what_is_refused_changes_nothing(self):

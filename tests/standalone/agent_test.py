@@ -185,15 +185,15 @@ class Snapshots(AgentCase):
                 token = self.appliance.get(f"fs_sync?target=dsfs&type=wait&genId={token}&timeout=1").json()["genId"]
                 count = self.appliance.vms()["web"]["snap_exists"]
                 time.sleep(0.3)  # a cycle's own work
-                self.appliance.get(f"fs_sync?target=vmfs&type=set&genId={token}")
                 taken.append(count)
+                self.appliance.get(f"fs_sync?target=vmfs&type=set&genId={token}")
 
         thread = threading.Thread(target=daemon)
         thread.start()
         self.addCleanup(thread.join)
         self.addCleanup(ending.set)
         agent = self.connected()
-        wait_until(lambda: taken, "the daemon follows")
+        wait_until(lambda: len(taken) > 1, "the daemon follows")  # the first is known as taken over
         agent.ask("create_snapshot", "web", WEB, self.mine, "0")
         self.assertEqual(taken[-1], 1)
         agent.ask("remove_snapshot", "web", WEB, self.mine, "1")
