@@ -124,6 +124,13 @@ int mirador_getattr(const char* path, struct stat* st) {
     return -number;
 }
 
+// What the kernel asks before each read through its page cache.
+int mirador_fgetattr(const char* path, struct stat* st, fuse_file_info* fi) {
+    ts_dprintf(call_level, "mirador_fgetattr(path %s, st_data %p)\n", path, as_pointer(st));
+    errdesc_t* e = vm_proxy_fgetattr(*open_files_t::get(fi->fh), path, translate_path(path), st);
+    return e == nullptr ? 0 : reply_error(path, e);
+}
+
 int mirador_getxattr(const char* path, const char* name, char* value, std::size_t size) {
     ts_dprintf(call_level, "mirador_getxattr(path %s, name %s, size %zd)\n", path, name, static_cast<ssize_t>(size));
     errdesc_t* e = vm_proxy_getxattr(path, translate_path(path), name, value, &size);
@@ -231,6 +238,9 @@ int mirador_open(const char* path, fuse_file_info* fi) {
     if (e != nullptr)
         return -EIO;
     fi->direct_io = fh->direct_io ? 1 : 0;
+    struct stat seen {};
+    if (vm_proxy_getattr(path, translate_path(path), false, &seen) == nullptr)
+        fh->attributes = seen;
     fi->fh = open_files().add(std::move(fh));
     return 0;
 }
@@ -271,6 +281,7 @@ fuse_operations mirador_oper() {
     fuse_operations oper{};
     oper.init = mirador_init;
     oper.getattr = mirador_getattr;
+    oper.fgetattr = mirador_fgetattr;
     oper.open = mirador_open;
     oper.read = mirador_read;
     oper.statfs = mirador_statfs;

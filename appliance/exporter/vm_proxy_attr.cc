@@ -124,6 +124,15 @@ errdesc_t* vm_proxy_getattr(const std::string& path, const std::string& shadow_p
     return nullptr;
 }
 
+errdesc_t* vm_proxy_fgetattr(const fuse_fh_t& fh, const std::string& path, const std::string& shadow_path,
+                             struct stat* stbuf) {
+    errdesc_t* e = vm_proxy_getattr(path, shadow_path, true, stbuf);
+    if (e == nullptr || !fh.attributes)
+        return e;
+    *stbuf = *fh.attributes;
+    return nullptr;
+}
+
 errdesc_t* vm_proxy_getxattr(const std::string& path, const std::string& shadow_path, const std::string& name,
                              char* value, std::size_t* size) {
     ts_dprintf(2, "vm_proxy_getxattr : path %s, name %s, size %zd\n", path.c_str(), name.c_str(),

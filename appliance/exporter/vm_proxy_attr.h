@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <string>
 
+#include "appliance/exporter/vm_proxy_table.h"
 #include "lib/errdesc.h"
 
 namespace mirador {
@@ -26,6 +27,12 @@ namespace mirador {
 // Errors: errno with "lstat failed: <shadow_path>"; the proxy header's.
 [[nodiscard]] errdesc_t* vm_proxy_getattr(const std::string& path, const std::string& shadow_path, bool update,
                                           struct stat* stbuf);
+
+// The same for a file that is open as `path`. One whose path does not lead to it any more, as its VM has left the tree,
+// keeps the attributes that it had when it was opened: its bytes are still served, and a reader who gets an error here
+// gets none.
+[[nodiscard]] errdesc_t* vm_proxy_fgetattr(const fuse_fh_t& fh, const std::string& path, const std::string& shadow_path,
+                                           struct stat* stbuf);
 
 // Reads an extended attribute. *size: on entry the room in `value`, 0 asks for the length only; on return the length,
 // terminator included. Errors: 34 when the value does not fit, with one more than the length in its text; those of

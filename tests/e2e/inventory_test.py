@@ -2,6 +2,7 @@
 
 import json
 import os
+import time
 
 from harness import place
 from harness.compare import first_difference
@@ -244,6 +245,19 @@ class Inventory(InventoryCase):
         self.wait_tree({path: entries})
         self.wait_alert("vm_discovery", path.replace("/", ":"), None)
         self.assert_exports(path, second)
+
+    def test_a_reader_goes_on_when_its_vm_leaves(self):
+        vm = machine(self.b, "leaves", template=True)
+        path, truth = f"{HOST_B}/leaves", vm.flat().read_bytes()
+        self.wait_tree({path: {"vm.vmtx", "vm.cfg", "disk.vmdk", "disk-flat.vmdk"}})
+        with open(EXPORT / path / "disk-flat.vmdk", "rb", buffering=0) as disk:
+            read = disk.read(SECTOR)
+            vm.remove()
+            wait_equal((EXPORT / path).exists, False, "the VM is gone")
+            time.sleep(1.1)  # for as long the kernel asks nobody
+            while part := disk.read(64 * KIB):
+                read += part
+        self.assertTrue(read == truth)
 
     def assert_exports(self, path, vm):
         """Every file of the VM's directory is that VM's."""
