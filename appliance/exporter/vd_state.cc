@@ -234,6 +234,11 @@ bool debugs_cbt() {
     return get_reg_settings()->cbt_debug_enabled;
 }
 
+// How large the head's extent is then tells nothing of the disk.
+bool is_delta(const vd_state_t& state) {
+    return state.current_extent_fpath != state.root_extent_fpath;
+}
+
 // The time that tracking gives a flat disk, where it does. An update that keeps the old time decides nothing: a reset
 // would be done whose new time no client has seen.
 errdesc_t* tracked_mtime(const vd_state_t& state, const vd_update_t& update, std::optional<std::time_t>* mtime) {
@@ -244,8 +249,9 @@ errdesc_t* tracked_mtime(const vd_state_t& state, const vd_update_t& update, std
     struct ::stat extent_stat {};
     if (stat(state.current_extent_fpath.c_str(), &extent_stat) != 0)
         return errdesc_set_extended_err(errno, state.current_extent_fpath);
+    const std::int64_t own_size = is_delta(state) ? 0 : extent_stat.st_size;
     const flat_mtime_input_t input{.actual_mtime = extent_stat.st_mtim.tv_sec,
-                                   .st_size = std::max<std::int64_t>(extent_stat.st_size, state.extent_size),
+                                   .st_size = std::max(own_size, state.extent_size),
                                    .cbt_reset_pending = update.cbt_reset_pending,
                                    .cbt_reset_time = update.cbt_reset_time,
                                    .cbt_reset_time_prev = update.cbt_reset_time_prev,
@@ -257,6 +263,7 @@ errdesc_t* tracked_mtime(const vd_state_t& state, const vd_update_t& update, std
 errdesc_t* touch_extent(vd_state_t* state, const vd_update_t& update) {
     vm_proxy_touch_t flat = touch_of(update, VM_PROXY_HEADER_VMDK_FLAT, state->current_vd_fpath,
                                      state->current_extent_fpath, state->extent_size);
+    flat.is_delta = is_delta(*state);
     errdesc_t* e = tracked_mtime(*state, update, &flat.mtime);
     state->cbt_reset_failed = e != nullptr;
     if (e != nullptr && debugs_cbt())

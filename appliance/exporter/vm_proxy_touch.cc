@@ -27,7 +27,7 @@ errdesc_t* check_fits(const std::string& text, std::size_t room) {
 // What the export reports as size of a flat disk, and whether it may be read through the optimised path.
 void set_flat_size(const vm_proxy_touch_t& touch, vm_proxy_header_t* header) {
     const std::int64_t actual = header->statb.size;
-    if (actual <= touch.size) {
+    if (touch.is_delta || actual <= touch.size) {
         header->statb.size = touch.size;
         header->can_optimize = 1;
         return;

@@ -21,6 +21,7 @@ struct vm_proxy_touch_t {
     vm_proxy_header_type_t type = VM_PROXY_HEADER_UNKNOWN;
     std::int64_t size = 0;     // bytes; of a flat disk, by its descriptor; of a changed-block export, what it promises
     bool is_template = false;  // a template cannot be snapshotted
+    bool is_delta = false;     // stat_path is a delta's, which is as large as what was written since
     bool keep_mtime = false;   // the old header's modification time stays
     std::optional<std::time_t> mtime = {};  // what is reported instead of the file's modification time
 };
@@ -29,8 +30,8 @@ struct vm_proxy_touch_t {
 [[nodiscard]] errdesc_t* vm_proxy_touch_check(const vm_proxy_touch_t& touch);
 
 // Writes the header of `shadow_path`, unless it stands there already. `touch` must pass vm_proxy_touch_check
-// (asserted). A flat disk whose extent file is larger than its descriptor says (logged, 27) reports the real size and
-// is not read through the optimised path. Errors: what is published for `stat_path`, else errno with it;
+// (asserted). A flat disk whose extent file, not a delta, is larger than its descriptor says (logged, 27) reports the
+// real size and is not read through the optimised path. Errors: what is published for `stat_path`, else errno with it;
 // vm_proxy_write_header's.
 [[nodiscard]] errdesc_t* vm_proxy_touch(const std::string& shadow_path, const vm_proxy_touch_t& touch);
 

@@ -83,6 +83,18 @@ TEST_F(vm_update_test, NewVmIsADirectoryAtOnceAndFilledByItsFirstUpdate) {
     EXPECT_THAT(alerts(), Each(HasSubstr("alert_clear")));
 }
 
+// A delta that was written all over is larger than the disk, by its own tables.
+TEST_F(vm_update_test, DeltaThatOutgrowsItsDiskDoesNotMakeItLarger) {
+    lab_vm_t vm;
+    vm.disks = {{.name = "disk.vmdk", .head = "disk-000001.vmdk"}};
+    make_files(vm);
+    std::filesystem::resize_file(datastore_ + "/vm/disk-000001-flat.vmdk", disk_bytes + 66048);
+    take(vm);
+    ASSERT_EQ(update(vm), 0);
+    EXPECT_EQ(header("esx1/vm/disk-flat.vmdk").statb.size, disk_bytes);
+    EXPECT_EQ(header("esx1/vm/disk-flat.vmdk").can_optimize, 1U);
+}
+
 TEST_F(vm_update_test, DisksOfOneNameStandSideBySide) {
     lab_vm_t vm;
     vm.disks = {{.dir = "vm"}, {.dir = "other", .thin = true}};
