@@ -12,6 +12,7 @@
 
 #include "appliance/exporter/controller_thr.h"
 #include "appliance/exporter/snapshot_state.h"
+#include "appliance/exporter/snapshot_thr.h"
 #include "appliance/exporter/vm_alerts.h"
 #include "appliance/exporter/vm_cbt_reset.h"
 #include "appliance/exporter/vm_proxy_remove.h"
@@ -244,10 +245,18 @@ bool has_snapshot(const vm_state_t& vm) {
     return vm.vmc.snap_exists >= 1;
 }
 
-// Whether what an update made has been taken out of the tree since, with the directory of the VM's hypervisor. Without
-// its entries nobody could go on reading the disks that a snapshot keeps still.
+// Whether an update made the VM's entries, or an open took its snapshot, before the VM came back as a new one.
+bool was_exported(const vm_state_t& vm) REQUIRES(vm.mutex) {
+    if (vm.last_update != 0)
+        return true;
+    const read_lock_t lock(vm.vmc_rwlock);
+    return snapshot_existed(ks_text(vm.vmc.hv_hostname), ks_text(vm.vmc.uuid));
+}
+
+// Whether the VM's entries have been taken out of the tree, with the directory of its hypervisor or while the VM was
+// not listed. Without them nobody could go on reading the disks that a snapshot keeps still.
 bool has_lost_entries(const vm_state_t& vm) REQUIRES(vm.mutex) {
-    return vm.refresh_now && vm.last_update != 0 && access(vm.paths.vm_cfg_path.c_str(), F_OK) != 0;
+    return vm.refresh_now && access(vm.paths.vm_cfg_path.c_str(), F_OK) != 0 && was_exported(vm);
 }
 
 bool wants_update(const vm_state_t& vm, bool force, std::time_t now) {

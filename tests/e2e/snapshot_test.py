@@ -248,6 +248,23 @@ class Backups(BackupCase):
                 self.assertEqual(hashlib.sha256(data).hexdigest(), moments["vm"][-1]["scsi0:2"])
             self.assertEqual({vm: len(found) for vm, found in moments.items()}, {vm: n + 1 for vm, n in made.items()})
 
+    def test_a_vm_moves_while_it_is_read(self):
+        """Its disks can be opened at the new place before its reader ends, and are of the same moment."""
+        directory, moved = self.directory(self.vm), EXPORT / "shelf" / self.vm.name
+        entries = set(os.listdir(directory))
+        self.appliance.command("folder", "add", "shelf")
+        with self.running(self.vm):
+            with Reader(directory / "disk-flat.vmdk", direct=True) as reader:
+                reader.read(0, SECTOR)
+                self.appliance.command("folder", "move", self.vm.uuid, "shelf")
+                wait_equal(lambda: moved.exists() and set(os.listdir(moved)), entries, "it is at its new place")
+                with Reader(moved / "bare-flat.vmdk") as other:
+                    data = b"".join(other.read(at, MIB) for at in range(0, 4 * MIB, MIB))
+                self.assertEqual(hashlib.sha256(data).hexdigest(), self.moments(self.vm)[-1]["scsi0:2"])
+            self.appliance.command("folder", "move", self.vm.uuid, "-")
+            wait_equal(lambda: directory.exists() and set(os.listdir(directory)), entries, "it is back", BOUND)
+        self.appliance.command("folder", "remove", "shelf")
+
     def test_a_template_needs_none(self):
         path = self.directory(self.template) / "disk-flat.vmdk"
         self.assertTrue(path.read_bytes()[HEADER.stop:] == self.template.flat().read_bytes()[HEADER.stop:])
