@@ -341,6 +341,12 @@ errdesc_t* snapshot_use_t::take(const std::string& path, const std::string& file
     return nullptr;
 }
 
+bool snapshot_use_t::is_gone() const {
+    const errdesc_keeper_t keeper;
+    const snapshot_state_ptr state = snapshot_state_find(snapshot_thr_state().list, header_.hv_name, header_.vm_uuid);
+    return state != nullptr && mirador::is_gone(*state);
+}
+
 snapshot_use_t::~snapshot_use_t() {
     const errdesc_keeper_t keeper;
     std::string vmname;

@@ -118,6 +118,11 @@ bool leads_elsewhere(const vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
     return std::strcmp(now->path, then.path) != 0 || !is_same_file(now->statb, then.statb);
 }
 
+// Whether somebody else has removed the snapshot below: the VM writes to what was frozen.
+bool has_lost_snapshot(const vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
+    return cookie.snapshot != nullptr && cookie.snapshot->is_gone();
+}
+
 // Takes a cookie out of the table for good, with all that it holds.
 void discard(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
     const errdesc_keeper_t keep;
@@ -126,8 +131,10 @@ void discard(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
         _errdesc_log(e, ERRDESC_ERROR);
 }
 
-// Discards a cookie whose path leads elsewhere. A disk that is open stays: what was opened is in use.
+// Discards a cookie that nobody may open any more. A disk that is open stays: what was opened is in use.
 errdesc_t* give_up(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
+    if (cookie.ref > 0 && is_disk(cookie) && has_lost_snapshot(cookie))
+        return errdesc_set_fmt(ESTALE, "%s: the snapshot that it is read from is no longer there", cookie.path.c_str());
     if (cookie.ref > 0 && is_disk(cookie))
         return errdesc_set_fmt(EBUSY, "%s: another disk is still open under this path", cookie.path.c_str());
     discard(cookie);
@@ -141,7 +148,7 @@ errdesc_t* open_cookie(const cookie_ptr& shared, bool by_losetup_name, std::uniq
     *retry = cookie.detached;
     if (*retry)
         return nullptr;
-    *retry = leads_elsewhere(cookie);
+    *retry = leads_elsewhere(cookie) || has_lost_snapshot(cookie);
     if (*retry)
         return give_up(cookie);
     cookie.ref++;

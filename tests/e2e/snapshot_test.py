@@ -3,6 +3,7 @@ of one moment, and behind the backup the VM is as it was, with all that its gues
 
 import concurrent.futures
 import contextlib
+import errno
 import fcntl
 import hashlib
 import itertools
@@ -18,7 +19,7 @@ from harness.disks import MIB, SECTOR, datastore, partition, raw_image
 from harness.guests import RunningMachine, contents
 from harness.inventory import SHADOW, InventoryCase
 from harness.machines import machine
-from harness.tools import WORK, run, wait_equal, wait_until
+from harness.tools import WORK, run, saved_error, wait_equal, wait_until
 
 HOST = "esx.example"
 CLOCK_FACTOR = 20  # the daemon's seconds in one of the clock on the wall
@@ -117,6 +118,9 @@ class BackupCase(InventoryCase):
         wait_equal(lambda: self.files(vm), before[0], f"{vm.name}: files as before", BOUND)
         wait_equal(lambda: self.look(vm), before, f"{vm.name} as before", BOUND)
         wait_equal(census.mappings, frozenset(), "no mapping")
+
+    def own_name(self, suffix=""):
+        return f"{snapshots.VENDOR}: {self.appliance.status()['settings']['controller.uuid']}{suffix}"
 
     def moments(self, vm):
         """What the agent says of the snapshots that it made of a VM: for each, node -> digest of the disk."""
@@ -217,9 +221,6 @@ class Backups(BackupCase):
             self.assertGreater(self.check_rounds(guest, copied), 0)
         self.assertTrue(self.chain.flat().read_bytes() == base, "what the user's snapshot froze")
 
-    def own_name(self, suffix=""):
-        return f"{snapshots.VENDOR}: {self.appliance.status()['settings']['controller.uuid']}{suffix}"
-
     def test_readers_share_a_snapshot(self):
         """Of two VMs, several readers at a time; the last one holds it for as long as it likes."""
         made = {vm.name: len(self.moments(vm)) for vm in (self.vm, self.chain)}
@@ -316,6 +317,24 @@ class Reuse(BackupCase):
             self.wait_gone(self.vm, before)
             self.assertGreater(self.check_rounds(guest, self.backup("disk.vmdk")), last)
             self.assertEqual(len(self.moments(self.vm)), 2)
+
+    def test_a_snapshot_that_somebody_removes_is_opened_no_more(self):
+        path = self.directory(self.vm) / "disk-flat.vmdk"
+        with self.running(self.vm) as (guest,):
+            with Reader(path, direct=True) as reader:
+                reader.read(0, SECTOR)
+                made = len(self.moments(self.vm))
+                self.appliance.command("snapshot", "remove", "--own", self.vm.name, self.own_name())
+
+                def refusal():
+                    try:
+                        Reader(path).__exit__()
+                    except OSError:
+                        return saved_error(path)[0]
+                    return None
+                wait_equal(refusal, errno.ESTALE, "it cannot be opened")
+            self.check_rounds(guest, self.backup("disk.vmdk"))
+            self.assertEqual(len(self.moments(self.vm)), made + 1)
 
     @classmethod
     def _stop_all(cls):

@@ -220,6 +220,7 @@ TEST_F(snapshot_thr, VmThatIsReadThroughOneHypervisorIsLeftAloneThroughAnother) 
 
 TEST_F(snapshot_thr, SnapshotThatSomebodyElseRemovedIsReadByNobodyNew) {
     use_ptr first = take();
+    EXPECT_FALSE(first->is_gone());
     show(0);
     std::unique_ptr<vm_proxy_header_t> header;
     ASSERT_EQ(vm_proxy_read_header_checked(shadow_ + disk_path(), &header), nullptr);
@@ -228,6 +229,7 @@ TEST_F(snapshot_thr, SnapshotThatSomebodyElseRemovedIsReadByNobodyNew) {
         snapshot_use_t::take(disk_path(), shadow_ + disk_path(), header.get(), &vmname_, &ctime_, &second);
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->number, ESTALE);
+    EXPECT_TRUE(first->is_gone());
     first.reset();
     (void)asked();
     second = take();
