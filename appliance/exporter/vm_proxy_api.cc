@@ -131,11 +131,13 @@ void discard(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
         _errdesc_log(e, ERRDESC_ERROR);
 }
 
-// Discards a cookie that nobody may open any more. A disk that is open stays: what was opened is in use.
+// Discards a cookie that nobody may open any more. A flat disk that is open stays, as what was opened is in use;
+// readers of a changed-block file keep what they have beside a newer one.
 errdesc_t* give_up(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
-    if (cookie.ref > 0 && is_disk(cookie) && has_lost_snapshot(cookie))
+    const bool stays = cookie.ref > 0 && cookie.header.type == VM_PROXY_HEADER_VMDK_FLAT;
+    if (stays && has_lost_snapshot(cookie))
         return errdesc_set_fmt(ESTALE, "%s: the snapshot that it is read from is no longer there", cookie.path.c_str());
-    if (cookie.ref > 0 && is_disk(cookie))
+    if (stays)
         return errdesc_set_fmt(EBUSY, "%s: another disk is still open under this path", cookie.path.c_str());
     discard(cookie);
     return nullptr;

@@ -59,8 +59,8 @@ class Clients:
 
     @contextlib.contextmanager
     def opened(self, vm: Vm, path: pathlib.Path, direct: bool = False, places: int = 1) -> Iterator[Reader | None]:
-        """A file of a VM; None when it cannot be opened, for a reason that is known. places: in the daemon's table. When
-        the path goes, a read of what is open may tell so, for the kernel asks for the size: Lost."""
+        """A file of a VM; None when it cannot be opened, for a reason that is known. places: in the daemon's table. Lost,
+        when its path is opened once more inside and has gone."""
         with self._table.using(places), contextlib.ExitStack() as stack:
             began = time.monotonic()
             try:
@@ -73,6 +73,8 @@ class Clients:
             try:
                 yield reader
             except FileNotFoundError as error:
+                if error.filename is None:  # a read of what is open never tells so
+                    raise
                 self.must_have_reason(vm, path, began, error)
                 raise Lost from error
 
