@@ -7,8 +7,9 @@ import sys
 from collections.abc import Callable
 from typing import NoReturn
 
-from . import choices, commands, serving, snapshot_arguments, worker
+from . import choices, commands, serving, snapshot_arguments, top, worker
 from .faults_told import Refused, reason
+from .live_rows import SORTS
 from .places import PROGRAM
 from .state import state_of
 from .texts import printable, to_bytes
@@ -68,32 +69,45 @@ class _Builder:
 
 def _parser() -> argparse.ArgumentParser:
     parser = _Parser(prog=PROGRAM, description=_ABOUT)
-    top = _Builder(parser, "command")
-    _add_serve(top.add("serve", "run the controller", serving.serve, description=_SERVE_ABOUT, epilog=_TEST_ABOUT))
-    top.add("status", "show machines, disks, alerts, reads and settings", commands.show_status).add_argument(
+    builder = _Builder(parser, "command")
+    _add_serve(builder.add("serve", "run the controller", serving.serve, description=_SERVE_ABOUT, epilog=_TEST_ABOUT))
+    builder.add("status", "show machines, disks, alerts, reads and settings", commands.show_status).add_argument(
         "--json", action="store_true", help="as one JSON object")
-    top.add("set", "change a setting; the daemon reads it at its next start", commands.set_setting, "KEY", "VALUE")
-    _add_folder(top.group("folder", "folders, which stand beside the hypervisors' directories in the exported tree"))
+    builder.add("set", "change a setting; the daemon reads it at its next start", commands.set_setting, "KEY", "VALUE")
+    _add_top(builder)
+    _add_folder(builder.group("folder",
+                              "folders, which stand beside the hypervisors' directories in the exported tree"))
     keys = ", ".join(sorted(key for key in choices.VM_CHOICES if key != "error"))
-    top.add("vm", "choose something for one machine", commands.choose, "VM", "KEY", "VALUE", epilog=f"Keys: {keys}.")
-    refresh = top.add("refresh", "let the daemon read machines anew", commands.refresh)
+    builder.add("vm", "choose something for one machine", commands.choose, "VM", "KEY", "VALUE",
+                epilog=f"Keys: {keys}.")
+    refresh = builder.add("refresh", "let the daemon read machines anew", commands.refresh)
     refresh.add_argument("vm", metavar="VM", nargs="*")
     refresh.add_argument("--first", type=number, default=0, metavar="N", help="the first N machines as well")
-    snapshot_arguments.add_snapshots(top)
-    snapshot_arguments.add_tracking(top)
-    snapshot_arguments.add_guest(top)
-    snapshot_arguments.add_faults(top)
-    _add_others(top)
+    snapshot_arguments.add_snapshots(builder)
+    snapshot_arguments.add_tracking(builder)
+    snapshot_arguments.add_guest(builder)
+    snapshot_arguments.add_faults(builder)
+    _add_others(builder)
     return parser
 
 
-def _add_others(top: _Builder) -> None:
-    install = top.add("install-scripts", "only put the programs that the daemon runs to their places",
-                      commands.install_scripts)
+def _add_top(builder: _Builder) -> None:
+    live = builder.add("top", "show machines, open exports, reads and alerts live; the controller's page does too",
+                       top.top)
+    live.add_argument("--once", action="store_true", help="print one frame as plain text")
+    live.add_argument("--sort", choices=list(SORTS), default="activity", help="which machines come first (activity)")
+    live.add_argument("--find", metavar="TEXT", default="", help="only machines with TEXT in name, place or datastore")
+    live.add_argument("--rows", type=number, metavar="N", default=20, help="machines in the frame of --once (20)")
+    live.add_argument("--url", metavar="URL", help="the controller's, instead of looking it up in the state directory")
+
+
+def _add_others(builder: _Builder) -> None:
+    install = builder.add("install-scripts", "only put the programs that the daemon runs to their places",
+                          commands.install_scripts)
     install.add_argument("--port", type=fixed_port, default=DEFAULT_PORT, help=f"of the controller ({DEFAULT_PORT})")
     install.add_argument("--https", action="store_true", help="it speaks HTTPS")
-    synthesize = top.add("synthesize", "make the files of N small machines with two disks each in DIR",
-                         commands.synthesize, "DIR")
+    synthesize = builder.add("synthesize", "make the files of N small machines with two disks each in DIR",
+                             commands.synthesize, "DIR")
     synthesize.add_argument("count", metavar="N", type=number)
 
 

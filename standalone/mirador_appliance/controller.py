@@ -4,6 +4,7 @@ Documents are kept as the bytes that go out and made anew when something in them
 should see ends in a new generation. Any thread may call anything.
 """
 
+import dataclasses
 import sqlite3
 import threading
 import time
@@ -32,6 +33,19 @@ class Unknown(Exception):
     """Something was asked for or posted that does not exist, in words."""
 
 
+@dataclasses.dataclass(frozen=True)
+class Look:
+    """What the controller has at one moment; nobody changes it. places: a VM's directory above its own, by uuid;
+    is_current: whether the daemon has taken over the newest generation."""
+    vms: list[Vm]
+    places: dict[str, str]
+    choices: dict[str, dict[str, Any]]
+    datastores: dict[str, dict[str, Any]]
+    alerts: list[dict[str, Any]]
+    settings: dict[str, str]
+    is_current: bool
+
+
 def _array(documents: Iterable[bytes]) -> bytes:
     return b"[" + b",".join(documents) + b"]"
 
@@ -52,6 +66,7 @@ class Controller:
         self._password = store.meta("password")
         self._alerts = AlertBook(store, self._settings["controller.uuid"])
         self._statistics = StatisticsBook(store)
+        self._taken_over = ""
         self._vm_documents: dict[str, bytes] = {}
         self._disk_documents: dict[str, bytes] = {}
         self._foreign = store.foreign_changes()
@@ -174,6 +189,15 @@ class Controller:
         with self._lock:
             return _array(map(pack, self._alerts.standing()))
 
+    def look(self) -> Look:
+        with self._lock:
+            hosts = {name: self._hypervisor(name) for name in self._stores}
+            vms, chosen = self._vms.all(), dict(self._choices)
+            places = {vm.uuid: self._folders.get(chosen.get(vm.uuid, {}).get(choices.FOLDER, ""), hosts[vm.key[0]])
+                      for vm in vms}
+            return Look(vms, places, chosen, {name: dict(record) for name, record in self._records.items()},
+                        self._alerts.standing(), self._settings, self._taken_over == self.generation.token)
+
     # Posted by the daemon
 
     def choose(self, uuid: str, values: dict[str, Any]) -> None:
@@ -242,6 +266,7 @@ class Controller:
     def taken_over(self, token: str) -> None:
         """The daemon has taken over the inventory of a generation."""
         self._store.set_meta("taken_over", token)
+        self._taken_over = token
         self.generation.taken_over(token)
 
     # Told by discovery

@@ -8,6 +8,7 @@ Facts are a dict, as the worker tells them and the database keeps them:
     uuids        up to two, normalised, best first
     working_directory  hypervisor's path of the directory that snapshots go to
     snapshots    names of its snapshots
+    snapshot_times  when each was made, in seconds since 1970; 0: its database does not tell
     files        digest of sizes and times of everything read; differs when a file does
     frozen       what snapshots of appliances have frozen: name of the snapshot -> list as in disks, whose heads are what
                  the newest snapshot of that name froze
@@ -192,19 +193,21 @@ def gather(record: VmxRecord, store: Datastore, volumes: Volumes) -> tuple[Facts
     reader = _DiskReader(record, volumes)
     disks = _read_disks(record, reader, problems)
     try:
-        snapshots = vmsd.snapshot_names(vmsd_path(record.path))
+        snapshots = vmsd.snapshots(vmsd_path(record.path))
     except OSError as error:
         snapshots = []
         problems.append(["snapshots", f"The snapshots of '{relative}' cannot be read: {reason(error)}."])
     holder = _DiskReader(record, volumes)
-    held = _read_frozen(record, holder, snapshots, volumes, problems)
+    names = [name for name, _ in snapshots]
+    held = _read_frozen(record, holder, names, volumes, problems)
     facts = {
         "datastore": store.name,
         "vmx_path": relative,
         "name": record.name,
         "uuids": [text for text in map(normalised, record.uuids) if text],
         "working_directory": volumes.hypervisor_path(_working_directory(record, volumes)),
-        "snapshots": snapshots,
+        "snapshots": names,
+        "snapshot_times": [created for _, created in snapshots],
         "frozen": held,
         "disks": disks,
         "problems": problems,

@@ -6,6 +6,7 @@ from typing import Any
 
 from . import choices
 from .controller import Controller, Unknown
+from .live import Live
 from .texts import pack, unpack
 
 _LONGEST_WAIT = 300.0  # seconds; the client then asks again
@@ -43,15 +44,16 @@ def _body(data: bytes, wanted: type) -> Any:
 
 
 class Objects:
-    """Answers requests from a controller. forget_changes: is given the uuid of a VM whose disks' tracked changes are of
-    no use any more."""
+    """Answers requests from a controller. live: is told what the daemon does; forget_changes: is given the uuid of a VM
+    whose disks' tracked changes are of no use any more."""
 
-    def __init__(self, controller: Controller, forget_changes: Callable[[str], None] = lambda uuid: None) -> None:
-        self._controller, self._forget_changes = controller, forget_changes
+    def __init__(self, controller: Controller, live: Live,
+                 forget_changes: Callable[[str], None] = lambda uuid: None) -> None:
+        self._controller, self._live, self._forget_changes = controller, live, forget_changes
         self._getters: dict[str, Callable[[Query, IsWanted], bytes]] = {
             "hvconfig": lambda query, _: controller.hypervisors(),
             "vhost": self._get_vhost,
-            "vdisk": lambda query, _: controller.disks(query.get("vhost_uuid"), query.get("name")),
+            "vdisk": self._get_vdisk,
             "folder": lambda query, _: controller.folders(),
             "datastore": lambda query, _: controller.datastores(),
             "nfs_datastore": lambda query, _: b"[]",  # every datastore is mounted already
@@ -95,6 +97,12 @@ class Objects:
             return self._controller.vm(query["vm_uuid"])
         return self._controller.vms(query.get("hv_hostname"))
 
+    def _get_vdisk(self, query: Query, _: IsWanted) -> bytes:
+        uuid, name = query.get("vhost_uuid"), query.get("name")
+        if uuid is not None and name is None:
+            self._live.daemon_asks_for(uuid)
+        return self._controller.disks(uuid, name)
+
     def _get_node(self, query: Query, _: IsWanted) -> bytes:
         if "get_master" not in query:
             raise BadRequest(400, "node: only get_master can be asked")
@@ -105,12 +113,18 @@ class Objects:
         generation = self._controller.generation
         if target == _TAKEN_OVER and kind == "set":
             self._controller.taken_over(known)
+            self._live.daemon_has_taken_over()
             return pack({"genId": known})
         if target != _INVENTORY or kind not in ("query", "wait"):
             raise BadRequest(404, f"fs_sync: no {kind} of {target}")
         if kind == "query":
             return pack({"genId": generation.token})
-        return pack({"genId": generation.wait(known, self._seconds(query), is_wanted)})
+        seconds = self._seconds(query)
+        with self._live.presence.waits(known, is_wanted):
+            token = generation.wait(known, seconds, is_wanted)
+        if token != known:
+            self._live.presence.begins()
+        return pack({"genId": token})
 
     @staticmethod
     def _seconds(query: Query) -> float:
@@ -176,5 +190,7 @@ class Objects:
         return {}
 
     def _post_vmstats(self, data: bytes) -> dict[str, Any]:
-        self._controller.take_statistics(_body(data, list))
+        report = _body(data, list)
+        self._controller.take_statistics(report)
+        self._live.take_report(report)
         return {}

@@ -16,8 +16,10 @@ from .datastores import Datastore, parse_argument, publish
 from .discovery import find_program
 from .faults_told import Refused, reason
 from .installer import install
+from .live import Live
 from .mischief import Mischief, read_rules
 from .objects import Objects
+from .pages import Pages
 from .places import PROGRAM, Places
 from .state import Lock, open_store, places_of, state_of
 from .store import Store
@@ -69,8 +71,9 @@ def serve(options: argparse.Namespace) -> int:
     controller = Controller(store, stores, say)
     certificate = pathlib.Path(options.certificate) if options.certificate else None
     home = Home(state_of(options), places.root)
-    objects = Objects(controller, lambda uuid: tracking_commands.start_anew(home, uuid))
-    server = Server(options.port, objects, Mischief(options.faults), Journal(options.journal), certificate)
+    live = Live(controller, say)
+    objects = Objects(controller, live, lambda uuid: tracking_commands.start_anew(home, uuid))
+    server = Server(options.port, objects, Pages(live), Mischief(options.faults), Journal(options.journal), certificate)
     for datastore in stores if options.datastore else []:
         publish(datastore, places)
     install(places, state_of(options), server.server_port, server.is_https)

@@ -10,6 +10,7 @@ from . import choices, overview
 from .records import VM_CHOICES
 from .store import Store
 from .texts import printable
+from .words import size
 
 Status = dict[str, Any]
 
@@ -98,20 +99,11 @@ def _section(title: str, lines: Iterator[str]) -> Iterator[str]:
     yield from (f"  {line}" for line in found)
 
 
-def _size(count: int) -> str:
-    """Bytes in the largest unit that leaves at least one: "512 B", "1.5 GiB"."""
-    value, units = float(count), ["B", "KiB", "MiB", "GiB", "TiB", "PiB"]
-    while value >= 1024 and len(units) > 1:
-        value /= 1024
-        units.pop(0)
-    return f"{value:.0f} {units[0]}" if units[0] == "B" else f"{value:.1f} {units[0]}"
-
-
 def _datastore_line(store: dict[str, Any]) -> str:
     state = "readable" if store.get("accessible") else "LOST"
     reading = "" if store.get("complete") else ", still being read"
     return (f"{store['name']}  {store['directory']} on {store['hypervisor']}: {state}, {store['vms']} VMs{reading}, "
-            f"{_size(store.get('free', 0))} of {_size(store.get('capacity', 0))} free")
+            f"{size(store.get('free', 0))} of {size(store.get('capacity', 0))} free")
 
 
 def _vm_lines(vm: dict[str, Any]) -> Iterator[str]:
@@ -122,7 +114,7 @@ def _vm_lines(vm: dict[str, Any]) -> Iterator[str]:
         f", {mark}" for mark in marks)
     for disk in vm["disks"]:
         kind = "independent, not exported" if disk["independent"] else "thin" if disk["thin"] else "thick"
-        yield f"    {disk['name']}  {_size(disk['capacity'])}, {kind}"
+        yield f"    {disk['name']}  {size(disk['capacity'])}, {kind}"
     for line in overview.lines(vm | {"error": vm["snapshot_error"]}):
         yield f"    {line}"
     for problem in [*vm["problems"], *([vm["error"]] if vm["error"] else [])]:
@@ -137,4 +129,4 @@ def _alert_line(alert: dict[str, Any]) -> str:
 def _statistics_line(path: str, record: dict[str, int]) -> str:
     total = record.get("vmdk_bytes_read", 0) + record.get("vmdk_bytes_read2", 0)
     skipped = record.get("vmdk_bytes_skipped", 0) + record.get("vmdk_bytes_skipped2", 0)
-    return f"{path}  {_size(total)} read, {_size(skipped)} skipped"
+    return f"{path}  {size(total)} read, {size(skipped)} skipped"

@@ -2,6 +2,7 @@
 
 import http.server
 import io
+import ipaddress
 import json
 import os
 import pathlib
@@ -13,12 +14,14 @@ import ssl
 import sys
 import threading
 import time
+import urllib.parse
 from typing import Any
 
 from . import peer
 from .faults_told import Refused, reason
 from .mischief import Mischief, Rule
 from .objects import BadRequest, Objects
+from .pages import JSON, PAGE_HEADERS, Pages
 from .texts import pack, to_text
 
 ADDRESS = "127.0.0.1"
@@ -58,15 +61,15 @@ def _private(path: str, flags: int) -> int:
 
 
 class Server(http.server.ThreadingHTTPServer):
-    """Serves one set of objects on the loopback interface."""
+    """Serves one set of objects, and the pages for people, on the loopback interface."""
     daemon_threads = True
     block_on_close = False
     request_queue_size = 512
 
-    def __init__(self, port: int, objects: Objects, mischief: Mischief, journal: Journal,
+    def __init__(self, port: int, objects: Objects, pages: Pages, mischief: Mischief, journal: Journal,
                  certificate: pathlib.Path | None) -> None:
         """port: 0 for any; certificate: PEM file with certificate and key, for HTTPS. Refused."""
-        self.objects, self.mischief, self.journal = objects, mischief, journal
+        self.objects, self.pages, self.mischief, self.journal = objects, pages, mischief, journal
         self.ending = threading.Event()
         self._tls = _tls_context(certificate) if certificate else None
         try:
@@ -133,7 +136,22 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         self.rfile = io.BufferedReader(_PromptReader(self.connection, time.monotonic() + _PATIENCE))
 
     def do_GET(self) -> None:
-        self._serve(b"")
+        path, _, query = self.path.partition("?")
+        if path in self.server.pages:
+            self._show(path, query)
+        else:
+            self._serve(b"")
+
+    def _show(self, path: str, query: str) -> None:
+        """A page for people; no part of what the journal and the faults are about."""
+        if not self._is_host_own():
+            self._answer(403, pack({"error": "not the name of this machine"}))
+            return
+        try:
+            kind, body = self.server.pages.get(path, query)
+            self._answer(200, body, kind=kind, more=PAGE_HEADERS)
+        except ValueError as error:
+            self._answer(400, pack({"error": str(error)}))
 
     def do_POST(self) -> None:
         try:
@@ -166,6 +184,8 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         return rule.status or 200, text.encode("utf-8", "surrogateescape") * rule.repeat
 
     def _result(self, name: str, query: str, body: bytes) -> tuple[int, bytes]:
+        if not self._is_host_own() or self.command == "POST" and self.headers.get("Origin") is not None:
+            return 403, pack({"error": "not for other sites' pages"})
         if (self.command == "POST" or name in _SECRET) and not self._is_client_trusted():
             return 403, pack({"error": "for root alone"})
         try:
@@ -180,6 +200,19 @@ class _Handler(http.server.BaseHTTPRequestHandler):
     def _is_client_trusted(self) -> bool:
         return peer.is_trusted(self.client_address, self.server.server_address)
 
+    def _is_host_own(self) -> bool:
+        """Whether the client means this machine. A page whose own name was made to lead here (it would count as this
+        server's then) does not. Whoever sends no name is no browser."""
+        host = self.headers.get("Host")
+        name = "" if host is None else (urllib.parse.urlsplit(f"//{host}").hostname or "-")
+        if name in ("", "localhost"):
+            return True
+        try:
+            ipaddress.ip_address(name)
+        except ValueError:
+            return False
+        return True
+
     def _is_client_there(self) -> bool:
         """Whether the client still holds the connection open, which it does without sending more."""
         if isinstance(self.connection, ssl.SSLSocket):
@@ -191,13 +224,15 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         except OSError:
             return False
 
-    def _answer(self, status: int, answer: bytes, rule: Rule | None = None) -> None:
+    def _answer(self, status: int, answer: bytes, rule: Rule | None = None, kind: str = JSON,
+                more: tuple[str, ...] = ()) -> None:
         """Head and body in one piece, so that neither waits for the other's acknowledgement."""
         self.connection.settimeout(_PATIENCE)
         reason_phrase = self.responses.get(status, ("",))[0]
         chunked = rule is not None and bool(rule.chunked)
-        head = [f"HTTP/1.1 {status} {reason_phrase}", "Content-Type: application/json; charset=UTF-8",
-                "Transfer-Encoding: chunked" if chunked else f"Content-Length: {len(answer)}", "Connection: close"]
+        head = [f"HTTP/1.1 {status} {reason_phrase}", f"Content-Type: {kind}",
+                "Transfer-Encoding: chunked" if chunked else f"Content-Length: {len(answer)}", "Connection: close",
+                *more]
         if rule is not None and rule.location:
             head.append(f"Location: {rule.location}")
         data = _in_chunks(answer) if chunked else answer

@@ -11,7 +11,7 @@ from mirador_appliance.facts import VmxDisk, VmxRecord, gather
 from mirador_appliance.faults_told import Refused
 from mirador_appliance.places import Places
 from mirador_appliance.texts import pack, unpack
-from mirador_appliance.vmsd import snapshot_names
+from mirador_appliance.vmsd import snapshots
 
 SECTORS = FLAT_SIZE // SECTOR
 
@@ -136,18 +136,21 @@ class Disks(TemporaryCase):
         with self.assertRaisesRegex(Refused, "is there already"):
             publish(Datastore("ds1", None, str(self.directory / "other" / "ds1")), self.places)
 
-    def test_snapshot_names(self):
+    def test_snapshots(self):
         path = write(self.directory / "vm.vmsd", '.encoding = "UTF-8"\nsnapshot.numSnapshots = "3"\n'
                      'snapshot10.displayName = "last"\nsnapshot0.displayName = "a|22b|C3|A4"\n'
-                     'snapshot1.displayName = "x"\nsnapshot1.description = "displayName"\n', "\r\n")
-        self.assertEqual(snapshot_names(str(path)), ['a"bä', "x", "last"])
-        self.assertEqual(snapshot_names(str(path) + ".none"), [])
+                     'snapshot0.createTimeHigh = "404838"\nsnapshot0.createTimeLow = "-1"\n'
+                     'snapshot1.displayName = "x"\nsnapshot1.description = "displayName"\n'
+                     'snapshot1.createTimeHigh = "soon"\nsnapshot2.createTimeLow = "1"\n', "\r\n")
+        made = ((404838 << 32) + 0xffffffff) // 1_000_000
+        self.assertEqual(snapshots(str(path)), [('a"bä', made), ("x", 0), ("last", 0)])
+        self.assertEqual(snapshots(str(path) + ".none"), [])
         write(path, f'snapshot{"1" * 5000}.displayName = "x"\n')
-        self.assertEqual(snapshot_names(str(path)), [])
+        self.assertEqual(snapshots(str(path)), [])
         path.unlink()
         os.mkfifo(path)
         with self.assertRaises(OSError):
-            snapshot_names(str(path))
+            snapshots(str(path))
 
 
 if __name__ == "__main__":

@@ -171,7 +171,7 @@ for family, host in ((socket.AF_INET, "127.0.0.1"), (socket.AF_INET6, "::ffff:12
         port = int(self.appliance.url.rpartition(":")[2])
         clients = [socket.create_connection(("127.0.0.1", port)) for _ in range(5)]
         for client in clients:
-            client.sendall(f"GET {path} HTTP/1.1\r\nHost: x\r\n\r\n".encode())
+            client.sendall(f"GET {path} HTTP/1.1\r\nHost: localhost\r\n\r\n".encode())
         wait_until(lambda: threads() >= before + 5, "all wait")
         for client in clients:
             client.close()
