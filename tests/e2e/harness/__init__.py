@@ -17,5 +17,6 @@ snapshot_case
 cbt_case   the test case whose VMs' changes are tracked
 cbt_load   the same on a datastore that may be slow
 slow_file  a file that answers slowly
+clients    the tools that people back up with
 watcher    what shows of a secret in processes and temporary files
 """

@@ -20,7 +20,7 @@ _run_numbers = itertools.count(1)
 Rule = dict[str, Any]
 
 
-def _free_port() -> int:
+def free_port() -> int:
     with socket.create_server(("127.0.0.1", 0)) as probe:
         return probe.getsockname()[1]
 
@@ -35,7 +35,7 @@ class Appliance:
         self._faults = self._directory / "faults"
         self._journal = self._directory / "journal"
         self._datastores = datastores
-        self._port = _free_port()  # kept over restarts, as the daemon asks for it but once
+        self._port = free_port()  # kept over restarts, as the daemon asks for it but once
         self._process: subprocess.Popen | None = None
 
     def start(self) -> None:
