@@ -4,7 +4,6 @@ import itertools
 import json
 import os
 import stat
-import time
 import unittest
 import unittest.mock
 
@@ -268,21 +267,6 @@ class Faults(FilesCase):
         self.assertEqual(self.agent.reply(), b"")
         self.assertEqual((self.root / "web/web.vmdk").read_bytes(), self.vmx["web"].read_bytes())
         self.assertEqual(len(os.listdir(self.root / "web")), 3)
-
-    def test_faults_and_journal_know_the_methods(self):
-        self.fault("--method", "rm", "--error", "5", "--text", "no such luck", "--times", "1")
-        self.assertEqual(self.refused("rm", DC, "[ds1] web/web.vmx"), (5, "no such luck"))
-        self.assertTrue(self.vmx["web"].exists())
-        ended = self.ended()
-        self.assertEqual((ended["method"], ended["path"], ended["outcome"], ended["error"]),
-                         ("rm", "[ds1] web/web.vmx", "refused", 5))
-        self.agent.ask("mv", DC, "[ds1] web/web.vmx", DC, "[ds1] x", "0")
-        ended = self.ended()
-        self.assertEqual((ended["path"], ended["to"], ended["outcome"]), ("[ds1] web/web.vmx", "[ds1] x", "done"))
-        self.fault("--method", "ls", "--delay", "0.3")
-        started = time.monotonic()
-        self.assertEqual(self.ls("[ds1]"), {"web": "directory", "x": "file"})
-        self.assertGreaterEqual(time.monotonic() - started, 0.3)
 
 
 if __name__ == "__main__":

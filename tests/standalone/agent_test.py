@@ -94,10 +94,6 @@ class AgentCase(TemporaryCase):
         done = self.appliance.run("fault", "add", *words)
         self.assertEqual((done.returncode, done.stderr), (0, ""))
 
-    def ended(self):
-        """The last call's end in the journal."""
-        return [record for record in journal.read(self.state) if record["event"] == "ended"][-1]
-
 
 class Protocol(AgentCase):
     def test_nothing_is_done_for_strangers(self):
@@ -257,45 +253,6 @@ class Snapshots(AgentCase):
 
 
 class Faults(AgentCase):
-    def test_what_the_daemon_sees_and_what_was_done(self):
-        made, nothing = [self.mine], []
-        for words, reply, names, outcome in (
-                (("--die", "before"), b"", nothing, "died"),
-                (("--die", "after"), b"", made, "died"),
-                (("--error", "5", "--text", "x", "--times", "1"), b'{"errdesc":{"err_num":5,"err_string":"x"', nothing,
-                 "refused"),
-                (("--error", "5", "--acts"), b'{"errdesc":{"err_num":5', made, "refused"),
-                (("--busy", "--for", "60"), b'{"errdesc":{"err_num":114', nothing, "refused"),
-                (("--garbage", "<html>\n"), b"<html>\n", nothing, "garbage"),
-                (("--cut", "9"), b'{"respons', made, "cut"),
-                (("--noise", "60000"), b'{"response_type"', made, "done"),
-                (("--vm", "mail", "--error", "5"), b'{"response_type"', made, "done")):
-            with self.subTest(words=words):
-                agent = self.connected()
-                self.fault("--method", "create_snapshot", *words)
-                agent.send(json.dumps(["create_snapshot", "web", WEB, self.mine, "0"]) + "\n")
-                self.assertTrue((told := agent.reply()).startswith(reply) and bool(told) == bool(reply), told)
-                self.assertEqual(self.ended()["outcome"], outcome)
-                agent.close()
-                self.appliance.run("fault", "clear")
-                agent = self.connected()
-                self.assertEqual(self.names(agent), names)
-                self.assertEqual(agent.ask("remove_snapshot", "web", WEB, self.mine, "1"), len(names))
-                agent.close()
-
-    def test_delay_silence_and_their_end(self):
-        agent = self.connected()
-        self.fault("--method", "df", "--delay", "0.5", "--times", "1", "--free", "7")
-        started = time.monotonic()
-        self.assertEqual(agent.ask("df")[0]["freeSpace"], 7)
-        self.assertGreaterEqual(time.monotonic() - started, 0.5)
-        self.assertNotEqual(agent.ask("df")[0]["freeSpace"], 7)
-        self.assertEqual(self.appliance.status()["agent_faults"], [])
-        self.fault("--method", "df", "--silence")
-        agent.send('["df"]\n')
-        with self.assertRaises(TimeoutError):
-            agent.reply(1)
-        self.assertEqual(agent.close(signal.SIGKILL), -signal.SIGKILL)
 
     def test_death_in_the_middle_leaves_what_the_next_removal_mends(self):
         agent, before = self.connected(), self.vmx["web"].read_bytes()
