@@ -9,10 +9,8 @@ import unittest
 from agent_test import MAIL, WEB, AgentCase
 from fixture import FLAT_SIZE, SECTOR, wait_until
 
-from mirador_appliance.agent import journal
 from mirador_appliance.hypervisor import snapshots
 from mirador_appliance.hypervisor.guest import Guest
-
 
 
 class Script(AgentCase):
@@ -97,37 +95,6 @@ class Script(AgentCase):
         for path in (self.state / "agent-journal.jsonl",):
             self.assertNotIn(self.password.encode(), path.read_bytes())
 
-    def test_faults(self):
-        self.snapshot()
-        base, _ = self.answer(only="y")
-        made_up = f"changeid: 52 01/3\nlength: 512\nstart: 0\nlength: 512\nstart: {FLAT_SIZE // 2}\n"
-        for words, status, text in ((("--error", "5"), 5, None), (("--error", "8"), 8, None),
-                                    (("--error", "77"), 77, None), (("--garbage", "start: 5\\nx"), 0, "start: 5\nx"),
-                                    (("--die", "before"), -9, None),
-                                    (("--cut", "12"), -9, f"changeid: {base}"[:12]),
-                                    (("--changeid", "52 01/3", "--extents", "2"), 0, made_up),
-                                    (("--extents", "0"), 0, f"changeid: {base}\n"),
-                                    (("--vm", "mail", "--error", "9"), 0, "")):
-            with self.subTest(words):
-                self.results.unlink(missing_ok=True)
-                self.fault("--method", "cbt_getblocklist", "--times", "1", *words)
-                self.assertEqual(self.run_script(base), status)
-                self.assertEqual(self.results.read_text() if self.results.exists() else None,
-                                 f"changeid: {base}\n" if text == "" else text)
-                self.appliance.run("fault", "clear")
-        self.fault("--method", "cbt_getblocklist", "--delay", "0.4", "--extents", "200000")
-        begin = time.monotonic()
-        _, extents = self.answer(vmdksize=str(200_000 * SECTOR))
-        self.assertEqual((len(extents), extents[-1]), (200_000, (199_999 * SECTOR, SECTOR)))
-        self.assertGreater(time.monotonic() - begin, 0.4)
-        self.appliance.run("fault", "clear")
-        self.fault("--method", "cbt_getblocklist", "--silence")
-        with self.assertRaises(subprocess.TimeoutExpired):
-            self.run_script(timeout=1)
-        calls = [record for record in journal.read(self.state) if record.get("method") == "cbt_getblocklist"]
-        self.assertEqual({(call["uuid"], call["vm"]) for call in calls}, {(WEB, "web")})
-        self.assertEqual([call["error"] for call in calls if "error" in call], [5, 8, 77])
-
     def test_switching_tells_the_daemon(self):
         def told():
             vm = self.appliance.vms()["web"]
@@ -163,16 +130,6 @@ class Script(AgentCase):
 
     def note(self):
         return self.appliance.get(f"vdisk?vhost_uuid={WEB}&name=web-corcbt.vmdk").json()[0]
-
-    def test_records_keep_what_the_daemon_notes(self):
-        """At the record of a changed-block file, also over a restart; numbers may come as texts."""
-        self.assertEqual(self.appliance.post("vmconfig", {"uuid": WEB, "cbt_reset_pending": 0}).status, 200)
-        posted = {**self.key, "changeid": "52 01/3", "changeid_base": "52 01/1", "changeid_incr": "uninitialized",
-                  "corcbt_size_percentage": 20, "cbt_reset_time_vdisk": 7, "flat_file_size": str(FLAT_SIZE)}
-        self.assertEqual(self.appliance.post("vdisk", posted).status, 200)
-        self.appliance.stop()
-        self.appliance.start()
-        self.assertEqual(self.note(), posted)
 
 
 del AgentCase  # its own tests are another file's

@@ -185,20 +185,6 @@ class Records(ControllerCase):
                 served = {disk["head_ascii_path"] for disk in json.loads(self.controller.disks(A))}
                 self.assertEqual(served, heads)
 
-    def test_hosts(self):
-        self.store.close()
-        self.start("esx2")
-        self.controller.take_vms([vm_facts("one", A), vm_facts("two", B, store="ds2")])
-        names = [host["hostname"] for host in json.loads(self.controller.hypervisors())]
-        self.assertIn("esx2", names)
-        self.assertEqual(len(names), 2)
-        self.assertEqual([vm["name"] for vm in json.loads(self.controller.vms("esx2"))], ["two"])
-        self.assertEqual(json.loads(self.controller.vms("esx3")), [])
-        self.store.close()
-        self.start()  # without ds2
-        self.assertEqual(list(self.vms()), ["one"])
-        self.assertEqual(len(json.loads(self.controller.hypervisors())), 1)
-
     def test_vm_that_cannot_be_read_stays_as_it_was(self):
         self.controller.take_vms([vm_facts("vm", A)])
         broken = vm_facts("", store="ds1", vmx_path="vm/vm.vmx", problems=[["", "it cannot be read"]])
@@ -253,25 +239,6 @@ class Posted(ControllerCase):
         self.controller.clear_alert(self.alert(object_id="never raised"))
         self.assertEqual(self.standing(), [("snapshot_create", "esx:vm", "other", 1)])
         self.assertEqual(len(self.store.alerts()), 1)
-
-    def test_own_alerts_are_looked_for_anew_after_a_restart(self):
-        self.controller.take_vms([vm_facts("vm", A, problems=[["d.vmdk", "split"]])])
-        self.assertEqual([alert[:2] for alert in self.standing()], [("disk_inventory", "ds1/vm/vm.vmx:d.vmdk")])
-        self.store.close()
-        self.start()
-        self.assertEqual(self.standing(), [])
-
-    def test_statistics_make_up_for_failed_posts(self):
-        path = "/export/esx/vm/d-flat.vmdk"
-        for total, delta in ((8192, 4096), (8192, 0), (20000, 11808)):
-            self.controller.take_statistics([{"vmdk_path": path, "vmdk_bytes_read": str(total),
-                                              "delta_bytes_read": str(delta)}])
-        self.controller.take_statistics([{"vmdk_path": path, "vmdk_bytes_read2": "5", "delta_bytes_read2": "5"}] * 2)
-        with self.assertRaises(ValueError):
-            self.controller.take_statistics([{"vmdk_bytes_read": "5"}])
-        record = self.command().statistics()[path]
-        self.assertEqual((record["vmdk_bytes_read"], record["sum_delta_bytes_read"]), (20000, 15904))
-        self.assertEqual((record["vmdk_bytes_read2"], record["sum_delta_bytes_read2"], record["reports"]), (5, 10, 5))
 
 
 if __name__ == "__main__":

@@ -1,14 +1,11 @@
 """The appliance over real datastores, with the program that reads configuration files: what a person sees and the
 daemon is told while VMs come, change, break and go."""
 
-import json
 import os
-import pathlib
 import shutil
-import subprocess
 import unittest
 
-from fixture import FLAT_SIZE, PROGRAM, Appliance, TemporaryCase, delta_disk, flat_disk, make_vm, uuid_of, vmx_text
+from fixture import Appliance, TemporaryCase, flat_disk, make_vm, uuid_of, vmx_text
 from fixture import wait_until, write
 
 
@@ -36,45 +33,6 @@ class DatastoreCase(TemporaryCase):
 
 
 class Life(DatastoreCase):
-    def test_vms_come_change_and_go(self):
-        make_vm(self.store, "web", 1)
-        make_vm(self.store / "templates", "gold", 2, suffix=".vmtx")
-        self.start()
-        vms = self.wait_for("web", "gold")
-        self.assertEqual(vms["gold"]["vmx_path"], "templates/gold/gold.vmtx")
-        self.assertEqual(vms["web"]["uuid"], uuid_of(1))
-        disk, = self.disks("web")
-        self.assertEqual((disk["head_ascii_path"], disk["base_extent_path"], disk["base_extent_size"]),
-                         ("/vmfs/volumes/ds1/web/web.vmdk", "/vmfs/volumes/ds1/web/web-flat.vmdk", FLAT_SIZE))
-        for root in ("vmfs/volumes", "vmfs.direct/volumes"):
-            self.assertEqual(os.path.realpath(self.appliance.root / root / "ds1"), str(self.store))
-
-        token = self.appliance.token()
-        make_vm(self.store, "mail", 3)
-        self.wait_for("web", "gold", "mail")
-        self.assertNotEqual(self.appliance.token(), token)
-
-        web = self.store / "web"
-        flat_disk(web / "other" / "web.vmdk")
-        write(web / "web.vmx", vmx_text("www", uuid_of(1), "web.vmdk", "other/web.vmdk"))
-        self.assertEqual(self.wait_for("www", "gold", "mail")["www"]["uuid"], uuid_of(1))
-        self.assertEqual([disk["base_ascii_path"] for disk in self.disks("www")],
-                         ["/vmfs/volumes/ds1/web/web.vmdk", "/vmfs/volumes/ds1/web/other/web.vmdk"])
-
-        delta_disk(web / "web-000001.vmdk", "web.vmdk")
-        mine = f"Corvantis: {self.appliance.status()['settings']['controller.uuid']}"
-        write(web / "web.vmsd", f'.encoding = "UTF-8"\nsnapshot0.displayName = "{mine}"\n')
-        wait_until(lambda: self.appliance.vms()["www"]["snap_exists"] == 1, "the snapshot is seen")
-
-        shutil.rmtree(self.store / "mail")
-        self.wait_for("www", "gold")
-
-    def test_independent_disk(self):
-        path = make_vm(self.store, "web", 1)
-        write(path, path.read_text() + 'scsi0:0.mode = "independent-persistent"\n')
-        self.start()
-        self.wait_for("web")
-        self.assertEqual([disk["independent"] for disk in self.disks("web")], [1])
 
     def test_what_cannot_be_read_is_told_and_harms_nobody(self):
         make_vm(self.store, "good", 1)
@@ -132,20 +90,6 @@ class Life(DatastoreCase):
 
 
 class Stores(DatastoreCase):
-    def test_datastore_vanishes_and_returns(self):
-        make_vm(self.store, "web", 1)
-        self.start()
-        self.wait_for("web")
-        away = self.directory / "away"
-        os.rename(self.store, away)
-        wait_until(lambda: "datastore" in self.messages(), "the loss is told")
-        self.assertEqual([store["accessible"] for store in self.appliance.get("datastore").json()], [0])
-        self.assertEqual(list(self.appliance.vms()), ["web"])
-        self.assertIn("LOST", self.appliance.run("status").stdout)
-        token = self.appliance.token()
-        os.rename(away, self.store)
-        wait_until(lambda: not self.messages(), "the return is seen")
-        self.assertNotEqual(self.appliance.token(), token)
 
     def test_nothing_is_mounted_at_the_start(self):
         make_vm(self.store, "web", 1)
@@ -173,37 +117,6 @@ class Stores(DatastoreCase):
         after = wait_until(lambda: [vm for vm in self.appliance.vms().values() if vm["datastore_name"] == "ds2"],
                            "the VM has moved")
         self.assertEqual([(vm["uuid"], vm["hv_hostname"]) for vm in after], [(before["uuid"], "esx2")])
-
-    def test_made_up_machines_read_as_they_are_served(self):
-        subprocess.run([PROGRAM, "synthesize", self.store, "12"], check=True)
-        self.start()
-        wait_until(lambda: len(self.appliance.vms()) == 12, "all machines are read")
-        read = self._inventory()
-        self.appliance.stop()
-        self.appliance = Appliance(self.directory / "other", "--synthetic", "12", "--datastore",
-                                   str(self.store)).start()
-        self.addCleanup(self.appliance.stop)
-        wait_until(lambda: len(self.appliance.vms()) == 12, "all machines are served")
-        self.assertEqual(self._inventory(), read)
-
-    def _inventory(self):
-        vms = self.appliance.vms()
-        for vm in vms.values():
-            del vm["last_discover_time"]
-        return vms, sorted(self.appliance.get("vdisk").json(), key=lambda disk: disk["base_ascii_path"])
-
-    def test_status_as_json(self):
-        make_vm(self.store, "web", 1)
-        self.start()
-        self.wait_for("web")
-        status = wait_until(lambda: (found := self.appliance.status())["datastores"][0]["complete"] and found,
-                            "the datastore has been read")
-        self.assertTrue(status["controller"]["running"])
-        self.assertEqual([(vm["name"], vm["disks"][0]["name"]) for vm in status["vms"]], [("web", "web.vmdk")])
-        self.appliance.stop()
-        self.assertFalse(json.loads(subprocess.run(
-            [PROGRAM, "status", "--json", "--root", pathlib.Path(self.directory / "root")], capture_output=True,
-            check=True).stdout)["controller"]["running"])
 
 
 if __name__ == "__main__":

@@ -12,13 +12,13 @@ import threading
 import unittest
 from unittest import mock
 
-from fixture import SECTOR, flat_disk, write
+from fixture import SECTOR, flat_disk
 from snapshots_test import MachineCase, read
 
 from mirador_appliance.hypervisor import consolidation, ctk, guest, snapshots, tracking
 from mirador_appliance.hypervisor.descriptors import change_content_id
 from mirador_appliance.hypervisor.machine import Machine, PlainNames, no_steps
-from mirador_appliance.hypervisor.tracking import EVERYTHING, NoChangeId, ResetNeeded
+from mirador_appliance.hypervisor.tracking import EVERYTHING, ResetNeeded
 
 NODES = ("scsi0:0", "scsi0:1")
 BLOCK = ctk.BLOCK * SECTOR
@@ -181,33 +181,6 @@ class Resets(TrackedCase):
             running.write_round()
         self.assert_covers("two", ids, held, self.frozen("two"))
 
-    def test_off_and_on(self):
-        _, ids = self.take("one")
-        snapshots.track(self.vmx, False)
-        self.assertEqual([name for name in self.files() if name.endswith(".ctk")], [])
-        with self.assertRaises(NoChangeId):
-            self.ask("one", EVERYTHING)
-        self.run_guest(1)
-        snapshots.track(self.vmx, True)
-        with self.assertRaises(NoChangeId):
-            self.ask("one", EVERYTHING)
-        self.create("two")
-        self.assert_lost("two", ids)
-
-    def test_a_disk_that_grows(self):
-        held, ids = self.take("one")
-        snapshots.remove(self.vmx, "one")
-        for name in "ab":
-            descriptor = self.home / f"{name}.vmdk"
-            os.truncate(self.home / f"{name}-flat.vmdk", (SECTORS + 300) * SECTOR)
-            write(descriptor, descriptor.read_text().replace(f"RW {SECTORS} ", f"RW {SECTORS + 300} "))
-        self.run_guest(1)
-        self.create("two")
-        self.assert_covers("two", ids, held, self.contents())
-        last = self.ask("two", ids["scsi0:1"], "scsi0:1")[1][-1]
-        self.assertLessEqual(last.start, 40 * BLOCK, "the block that the old end was in")
-        self.assertEqual(last.start + last.length, (SECTORS + 300) * SECTOR)
-
     def test_files_that_are_damaged(self):
         path = pathlib.Path(tracking.path_of(self.machine(), "scsi0:0"))
         whole = path.read_bytes()
@@ -230,19 +203,6 @@ class Switches(TrackedCase):
             vmx.write_bytes(text + change)
             self.assertEqual(tracking.nodes(self.machine()), expected)
 
-    def test_base_disks_name_their_files(self):
-        path = self.home / "a.vmdk"
-        self.run_guest(1)
-        self.create("one")
-        on = path.read_text()
-        self.assertIn('\nRW 5127 VMFS "a-flat.vmdk"\n# Change Tracking File\nchangeTrackPath="vm-scsi0-0.ctk"\n', on)
-        self.assertNotIn("changeTrackPath", (self.home / "c.vmdk").read_text())
-        snapshots.track(self.vmx, True)
-        self.assertEqual(path.read_text(), on)
-        snapshots.track(self.vmx, False)
-        self.assertEqual(path.read_text(), on.replace('# Change Tracking File\nchangeTrackPath="vm-scsi0-0.ctk"\n', ""))
-        snapshots.remove(self.vmx, "one")
-
     def test_a_merge_goes_first(self):
         """Both write the base's descriptor."""
         self.create("one")
@@ -261,18 +221,6 @@ class Switches(TrackedCase):
         self.assertNotIn("changeTrackPath", (self.home / "a.vmdk").read_text())
         self.create("three")
         self.assertEqual(self.contents(), held)
-
-    def test_the_configuration_is_kept(self):
-        vmx = pathlib.Path(self.vmx)
-        on = vmx.read_bytes()
-        snapshots.track(self.vmx, True)
-        self.assertEqual(vmx.read_bytes(), on)
-        snapshots.track(self.vmx, False)
-        self.assertEqual(vmx.read_bytes(), on.replace(b'ctkEnabled = "TRUE"', b'ctkEnabled = "FALSE"'))
-        self.assertTrue(on.endswith(b'"\r\nctkEnabled = "TRUE"\r\n'))
-        vmx.write_bytes(on.replace(b"\r\nctkEnabled = \"TRUE\"\r\n", b""))
-        snapshots.track(self.vmx, True)
-        self.assertEqual(vmx.read_bytes(), on)
 
 
 class Kills(TrackedCase):

@@ -175,16 +175,6 @@ class Following(TemporaryCase):
         shutil.rmtree(self.home / "a")  # the last VM, removed where it was
         self.assert_look([], ["a/a.vmx"])
 
-    def test_many(self):
-        for number in range(300):
-            write(self.home / f"v{number}" / "v.vmx", vmx_text(f"v{number}", uuid_of(number)))
-        sizes = [len(chunk) for chunk in self.watch.look().chunks]
-        self.assertEqual(sum(sizes), 300)
-        self.assertLess(sizes[0], 20)  # something is seen at once
-        started = time.monotonic()
-        self.assert_look([])
-        self.assertLess(time.monotonic() - started, 1)
-
 
 def _stat(path, broken):
     if path == str(broken):
