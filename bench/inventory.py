@@ -15,6 +15,7 @@ from harness.tools import run
 from cycles import HYPERVISOR, Controller, Cycles, FollowingDaemon, cpu_seconds
 from measure import status_kib
 from subjects import mount_tmpfs
+from told import tell
 
 SIZES = (100, 1_000, 5_000)
 QUICK_SIZES = (100, 1_000)
@@ -141,6 +142,7 @@ def _fresh_cycles(controller, rounds):
     figures = {}
     with _following(controller, _FRESH) as (daemon, cycles, begin):
         bare = status_kib(daemon.pid, "VmRSS")
+        tell("  the first cycle")
         first = cycles.next()
         _check(first, count, 0)
         figures["appear"] = first.end - begin
@@ -148,7 +150,11 @@ def _fresh_cycles(controller, rounds):
         figures["find"] = _find(count, daemon)
         cycles.forget()
         controller.hold_back(_HELPERS + count / 5000)
-        pairs = [_pair(controller, cycles, one_percent) for _ in range(rounds)]
+        pairs = []
+        for number in range(rounds):
+            tell(f"  cycles with and without changes, {number + 1} of {rounds}")
+            pairs.append(_pair(controller, cycles, one_percent))
+        tell("  listings during cycles")
         figures["1 % changed"] = _median([cycle for cycle, _ in pairs])
         figures["unchanged"] = _median([cycle for _, cycle in pairs])
         with _lister(_names(one_percent, count)) as listings:
@@ -164,6 +170,7 @@ def _fresh_cycles(controller, rounds):
 def _stale_cycles(controller):
     """With VMs whose files are looked at again in each cycle."""
     count, figures = controller.count, {}
+    tell("  cycles that look at every file again")
     with _following(controller, _STALE) as (_, cycles, _):
         with _lister(_names(0, count)) as listings:
             first = cycles.next()

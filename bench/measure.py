@@ -16,6 +16,7 @@ from harness.daemon import EXPORT, Daemon, Entry
 from harness.tools import program, run
 
 from subjects import DISK_SIZE, WORK, mount_tmpfs
+from told import tell
 
 HERE = pathlib.Path(__file__).resolve().parent
 BLOCKS = ("128k", "1m")
@@ -73,6 +74,7 @@ def taking_turns(rounds, contestants):
     figures = {key: [] for key in contestants}
     keys = list(contestants)
     for number in range(rounds):
+        tell(f"  round {number + 1} of {rounds}, {len(keys)} measurements")
         busy_between_rounds.append(busy_share(0.5))
         for key in keys[number % len(keys):] + keys[:number % len(keys)]:
             figures[key].append(contestants[key]())

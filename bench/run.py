@@ -17,7 +17,6 @@ import re
 import statistics
 import subprocess
 import sys
-import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests" / "e2e"))
 
@@ -28,10 +27,7 @@ import measure  # noqa: E402
 import smart_reads  # noqa: E402
 import snapshots  # noqa: E402
 from subjects import all_subjects  # noqa: E402
-
-
-def tell(text):
-    print(f"[{time.monotonic() - _BEGIN:5.0f} s] {text}", flush=True)
+from told import tell  # noqa: E402
 
 
 def machine():
@@ -143,6 +139,5 @@ def main():
 
 PARTS = {"bytes": measure_bytes, "smart-reads": measure_smart_reads, "inventory": measure_inventories,
          "snapshots": measure_snapshots, "changed-blocks": measure_changed_blocks}
-_BEGIN = time.monotonic()
 if __name__ == "__main__":
     main()

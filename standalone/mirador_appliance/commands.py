@@ -6,7 +6,7 @@ import sys
 import time
 import uuid
 
-from . import choices, overview, settings, status, synthetic
+from . import asking, choices, overview, settings, status, synthetic
 from .faults_told import Refused, reason
 from .installer import install
 from .records import Vm
@@ -17,10 +17,19 @@ from .store import Store
 def show_status(options: argparse.Namespace) -> int:
     store = open_store(options)
     found = status.collect(store, Lock(state_of(options)).is_taken(), overview.of_all(store, places_of(options)))
+    found["controller"]["daemon"] = _daemon_words(found["controller"]["url"])
     text = json.dumps(found, ensure_ascii=False, indent=1) + "\n" if options.json else status.as_text(found)
     sys.stdout.buffer.write(text.encode("utf-8", "backslashreplace"))  # stray bytes as "\udc..", which is JSON
     sys.stdout.buffer.flush()
     return 0
+
+
+def _daemon_words(url: str) -> str:
+    """How far the daemon is, as the controller tells; "" when it does not."""
+    try:
+        return str(asking.overview(url, rows=0)["daemon"]["words"]) if url else ""
+    except (Refused, LookupError, TypeError):
+        return ""
 
 
 def set_setting(options: argparse.Namespace) -> int:

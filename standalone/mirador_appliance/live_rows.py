@@ -34,7 +34,8 @@ SORTS: dict[str, Callable[[Row], Any]] = {
 
 def is_exported(look: Look, vm: Vm) -> bool:
     chosen = look.choices.get(vm.uuid)
-    return not chosen or all(chosen.get(key, VM_CHOICES[key]) for key in ("export_enabled", "controller_export_enabled"))
+    keys = "export_enabled", "controller_export_enabled"
+    return not chosen or all(chosen.get(key, VM_CHOICES[key]) for key in keys)
 
 
 class VmRows:

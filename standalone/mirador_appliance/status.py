@@ -18,7 +18,8 @@ Status = dict[str, Any]
 def collect(store: Store, is_running: bool, now: dict[str, Any]) -> Status:
     """The status as one JSON object. now: the snapshots as they stand, see overview.of_all.
 
-    controller  {running, url, taken_over (generation that the daemon reported last)}
+    controller  {running, url, taken_over (generation that the daemon reported last), daemon (how far it is, in words;
+                "" when no controller tells; the caller adds it)}
     datastores  [{name, directory, hypervisor, accessible, complete, capacity, free (bytes), vms}]
     folders     [{uuid, name, vms}]
     vms         [{uuid, name, datastore, vmx_path, hypervisor, folder, snapshots, busy, consolidation_needed, changed,
@@ -82,6 +83,8 @@ def as_text(status: Status) -> str:
 def _lines(status: Status) -> Iterator[str]:
     controller = status["controller"]
     yield f"Controller: {'running on ' + controller['url'] if controller['running'] else 'not running'}"
+    if controller.get("daemon"):
+        yield controller["daemon"]
     yield from _section("Datastores", map(_datastore_line, status["datastores"]))
     yield from _section("Folders", (f"{folder['name']}  {folder['vms']} VMs" for folder in status["folders"]))
     yield from _section("Virtual machines", (line for vm in status["vms"] for line in _vm_lines(vm)))

@@ -122,7 +122,7 @@ def _files(told: dict[str, Any], view: View) -> Iterator[Line]:
     yield (f"{fit('OPEN EXPORT', path)}{'READ':>11}{'A SECOND':>13}{'SKIPPED':>11}  NOW"), TITLE
     is_stale = told["daemon"]["state"] != "there"
     for file in files["rows"]:
-        state = ("unknown" if is_stale else "not read" if file["idle"] is None else
+        state = ("unknown" if is_stale else "opened" if file["idle"] is None else
                  "read" if file["reading"] else f"idle {duration(file['idle'])}")
         shown = printable(file["path"])
         while columns(shown) > path:  # its end tells more than its beginning

@@ -41,7 +41,7 @@ def kill_over_and_over(tally: Tally, reports: pathlib.Path, count: int) -> None:
         killer.prepare()
         for number in range(count):
             killer.kill_once(number)
-            print(f"{tally.line()}; last: {killer.last}", flush=True)
+            print(f"kill {number + 1} of {count} {tally.line()}; last: {killer.last}", flush=True)
         stage.rest()
         stage.stop()
         killer.check_reports()

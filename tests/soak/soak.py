@@ -105,6 +105,7 @@ def _soak(stage, tally, reports, options) -> None:
     from work import Calm
     leaks = Leaks(stage.daemon, reports, _MARGINS[options.sanitizer] * MIB)
     calm = Calm(tally)
+    print("the datastores are made and the daemon is started", flush=True)
     workers = _workers(stage, calm, leaks)
     try:
         stage.start()
@@ -117,7 +118,7 @@ def _soak(stage, tally, reports, options) -> None:
             worker.start()
         looks = 3 * max(1, round(options.minutes / 3 / _STAGE))
         for look in range(looks):
-            _watch(tally, options.minutes * 60 / looks)
+            _watch(tally, options.minutes * 60 / looks, look, looks)
             _look(stage, tally, leaks, calm, workers, is_warm=look + 1 >= looks / 3)
         if not tally.failures:
             tally.ended.set()
@@ -137,12 +138,13 @@ def _fill_memory_of_errors(directory: pathlib.Path) -> None:
             os.stat(directory / f"nothing-there-{number}")
 
 
-def _watch(tally, seconds: float) -> None:
-    """Tells how far it is, for a while or until something fails."""
+def _watch(tally, seconds: float, number: int, of: int) -> None:
+    """Tells how far it is, for a while or until something fails. number, of: which of the whiles it is, from 0 on."""
     end = time.monotonic() + seconds
     while not tally.ended.is_set() and time.monotonic() < end:
         tally.ended.wait(min(_LINE, max(0.1, end - time.monotonic())))
-        print(tally.line(), flush=True)
+        share = (number + min(1, 1 - (end - time.monotonic()) / seconds)) / of
+        print(f"{100 * share:3.0f} % {tally.line()}", flush=True)
 
 
 def _look(stage, tally, leaks, calm, workers, is_warm: bool) -> None:

@@ -105,7 +105,7 @@ function showAlerts({alerts}) {
 
 function state(file, isStale) {
   if (isStale) return "unknown";
-  if (file.idle === null) return "not read yet";
+  if (file.idle === null) return "just opened";
   return file.reading ? "being read" : `idle for ${duration(file.idle)}`;
 }
 
