@@ -161,15 +161,6 @@ class Ends(SnapshotCase):
         except OSError as error:
             return error
 
-    def test_term_while_a_snapshot_is_removed(self):
-        contents = self.assert_reads_frozen(self.idle)
-        self.faults.set(self.idle.name, {"method": "remove_snapshot", "delay": 1})
-        is_removed = self.faults.next_call(self.idle, "remove_snapshot")
-        self.remove_own(self.idle)
-        wait_until(is_removed, "it is being removed", BOUND)
-        self.assertEqual(self.end(), {})
-        self.wait_clean(self.idle, contents)
-
     def test_term_again_while_it_ends(self):
         """Who asks twice gets no snapshot left."""
         contents = self.assert_reads_frozen(self.idle)
