@@ -2,7 +2,6 @@
 
 import json
 import sqlite3
-import time
 import unittest
 
 from fixture import TemporaryCase, uuid_of
@@ -117,26 +116,6 @@ class Generations(ControllerCase):
                 ("a VM gone", True, lambda: self.controller.drop_vms([("ds1", "vm/vm.vmx")]))):
             with self.subTest(what):
                 self.assert_bumps(expected, action)
-
-    def test_commands_on_the_database(self):
-        def with_command(action):
-            return lambda: (action(self.command()), self.controller.take_commands())
-
-        for what, expected, action in (
-                ("a daemon's setting", False, lambda store: store.set_setting("export.cache.ttl", "5")),
-                ("the host's name", True, lambda store: store.set_setting("hypervisor.name", "esx9")),
-                ("a folder", True, lambda store: store.set_folder("f", "Accounts")),
-                ("into it", True, lambda store: store.set_choices(A, {"folder": "f"})),
-                ("renamed", True, lambda store: store.set_folder("f", "Sales")),
-                ("refreshed", True, lambda store: store.touch_vms([A], int(time.time()))),
-                ("refreshed within a second", True, lambda store: store.touch_vms([A], int(time.time()))),
-                ("nothing", False, lambda store: store.set_meta("x", "y"))):
-            with self.subTest(what):
-                self.assert_bumps(expected, with_command(action))
-        vm = self.vms()["vm"]
-        self.assertEqual((vm["folder"], vm["hv_hostname"], vm["host_system"]), ("Sales", "esx9", "esx9"))
-        self.assertEqual(json.loads(self.controller.folders()), [{"name": "Sales", "uuid": "f", "numVms": 1}])
-        self.assertEqual(self.controller.setting("export.cache.ttl"), "5")
 
     def test_what_cannot_be_stored_is_served(self):
         connection = self.store._connection
