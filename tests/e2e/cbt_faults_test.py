@@ -22,7 +22,7 @@ def results(change_id, *extents):
 class Answers(CbtCase):
     @classmethod
     def vm_names(cls):
-        return ["wrong", "failing", "void"]
+        return ["wrong", "failing"]
 
     @classmethod
     def make_machines(cls):
@@ -65,32 +65,20 @@ class Answers(CbtCase):
         epoch, _ = split(self.known(vm, "disk")["changeid_base"])
         change_id, size = f"{epoch}/9", DISKS["disk"]
         for what, text, expected in (
-                ("no text", "nonsense", WRONG_RESULTS), ("nothing told", "# nothing\n", WRONG_RESULTS),
-                ("an empty line", f"changeid: {change_id}\n\n", WRONG_RESULTS),
+                ("no text", "nonsense", WRONG_RESULTS),
                 ("no length", f"changeid: {change_id}\nstart: 0\n", WRONG_RESULTS),
-                ("part of a sector", results(change_id, (0, 100)), INVALID),
-                ("a start within a sector", results(change_id, (100, 512)), INVALID),
                 ("beyond the end", results(change_id, (0, 512), (size - 512, 1024)), INVALID),
-                ("overlapping", results(change_id, (0, 1024), (512, 1024)), INVALID),
-                ("out of order", results(change_id, (4096, 512), (0, 512)), INVALID),
-                ("nothing long", results(change_id, (0, 0)), INVALID),
-                ("before the disk", results(change_id, (-512, 512)), WRONG_RESULTS),
-                ("a sum that overflows", results(change_id, ((1 << 63) - 512, 1024)), INVALID)):
+                ("overlapping", results(change_id, (0, 1024), (512, 1024)), INVALID)):
             with self.subTest(what):
                 self.fault(vm, garbage=text)
                 self.check_failure(vm, expected)
-        self.write(vm)
-        self.incremental(vm, base)
-        self.fault(vm, garbage=results("52 01/9"))
-        self.check_failure(vm, UNEXPECTED, reset=True)
-        base = self.full(vm)
         self.write(vm)
         self.incremental(vm, base)
 
     def test_statuses(self):
         vm = self.vms["failing"]
         base = self.full(vm)
-        for what, rule, expected in (("it fails", {"error": 1}, 1), ("it fails in its own way", {"error": 77}, 77),
+        for what, rule, expected in (("it fails in its own way", {"error": 77}, 77),
                                      ("it is killed", {"die": "before"}, INVALID),
                                      ("it is silent", {"silence": 1}, TIMED_OUT)):
             with self.subTest(what):
@@ -114,21 +102,6 @@ class Answers(CbtCase):
                 base = self.full(vm)
                 self.write(vm)
                 self.incremental(vm, base)
-
-    def test_full_copies_while_the_script_fails(self):
-        """Without a change id to be had there is a copy all the same; one without a known reason fails."""
-        vm = self.vms["void"]
-        for rule in ({"error": 1}, {"garbage": "nonsense"}):
-            self.fault(vm, **rule)
-            self.assertNotEqual(self.open_fails(vm)[0], 0)
-            self.wait_quiet(vm)
-        self.fault(vm, error=5)
-        self.full(vm)
-        self.assertEqual(self.known(vm, "disk"), {})
-        self.faults.set(vm.name)
-        base = self.full(vm)
-        self.write(vm)
-        self.incremental(vm, base)
 
     def test_lists_of_any_length(self):
         vm = self.vms["long"]
