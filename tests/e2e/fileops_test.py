@@ -4,7 +4,6 @@ import contextlib
 import json
 import os
 import pathlib
-import pty
 import subprocess
 import unittest
 
@@ -44,10 +43,10 @@ class Fileops(unittest.TestCase):
         self.assertEqual((done.returncode, done.stderr), (0, ""), words)
         return done.stdout
 
-    def refuses(self, text, *words, status=1, host=HOST):
+    def refuses(self, text, *words, host=HOST):
         """A call that must fail with one line in which the text stands."""
         done = self.call(*words, host=host)
-        self.assertEqual((done.returncode, done.stdout, done.stderr.count("\n")), (status, "", 1), (words, done.stderr))
+        self.assertEqual((done.returncode, done.stdout, done.stderr.count("\n")), (1, "", 1), (words, done.stderr))
         self.assertTrue(done.stderr.startswith("mirador-fileops: "), done.stderr)
         self.assertIn(text, done.stderr)
 
@@ -66,31 +65,11 @@ class Fileops(unittest.TestCase):
         lines = self.does("ls", f"[{self.store.name}] web").splitlines()
         self.assertIn(f"diskExtentFile      {MIB}  {when}  disk-flat.vmdk", lines)
         self.assertEqual([line.split()[-1] for line in lines], sorted(os.listdir(self.vm.directory)))
-        self.assertIn("1.0 MiB", self.does("ls", "-h", self.store.link(flat)))
-        told = json.loads(self.does("ls", "--json", f"[{self.store.name}]"))
-        self.assertEqual([(file["name"], file["type"]) for file in told], [("out", "file"), ("web", "directory")])
         told = json.loads(self.does("stat", "--json", self.store.link(flat)))
         self.assertEqual((told["folder"], told["size"], told["mtime"]), ("web", MIB, 1_700_000_000))
-        shown = self.does("stat", self.store.link(flat))
-        for text in (f"[{self.store.name}] web/{flat.name}\n", "diskExtentFile", str(MIB), when, "ha-datacenter"):
-            self.assertIn(text, shown)
         told = {store["name"]: store["capacity"] for store in json.loads(self.does("df", "--json"))}
         self.assertEqual(told.keys(), {self.store.name, self.other.name})
         self.assertEqual(told[self.other.name], 16 * MIB)
-        header, *lines = self.does("df").splitlines()
-        self.assertTrue(header.startswith("DATASTORE"))
-        self.assertIn(str(16 * MIB), next(line for line in lines if line.startswith(self.other.name)))
-
-    def test_names_do_not_reach_the_terminal(self):
-        folder = self.store.vm("odd")
-        (folder / "a\x1b[2J\nb").touch()
-        controller, terminal = pty.openpty()
-        with open(controller, "rb", buffering=0) as reader:
-            done = subprocess.run([program("mirador-fileops"), HOST, "ls", f"[{self.store.name}] odd"],
-                                  stdin=subprocess.DEVNULL, stdout=terminal, check=False, timeout=60)
-            os.close(terminal)
-            shown = reader.read(4096).decode()
-        self.assertEqual((done.returncode, shown.rpartition("  ")[2]), (0, "a\\x1b[2J\\x0ab\r\n"))
 
     def test_changing(self):
         a, b, flat = f"[{self.store.name}]", f"[{self.other.name}]", self.vm.flat()
@@ -121,39 +100,18 @@ class Fileops(unittest.TestCase):
                 (("cp", vmx, f"{a} web/disk-flat.vmdk"), "File exists"),
                 (("mv", vmx, f"{a} web/disk-flat.vmdk"), "File exists"),
                 (("rm", f"{a} web"), "Directory not empty"),
-                (("mkdir", f"{a} x/y"), f"{a} x: No such file or directory"),
-                (("stat", f"{a} none"), f"{a} none: No such file or directory"),
                 (("cp", vmx, f"{a} ../precious"), "\"..\" is refused"),
                 (("cp", "-f", vmx, f"{a} out/precious"), "symbolic link"),
                 (("cp", f"{a} out/precious", f"{a} stolen"), "symbolic link"),
                 (("rm", str(self.outside / "precious")), "on no datastore"),
                 (("rm", "--datacenter", "ha-datacenter", str(self.outside / "precious")), "no path on a datastore"),
                 (("ls", f"[{self.foreign.name}]"), "on no datastore"),
-                (("ls", "--datacenter", "ha-datacenter", f"[{self.foreign.name}]"), "there is no datastore"),
                 (("ls", "--datacenter", "elsewhere", a), "there is no datacenter")):
             self.refuses(text, *words)
         self.refuses(f"no such hypervisor; the controller knows {HOST}, {OTHER_HOST}", "df", host="esx9.example")
-        self.refuses("unknown command \"dd\"; see mirador-fileops --help", "dd", status=2)
         self.assertEqual((self.outside / "precious").read_text(), "precious")
         self.assertEqual((os.listdir(self.outside), self.vm.flat().read_bytes()), (["precious"], before))
         self.assertFalse((self.store.directory / "stolen").exists())
-
-    def test_faults_of_the_agent(self):
-        a, vmx = f"[{self.store.name}]", self.store.link(self.vm.vmx)
-        with self.fault("--method", "stat", "--error", "5", "--text", "the disk\x1b[2J is tired"):
-            self.refuses("the disk\\x1b[2J is tired", "stat", vmx)
-        with self.fault("--method", "ls", "--garbage", "{}\n"):
-            self.refuses("no whole list", "ls", a)
-        with self.fault("--method", "ls", "--garbage", "<html>\n"):
-            self.refuses("json parse error", "ls", a)
-        with self.fault("--method", "cp", "--die", "before"):
-            self.refuses("Failed to get response to JRPC request", "cp", vmx, f"{a} new")
-        self.assertFalse((self.store.directory / "new").exists())
-        with self.fault("--method", "rm", "--busy"):
-            self.refuses("Another task is already in progress", "rm", vmx)
-        self.assertTrue(self.vm.vmx.exists())
-        with self.fault("--method", "connect", "--error", "13", "--text", "login refused"):
-            self.refuses("login refused", "df")
 
     def test_says_what_happens_and_keeps_secrets(self):
         """Nothing of it is in the output, and the login is nowhere."""

@@ -13,7 +13,7 @@ from harness.compare import Reader, first_difference
 from harness.daemon import EXPORT, Entry
 from harness.disks import (KIB, MIB, SECTOR, base_disk, cowd_delta, datastore, partition, raw_image, reference,
                            sparse_delta)
-from harness.tools import WORK, Failed, run, saved_error, wait_until, xattr
+from harness.tools import WORK, Failed, run, saved_error, xattr
 
 MAX_SESSION = 50
 
@@ -116,40 +116,6 @@ class Sessions(DaemonCase):
         self.assertIsNone(first_difference(old, self.image))
         self.assertNotEqual(device_of(old), first_device)
 
-    def test_full_table_of_open_files_refuses(self):
-        paths = self.export_small(MAX_SESSION + 1, "busy")
-        held = [self.open(path) for path in paths[:-1]]
-        with self.assert_nothing_kept():
-            self.assert_open_fails(paths[-1], errno.EMFILE, "Too many open files")
-        self.assertEqual(self.open(paths[0]).read(), b"text", "a path that has its place is opened")
-        held[7].close()
-        wait_until(lambda: self._opens(paths[-1]), "a closed file makes room")
-
-    @staticmethod
-    def _opens(path):
-        """A client's close returns before the daemon hears of it."""
-        try:
-            return path.read_bytes() == b"text"
-        except OSError as error:
-            if error.errno != errno.EIO or saved_error(path)[0] != errno.EMFILE:
-                raise
-            return False
-
-    def test_failed_open_beside_an_open_one(self):
-        """What the one that is open reads from outlives the failure, and goes with it."""
-        path = self.daemon.export_disk(base_disk(self.store, "robbed", self.image))
-        before = census.take()
-        held = self.open(path)
-        device = device_of(path)
-        with self.mappings_out_of_sight():
-            self.assert_open_fails(path, errno.ENOENT, "No such file or directory")
-        self.assertEqual(held.read(MIB), self.image.read_bytes()[:MIB])
-        self.assertIsNone(first_difference(path, self.image))
-        self.assertNotEqual(device_of(path), device)
-        held.close()
-        wait_until(lambda: len(census.loops() - before.loops) == 1, "the old loop device is detached")
-        self.assertNotIn(os.path.basename(device), census.mappings())
-
     def test_device_that_fails(self):
         """Reads tell the error, but for the header's alone; the next mapping reads again."""
         image = WORK / "failing.img"
@@ -175,15 +141,6 @@ class Sessions(DaemonCase):
         for filling in self.export_small(MAX_SESSION, "evicting"):
             self.open(filling).close()
         self.assertIsNone(first_difference(path, image, skip=header))
-
-    @staticmethod
-    @contextlib.contextmanager
-    def mappings_out_of_sight():
-        run("mount", "-t", "tmpfs", "cover", "/dev/mapper")
-        try:
-            yield
-        finally:
-            run("umount", "/dev/mapper")
 
 
 if __name__ == "__main__":
