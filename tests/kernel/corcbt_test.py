@@ -113,27 +113,6 @@ class Corcbt(unittest.TestCase):
                 self.check(*case)
                 self.assertEqual(standing(), left)
 
-    def test_ten_backups_in_a_row(self):
-        """Each image of now is the next one's before."""
-        rng = random.Random(4)
-        size = 8192
-        disk = bytearray(rng.randbytes(size * SECTOR))
-        self.flat.write_bytes(disk)
-        left = standing()
-        for _ in range(10):
-            size += rng.choice((0, 0, 777))
-            disk.extend(bytes(size * SECTOR - len(disk)))
-            ranges = random_ranges(rng, size)
-            for start, length in ranges:
-                disk[start * SECTOR:(start + length) * SECTOR] = rng.randbytes(length * SECTOR)
-            self.changes.write_bytes(corcbt(disk, ranges))
-            self.run_program("corcbt-device", "read", self.flat, self.changes, self.image)
-            self.assertTrue(self.made_image() == disk, "merged")
-            self.run_program("mirador-restore", self.flat, self.changes, "-o", self.image)
-            os.rename(self.image, self.flat)
-            self.assertTrue(self.flat.read_bytes() == disk, "restored")
-        self.assertEqual(standing(), left)
-
 
 if __name__ == "__main__":
     unittest.main()

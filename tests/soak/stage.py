@@ -11,7 +11,7 @@ from typing import Any
 from harness import census, snapshots
 from harness.appliance import Appliance
 from harness.daemon import Daemon
-from harness.disks import Datastore, datastore
+from harness.disks import datastore
 from harness.inventory import tree
 from harness.snapshots import Mischief
 from harness.tools import WORK, wait_equal, wait_until
@@ -72,9 +72,6 @@ class Stage:
     @property
     def vms(self) -> list[Vm]:
         return [*self.read, *self.tracked, *self.roaming]
-
-    def store_of(self, host: str) -> Datastore:
-        return self.stores[host]
 
     def start(self) -> None:
         self.before = census.take()

@@ -28,10 +28,6 @@ class Machine:
     def directory(self) -> pathlib.Path:
         return self.vmx.parent
 
-    @property
-    def is_template(self) -> bool:
-        return self.vmx.suffix == ".vmtx"
-
     def entries(self, *disks: str, companions: bool = False) -> set[str]:
         """The files that its directory in the exported tree has; `disks` instead of its own."""
         stems = [pathlib.PurePath(disk).stem for disk in disks or self.disks]
