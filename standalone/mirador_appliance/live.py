@@ -54,6 +54,7 @@ class Live:
 
     def _forget_reads(self) -> None:
         with self._lock:
+            self._note_quiet()
             self._reads.forget()
 
     # What the daemon does
@@ -65,9 +66,8 @@ class Live:
             self._reads.take(report, self._clock())
 
     def _note_quiet(self) -> None:
-        since = self.presence.there_since()
-        if since is not None:
-            self._reads.quiet(since, self._clock())
+        for since, until in self.presence.stays():
+            self._reads.quiet(since, until)
 
     def daemon_asks_for(self, uuid: str) -> None:
         """It asks for a VM's disks."""
@@ -135,7 +135,7 @@ class Live:
 
     def _throughput(self, now: float) -> dict[str, Any]:
         latest, rate = self._reads.latest(now), None
-        if latest is not None and self.presence.there_since() is not None:
+        if latest is not None and self.presence.is_there():
             seconds = latest.end - latest.start
             rate = {"read": latest.read / seconds, "skipped": latest.skipped / seconds, "seconds": seconds,
                     "age": now - latest.end}
@@ -147,7 +147,7 @@ class Live:
         """Those that are read come first."""
         files = self._reads.open_files(now)
         names = {(look.places[vm.uuid], vm.name): vm.uuid for vm in look.vms} if files else {}
-        rates = self._reads.latest(now) if self.presence.there_since() is not None else None
+        rates = self._reads.latest(now) if self.presence.is_there() else None
         rows = [self._file(file, names, rates, now) for file in files]
         return sorted(rows, key=lambda row: (not row["reading"], row["path"]))
 

@@ -6,10 +6,13 @@ asks for the disks of each VM that is new or has changed, and says when it is th
 
 import contextlib
 import threading
+from collections import deque
 from collections.abc import Callable, Iterator
 
 NOTHING_YET = "0-0"  # the generation that a daemon has at its start
 _SILENCE = 30.0  # seconds without a word and without a waiting connection, after which it counts as gone
+_BREAK = 5.0  # the same when it has closed its connection, which it does before it tries again
+_STAYS = 16
 
 
 class Presence:
@@ -21,6 +24,7 @@ class Presence:
         self._waiting = 0
         self._last: float | None = None  # when it spoke
         self._is_gone = False  # it closed the connection by which it waited
+        self._stays: deque[tuple[float, float]] = deque(maxlen=_STAYS)  # that are over
         self._there_since = 0.0
         self._is_new = True  # it has taken over nothing since its start
         self._cycle: float | None = None  # when the one under way began
@@ -50,11 +54,14 @@ class Presence:
     def _note(self) -> None:
         now = self._clock()
         if not self._is_there(now):
+            if self._last is not None:
+                self._stays.append((self._there_since, self._last))
             self._there_since = now
         self._last, self._is_gone = now, False
 
     def _is_there(self, now: float) -> bool:
-        return self._waiting > 0 or self._last is not None and not self._is_gone and now - self._last < _SILENCE
+        patience = _BREAK if self._is_gone else _SILENCE
+        return self._waiting > 0 or self._last is not None and now - self._last < patience
 
     def speaks(self) -> None:
         with self._lock:
@@ -83,10 +90,19 @@ class Presence:
             self._cycle, self._is_new = None, False
             return self._clock() - began if was_new and began is not None else None
 
-    def there_since(self) -> float | None:
-        """Since when it has been there; None when it is not."""
+    def is_there(self) -> bool:
         with self._lock:
-            return self._there_since if self._is_there(self._clock()) else None
+            return self._is_there(self._clock())
+
+    def stays(self) -> list[tuple[float, float]]:
+        """The times (seconds since 1970) between which it was there without a break, oldest first; those that are over
+        are told once."""
+        with self._lock:
+            found, now = list(self._stays), self._clock()
+            self._stays.clear()
+            if self._last is not None:
+                found.append((self._there_since, now if self._is_there(now) else self._last))
+            return found
 
     def told(self) -> dict[str, object]:
         """{state: "never", "silent" or "there"; silent (seconds since it spoke, or None); cycle: None, or the one under
