@@ -124,11 +124,23 @@ int mirador_getattr(const char* path, struct stat* st) {
     return -number;
 }
 
+// The path of an open file. FUSE has none of what has left the tree and that the kernel has forgotten.
+std::string path_of(const char* path, const fuse_file_info* fi) {
+    if (path != nullptr)
+        return path;
+    const fuse_fh_t* fh = open_files_t::get(fi->fh);
+    return fh == nullptr ? "-" : fh->path;
+}
+
 // What the kernel asks before each read through its page cache.
 int mirador_fgetattr(const char* path, struct stat* st, fuse_file_info* fi) {
-    ts_dprintf(call_level, "mirador_fgetattr(path %s, st_data %p)\n", path, as_pointer(st));
-    errdesc_t* e = vm_proxy_fgetattr(*open_files_t::get(fi->fh), path, translate_path(path), st);
-    return e == nullptr ? 0 : reply_error(path, e);
+    const fuse_fh_t& fh = *open_files_t::get(fi->fh);
+    ts_dprintf(call_level, "mirador_fgetattr(path %s, st_data %p)\n", path_of(path, fi).c_str(), as_pointer(st));
+    if (path == nullptr)
+        *st = fh.attributes;
+    else
+        vm_proxy_fgetattr(fh, path, translate_path(path), st);
+    return 0;
 }
 
 int mirador_getxattr(const char* path, const char* name, char* value, std::size_t size) {
@@ -184,7 +196,8 @@ int mirador_opendir(const char* path, fuse_file_info* fi) {
     return 0;
 }
 
-int mirador_releasedir(const char* path, fuse_file_info* fi) {
+int mirador_releasedir(const char* given_path, fuse_file_info* fi) {
+    const char* path = given_path != nullptr ? given_path : "-";  // as for a file
     ts_dprintf(call_level, "mirador_releasedir(path %s, fuse_file_info %p)\n", path, as_pointer(fi));
     DIR* dir = handle_dir(fi);
     fi->fh = ~std::uint64_t{0};
@@ -205,6 +218,8 @@ bool fill_entry(const char* path, const char* name, void* buf, fuse_fill_dir_t f
 }
 
 int mirador_readdir(const char* path, void* buf, fuse_fill_dir_t filler, off_t offset, fuse_file_info* fi) {
+    if (path == nullptr)  // it has left the tree
+        return -ENOENT;
     ts_dprintf(call_level, "mirador_readdir(path %s, buf %p, filler %p, offset %jd, fuse_file_info %p)\n", path, buf,
                reinterpret_cast<void*>(filler), static_cast<std::intmax_t>(offset), as_pointer(fi));
     DIR* dir = handle_dir(fi);
@@ -238,9 +253,6 @@ int mirador_open(const char* path, fuse_file_info* fi) {
     if (e != nullptr)
         return -EIO;
     fi->direct_io = fh->direct_io ? 1 : 0;
-    struct stat seen {};
-    if (vm_proxy_getattr(path, translate_path(path), false, &seen) == nullptr)
-        fh->attributes = seen;
     fi->fh = open_files().add(std::move(fh));
     return 0;
 }
@@ -249,7 +261,7 @@ int mirador_open(const char* path, fuse_file_info* fi) {
 int mirador_read(const char* path, char* buf, std::size_t size, off_t offset, fuse_file_info* fi) {
     std::size_t bytes_read = 0;
     errdesc_t* e = vm_proxy_read_whole(buf, size, offset, open_files_t::get(fi->fh), &bytes_read);
-    return e == nullptr ? static_cast<int>(bytes_read) : reply_alert(path, e);
+    return e == nullptr ? static_cast<int>(bytes_read) : reply_alert(path_of(path, fi).c_str(), e);
 }
 
 int mirador_statfs(const char* path, struct statvfs* st) {
@@ -258,12 +270,13 @@ int mirador_statfs(const char* path, struct statvfs* st) {
     return e == nullptr ? 0 : reply_error(path, e);
 }
 
-int mirador_release(const char* path, fuse_file_info* fi) {
-    ts_dprintf(call_level, "mirador_release(path %s, fuse_file_info %p)\n", path, as_pointer(fi));
+int mirador_release(const char* given_path, fuse_file_info* fi) {
+    const std::string path = path_of(given_path, fi);
+    ts_dprintf(call_level, "mirador_release(path %s, fuse_file_info %p)\n", path.c_str(), as_pointer(fi));
     if (tracks_calls())
         _close_tracker.track(path);
     errdesc_t* e = vm_proxy_release(path, open_files().take(std::exchange(fi->fh, 0)));
-    return e == nullptr ? 0 : reply_error(path, e);
+    return e == nullptr ? 0 : reply_error(path.c_str(), e);
 }
 
 // How many requests the kernel may have on their way for its page cache, unless an option says so. Who splices from a
@@ -291,6 +304,7 @@ fuse_operations mirador_oper() {
     oper.opendir = mirador_opendir;
     oper.readdir = mirador_readdir;
     oper.releasedir = mirador_releasedir;
+    oper.flag_nullpath_ok = 1;  // what is open can be read whatever becomes of its path
     return oper;
 }
 

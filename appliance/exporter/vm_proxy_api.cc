@@ -11,6 +11,7 @@
 #include "appliance/exporter/runtime_alerts.h"
 #include "appliance/exporter/snapshot_thr.h"
 #include "appliance/exporter/stats_thr.h"
+#include "appliance/exporter/vm_proxy_attr.h"
 #include "appliance/exporter/vm_proxy_evict.h"
 #include "appliance/exporter/vm_proxy_open.h"
 #include "appliance/lib/registry.h"
@@ -18,6 +19,7 @@
 #include "lib/cor_assert.h"
 #include "lib/error_hash.h"
 #include "lib/fault_point.h"
+#include "lib/fs_info.h"
 #include "lib/log.h"
 
 namespace mirador {
@@ -92,6 +94,7 @@ std::unique_ptr<fuse_fh_t> fuse_fh_new(unique_fd fd, const cookie_ptr& shared, c
     fh->direct_io = cookie.header.type == VM_PROXY_HEADER_VMDK_CORCBT;
     fh->pdev = cookie.pdev;
     fh->optimize = fh->pdev != nullptr;
+    fh->attributes = vm_proxy_header_attr(cookie.header, cookie.path);
     fh->cookie = shared;
     return fh;
 }
@@ -186,6 +189,7 @@ errdesc_t* open_file(const std::string& path, const std::string& shadow_path, st
     errdesc_t* e = open_locked(&export_path, &export_shadow, fh);
     if (e == nullptr) {
         (*fh)->cbt_losetup = export_path != path && !(*fh)->direct_io;
+        (*fh)->attributes.st_ino = fs_ino_hash(path);
         return nullptr;
     }
     _errdesc_log(e, ERRDESC_ERROR);

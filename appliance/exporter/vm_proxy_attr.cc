@@ -101,7 +101,21 @@ bool is_length_of_command(const std::string& name, std::size_t room, std::size_t
     return true;
 }
 
+// What the export itself says of an object.
+void add_own(const std::string& path, struct stat* stbuf) {
+    stbuf->st_ino = fs_ino_hash(path);
+    stbuf->st_blksize = preferred_block_size;
+}
+
 }  // namespace
+
+struct stat vm_proxy_header_attr(const vm_proxy_header_t& header, const std::string& path) {
+    struct stat st = cor_statb_to_stat(header.statb);
+    if (header.type == VM_PROXY_HEADER_CFG)
+        st.st_size += static_cast<off_t>(cfg_trailer_size);
+    add_own(path, &st);
+    return st;
+}
 
 errdesc_t* vm_proxy_getattr(const std::string& path, const std::string& shadow_path, bool update, struct stat* stbuf) {
     std::string found = shadow_path;
@@ -111,26 +125,21 @@ errdesc_t* vm_proxy_getattr(const std::string& path, const std::string& shadow_p
             refresh_vm_of(found);
         std::unique_ptr<vm_proxy_header_t> header;
         RETURN_IF_ERROR(vm_proxy_read_header_checked(found, &header));
-        *stbuf = cor_statb_to_stat(header->statb);
-        if (header->type == VM_PROXY_HEADER_CFG)
-            stbuf->st_size += static_cast<off_t>(cfg_trailer_size);
+        *stbuf = vm_proxy_header_attr(*header, path);
     } else {
         show_shadow_root(stbuf);
+        add_own(path, stbuf);
     }
-    stbuf->st_ino = fs_ino_hash(path);
-    stbuf->st_blksize = preferred_block_size;
     if (get_reg_settings()->debug_level > check_debug_level)
         cns_check_statb(path, "vm_proxy_getattr", *stbuf, false);
     return nullptr;
 }
 
-errdesc_t* vm_proxy_fgetattr(const fuse_fh_t& fh, const std::string& path, const std::string& shadow_path,
-                             struct stat* stbuf) {
-    errdesc_t* e = vm_proxy_getattr(path, shadow_path, true, stbuf);
-    if (e == nullptr || !fh.attributes)
-        return e;
-    *stbuf = *fh.attributes;
-    return nullptr;
+void vm_proxy_fgetattr(const fuse_fh_t& fh, const std::string& path, const std::string& shadow_path,
+                       struct stat* stbuf) {
+    const errdesc_keeper_t keeper;
+    if (vm_proxy_getattr(path, shadow_path, true, stbuf) != nullptr)
+        *stbuf = fh.attributes;
 }
 
 errdesc_t* vm_proxy_getxattr(const std::string& path, const std::string& shadow_path, const std::string& name,

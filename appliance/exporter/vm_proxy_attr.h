@@ -28,11 +28,14 @@ namespace mirador {
 [[nodiscard]] errdesc_t* vm_proxy_getattr(const std::string& path, const std::string& shadow_path, bool update,
                                           struct stat* stbuf);
 
-// The same for a file that is open as `path`. One whose path does not lead to it any more, as its VM has left the tree,
-// keeps the attributes that it had when it was opened: its bytes are still served, and a reader who gets an error here
-// gets none.
-[[nodiscard]] errdesc_t* vm_proxy_fgetattr(const fuse_fh_t& fh, const std::string& path, const std::string& shadow_path,
-                                           struct stat* stbuf);
+// The same for a file that is open. Once its path does not lead to it any more, as its VM has left the tree, it keeps
+// the attributes that it had when it was opened: its bytes are still served, and a reader who got an error here would
+// get none.
+void vm_proxy_fgetattr(const fuse_fh_t& fh, const std::string& path, const std::string& shadow_path,
+                       struct stat* stbuf);
+
+// What a file's header says of it under an exported path.
+struct stat vm_proxy_header_attr(const vm_proxy_header_t& header, const std::string& path);
 
 // Reads an extended attribute. *size: on entry the room in `value`, 0 asks for the length only; on return the length,
 // terminator included. Errors: 34 when the value does not fit, with one more than the length in its text; those of

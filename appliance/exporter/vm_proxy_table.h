@@ -24,7 +24,6 @@
 #include <cstdint>
 #include <ctime>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -115,7 +114,7 @@ struct fuse_fh_t {
     // Its reads are to be single requests of the reader's. The kernel's own, for its page cache, are limited in number,
     // and each would wait for another of them, the one to the flat disk.
     bool direct_io = false;
-    std::optional<struct stat> attributes;  // what its path said of it when it was opened
+    struct stat attributes {};  // as they were when it was opened
     cookie_ptr cookie;
 };
 
