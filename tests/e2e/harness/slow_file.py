@@ -41,7 +41,7 @@ class SlowFile:
         self._process.communicate(timeout=60)
 
 
-class _Server:
+class Server:
     def __init__(self, path: str, delay: float):
         self._file, self._delay = os.open(path, os.O_RDWR), delay
         self._device = os.open("/dev/fuse", os.O_RDWR)
@@ -103,7 +103,7 @@ class _Server:
 
 
 def main(path: str, milliseconds: str) -> None:
-    server = _Server(path, int(milliseconds) / 1000)
+    server = Server(path, int(milliseconds) / 1000)
     with concurrent.futures.ThreadPoolExecutor(1) as pool:
         served = pool.submit(server.serve)
         print("slow", flush=True)
