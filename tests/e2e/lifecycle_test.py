@@ -48,39 +48,6 @@ class CommandLine(unittest.TestCase):
         before = census.take()
         self.addCleanup(lambda: self.assertEqual(census.take().beyond(before), {}))
 
-    def test_usage_and_version(self):
-        asked = mirador("-h", str(EXPORT))
-        usage = asked.stdout
-        self.assertEqual((asked.returncode, asked.stderr), (0, ""))
-        self.assertRegex(usage, r"\Ausage: \S*mirador \[-L log-dir\]")
-        self.assertIn('default: "mountpoint".shadow', usage)
-        for arguments, expected in {
-            ("--help", "/x"): (0, usage, ""),
-            ("-V", "/x"): (0, "MIRADOR version 0.5 04/13/2009\n", ""),
-            ("--version", "-h", "/x"): (0, "MIRADOR version 0.5 04/13/2009\n", ""),
-            ("-V",): (1, usage, "Mount point must be provided\n"),
-            (): (1, usage, "Mount point must be provided\n"),
-            ("-W", "/x"): (1, "", "The ``--writable'' option is not currently supported.\n"),
-            ("--writable", "-D", "/x"): (1, "", "The ``--writable'' option is not currently supported.\n"),
-        }.items():
-            with self.subTest(arguments):
-                done = mirador(*arguments)
-                self.assertEqual((done.returncode, done.stdout, done.stderr), expected)
-
-    def test_refusals_are_one_line(self):
-        file = WORK / "file"
-        file.touch()
-        for name, arguments, text in (
-            ("missing mount point", ["/nowhere"], "/nowhere: No such file or directory"),
-            ("mount point is a file", [str(file)], "file: Not a directory"),
-            ("shadow in the tree", ["-P", f"{EXPORT}/below", str(EXPORT)], f"{EXPORT}, {EXPORT}/below: mount point and"),
-        ):
-            with self.subTest(name):
-                done = mirador("--no-threads", *arguments)
-                self.assertIn(text, done.stderr)
-                self.assertEqual((done.returncode, done.stderr.count("\n")), (1, 1), done.stderr)
-        self.assertFalse(os.path.exists(SHADOW))
-
     def test_starts_that_fail(self):
         """After recovery, in the foreground and in the background; nothing stays."""
         for name, options, status, text in (
