@@ -12,8 +12,8 @@ SIZE = 64 * MIB
 
 
 class Guest:
-    """A disk with one partition and an ext4 file system in it. What is free holds old bytes, as on a disk in use; some of
-    them were files."""
+    """A disk with one partition and an ext4 file system in it. What is free holds old bytes, as on a disk in use; some
+    of them were files."""
 
     def __init__(self, name: str, seed: int):
         rng = random.Random(seed)

@@ -249,8 +249,6 @@ class Ends(SnapshotCase):
         self.wait_clean(self.idle, contents)
         self.daemon.stop()
 
-    # Errors at the same steps
-
 
 if __name__ == "__main__":
     place.main()

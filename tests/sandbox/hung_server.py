@@ -2,8 +2,8 @@
 
     hung_server.py FILE
 
-serves the file from then on, prints the loop device's number once the read hangs, and stays. To be run in a sandbox. The
-kernel may keep no attributes of the file: when the server is gone, the loop device can't tell what it is on.
+serves the file from then on, prints the loop device's number once the read hangs, and stays. To be run in a sandbox.
+The kernel may keep no attributes of the file: when the server is gone, the loop device can't tell what it is on.
 """
 
 import os

@@ -201,7 +201,8 @@ class Ends(unittest.TestCase):
         for unmount in ("", "umount -l /hung;"):
             for kill in (False, True):
                 with self.subTest(unmount=unmount, kill=kill):
-                    running = start("sh", "-c", f"truncate -s 1M /hung; {sys.executable} -B {HERE}/hung_server.py /hung >/tmp/out &"
+                    running = start("sh", "-c", "truncate -s 1M /hung;"
+                                    f"{sys.executable} -B {HERE}/hung_server.py /hung >/tmp/out &"
                                     f"until [ -s /tmp/out ]; do sleep 0.1; done; {unmount} cat /tmp/out; sleep 1000")
                     number = int(first_line(running))
                     family = descendants(running.pid)

@@ -145,7 +145,6 @@ class Protocol(AgentCase):
 
 
 class Snapshots(AgentCase):
-
     def test_answer_comes_when_the_daemon_has_taken_it_over(self):
         taken, ending = [], threading.Event()
 
@@ -227,7 +226,6 @@ class Snapshots(AgentCase):
 
 
 class Faults(AgentCase):
-
     def test_death_in_the_middle_leaves_what_the_next_removal_mends(self):
         agent, before = self.connected(), self.vmx["web"].read_bytes()
         agent.ask("create_snapshot", "web", WEB, self.mine, "0")

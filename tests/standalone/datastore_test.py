@@ -33,7 +33,6 @@ class DatastoreCase(TemporaryCase):
 
 
 class Life(DatastoreCase):
-
     def test_what_cannot_be_read_is_told_and_harms_nobody(self):
         make_vm(self.store, "good", 1)
         write(self.store / "empty" / "empty.vmx", "")
@@ -90,7 +89,6 @@ class Life(DatastoreCase):
 
 
 class Stores(DatastoreCase):
-
     def test_nothing_is_mounted_at_the_start(self):
         make_vm(self.store, "web", 1)
         self.start()
