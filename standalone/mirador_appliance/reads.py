@@ -68,7 +68,7 @@ class Reads:
         self.last_report: float | None = None
         self._counters: dict[_Key, _Counter] = {}
         self._open: dict[str, OpenFile] = {}
-        self._opened: dict[str, tuple[float, int]] = {}  # path -> when its size was told, and the size
+        self._opened: dict[str, tuple[float, int]] = {}  # path -> when its size was told and the size; 0: it has ended
 
     def open_files(self, now: float) -> list[OpenFile]:
         """As the latest reports have them, by path."""
@@ -146,10 +146,11 @@ class Reads:
         return _Counter(*totals, is_closed=_number(entry.get(f"vmdk_last_read_time{stream}")) is None)
 
     def _note_open(self, standing: dict[str, OpenFile], entry: dict[str, Any], stream: str, counter: _Counter) -> None:
-        if counter.is_closed:
-            self._opened.pop(entry["vmdk_path"], None)
-            return
         path = entry["vmdk_path"]
+        if counter.is_closed:
+            if path in self._opened:
+                self._opened[path] = 0.0, self._opened[path][1]
+            return
         file = standing.setdefault(path, OpenFile(path, size=self._opened.get(path, (0, None))[1]))
         file.read += counter.read
         file.skipped += counter.skipped

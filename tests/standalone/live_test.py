@@ -126,6 +126,10 @@ class Reads(LiveCase):
         self.assertEqual([(row["size"], row["idle"], row["reading"]) for row in told], [(1 << 30, None, False)])
         rig.pass_time(70)
         self.assertEqual(rig.overview()["files"]["total"], 0)
+        rig.report(**{"web/a": (MIB, 0)})
+        rig.report(close=("web/a",), **{"web/a": (0, 0)})
+        rig.report(**{"web/a": (MIB, 0)})  # opened again while it was held ready: its size is not told again
+        self.assertEqual([row["size"] for row in rig.overview()["files"]["rows"]], [1 << 30])
 
 
 class Daemon(LiveCase):
