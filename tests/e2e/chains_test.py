@@ -6,7 +6,6 @@ import random
 from harness import place
 from harness.case import DaemonCase
 from harness.compare import data_windows, first_difference, straddling_reads, wrong_reads
-from harness.daemon import EXPORT, Entry
 from harness.disks import (KIB, MIB, SECTOR, base_disk, cowd_delta, datastore, raw_image, reference, sparse_delta)
 from harness.tools import WORK
 
@@ -78,10 +77,6 @@ class Chains(DaemonCase):
         writes = [(table - SECTOR, 3 * SECTOR), *scattered_writes(base.size, seed=2)]
         self.check(cowd_delta(base, writes), [SECTOR, table, 2 * table])
 
-    def test_cowd_delta_of_large_grains(self):
-        base = base_disk(self.store, "cowd-large", self.image())
-        self.check(cowd_delta(base, scattered_writes(base.size, seed=3), grain=128), [GRAIN])
-
     def test_split_delta_over_split_flat(self):
         """Extents of 2 GiB, most of them holes."""
         border, size = 2048 * MIB, 2100 * MIB + 3 * SECTOR
@@ -90,10 +85,6 @@ class Chains(DaemonCase):
         disk = sparse_delta(base, writes, "twoGbMaxExtentSparse")
         self.check(base, [border], whole=False)
         self.check(disk, [border], whole=False)
-
-    def test_chain_of_8(self):
-        base = base_disk(self.store, "deep", self.image(9 * MIB + SECTOR))
-        self.check(chain_of(base, 8, cowd_delta), [MIB])
 
     def test_chain_of_32(self):
         base = base_disk(self.store, "deepest", self.image(35 * MIB + SECTOR))
@@ -113,12 +104,6 @@ class Chains(DaemonCase):
         self.check(flat, [MIB])
         delta = sparse_delta(flat, [(0, SECTOR)])
         self.assert_open_fails(self.daemon.export_disk(delta), 5, "Flat file .* do not match")
-
-    def test_header_path_of_the_direct_root(self):
-        disk = base_disk(self.store, "direct", self.image(MIB))
-        self.daemon.export(Entry("direct/direct-flat.vmdk", str(disk.descriptor), stat=str(disk.base_extent),
-                                 size=disk.size))
-        self.assertIsNone(first_difference(EXPORT / "direct/direct-flat.vmdk", reference(disk)))
 
 
 if __name__ == "__main__":
