@@ -13,8 +13,7 @@ import unittest
 
 from fixture import Appliance, TemporaryCase, make_vm, uuid_of, wait_until
 
-from mirador_appliance.agent import faults, journal
-from mirador_appliance.busy import is_busy
+from mirador_appliance.agent import faults
 from mirador_appliance.hypervisor import locks, snapshots
 from mirador_appliance.store import Store
 
@@ -223,35 +222,6 @@ class Snapshots(AgentCase):
             vm = next(vm for vm in self.appliance.status()["vms"] if vm["name"] == "web")
             self.assertTrue(vm["busy"])
         self.assertEqual(self.names(agent), [self.mine])
-
-
-class Faults(AgentCase):
-    def test_death_in_the_middle_leaves_what_the_next_removal_mends(self):
-        agent, before = self.connected(), self.vmx["web"].read_bytes()
-        agent.ask("create_snapshot", "web", WEB, self.mine, "0")
-        agent.ask("remove_snapshot", "web", WEB, self.mine, "1")
-        files = sorted(os.listdir(self.directory / "ds1/web"))
-        for method, flag in (("create_snapshot", "0"), ("remove_snapshot", "1"), ("remove_snapshot", "0")):
-            for step in self.steps(method)[::3]:
-                with self.subTest(method=method, flag=flag, step=step):
-                    if method == "remove_snapshot":
-                        self.assertIsNone(agent.ask("create_snapshot", "web", WEB, self.mine, "0"))
-                    faults.add(self.state, faults.Rule(method=method, step=step))
-                    agent.send(json.dumps([method, "web", WEB, self.mine, flag]) + "\n")
-                    agent.reply()
-                    wait_until(lambda: not is_busy(str(self.vmx["web"])), "the process is dead")
-                    faults.clear(self.state)
-                    agent.close()
-                    agent = self.connected()
-                    self.assertIn(agent.ask("remove_snapshot", "web", WEB, self.mine, "1"), (0, 1))
-                    self.assertEqual((self.names(agent), self.vmx["web"].read_bytes()), ([], before))
-                    self.assertEqual(sorted(os.listdir(self.directory / "ds1/web")), files)
-
-    def steps(self, method):
-        """The steps that an operation takes, each once."""
-        taken = [record["steps"] for record in journal.read(self.state)
-                 if record["event"] == "ended" and record["method"] == method and "steps" in record]
-        return list(dict.fromkeys(taken[0]))
 
 
 if __name__ == "__main__":
