@@ -16,7 +16,6 @@
 #include "appliance/mounter/vdsk_mapping.h"
 #include "appliance/mounter/vmdkmount.h"
 #include "lib/clock.h"
-#include "lib/cor_string.h"
 #include "lib/tool_paths.h"
 #include "tests/lib/in_child.h"
 #include "tests/support/disk_lab.h"
@@ -28,7 +27,6 @@
 namespace mirador {
 namespace {
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
@@ -275,7 +273,6 @@ TEST_F(vdsk, RunningOutOfDescriptors) {
 }
 
 TEST_F(vdsk, TableThatCannotBeWrittenFailsTheSetUpOnly) {
-    const std::string text_file = lab_.path("text");
     const int status = in_child([&] {
         std::signal(SIGXFSZ, SIG_IGN);
         const rlimit nothing{100, 100};
@@ -305,27 +302,6 @@ TEST_F(vdsk, LoopDevicesAreReleasedThoughTheMappingStays) {
     const std::string calls = read_file(lab_.path("calls"));
     vdsk_teardown(disk.get());
     EXPECT_EQ(read_file(lab_.path("calls")), calls);
-}
-
-// What the ordinary mount of a datastore shows is one flat file, parents or not.
-TEST_F(vdsk, OrdinaryMountMapsTheDiskAlone) {
-    const auto emit = [&](const std::string& name, std::string* table) {
-        vdskdesc_t disk;
-        EXPECT_EQ(vmdk_open(lab_.path(name), &disk.vmdkdesc), nullptr);
-        disk.vmdkdesc.datastore_direct = false;
-        const std::string path = lab_.path("ordinary.table");
-        file_ptr file(std::fopen(path.c_str(), "w"));
-        errdesc_t* e = vmdk_emit_dm_table(file.get(), &disk.vmdkdesc, &disk.stats);
-        file.reset();
-        *table = read_file(path);
-        for (const auto& extent : disk.vmdkdesc.extentdesc)
-            disk.loopdevs.push_back(extent->loopdev);
-        return e == nullptr ? 0 : e->number;
-    };
-    std::string table;
-    EXPECT_EQ(emit("base.vmdk", &table), 0);
-    EXPECT_THAT(table, MatchesRegex("0 70000 linear /dev/loop[0-9]+ 0\n"));
-    EXPECT_EQ(emit("head.vmdk", &table), EIO);
 }
 
 }  // namespace
