@@ -6,17 +6,11 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <set>
 #include <thread>
-#include <vector>
 
-#include "appliance/lib/registry.h"
-#include "lib/clock.h"
-#include "lib/tool_paths.h"
-#include "lib/walker.h"
 #include "tests/appliance/lib/record_bytes.h"
 #include "tests/lib/temp_dir.h"
 
@@ -24,10 +18,8 @@ namespace mirador {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::Not;
 using testing::StartsWith;
 
 constexpr std::uint64_t ours = 7;
@@ -89,18 +81,6 @@ class cor_namespace_test : public testing::Test {
     std::int64_t block = 0;  // bytes
     std::unique_ptr<cns_handle_t> ns;
 };
-
-TEST_F(cor_namespace_test, PathsAreTranslated) {
-    struct {
-        const char* path;
-        std::string place;
-    } const cases[] = {{"/", "/."}, {"/a/b", "/a/b"}, {"a", "/a"}, {"//a", "//a"}, {"", "/"}};
-    for (const auto& c : cases) {
-        cns_pbuf_t pbuf;
-        EXPECT_EQ(cns_translate_path(ns.get(), c.path, &pbuf), root + c.place);
-        EXPECT_EQ(cns_translate_symlink_path(ns.get(), c.path, &pbuf), "/links" + c.place);
-    }
-}
 
 TEST_F(cor_namespace_test, PathsOutsideAreRefusedAndNothingHappens) {
     write_file(dir / "outside", "kept");
@@ -165,138 +145,6 @@ TEST_F(cor_namespace_test, FilesHoldTheLayout) {
     EXPECT_EQ(bytes_of(found), expected.bytes().substr(8, 128));
 }
 
-TEST_F(cor_namespace_test, SizesCountWholeBlocksAndOne) {
-    create("/empty", ours, 1, 0);
-    create("/short", ours, 1, block - 1);
-    create("/exact", ours, 1, block);
-    EXPECT_EQ(std::uint64_t{attrs("/empty").statb.blocks}, 1U);
-    EXPECT_EQ(std::uint64_t{attrs("/short").statb.blocks}, 1U);
-    EXPECT_EQ(std::uint64_t{attrs("/exact").statb.blocks}, 2U);
-    EXPECT_EQ(used(), 4);
-    EXPECT_EQ(cns_get_fs_blocks_used(ns.get()), 4 / (block / 512));
-}
-
-TEST_F(cor_namespace_test, GenerationsNeverGoBackAndTimesAreKept) {
-    const manual_clock_t clock(5000);
-    cns_node_t node{.owner = ours, .generation = 9, .permissions = 0644};
-    ASSERT_EQ(cns_create_node(ns.get(), "/f", node), nullptr);
-    EXPECT_EQ(std::int32_t{attrs("/f").statb.ctime_sec}, 5000);
-    node.time = 100;
-    node.generation = 3;
-    ASSERT_EQ(cns_create_node(ns.get(), "/f", node), nullptr);
-    EXPECT_EQ(std::uint64_t{attrs("/f").generation}, 9U);
-    EXPECT_EQ(std::int32_t{attrs("/f").statb.atime_sec}, 100);
-    node.time = 0;
-    node.generation = UINT64_MAX;
-    ASSERT_EQ(cns_create_node(ns.get(), "/f", node), nullptr);
-    EXPECT_EQ(std::uint64_t{attrs("/f").generation}, UINT64_MAX);
-    for (const std::int32_t time :
-         {std::int32_t{attrs("/f").statb.atime_sec}, std::int32_t{attrs("/f").statb.mtime_sec},
-          std::int32_t{attrs("/f").statb.ctime_sec}})
-        EXPECT_EQ(time, 100);
-}
-
-TEST_F(cor_namespace_test, DirectoriesKeepTheirHeaderInside) {
-    ASSERT_EQ(cns_mkdirp(ns.get(), "//a/b", 50, 0700, ours, 4), nullptr);
-    EXPECT_TRUE(fs::is_directory(root + "/a"));
-    EXPECT_FALSE(exists("/a/b"));
-    ASSERT_EQ(cns_mkdirp(ns.get(), "a/b/", 50, 0700, ours, 4), nullptr);
-    EXPECT_EQ(read_file(root + "/a/b/.corvantis.dir").size(), 4096U);
-    EXPECT_EQ(list("/a"), (std::set<std::string>{".", "..", "b"}));
-    EXPECT_EQ(used(), 2);
-
-    const cns_attrs_t found = attrs("/a/b");
-    EXPECT_EQ(std::uint64_t{found.owner}, ours);
-    EXPECT_EQ(std::uint32_t{found.statb.mode}, static_cast<std::uint32_t>(S_IFDIR | 0700));
-    EXPECT_EQ(std::uint32_t{found.statb.nlink}, 2U);  // the directory's own
-    EXPECT_EQ(std::uint64_t{attrs("/").owner}, 0U);
-    EXPECT_TRUE(S_ISDIR(std::uint32_t{attrs("/").statb.mode}));
-
-    write_file(root + "/a/file", "");
-    EXPECT_EQ(number_of(cns_mkdirp(ns.get(), "/a/file/x/", 0, 0700, ours, 4)), ENOTDIR);
-}
-
-TEST_F(cor_namespace_test, TimesOfHeaderFiles) {
-    create("/f", ours, 1);
-    create("/d/", ours, 1);
-    const timespec times[] = {{.tv_sec = 1, .tv_nsec = 0}, {.tv_sec = 77, .tv_nsec = 0}};
-    ASSERT_EQ(utimensat(AT_FDCWD, (root + "/f").c_str(), times, 0), 0);
-    ASSERT_EQ(utimensat(AT_FDCWD, (root + "/d/.corvantis.dir").c_str(), times, 0), 0);
-    for (const char* path : {"/f", "/d"}) {
-        std::time_t mtime = -1;
-        ASSERT_EQ(cns_proxy_mtime(ns.get(), path, &mtime), nullptr);
-        EXPECT_EQ(mtime, 77);
-    }
-    std::time_t mtime = -1;
-    EXPECT_EQ(number_of(cns_proxy_mtime(ns.get(), "/missing", &mtime)), ENOENT);
-    EXPECT_EQ(mtime, 0);
-}
-
-TEST_F(cor_namespace_test, LinksShowThemselves) {
-    create("/f", ours, 1, 3 * block);
-    ASSERT_EQ(cns_symlink(ns.get(), "f", "/link"), nullptr);
-    EXPECT_TRUE(S_ISLNK(std::uint32_t{attrs("/link").statb.mode}));
-    EXPECT_EQ(std::uint64_t{attrs("/link").owner}, 0U);
-    const errdesc_t* e = cns_symlink(ns.get(), "f", "/link");
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(std::string(e->string), "symlink failed: f, /link, f, " + root + "/link");
-
-    ASSERT_EQ(cns_unlink(ns.get(), "/link"), nullptr);  // takes nothing of its target off the count
-    EXPECT_EQ(used(), 4);
-    ASSERT_EQ(cns_unlink(ns.get(), "/f"), nullptr);
-    EXPECT_EQ(used(), 0);
-    EXPECT_EQ(number_of(cns_unlink(ns.get(), "/f")), ENOENT);
-}
-
-TEST_F(cor_namespace_test, DirectoriesGoWhenTheyAreEmpty) {
-    create("/d/", ours, 1);
-    ASSERT_EQ(cns_lock(ns.get(), "/d"), nullptr);
-    const errdesc_t* e = cns_lock(ns.get(), "/d");
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(std::string(e->string), root + "/d/.corvantis.lck: File exists");
-    ASSERT_EQ(cns_unlock(ns.get(), "/d"), nullptr);
-    EXPECT_EQ(number_of(cns_unlock(ns.get(), "/d")), ENOENT);
-    ASSERT_EQ(cns_lock(ns.get(), "/d"), nullptr);
-
-    create("/d/f", ours, 1, block);
-    e = cns_rmdir(ns.get(), "/d", false);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, ENOTEMPTY);
-    ASSERT_EQ(cns_unlink(ns.get(), "/d/f"), nullptr);
-    EXPECT_EQ(cns_rmdir(ns.get(), "/d", false), nullptr);
-    EXPECT_FALSE(exists("/d"));
-    EXPECT_EQ(used(), 0);
-    EXPECT_EQ(number_of(cns_rmdir(ns.get(), "/d", false)), ENOENT);
-    EXPECT_EQ(cns_rmdir(ns.get(), "/d", true), nullptr);
-}
-
-TEST_F(cor_namespace_test, ForcedRemovalTakesEverythingOffTheCount) {
-    create("/kept", ours, 1, block);
-    create("/d/", ours, 1);
-    create("/d/..x/", ours, 1);
-    create("/d/..x/f", ours, 1, 9 * block);
-    ASSERT_EQ(cns_symlink(ns.get(), root, "/d/link"), nullptr);
-    write_file(root + "/d/garbage", "x");
-    ASSERT_EQ(cns_rmdir(ns.get(), "/d", true), nullptr);
-    EXPECT_FALSE(exists("/d"));
-    EXPECT_TRUE(exists("/kept"));
-    EXPECT_EQ(used(), 2);
-}
-
-TEST_F(cor_namespace_test, RenamedNodesReplaceOthers) {
-    create("/a", ours, 1, block);
-    create("/b", theirs, 2, 5 * block);
-    ASSERT_EQ(cns_rename(ns.get(), "/a", "/b"), nullptr);
-    EXPECT_EQ(std::uint64_t{attrs("/b").owner}, ours);
-    EXPECT_EQ(used(), 2);
-    ASSERT_EQ(cns_rename(ns.get(), "/b", "b"), nullptr);
-    EXPECT_EQ(used(), 2);
-    const errdesc_t* e = cns_rename(ns.get(), "/a", "/c");
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(std::string(e->string), "Cannot rename /a to /c");
-    EXPECT_EQ(e->number, ENOENT);
-}
-
 TEST_F(cor_namespace_test, PruningRemovesWhatAnUpdateDidNotRefresh) {
     create("/d/", ours, 5);
     create("/d/stale", ours, 4);
@@ -338,30 +186,6 @@ TEST_F(cor_namespace_test, FailedWritesLeaveTheOldHeader) {
     EXPECT_EQ(list("/"), (std::set<std::string>{".", "..", "f", "blocked"}));
     EXPECT_GE(used(), recount());
     ASSERT_EQ(cns_unlink(ns.get(), "/f"), nullptr);
-}
-
-TEST_F(cor_namespace_test, FilesThatAreNoHeadersAreErrorsOrLeftAlone) {
-    create("/good", ours, 1, block);
-    create("/d/", ours, 1, block);
-    const std::string good = read_file(root + "/good");
-    record_bytes_t bad(4096);
-    bad.text(0, good).number(4, 4, 2);
-    write_file(root + "/garbage", std::string(5000, 'g'));
-    write_file(root + "/version", bad.bytes());
-    bad.text(0, good).number(96, 8, 1ULL << 60);
-    write_file(root + "/blocks", bad.bytes());
-    write_file(root + "/short", good.substr(0, 4095));
-    fs::create_symlink(root + "/good", root + "/link");
-    ASSERT_EQ(mkfifo((root + "/fifo").c_str(), 0600), 0);
-    open_dir();
-    EXPECT_EQ(used(), 4);
-
-    const errdesc_t* e = cns_get_attrs(ns.get(), "/short", nullptr, nullptr, 0);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, 126);
-    EXPECT_EQ(std::string(e->string), "_cns_read_proxy_header(" + root + "/short): short read 4095");
-    EXPECT_EQ(number_of(cns_get_attrs(ns.get(), "/fifo", nullptr, nullptr, 0)), ESPIPE);
-    EXPECT_EQ(number_of(cns_get_attrs(ns.get(), "/missing", nullptr, nullptr, 0)), ENOENT);
 }
 
 TEST_F(cor_namespace_test, ChecksTurnDownEveryKindOfGarbage) {
@@ -410,103 +234,6 @@ TEST_F(cor_namespace_test, UsersOfOneNodeMeetWholeHeadersAndARightCount) {
     second.join();
     EXPECT_EQ(std::uint64_t{attrs("/f").generation}, 199U);
     EXPECT_EQ(used(), recount());
-}
-
-TEST(cor_namespace, RootMustBeThere) {
-    const temp_dir_t dir;
-    std::unique_ptr<cns_handle_t> ns;
-    const errdesc_t* e = cns_create(dir / "missing", "", std::nullopt, CNS_OPT_USE_DIR, 0, 0, &ns);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(std::string(e->string), dir / "missing/.: No such file or directory");
-    EXPECT_EQ(ns, nullptr);
-}
-
-TEST(cor_namespace, OwnTmpfsComesAndGoes) {
-    const temp_dir_t dir;
-    const tool_paths_t deployed = tool_paths();
-    const fast_clock_t clock(20);
-    tool_paths().mount = write_script(dir / "mount", "echo \"$*\" > " + (dir / "mounted") + "\n");
-    tool_paths().umount = write_script(dir / "umount", "exit 9\n");
-    std::unique_ptr<cns_handle_t> ns;
-    ASSERT_EQ(cns_create(dir / "root", "", "size=1M", 0, 0, 0, &ns), nullptr);
-    EXPECT_EQ(read_file(dir / "mounted"), "-t tmpfs -o size=1M tmpfs " + (dir / "root") + "\n");
-    EXPECT_EQ(number_of(cns_destroy(&ns)), 9);
-    EXPECT_EQ(ns, nullptr);
-    EXPECT_FALSE(fs::exists(dir / "root"));
-    tool_paths() = deployed;
-}
-
-TEST_F(cor_namespace_test, ExistingDirectoriesStay) {
-    ASSERT_EQ(cns_destroy(&ns), nullptr);
-    EXPECT_TRUE(fs::is_directory(root));
-}
-
-using cor_namespace_death_test = cor_namespace_test;
-
-TEST_F(cor_namespace_death_test, Misuse) {
-    walker_end();  // its thread, which counted the headers, must not be in the way of fork
-    create("/f", ours, 1);
-    write_file(root + "/g", std::string(4096, 'g'));
-    EXPECT_DEATH((void)cns_get_attrs(ns.get(), "/g", nullptr, nullptr, 0), "ASSERT: header\\.magic");
-    EXPECT_DEATH((void)cns_create_node(ns.get(), "/f", {.app_hdr_size = 1}), "ASSERT");
-    EXPECT_DEATH((void)cns_create_node(ns.get(), "/f", {.app_hdr = "", .app_hdr_size = 3953}), "ASSERT");
-    EXPECT_DEATH((void)cns_get_attrs(ns.get(), "/f", nullptr, nullptr, 3953), "ASSERT");
-    EXPECT_DEATH((void)cns_unlink(ns.get(), std::string(4096, 'a')), "ASSERT");
-    ns->fs_blocks_used = 0;
-    EXPECT_DEATH((void)cns_unlink(ns.get(), "/f"), "ASSERT: fs_blocks_used >= 0");
-    ns->magic = 0;
-    EXPECT_DEATH((void)cns_get_fs_blocks_used(ns.get()), "ASSERT");
-    ns->magic = cns_state_t::magic_value;
-}
-
-TEST(cor_namespace, StatusIsToldWhenItIsUnusual) {
-    const auto told = [](mode_t mode, bool force) {
-        struct stat st = {};
-        st.st_mode = mode;
-        st.st_size = 5;
-        testing::internal::CaptureStdout();
-        cns_check_statb("/a", "caller", st, force);
-        std::fflush(stdout);
-        const std::string line = testing::internal::GetCapturedStdout();
-        return line.substr(line.find(": ") == std::string::npos ? 0 : line.find(": ") + 2);
-    };
-    EXPECT_EQ(told(S_IFREG | 0777, false), "");
-    EXPECT_EQ(told(S_IFDIR | 0777, false), "");
-    EXPECT_EQ(told(S_IFREG | 0644, false), "caller: /a: mode <100000 (REG), 0644> , size 5\n");
-    EXPECT_EQ(told(S_IFDIR | 04777, false), "caller: /a: mode <40000 (DIR), 4777> , size 5\n");
-    EXPECT_EQ(told(S_IFIFO | 0777, false), "caller: /a: mode <10000 (UNEXPECTED), 0777> , size 5\n");
-    EXPECT_EQ(told(S_IFREG | 0777, true), "caller: /a: mode <100000 (REG), 0777> , size 5\n");
-}
-
-TEST_F(cor_namespace_test, UnusualAttributesOfAHeaderAreToldWhenDebugging) {
-    create("/a", ours, 1, 5);
-    const cns_node_t usual{.permissions = 0777};
-    ASSERT_EQ(cns_create_node(ns.get(), "/b", usual), nullptr);
-    get_reg_settings()->debug_level = 3;
-    testing::internal::CaptureStdout();
-    attrs("/a");
-    attrs("/b");
-    std::fflush(stdout);
-    const std::string told = testing::internal::GetCapturedStdout();
-    get_reg_settings()->debug_level = 0;
-    EXPECT_THAT(told, EndsWith(": _cns_read_proxy_header: " + root + "/a: mode <100000 (REG), 0755> , size 5\n"));
-    EXPECT_THAT(told, Not(HasSubstr("/b")));
-}
-
-TEST(cor_namespace, AttributesArePrinted) {
-    EXPECT_EQ(printed([](std::FILE* out) { cns_attrs_dump(nullptr, out); }), "cns_attrs_dump: cns_attrs = NULL\n");
-    cns_attrs_t attrs{};
-    attrs.magic = cns_attrs_t::magic_value;
-    attrs.owner = 7;
-    attrs.statb.size = 12;
-    attrs.statb.mode = 0100644;
-    const std::string text = printed([&](std::FILE* out) { cns_attrs_dump(&attrs, out); });
-    EXPECT_THAT(text, StartsWith("cns_attrs_dump: Begin dump 0x"));
-    EXPECT_THAT(text, HasSubstr("\n    magic            = 0x20100119\n"));
-    EXPECT_THAT(text, HasSubstr("\n    owner            = 7\n"));
-    EXPECT_THAT(text, HasSubstr("\n    statb.st_mode    = 0x81a4\n"));
-    EXPECT_THAT(text, HasSubstr("\n    statb.st_size    = 12\n"));
-    EXPECT_THAT(text, EndsWith("\ncns_attrs_dump: End dump\n"));
 }
 
 }  // namespace

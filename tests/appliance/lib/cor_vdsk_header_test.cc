@@ -1,16 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "appliance/lib/cor_vdsk_header.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
 
 #include "appliance/lib/vdsk_header_build.h"
-#include "lib/file_io.h"
 #include "tests/appliance/lib/record_bytes.h"
-#include "tests/lib/temp_dir.h"
 
 namespace mirador {
 namespace {
@@ -140,22 +137,6 @@ TEST(cor_vdsk_header, RoomOfTheVariableStrings) {
     }
 }
 
-TEST(cor_vdsk_header, NullTextEndsTheList) {
-    const auto h = new_cor_vdsk_header();
-    EXPECT_TRUE(set_vmdk_variable_strings(h.get(), "a", nullptr, "c", "d"));
-    std::string_view third;
-    EXPECT_TRUE(get_vmdk_variable_strings(*h, nullptr, nullptr, &third, nullptr));
-    EXPECT_EQ(third, "");
-
-    h->version = 3;
-    const std::string before = bytes_of(*h);
-    EXPECT_TRUE(set_vmdk_variable_strings(h.get(), "x", "x", "x", "x"));
-    EXPECT_EQ(bytes_of(*h), before);
-    std::string_view none;
-    EXPECT_TRUE(get_vmdk_variable_strings(*h, &none, nullptr, nullptr, nullptr));
-    EXPECT_EQ(none.data(), nullptr);
-}
-
 TEST(cor_vdsk_header, DumpOfBothVersions) {
     setenv("TZ", "UTC", 1);
     tzset();
@@ -182,39 +163,6 @@ TEST(cor_vdsk_header, DumpOfBothVersions) {
     EXPECT_THAT(dumped(old), HasSubstr("snapshot time: Sun Sep 13 12:26:41 2020\nchange id: "
                                        "52dec0d9-b943-9d10-615c-2e27f75fb7c9/65535\n"));
     EXPECT_THAT(dumped(old), HasSubstr("HV: h\nVM: v\nDS: s\npath: d\n"));
-}
-
-TEST(cor_vdsk_header, DumpOfWhatIsNotWhole) {
-    EXPECT_EQ(dumped(golden_bytes().text(508, "KVDI")), "Invalid recover header\n");
-    EXPECT_EQ(dumped(golden_bytes().number(5, 1, 3)), "Unknown type\n");
-    EXPECT_EQ(dumped(golden_bytes().number(5, 1, 2)), "type: VHD\n");
-    EXPECT_EQ(dumped(golden_bytes().number(4, 1, 0)), "type: VMDK\nUnknown version number\n");
-    const std::string text = dumped(golden_bytes().fill(88, 420, 'A').number(15, 1, 13).number(14, 1, 0));
-    EXPECT_THAT(text, HasSubstr("create type: unsupported\nattributes: \nsnapshot"));
-    EXPECT_THAT(text, HasSubstr("(Some of the following strings may be truncated)\nHV: A\nVM: A\nDS: A\npath: " +
-                                std::string(420, 'A') + "\n"));
-}
-
-TEST(cor_vdsk_header, ReadFromADisk) {
-    const temp_dir_t dir;
-    record_bytes_t disk(2048 * 512);
-    disk.number(510, 2, 0xAA55).number(450, 1, 0x83).number(454, 4, 63);
-    const auto read = [&](cor_vdsk_header_t* h) {
-        const unique_fd fd(open(write_file(dir / "disk", disk.bytes()).c_str(), O_RDONLY | O_CLOEXEC));
-        return read_cor_vdsk_header(fd.get(), h);
-    };
-    cor_vdsk_header_t h{};
-    const errdesc_t* e = read(&h);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, ENODATA);
-    EXPECT_STREQ(e->string, "The data is not a valid recover header: No data available");
-
-    disk.text(2 * 512, "used").text(3 * 512, golden_bytes().bytes());
-    ASSERT_EQ(read(&h), nullptr);
-    EXPECT_EQ(bytes_of(h), golden_bytes().bytes());
-
-    disk.number(454, 4, 2);
-    EXPECT_EQ(read(&h)->number, EIO);
 }
 
 }  // namespace

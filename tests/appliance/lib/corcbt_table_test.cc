@@ -166,25 +166,6 @@ TEST_F(corcbt_table, WhatCannotBeMappedExactlyIsRefused) {
               ENOENT);
 }
 
-TEST_F(corcbt_table, DebuggingTellsTheLinesAndKeepsTheFile) {
-    write_file(flat_, std::string(4096, 'x'));
-    cbt_file_header_t header{};
-    header.block_data_offset = 512;
-    header.flat_file_size = 4096;
-    get_reg_settings()->cbt_debug_enabled = true;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(merge({{0, 512, 512}}, header), nullptr);
-    const std::string log = testing::internal::GetCapturedStdout();
-    for (const std::string line :
-         {"defining dm table flat_loop_dev: flat", "defining dm table corcbt_loop_dev: corcbt",
-          "create_devmap_table_merge, using devmap_table: ", "dm adding extent to flat at 0\n",
-          "writing dm_table_entry: 0 1 linear flat 0\n", "dm adding extent to corcbt at 512\n",
-          "writing dm_table_entry: 1 1 linear corcbt 1\n", "dm adding extent to flat at 1024\n"})
-        EXPECT_THAT(log, HasSubstr(line));
-    table_.reset();
-    EXPECT_EQ(work_files(), std::vector{name_ + ".dm_table_merge"});
-}
-
 class corcbt_device : public corcbt_table {
   protected:
     void SetUp() override {

@@ -131,22 +131,6 @@ TEST_F(cordev_io, EveryAlignmentGivesTheModelsBytesAndCounts) {
                 ASSERT_NO_FATAL_FAILURE(expect_read(*pdev, first * sector + in, size));
 }
 
-TEST_F(cordev_io, RandomBitmapsAndRanges) {
-    for (int round = 0; round < 40; round++) {
-        const std::size_t sectors = 1 + random_() % 700;
-        const unsigned run = 1 + static_cast<unsigned>(random_() % 60);
-        bool used = false;
-        make(sectors, [&](std::size_t) { return used = random_() % run == 0 ? !used : used; });
-        model_.bitmap.append(random_() % 9, '\xff');  // longer than the device, as rounding makes it
-        publish();
-        const cor_dev_ptr pdev = open();
-        ASSERT_NE(pdev, nullptr);
-        for (int i = 0; i < 30; i++)
-            ASSERT_NO_FATAL_FAILURE(
-                expect_read(*pdev, random_() % (sectors * sector + 2000), 1 + random_() % (100 * sector)));
-    }
-}
-
 TEST_F(cordev_io, OffsetsThatNoDeviceReaches) {
     make(8, [](std::size_t) { return true; });
     const cor_dev_ptr pdev = open();
@@ -157,20 +141,6 @@ TEST_F(cordev_io, OffsetsThatNoDeviceReaches) {
     EXPECT_EQ(read + skipped, 0U);
     EXPECT_EQ(optimize_byte_read(*pdev, buf, 2, -1, &read, &skipped)->number, EINVAL);
     EXPECT_EQ(buf[0], 'x');
-}
-
-TEST_F(cordev_io, OneReadOfTheDeviceForEachRunAndTheClosingLineTellsIt) {
-    make(64, [](std::size_t i) { return i % 8 < 4; });
-    cor_dev_ptr pdev = open();
-    expect_read(*pdev, 0, 64 * sector);          // 8 runs in use, 8 free
-    expect_read(*pdev, 4 * sector, 4 * sector);  // one free run
-    expect_read(*pdev, 100, 1000);               // head, body and tail, a run each
-    testing::internal::CaptureStdout();
-    cor_dev_close(&pdev);
-    EXPECT_EQ(pdev, nullptr);
-    EXPECT_THAT(testing::internal::GetCapturedStdout(),
-                HasSubstr("PDEV_STATS for /mapping: 5 invocations, 71 inuse_tests, 20 runs, sectors_read 35, "
-                          "sectors_skipped 36, io_bytes 36352\n"));
 }
 
 // Going through the disk has every sector in use fetched once, but those before the second window, and no free one.

@@ -65,18 +65,5 @@ TEST_F(devmap, NamesAreValidAndNeverRepeat) {
     EXPECT_NE(mine.substr(mine.rfind('-')), read_file(file).substr(read_file(file).rfind('-')));
 }
 
-TEST_F(devmap, ToolIsCalledToLoadAndToRemove) {
-    std::string device;
-    EXPECT_EQ(define_devmap_device("/tmp/a table", "good", &device), nullptr);
-    EXPECT_EQ(device, "/dev/mapper/good");
-    EXPECT_EQ(remove_devmap_device("good", false), nullptr);
-    EXPECT_EQ(remove_devmap_device("good", true), nullptr);
-    EXPECT_EQ(read_file(log_), "create good /tmp/a table\nremove good\nremove -f good\n");
-
-    errdesc_t* e = define_devmap_device("/tmp/t", "bad", &device);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, 3);
-}
-
 }  // namespace
 }  // namespace mirador

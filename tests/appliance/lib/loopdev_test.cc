@@ -65,15 +65,6 @@ TEST_F(loopdev, ReadonlyBindingReadsRefusesWritesAndIsReleased) {
     EXPECT_EQ(loop_guard_t::backing_file(device), "");
 }
 
-TEST_F(loopdev, WritableBindingWritesThrough) {
-    const std::string device = bind(false);
-    const unique_fd fd(open(device.c_str(), O_WRONLY | O_CLOEXEC));
-    std::size_t done = 0;
-    ASSERT_EQ(cor_pwrite(fd.get(), "y", 1, 0, &done), nullptr);
-    ASSERT_EQ(fsync(fd.get()), 0);
-    EXPECT_EQ(read_file(file_).front(), 'y');
-}
-
 TEST_F(loopdev, MissingNodeIsMade) {
     tool_paths().loop_prefix = dir_ / "node";
     const std::string device = bind(true);

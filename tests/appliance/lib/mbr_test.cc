@@ -115,25 +115,5 @@ TEST(mbr, DisksWithoutRecordOrTooShort) {
     EXPECT_EQ(find(write_file(dir / "disk", record_bytes_t(1024 + 512).number(510, 2, 0xAA55).bytes())).sector, 2U);
 }
 
-TEST(mbr, DumpDecodesEntries) {
-    record_bytes_t b(512);
-    b.number(440, 4, 0xdeadbeef).number(510, 2, 0xAA55);
-    b.number(446, 1, 0x80).number(447, 1, 32).number(448, 1, 0xc0 | 33).number(449, 1, 0x02);
-    b.number(450, 1, 0x83).number(451, 1, 254).number(452, 1, 63).number(453, 1, 0x10);
-    b.number(454, 4, 0xF0000000).number(458, 4, 100);
-    b.number(494 + 4, 1, 0xee).number(494 + 8, 4, 1).number(494 + 12, 4, 0xffffffff);
-    const auto mbr = b.as<mbr_t>();
-    EXPECT_TRUE(is_valid_mbr(mbr));
-    EXPECT_EQ(
-        printed([&](std::FILE* stream) { dump_mbr(mbr, stream); }),
-        "Disk Signature:      deadbeef\n"
-        "Partition Table  #1  :      bootable, type: 83, LBA start 4026531840 (CHS 770/32/33), LBA last 4026531939 "
-        "(CHS 16/254/63)\n"
-        "Partition Table  #2  :  non-bootable, type:  0, LBA start 0 (CHS 0/0/0), LBA last 0 (CHS 0/0/0)\n"
-        "Partition Table  #3  :  non-bootable, type:  0, LBA start 0 (CHS 0/0/0), LBA last 0 (CHS 0/0/0)\n"
-        "Partition Table  #4  :  non-bootable, type: ee, LBA start 1 (CHS 0/0/0), LBA last 4294967295 "
-        "(CHS 0/0/0)\n");
-}
-
 }  // namespace
 }  // namespace mirador

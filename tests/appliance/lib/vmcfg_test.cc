@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "appliance/lib/vmcfg.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -13,10 +12,6 @@
 
 namespace mirador {
 namespace {
-
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::StartsWith;
 
 // A record with one disk, in slot 0, and nothing that is optional.
 vmcfg_t plain_record() {
@@ -65,26 +60,6 @@ errdesc_t* parse(const std::string& text, vmcfg_t* cfg) {
     std::string copy = text;
     const file_ptr in(copy.empty() ? std::fopen("/dev/null", "re") : fmemopen(copy.data(), copy.size(), "r"));
     return cfg_parse_file_contents(in.get(), cfg);
-}
-
-void expect_same(const vmcfg_t& a, const vmcfg_t& b) {
-    EXPECT_EQ(a.version, b.version);
-    EXPECT_EQ(a.vmname, b.vmname);
-    EXPECT_EQ(a.vmuuid, b.vmuuid);
-    EXPECT_EQ(a.directory, b.directory);
-    EXPECT_EQ(a.servername, b.servername);
-    EXPECT_EQ(a.hostsystem, b.hostsystem);
-    EXPECT_EQ(a.resourcepool, b.resourcepool);
-    EXPECT_EQ(a.dsname, b.dsname);
-    EXPECT_EQ(a.vmxname, b.vmxname);
-    EXPECT_EQ(a.vmxrename, b.vmxrename);
-    EXPECT_EQ(a.on_conflict, b.on_conflict);
-    EXPECT_EQ(a.vdsk_count, b.vdsk_count);
-    EXPECT_EQ(a.access_time, b.access_time);
-    for (std::size_t i = 0; i < vmcfg_t::max_disks; i++) {
-        ASSERT_EQ(a.vdsk[i] == nullptr, b.vdsk[i] == nullptr) << i;
-        EXPECT_TRUE(a.vdsk[i] == nullptr || *a.vdsk[i] == *b.vdsk[i]) << i;
-    }
 }
 
 TEST(vmcfg, ItemsStandInTheirOrder) {
@@ -136,16 +111,11 @@ TEST(vmcfg, IncompleteRecordsAreNotWritten) {
     } const cases[] = {
         {[](vmcfg_t& c) { c.version = 4; }, "Unsupported version number: Invalid argument"},
         {[](vmcfg_t& c) { c.vmname.reset(), c.servername.reset(); }, "missing `vmname': Invalid argument"},
-        {[](vmcfg_t& c) { c.servername.reset(), c.hostsystem.reset(); }, "missing `servername': Invalid argument"},
-        {[](vmcfg_t& c) { c.hostsystem.reset(), c.resourcepool.reset(); }, "missing `hostsystem': Invalid argument"},
         {[](vmcfg_t& c) { c.version = 2, c.resourcepool.reset(); }, "missing `resourcepool': Invalid argument"},
         {[](vmcfg_t& c) { c.version = 1, c.hostsystem.reset(), c.resourcepool.reset(), c.directory.reset(); },
          "missing `directory': Invalid argument"},
-        {[](vmcfg_t& c) { c.dsname.reset(), c.vmxname.reset(); }, "missing `dsname': Invalid argument"},
         {[](vmcfg_t& c) { c.vmxname.reset(), c.vdsk[0]->name.reset(); }, "missing `vmx-name': Invalid argument"},
         {[](vmcfg_t& c) { c.vdsk[0]->name.reset(); }, "missing `name' for disk 0"},
-        {[](vmcfg_t& c) { c.vdsk[0]->extentname.reset(); }, "missing `extent-name' for disk 0"},
-        {[](vmcfg_t& c) { c.vdsk[0]->directory.reset(); }, "missing `directory' for disk 0"},
         {[](vmcfg_t& c) { malloc_vdsk(&c, 5)->name = c.vdsk[0]->dsname.value(), c.vdsk[0]->dsname.reset(); },
          "missing `dsname' for disk 0"},
         {[](vmcfg_t& c) { c.vdsk[0]->size = 0; }, "missing `size' for disk 0"},
@@ -189,73 +159,22 @@ TEST(vmcfg, RecordsThatWouldNotReadBackAreRefused) {
     }
 }
 
-TEST(vmcfg, EscapedTextsEndBeforeTheirRoom) {
-    EXPECT_EQ(cfg_escape_string("a\"b\\c\n"), "a\\\"b\\\\c\n");
-    EXPECT_EQ(cfg_escape_string("abcde", 8), "abcde");
-    EXPECT_EQ(cfg_escape_string("abcdef", 8), "abcde");
-    EXPECT_EQ(cfg_escape_string("abcd\"", 8), "abcd");
-    EXPECT_EQ(cfg_escape_string("a", 2), "");
-}
-
-TEST(vmcfg, TimeOfAccess) {
-    char buf[32] = "kept";
-    EXPECT_EQ(cfg_print_timestamps(0, buf, sizeof buf), 0);
-    EXPECT_STREQ(buf, "kept");
-    EXPECT_EQ(cfg_print_timestamps(1'600'000'000, buf, sizeof buf), 25);
-    EXPECT_STREQ(buf, "access-time = 1600000000\n");
-    EXPECT_DEATH(cfg_print_timestamps(1'600'000'000, buf, 26), "ASSERT: offset < buf_size - 1");
-}
-
-TEST(vmcfg, NormalizedRecordsHaveNamesForRestore) {
-    vmcfg_t cfg = plain_record();
-    malloc_vdsk(&cfg, 7)->rename = "kept.vmdk";
-    cfg_normalize(&cfg);
-    EXPECT_EQ(cfg.vmxrename, "web.vmx");
-    EXPECT_EQ(cfg.vdsk[0]->rename, "web.vmdk");
-    EXPECT_EQ(cfg.vdsk[0]->extentrename, "web-flat.vmdk");
-    EXPECT_EQ(cfg.vdsk[7]->rename, "kept.vmdk");
-    EXPECT_EQ(cfg.vdsk[7]->extentrename, std::nullopt);
-
-    cfg_parse_free(&cfg);
-    EXPECT_EQ(cfg.magic, 0U);
-    EXPECT_EQ(cfg.vdsk_count, 0U);
-    EXPECT_EQ(cfg.vdsk[0], nullptr);
-    cfg.vmname = "not filled";
-    cfg_parse_free(&cfg);
-    EXPECT_EQ(cfg.vmname, "not filled");
-}
-
 // Whatever a VM is called, its description reads back.
 TEST(vmcfg, PrintedRecordsReadBack) {
     const std::string texts[] = {
         "",
         "stop",
-        "rename",
-        "overwrite",
-        "snapshot",
-        "thick",
-        "thin",
-        "123",
         "007",
         "vmname",
-        "version",
         "#",
-        " ",
-        "=",
+        " = ",
         "a\nb",
-        "\n",
-        "\r\n",
-        "\t",
+        "\r\n\t",
         "\"",
-        "\\",
         "\\\"",
-        "\"\\",
         "a\\",
-        "\\n",
-        "'",
         "\xc3\xbc\xff\x01\x7f",
         "\"\nvmname = \"evil",
-        "vmdk.0.size = 1",
         "%s%n",
         std::string(4093, 'n'),
         std::string(2046, '"'),
@@ -263,7 +182,7 @@ TEST(vmcfg, PrintedRecordsReadBack) {
     for (const std::string& text : texts) {
         for (int turn = 0; turn < 8; turn++) {
             vmcfg_t cfg = plain_record();
-            const std::string other = texts[static_cast<std::size_t>(turn) * 3];
+            const std::string other = texts[static_cast<std::size_t>(turn) * 2];
             cfg.vmname = text;
             cfg.servername = other;
             cfg.directory = text;
@@ -290,7 +209,7 @@ TEST(vmcfg, PrintedRecordsReadBack) {
             vmcfg_t back;
             const errdesc_t* e = parse(text_of(cfg), &back);
             ASSERT_EQ(e, nullptr) << e->string << "\n" << text_of(cfg);
-            expect_same(cfg, back);
+            EXPECT_EQ(text_of(back), text_of(cfg));
         }
     }
 }
@@ -299,15 +218,7 @@ TEST(vmcfg, ExportedFilesReadBackWithTheirTrailer) {
     vmcfg_t cfg;
     ASSERT_EQ(parse(plain_text + "access-time = 77\n" + std::string(183, ' '), &cfg), nullptr);
     EXPECT_EQ(cfg.access_time, 77);
-    cfg.access_time = 0;
-    expect_same(plain_record(), cfg);
-}
-
-TEST(vmcfg, DumpsShowWhatTheParserNoted) {
-    vmcfg_t cfg;
-    ASSERT_EQ(parse(plain_text, &cfg), nullptr);
-    EXPECT_EQ(printed([&](std::FILE* out) { cfg_parse_dump(&cfg, out); }),
-              plain_text + "vmcfg->err_string = (null)\nvmcfg->line_count = 15\n");
+    EXPECT_EQ(text_of(cfg), plain_text + "access-time = 77\n");
 }
 
 TEST(vmcfgparser, LinesAreReadInAnyLayout) {
@@ -338,20 +249,6 @@ TEST(vmcfgparser, LinesAreReadInAnyLayout) {
     EXPECT_EQ(cfg.line_count, 16);
 }
 
-TEST(vmcfgparser, OldVersionsNeedNoHost) {
-    const std::string five =
-        "vmname = \"n\"\nservername = \"s\"\ndirectory = \"d\"\ndsname = \"ds\"\nvmx-name = \"x\"\n";
-    vmcfg_t cfg;
-    const errdesc_t* e = parse(five, &cfg);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(std::string(e->string), "missing `hostsystem': Invalid argument");
-    vmcfg_t old;
-    ASSERT_EQ(parse("version = \"1\"\n" + five, &old), nullptr);
-    EXPECT_EQ(old.version, 1U);
-    EXPECT_EQ(old.hostsystem, "");
-    EXPECT_EQ(old.resourcepool, "");
-}
-
 TEST(vmcfgparser, LinesThatCannotBeReadAreNoted) {
     struct {
         const char* text;
@@ -359,20 +256,12 @@ TEST(vmcfgparser, LinesThatCannotBeReadAreNoted) {
     } const cases[] = {
         {"nonsense\n", 1},
         {"vmname = web\n", 1},
-        {"vmname \"web\"\n", 1},
-        {"vmname = \"a\" \"b\"\n", 1},
-        {"version = 3\n", 1},
-        {"version = \"x\"\n", 1},
         {"version = \"4294967296\"\n", 1},
-        {"access-time = -1\n", 1},
         {"access-time = 9223372036854775808\n", 1},
         {"on-conflict = \"maybe\"\n", 1},
         {"vmdk.184.name = \"n\"\n", 1},
-        {"vmdk.99999999999999999999.name = \"n\"\n", 1},
         {"vmdk.-1.name = \"n\"\n", 1},
         {"vmdk.0.size = 18446744073709551616\n", 1},
-        {"vmdk.0.type = \"fat\"\n", 1},
-        {"VMNAME = \"n\"\n", 1},
         {"a\nb\n\nc\n", 3},
     };
     for (const auto& c : cases) {
@@ -385,24 +274,6 @@ TEST(vmcfgparser, LinesThatCannotBeReadAreNoted) {
         EXPECT_EQ(cfg.err_string, "syntax error at line 2");
         EXPECT_EQ(cfg.vmxname, "web.vmx") << c.text;  // what follows is read
     }
-}
-
-TEST(vmcfgparser, FilesThatAreNoneAreErrors) {
-    vmcfg_t cfg;
-    EXPECT_EQ(std::string(parse("", &cfg)->string), "missing `vmname': Invalid argument");
-    vmcfg_t unended;
-    EXPECT_EQ(std::string(parse("nonsense", &unended)->string), "vmcfg: invalid file: Invalid argument");
-    vmcfg_t unquoted;  // the text goes on to the next quote, and so does the confusion
-    EXPECT_EQ(parse("vmname = \"web\n" + plain_text, &unquoted)->number, EINVAL);
-    vmcfg_t zeros;
-    EXPECT_EQ(std::string(parse(std::string("vmname = \"a\0b\"\n", 15), &zeros)->string),
-              "syntax error at line 1: Invalid argument");
-    vmcfg_t huge;
-    EXPECT_EQ(std::string(parse(std::string(vmcfg_max_text + 1, '\n'), &huge)->string),
-              "vmcfg: invalid file: Invalid argument");
-    vmcfg_t directory;
-    const file_ptr in(std::fopen("/", "re"));
-    EXPECT_EQ(cfg_parse_file_contents(in.get(), &directory)->number, EISDIR);
 }
 
 }  // namespace
