@@ -66,55 +66,6 @@ class snapshot_alerts : public testing::Test {
     std::size_t seen_ = 0;
 };
 
-TEST_F(snapshot_alerts, TellTheVmOnlyWhatChanges) {
-    struct {
-        const char* error;  // what the controller holds against the VM
-        vmconfig_mode_t mode;
-        bool clear_suffix;
-        std::vector<std::string> posts;
-    } const cases[] = {
-        {"", VMCONFIG_ERROR, false, {R"(vmconfig { "uuid": "u-1", "error_message": "m" })"}},
-        {"m", VMCONFIG_ERROR, false, {R"(vmconfig { "uuid": "u-1", "error_message": "m" })"}},
-        {"", VMCONFIG_ERROR, true, {R"(vmconfig { "uuid": "u-1", "error_message": "m", "snap_suffix": "" })"}},
-        {"m", VMCONFIG_SUCCESS, false, {R"(vmconfig { "uuid": "u-1", "error_message": "" })"}},
-        {"m", VMCONFIG_SUCCESS, true, {R"(vmconfig { "uuid": "u-1", "error_message": "", "snap_suffix": "" })"}},
-        {"m2", VMCONFIG_SUCCESS, false, {}},
-        {"", VMCONFIG_SUCCESS, false, {}},
-        {"m2", VMCONFIG_SUCCESS, true, {R"(vmconfig { "uuid": "u-1", "snap_suffix": "" })"}},
-    };
-    for (const auto& c : cases) {
-        answer_with(c.error, "[]");
-        EXPECT_EQ(update_vmconfig("esx", "vm", "m", c.mode, c.clear_suffix), nullptr);
-        EXPECT_THAT(posted(), ElementsAreArray(c.posts)) << c.error << c.mode << c.clear_suffix;
-    }
-}
-
-TEST_F(snapshot_alerts, KnowTheirVm) {
-    fake_.answer("vhost?hv_hostname=other", "");
-    struct {
-        const char* hv;
-        const char* vm;
-        errnum_t number;
-        const char* text;
-    } const cases[] = {
-        {"esx", "Vm", ERR_OBJ_NOT_FOUND, "Virtual machine not found: not found"},
-        {"other", "vm", ERR_OBJ_NOT_FOUND, "Virtual machine not found: not found"},
-        {"none", "vm", ENOENT, "none: No such file or directory"},
-        {"a/b", "vm", EINVAL, "Hypervisor 'a/b' refused, host name is no name"},
-    };
-    for (const auto& c : cases) {
-        const errdesc_t* e = update_vmconfig(c.hv, c.vm, "m", VMCONFIG_ERROR, true);
-        ASSERT_NE(e, nullptr) << c.hv;
-        EXPECT_EQ(e->number, c.number);
-        EXPECT_STREQ(e->string, c.text);
-    }
-    EXPECT_THAT(posted(), IsEmpty());
-    fake_.answer("vmconfig", "", 503);
-    const errdesc_t* e = update_vmconfig("esx", "vm", "m", VMCONFIG_ERROR, false);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, EAGAIN);
-}
-
 TEST_F(snapshot_alerts, AreRaisedAndTakenBack) {
     const auto alert_of = [](const std::string& kind, const std::string& object = "esx:vm") {
         return R"({"alert_id":")" + kind + R"(","object_id":")" + object + R"(","node_uuid":"own"})";

@@ -11,11 +11,9 @@
 namespace mirador {
 namespace {
 
-using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 
 class snapshot_make : public snapshot_lab_t {
   protected:
@@ -191,36 +189,6 @@ TEST_F(snapshot_make, ControllerMustTellWhatWasFrozen) {
     show(0);
     goes_on_ = false;
     EXPECT_EQ(make(0), ERR_CANCELLED) << "the daemon ends";
-}
-
-TEST_F(snapshot_make, FailedUpdateIsRetriedAndThenTheSnapshotGoes) {
-    errnum_t number = 0;
-    during(
-        "create_snapshot", [&] { vm_.disks[0].head = "-", show(1); },
-        [&] {
-            const errdesc_t* e = snapshot_state_new(
-                {disk_path(), shadow_ + disk_path(), "m-1", "esx1", vm_.uuid, [] { return true; }}, &made_);
-            number = e == nullptr ? 0 : e->number;
-        });
-    EXPECT_EQ(number, ENOENT);
-    EXPECT_EQ(clock_->slept(), 12 * 15);
-    EXPECT_EQ(asked().back(), request("remove_snapshot", "0"));
-}
-
-TEST_F(snapshot_make, RefusesWhatItCannotName) {
-    vm_.suffix = "123456789012345678901";
-    show(0);
-    EXPECT_EQ(make(), EINVAL);
-    EXPECT_EQ(text_, "Length of snapshot suffix (123456789012345678901) is larger than 20 characters.");
-    answer("vhost?vm_uuid=564d0001", "[]");
-    EXPECT_EQ(make(), EINVAL);
-    EXPECT_EQ(text_,
-              "Cannot find VM config for vm_uuid 564d0001 (hv_name esx1, path /esx1/vm/disk-flat.vmdk), the "
-              "uuid may be invalid.");
-    get_reg_settings()->publish_names({.appliance_uuid = "node", .master_uuid = "", .vendor_id = "V+x"});
-    EXPECT_EQ(make(), ERR_NOT_AVAILABLE);
-    EXPECT_THAT(asked(), IsEmpty());
-    EXPECT_FALSE(is_locked());
 }
 
 TEST_F(snapshot_make, UnusedSnapshotsGoWhenTheyHaveBeenIdleForLongEnough) {

@@ -82,17 +82,5 @@ TEST_F(snapshot_space, AgentThatCannotTellChangesNothing) {
     EXPECT_EQ(fake_.received().size(), before);
 }
 
-TEST_F(snapshot_space, ListOfDatastoresIsWholeOrNone) {
-    std::vector<datastore_info_t> list;
-    agent_.answer_data("df", "[" + datastore("ds1", "5", "18446744073709551615") + "]");
-    ASSERT_EQ(ws_df(hvc, &list), nullptr);
-    ASSERT_EQ(list.size(), 1U);
-    EXPECT_EQ(list[0].name + list[0].type + list[0].paths.at(0), "ds1NFSa");
-    EXPECT_EQ(list[0].free_space, 18446744073709551615U);
-    agent_.answer_data("df", "[" + datastore("ds1", "5", "4") + R"(,{"name":"ds2"}])");
-    EXPECT_EQ(ws_df(hvc, &list)->number, ENOENT);
-    EXPECT_TRUE(list.empty());
-}
-
 }  // namespace
 }  // namespace mirador

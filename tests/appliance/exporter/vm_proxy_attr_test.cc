@@ -9,7 +9,6 @@
 #include "appliance/exporter/shadow_fixture.h"
 #include "appliance/exporter/vm_proxy_api.h"
 #include "lib/error_hash.h"
-#include "lib/fs_info.h"
 
 namespace mirador {
 namespace {
@@ -31,37 +30,6 @@ class vm_proxy_attr : public shadow_fixture_t {
 };
 
 const std::string nul(1, '\0');
-
-TEST_F(vm_proxy_attr, FilesReportWhatTheirHeaderSays) {
-    const std::string vmx_file = make_file("real.vmx", std::string(700, 'v'));
-    const std::string disk = expose_disk("vm/a-flat.vmdk");
-    const std::string vmx = expose("vm/a.vmx", VM_PROXY_HEADER_VMX, vmx_file);
-    const std::string cfg = expose("vm/vm.cfg", VM_PROXY_HEADER_CFG, make_file("vm.cfg", std::string(1000, 'c')));
-    struct {
-        std::string path;
-        off_t size;
-        blkcnt_t blocks;
-    } const cases[] = {{disk, disk_size, disk_size / 512},
-                       {disk + "-cbt-losetup", disk_size, disk_size / 512},
-                       {vmx, 700, 2},
-                       {cfg, 1200, 2}};
-    for (const auto& c : cases) {
-        const struct stat st = attributes(c.path);
-        EXPECT_EQ(st.st_size, c.size) << c.path;
-        EXPECT_EQ(st.st_blocks, c.blocks) << c.path;
-        EXPECT_EQ(st.st_blksize, 131072) << c.path;
-        EXPECT_EQ(st.st_ino, fs_ino_hash(c.path)) << c.path;
-        EXPECT_TRUE(S_ISREG(st.st_mode)) << c.path;
-    }
-    EXPECT_TRUE(S_ISDIR(attributes("/vm").st_mode));
-
-    struct stat st {};
-    const errdesc_t* e = vm_proxy_getattr("/none", shadow_path("/none"), true, &st);
-    EXPECT_EQ(e->number, ENOENT);
-    EXPECT_EQ(e->string, "lstat failed: " + shadow_path("/none"));
-    make_file("shadow/short", "x");
-    EXPECT_EQ(vm_proxy_getattr("/short", shadow_path("/short"), false, &st)->number, 126);
-}
 
 TEST_F(vm_proxy_attr, TouchKeepsSizeRulesAndTheCountOfBlocks) {
     const std::string disk = expose_disk("a-flat.vmdk");

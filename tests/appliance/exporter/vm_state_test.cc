@@ -18,7 +18,6 @@ namespace {
 
 using testing::Contains;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 class vm_state_test : public inventory_lab_t {
   protected:
@@ -36,42 +35,6 @@ class vm_state_test : public inventory_lab_t {
     std::string text_;
 };
 
-TEST_F(vm_state_test, NamesBecomeDirectoriesThatStayInTheirPlace) {
-    struct case_t {
-        const char* name;
-        const char* folder;
-        const char* dir;  // null: turned down
-    };
-    const std::string long_name(255, 'n');
-    const case_t cases[] = {
-        {"a/b.", "", "esx1/a%2Fb%2E"},
-        {"..", "", "esx1/.%2E"},
-        {"h\"*:<>?\\|", "", "esx1/h%22%2A%3A%3C%3E%3F%5C%7C"},
-        {"Größe 日本", "Ordner", "Ordner/Größe 日本"},
-        {long_name.c_str(), "", nullptr},  // checked below
-        {"vm", "..", nullptr},
-        {"vm", "a/b", nullptr},
-        {"vm", ".uuid", nullptr},
-    };
-    int number = 0;
-    for (const case_t& c : cases) {
-        lab_vm_t vm;
-        vm.name = c.name;
-        vm.folder = c.folder;
-        vm.uuid = "u" + std::to_string(number++);
-        list({vm});
-        const bool fits = c.dir != nullptr || vm.name == long_name;
-        EXPECT_EQ(take(vm), fits ? 0 : EINVAL) << c.name << " in " << c.folder;
-        if (c.dir != nullptr) {
-            EXPECT_EQ(names(c.dir), "") << c.dir;
-        }
-    }
-    lab_vm_t vm;
-    vm.name = std::string(254, 'n') + "/";  // too long once encoded
-    EXPECT_EQ(take(vm), ENAMETOOLONG);
-    EXPECT_THAT(alerts(), Contains(HasSubstr("alert_post vm_discovery")));
-}
-
 TEST_F(vm_state_test, UnchangedVmOnlyBearsTheCyclesNumber) {
     lab_vm_t vm;
     make_files(vm);
@@ -88,40 +51,6 @@ TEST_F(vm_state_test, UnchangedVmOnlyBearsTheCyclesNumber) {
     EXPECT_TRUE((*vm_state_get(shadow_ + "/esx1/vm")).refresh_now);
     vm_stop_old(3);
     EXPECT_NE(names("esx1/vm"), "-");
-}
-
-TEST_F(vm_state_test, SecondVmOfANameIsTurnedDownAndTheFirstStays) {
-    lab_vm_t first;
-    first.folder = "all";
-    list({first});
-    ASSERT_EQ(take(first), 0);
-    lab_vm_t second = first;
-    second.uuid = "564d0002";
-    second.host = "esx2";
-    list({second});
-    EXPECT_EQ(take(second), EINVAL);
-    EXPECT_EQ(text_,
-              "Cannot assign two VMs with the same name (vm) into the same folder (all): attempted to add the VM to "
-              "the folder that already contains the VM (same name) of esx1.");
-    EXPECT_THAT(alerts(), Contains("alert_post vm_discovery esx2:vm"));
-    vm_stop_old(2);
-    EXPECT_EQ(names("all/vm"), "-");
-}
-
-TEST_F(vm_state_test, FailuresOfTheControllerAreTheVmsAlert) {
-    lab_vm_t vm;
-    list({vm});
-    answer("vdisk?vhost_uuid=" + vm.uuid, "", 500);
-    EXPECT_EQ(take(vm), EAGAIN);
-    EXPECT_EQ(names("esx1"), "-");
-    EXPECT_THAT(alerts(), Contains("alert_post vm_discovery esx1:vm"));
-    ks_vm_config_t nowhere = config(vm);
-    nowhere.datastore_name = "";
-    bool updated = false;
-    const errdesc_t* e = vm_state_update(nowhere, host(vm), shadow_, 1, &updated);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, ENOENT);
-    EXPECT_STREQ(e->string, "Datastore for VM 'vm' is not accessible");
 }
 
 TEST_F(vm_state_test, RetiredVmGoesWithItsLastUser) {

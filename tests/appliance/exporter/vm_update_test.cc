@@ -146,23 +146,6 @@ TEST_F(vm_update_test, DiskThatLeavesGoesInABusySecondToo) {
     EXPECT_EQ(names("esx1/vm"), "a-flat.vmdk a.vmdk vm.cfg vm.vmx");
 }
 
-TEST_F(vm_update_test, VmInAFolderMayComeFromAnotherHypervisor) {
-    lab_vm_t vm;
-    vm.folder = "all";
-    expose(vm);
-    vm.host = "esx2";
-    take(vm, 2);
-    ASSERT_EQ(update(vm), 0);
-    EXPECT_STREQ(header("all/vm/vm.vmx").hv_name, "esx2");
-
-    vm.host = "esx1";  // listed by both: the first of the cycle has it
-    list({vm});
-    bool updated = false;
-    const errdesc_t* e = vm_state_update(config(vm), host(vm), shadow_, 2, &updated);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, EINVAL);
-}
-
 TEST_F(vm_update_test, VmxFileIsFoundWhereItsDatastoreIsMountedNow) {
     datastore_mount_points = {dir_ / "direct", dir_ / "volumes"};
     lab_vm_t vm;
@@ -191,21 +174,6 @@ TEST_F(vm_update_test, TreeMayGoUnderAnUpdate) {
     for (std::thread& remover : removers)
         remover.join();
     EXPECT_EQ(update(vm, true), 0);
-    EXPECT_EQ(names("esx1/vm"), "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx");
-}
-
-TEST_F(vm_update_test, ChangedBlockEntriesComeAndGoWithTracking) {
-    lab_vm_t vm;
-    vm.use_cbt = true;
-    expose(vm);
-    EXPECT_EQ(header("esx1/vm/disk-corcbt.vmdk").statb.size, 4096);
-    EXPECT_EQ(header("esx1/vm/disk-corcbt.vmdk").type, VM_PROXY_HEADER_VMDK_CORCBT);
-    get_reg_settings()->cbt_percent = 1;
-    ASSERT_EQ(update(vm, true), 0);
-    EXPECT_EQ(header("esx1/vm/disk-corcbt.vmdk").statb.size, (disk_bytes * 5 / 100 + 4095) / 4096 * 4096);
-    vm.use_cbt = false;
-    take(vm, 2);
-    ASSERT_EQ(update(vm), 0);
     EXPECT_EQ(names("esx1/vm"), "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx");
 }
 
@@ -345,30 +313,6 @@ TEST_F(vm_update_test, FrozenDisksStandInTheConfigurationForTheDeltasAboveThem) 
     EXPECT_EQ(cached("vm.vmx"), vmx("disk.vmdk", "other.vmdk", "still.vmdk"));
 }
 
-TEST_F(vm_update_test, MissingVmxFileHidesOnlyItself) {
-    lab_vm_t vm;
-    make_files(vm);
-    std::filesystem::remove(datastore_ + "/vm/vm.vmx");
-    take(vm);
-    ASSERT_EQ(update(vm), 0);
-    EXPECT_EQ(names("esx1/vm"), "disk-flat.vmdk disk.vmdk vm.cfg");
-    EXPECT_EQ(error_hash_get("/esx1/vm")->number, ENOENT);
-}
-
-TEST_F(vm_update_test, RequestToResetTrackingIsAnsweredOnce) {
-    lab_vm_t vm;
-    vm.cbt_reset_pending = true;
-    make_files(vm);
-    list({vm});
-    bool updated = false;
-    const ks_vm_config_t vmc = config(vm);
-    ASSERT_EQ(vm_state_update(vmc, host(vm), shadow_, 1, &updated), nullptr);
-    answer("vhost?vm_uuid=" + vm.uuid, R"([{"uuid": "564d0001", "name": "vm", "cbt_reset_pending": 1}])");
-    ASSERT_EQ(update(vm), 0);
-    ASSERT_EQ(update(vm, true), 0);
-    EXPECT_THAT(posted("vmconfig"), ElementsAre(R"({ "uuid": "564d0001", "cbt_reset_pending": 0 })"));
-}
-
 // A client that saw the old time would not copy the disk whole, and what it is told has changed would not be all.
 TEST_F(vm_update_test, RequestToResetTrackingStandsUntilEveryDiskShowsIt) {
     const manual_clock_t clock(2'000'000'000, true);
@@ -397,21 +341,6 @@ TEST_F(vm_update_test, RequestToResetTrackingStandsUntilEveryDiskShowsIt) {
     EXPECT_EQ(header("esx1/vm/disk-flat.vmdk").statb.mtime_sec, 2'000'000'000);
     EXPECT_THAT(posted("vdisk"), ElementsAre(HasSubstr(R"("changeid_base": "uninitialized")")));
     EXPECT_THAT(posted("vmconfig"), ElementsAre(R"({ "uuid": "564d0001", "cbt_reset_pending": 0 })"));
-}
-
-TEST_F(vm_update_test, TemplatesCannotBeSnapshotted) {
-    lab_vm_t vm;
-    vm.vmx_path = "vm/vm.vmtx";
-    expose(vm);
-    EXPECT_EQ(names("esx1/vm"), "disk-flat.vmdk disk.vmdk vm.cfg vm.vmtx");
-    EXPECT_EQ(header("esx1/vm/disk-flat.vmdk").can_snapshot, 0U);
-
-    vm.vmx_path = "vm/vm.vmx";  // a VM again
-    vm.discovered = 1;
-    std::filesystem::rename(datastore_ + "/vm/vm.vmtx", datastore_ + "/vm/vm.vmx");
-    take(vm, 2);
-    ASSERT_EQ(update(vm), 0);
-    EXPECT_EQ(names("esx1/vm"), "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx");
 }
 
 }  // namespace
