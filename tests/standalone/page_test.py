@@ -136,6 +136,7 @@ class Page(TemporaryCase):
         self.open(rig)
         self.assertEqual((self.text("#daemon"), self.text("#tile-read")), ("No daemon has spoken yet", "–"))
         self.assertIn("nothing has been reported", self.text("#plot-read svg"))
+        self.assertEqual(self.text("#files-note"), "No report yet.")
         self.picture("no-daemon")
         rig.begin()
         rig.take_over(50)

@@ -76,7 +76,8 @@ function showTiles({counts, reads, vms, since, daemon}) {
     say(`tile-${kind}-more`, `${average}; ${size(reads[kind])} since ${moment(since)}`);
   }
   say("tile-open", count(counts.open));
-  say("tile-open-more", daemon.state === "there" ? `${count(counts.reading)} being read` : "as last reported");
+  say("tile-open-more", daemon.state === "there" ? `${count(counts.reading)} being read`
+    : daemon.state === "silent" ? "as last reported" : "no report yet");
   say("tile-snapshots", count(counts.snapshots));
   const oldest = counts.oldest;
   say("tile-snapshots-more", oldest === null ? "" : `the oldest ${duration(oldest)} old`);
@@ -117,7 +118,8 @@ function showFiles({files, daemon}) {
     [file.size === null ? "–" : size(file.size), "number wide"], [state(file, isStale), "fixed"]]));
   at("files").hidden = !files.total;
   const rest = files.total - files.rows.length;
-  say("files-note", !files.total ? "No disk is open." : rest ? `${count(rest)} more are not shown.` :
+  const none = !isStale ? "No disk is open." : daemon.state === "silent" ? "None in the daemon's last report." : "No report yet.";
+  say("files-note", !files.total ? none : rest ? `${count(rest)} more are not shown.` :
       isStale ? "As the daemon last reported them." : "");
 }
 
