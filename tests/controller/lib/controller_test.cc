@@ -19,10 +19,8 @@ namespace mirador {
 namespace {
 
 using testing::ElementsAre;
-using testing::EndsWith;
 using testing::HasSubstr;
 
-constexpr errnum_t curl_partial = 18;
 constexpr errnum_t curl_aborted = 42;
 
 errnum_t number(const errdesc_t* e) {
@@ -89,43 +87,6 @@ TEST_F(controller, AsksForEachObjectAtItsPlace) {
     EXPECT_EQ(hypervisors, nullptr);
 }
 
-TEST_F(controller, PassesHttpFailuresOn) {
-    struct case_t {
-        int status;
-        errnum_t number;
-    };
-    for (const auto& [status, expected] :
-         {case_t{404, EAGAIN}, {500, EAGAIN}, {503, EAGAIN}, {401, 127}, {302, EIO}, {400, EIO}, {204, 0}}) {
-        fake_.answer("hvconfig", [status = status](const http_request_t&, http_connection_t& connection) {
-            connection.reply(status, status == 204 ? "" : "[]", "Location: /api/elsewhere\r\n");
-        });
-        record_list_ptr<ks_hypervisor_config_t> list;
-        EXPECT_EQ(number(controller_get_hypervisors(&list)), expected) << status;
-        EXPECT_EQ(list == nullptr, expected != 0) << status;
-    }
-    EXPECT_EQ(targets().size(), 7U);  // redirects are not followed
-}
-
-TEST_F(controller, TellsAReplyThatIsCut) {
-    fake_.answer("hvconfig", [](const http_request_t&, http_connection_t& connection) {
-        connection.send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n[{\"hostname\":\"h\"}]");
-        connection.close_after();
-    });
-    record_list_ptr<ks_hypervisor_config_t> list;
-    EXPECT_EQ(number(controller_get_hypervisors(&list)), curl_partial);
-    EXPECT_EQ(list, nullptr);
-}
-
-TEST_F(controller, ReadsAReplyInChunks) {
-    fake_.answer("hvconfig", [](const http_request_t&, http_connection_t& connection) {
-        connection.send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n8\r\n[{\"hostn\r\n");
-        connection.send("b\r\name\":\"h1\"}]\r\n0\r\n\r\n");
-    });
-    record_list_ptr<ks_hypervisor_config_t> list;
-    ASSERT_EQ(number(controller_get_hypervisors(&list)), 0);
-    EXPECT_EQ(list_pop(*list)->hostname, "h1");
-}
-
 TEST_F(controller, FindsOneRecord) {
     fake_.answer("hvconfig", R"([{"hostname":"a"},{"hostname":"b","hv_port":1},{"hostname":"b","hv_port":2}])");
     ks_hypervisor_config_t hvc;
@@ -142,22 +103,6 @@ TEST_F(controller, FindsOneRecord) {
     fake_.answer("vhost?vm_uuid=u", "[]");
     ASSERT_EQ(number(controller_get_vm(&vm, "u")), 0);
     EXPECT_EQ(vm, nullptr);
-}
-
-TEST_F(controller, FindsADatastoreByUuidOrName) {
-    fake_.answer("datastore", R"([{"name":"x","uuid":"1","dc":"-"},{"name":"y","uuid":"x","datacenter":"d"},)"
-                              R"({"name":"z","uuid":"y","datacenter":"e"}])");
-    const auto find = [](const std::string& key, const std::optional<std::string>& datacenter = std::nullopt) {
-        std::unique_ptr<ks_ds_config_t> found;
-        const errdesc_t* e = controller_get_datastore(&found, key, datacenter);
-        return e == nullptr ? *found->uuid : std::string(e->string);
-    };
-    EXPECT_EQ(find("x"), "1");
-    EXPECT_EQ(find("y"), "x");
-    EXPECT_EQ(find("x", "d"), "x");
-    EXPECT_EQ(find("y", "e"), "y");
-    EXPECT_EQ(find("x", "e"), "Cannot find datastore x in datacenter e");
-    EXPECT_EQ(find("w"), "Cannot find datastore w");
 }
 
 TEST_F(controller, AsksTheRegistryByPost) {
@@ -278,21 +223,6 @@ TEST_F(controller, PostsJson) {
     EXPECT_EQ(number(controller_post_json("event", body.get())), 0);
     EXPECT_THAT(targets(), ElementsAre("POST /api/event", "POST /api/event"));
     EXPECT_EQ(number(controller_post_json("gone", body.get())), EAGAIN);
-}
-
-TEST_F(controller, ServesManyThreadsAtOnce) {
-    fake_.answer("hvconfig", R"([{"hostname":"h"}])");
-    std::atomic<int> found = 0;
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 8; i++)
-        threads.emplace_back([&] {
-            for (int j = 0; j < 10; j++) {
-                ks_hypervisor_config_t hvc;
-                found += number(controller_get_hypervisor(&hvc, "h")) == 0 ? 1 : 0;
-            }
-        });
-    threads.clear();
-    EXPECT_EQ(found, 80);
 }
 
 }  // namespace

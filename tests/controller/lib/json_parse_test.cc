@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <array>
 #include <functional>
 #include <limits>
 
@@ -85,27 +84,6 @@ TEST(json_parse_vm, TextsKeepTheirBytesUpToAZero) {
     EXPECT_EQ(vm_of(R"({"name":17})").vm_name, "17");
 }
 
-TEST(json_parse_hv, TakesEachFieldFromItsMember) {
-    list_t<ks_hypervisor_config_t> list;
-    int n_added = 0;
-    ASSERT_EQ(
-        json_parse_hv_config(R"([{"hostname":"h","login_name":"l","password":"p","hv_port":443,"hv_data_port":902,)"
-                             R"("hv_type":"ESX"},{"hostname":"i"}])",
-                             &list, &n_added),
-        nullptr);
-    EXPECT_EQ(n_added, 2);
-    const auto first = list_pop(list);
-    EXPECT_EQ(first->hostname, "h");
-    EXPECT_EQ(first->login_name, "l");
-    EXPECT_EQ(first->password, secret_t("p"));
-    EXPECT_EQ(first->hv_port, 443U);
-    EXPECT_EQ(first->hv_data_port, 902U);
-    EXPECT_EQ(first->hv_type, "ESX");
-    const auto second = list_pop(list);
-    EXPECT_EQ(second->hv_port, 0xffffffffU);
-    EXPECT_EQ(second->password, std::nullopt);
-}
-
 TEST(json_parse_vdisk, ClampsThePercentage) {
     struct case_t {
         const char* member;
@@ -163,40 +141,6 @@ TEST(json_parse_vdisk, LeavesOutTheNamelessAndCompanions) {
     EXPECT_EQ(list_count(with), 3);
 }
 
-TEST(json_parse_datastores, TakesPathsOutOfTheirText) {
-    list_t<ks_ds_config_t> list;
-    ASSERT_EQ(
-        json_parse_datastores_config(
-            R"([{"hv_hostname":"h","datacenter":"dc","esx_host":"eh","name":"n","uuid":"u","url":"url","type":"t",)"
-            R"("timestamp":4294967298,"accessible":0,"capacity":"5","free":6,"is_local_dc":0,)"
-            R"("path":"[\"/a\", 7, null, \"/b\"]"},{"path":"[cut"},{"path":"{}"},42])",
-            &list),
-        nullptr);
-    ASSERT_EQ(list_count(list), 4);
-    const auto ds = list_pop(list);
-    EXPECT_EQ(ds->hv, "h");
-    EXPECT_EQ(ds->dc, "dc");
-    EXPECT_EQ(ds->hostsystem, "eh");
-    EXPECT_EQ(ds->name, "n");
-    EXPECT_EQ(ds->uuid, "u");
-    EXPECT_EQ(ds->url, "url");
-    EXPECT_EQ(ds->type, "t");
-    EXPECT_EQ(ds->timestamp, 2);
-    EXPECT_EQ(ds->accessible, 0U);
-    EXPECT_EQ(ds->capacity, 5U);
-    EXPECT_EQ(ds->free_space, 6U);
-    EXPECT_FALSE(ds->is_local_dc);
-    ASSERT_NE(ds->paths, nullptr);
-    EXPECT_EQ(list_pop(*ds->paths), "/a");
-    EXPECT_EQ(list_pop(*ds->paths), "/b");
-    EXPECT_TRUE(list_empty(*ds->paths));
-    while (const auto other = list_pop(list)) {
-        EXPECT_EQ(other->paths, nullptr);
-        EXPECT_EQ(other->accessible, 1U);
-        EXPECT_TRUE(other->is_local_dc);
-    }
-}
-
 TEST(json_parse, OneNullHarmsNoOtherRecord) {
     list_t<ks_vm_folder_t> folders;
     testing::internal::CaptureStdout();
@@ -230,15 +174,11 @@ TEST(json_parse, TellsWhatIsNoReply) {
         const std::string& text = reply.text;
         list_t<ks_hypervisor_config_t> hypervisors;
         list_t<ks_vm_config_t> vms;
-        list_t<ks_nfs_datastore_config_t> nfs;
-        list_t<ks_ds_config_t> datastores;
         list_t<ks_vdisk_t> disks;
         int n_added = 0;
         for (const std::function<errdesc_t*()>& parse : {
                  std::function<errdesc_t*()>([&] { return json_parse_hv_config(text, &hypervisors, &n_added); }),
                  {[&] { return json_parse_vm_config(text, &vms, &n_added); }},
-                 {[&] { return json_parse_nfs_datastores_config(text, &nfs, &n_added); }},
-                 {[&] { return json_parse_datastores_config(text, &datastores); }},
                  {[&] { return json_parse_vdisk(text, true, &disks); }},
              }) {
             const errdesc_t* e = parse();

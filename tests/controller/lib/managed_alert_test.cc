@@ -5,15 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <csignal>
-#include <thread>
 #include <vector>
 
 #include "controller/lib/alertlib.h"
 #include "controller/lib/controller_url.h"
 #include "controller/lib/json_fields.h"
 #include "lib/clock.h"
-#include "tests/lib/in_child.h"
 #include "tests/support/fake_controller.h"
 
 namespace mirador {
@@ -76,42 +73,6 @@ TEST_F(alerts, AreWrittenInOrder) {
               R"({ "action": "alert_clear", "alert_id": "k", "object_id": "o", "node_uuid": "node-1" })");
 }
 
-TEST_F(alerts, AreListedByFilter) {
-    fake_.answer("registry", R"({"error_code":0,"result":"own"})");
-    const auto listed = [&](const ks_string_t& id, const ks_string_t& object, const ks_string_t& node_uuid) {
-        std::vector<std::string> names;
-        std::unique_ptr<list_t<json_ptr>> list;
-        EXPECT_EQ(number(alert_get(id, object, node_uuid, &list)), 0);
-        while (const auto alert = list_pop(*list))
-            names.push_back(ks_text(json_text_member(alert->get(), "n")));
-        return names;
-    };
-    fake_.answer("alert", R"([{"n":"1","alert_id":"a","object_id":"x","node_uuid":"own"},null,17,)"
-                          R"({"n":"2","alert_id":"a","object_id":"y","node_uuid":"other"},{"n":"3"}])");
-    EXPECT_THAT(listed("a", std::nullopt, std::nullopt), ElementsAre("1", "2"));
-    EXPECT_THAT(listed(std::nullopt, "y", std::nullopt), ElementsAre("2"));
-    EXPECT_THAT(listed(std::nullopt, std::nullopt, ""), ElementsAre("1"));
-    EXPECT_THAT(listed(std::nullopt, std::nullopt, std::nullopt), ElementsAre("1", "", "2", "3"));
-    EXPECT_THAT(listed("a", "y", "own"), IsEmpty());
-
-    for (const char* bad : {"nonsense", "{}"}) {
-        fake_.answer("alert", bad);
-        std::unique_ptr<list_t<json_ptr>> list;
-        EXPECT_EQ(number(alert_get(std::nullopt, std::nullopt, std::nullopt, &list)), EIO);
-        EXPECT_EQ(list, nullptr);
-    }
-}
-
-TEST_F(alerts, OfAFailingFileLeaveItsErrorAlone) {
-    const errdesc_t* e = errdesc_set_fmt(ENODEV, "no disk");
-    alert_post_runtime("/esx/vm/x.vmdk", e, node, "esx", std::nullopt);
-    EXPECT_THAT(sent(), ElementsAre("post runtime /esx/vm/x.vmdk no disk"));
-    fake_.answer("alert", "", 500);
-    alert_post_runtime("/esx/vm/x.vmdk", e, node, "esx", "u");
-    EXPECT_EQ(e->number, ENODEV);
-    EXPECT_STREQ(e->string, "no disk");
-}
-
 TEST_F(alerts, AreSentWhenNewOrChanged) {
     const ks_vm_config_t vm = vm_of("u");
     EXPECT_EQ(raise("o", "one", vm), 0);
@@ -127,12 +88,6 @@ TEST_F(alerts, AreSentWhenNewOrChanged) {
     EXPECT_EQ(number(managed_alert_post("kind", "p", node, "error", "two", vm, 0)), 0);
     EXPECT_EQ(number(managed_alert_post("kind", "p", node, std::nullopt, "two", vm, 0)), 0);
     EXPECT_THAT(sent(), ElementsAre("post kind p two"));
-}
-
-TEST_F(alerts, AreClearedOnceEvenIfNeverRaised) {
-    EXPECT_EQ(number(managed_alert_clear("kind", "o", node, vm_of("u"))), 0);
-    EXPECT_EQ(number(managed_alert_clear("kind", "o", node, vm_of("u"))), 0);
-    EXPECT_THAT(sent(), ElementsAre("clear kind o"));
 }
 
 TEST_F(alerts, WaitForTheirGracePeriod) {
@@ -202,36 +157,6 @@ TEST_F(alerts, GoAllEvenIfTheControllerIsGone) {
     fake_.answer("alert", "");
     EXPECT_EQ(number(managed_alert_clear_all(node)), 0);
     EXPECT_THAT(sent(), IsEmpty());
-}
-
-TEST_F(alerts, AreRaisedByManyThreads) {
-    std::vector<std::jthread> threads;
-    for (int t = 0; t < 4; t++)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 10; i++) {
-                (void)raise("o" + std::to_string(i), "m", vm_of(std::to_string(i)));
-                if (t == 0)
-                    (void)managed_alert_clear_vm(std::to_string(i), node);
-            }
-        });
-    threads.clear();
-    sent();
-    EXPECT_EQ(number(managed_alert_clear_all(node)), 0);
-    EXPECT_LE(sent().size(), 10U);
-}
-
-TEST_F(alerts, EndOnce) {
-    EXPECT_EQ(in_child([&] {
-                  managed_alert_shutdown();
-                  managed_alert_shutdown();
-                  return 0;
-              }),
-              0);
-    EXPECT_EQ(in_child([&] {
-                  managed_alert_shutdown();
-                  return static_cast<int>(raise("o", "m", vm_of("1")));
-              }),
-              128 + SIGABRT);
 }
 
 }  // namespace
