@@ -104,6 +104,7 @@ class SnapshotCase(InventoryCase):
 
     def assert_is_well(self, vm: Machine):
         """A snapshot comes and goes as ever, and nothing is told any more."""
+        self.wait_exported(vm)  # a controller that comes back may have taken it away for a cycle
         self.wait_clean(vm, self.assert_reads_frozen(vm))
         self.wait_told(vm, None)
 
