@@ -15,12 +15,12 @@ GRAIN = 64 * KIB
 GRAIN_TABLE = 32 * MIB
 
 
-def scattered_writes(size, seed, count=24, longest=200 * KIB):
+def scattered_writes(size, seed, count=24):
     """Ranges of whole sectors all over a disk, the last sector among them."""
     rng = random.Random(seed)
     writes = [(size - SECTOR, SECTOR)]
     for _ in range(count):
-        sectors = rng.randrange(1, longest // SECTOR)
+        sectors = rng.randrange(1, 200 * KIB // SECTOR)
         first = rng.randrange(0, size // SECTOR - sectors)
         writes.append((first * SECTOR, sectors * SECTOR))
     return writes

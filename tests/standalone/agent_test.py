@@ -75,14 +75,14 @@ class AgentCase(TemporaryCase):
         self.addCleanup(agent.close)
         return agent
 
-    def connected(self, hypervisor="esx1"):
-        agent = self.start(hypervisor)
+    def connected(self):
+        agent = self.start()
         self.assertIsNone(agent.ask("set_vendor_id", "Corvantis"))
         self.assertIsNone(agent.ask("connect", "root", self.password, str(self.directory / "session")))
         return agent
 
-    def names(self, agent, pattern=".*"):
-        return [entry["name"] for entry in agent.ask("list_snapshot", pattern)]
+    def names(self, agent):
+        return [entry["name"] for entry in agent.ask("list_snapshot", ".*")]
 
     def heads(self, name):
         vm = self.appliance.vms()[name]

@@ -119,12 +119,12 @@ class Appliance:
         lines = self._journal.read_bytes().split(b"\n")[:-1]  # the last one may be half-written
         return [json.loads(line) for line in lines[start:]]
 
-    def agent_calls(self, start: int = 0) -> list[dict[str, Any]]:
-        """What the agents noted of their calls, from line `start` on; see the program's agent/journal."""
+    def agent_calls(self) -> list[dict[str, Any]]:
+        """What the agents noted of their calls, oldest first; see the program's agent/journal."""
         journal = self._state / "agent-journal.jsonl"
         if not journal.exists():
             return []
-        return [json.loads(line) for line in journal.read_bytes().split(b"\n")[:-1][start:]]
+        return [json.loads(line) for line in journal.read_bytes().split(b"\n")[:-1]]
 
     def count(self) -> int:
         """How many requests have been received."""

@@ -78,11 +78,11 @@ def raw_image(path: pathlib.Path, size: int, seed: int) -> pathlib.Path:
     return path
 
 
-def partition(image: pathlib.Path, start: int = 2048) -> None:
-    """Gives an image a partition table with one partition from sector `start` on; what lies before it becomes zeros."""
+def partition(image: pathlib.Path) -> None:
+    """Gives an image a partition table with one partition at 1 MiB; what lies before it becomes zeros."""
     with open(image, "r+b") as file:
-        file.write(bytes(start * SECTOR))
-    run("sfdisk", "-q", image, text_input=f"label: dos\nstart={start}, type=83\n")
+        file.write(bytes(MIB))
+    run("sfdisk", "-q", image, text_input="label: dos\nstart=2048, type=83\n")
 
 
 # Disks
@@ -108,14 +108,14 @@ def sparse_delta(parent: Disk, writes: Writes, subformat: str = "monolithicSpars
     return dataclasses.replace(parent, descriptor=descriptor, parent=parent)
 
 
-def cowd_delta(parent: Disk, writes: Writes, seed: int = 1, grain: int = 1) -> Disk:
-    """As sparse_delta, of the copy-on-write kind that hypervisors make; `grain` in sectors."""
+def cowd_delta(parent: Disk, writes: Writes, seed: int = 1) -> Disk:
+    """As sparse_delta, of the copy-on-write kind that hypervisors make, with grains of a sector."""
     descriptor = _next_name(parent)
     old = reference(parent)
     new = old.with_suffix(".new")
     run("cp", "--sparse=always", old, new)
     scribble(new, "raw", writes, seed)
-    run(program("cowd-delta"), "--grain", str(grain), "--cid", f"{seed + 0x1000:08x}", "--parent-cid",
+    run(program("cowd-delta"), "--grain", "1", "--cid", f"{seed + 0x1000:08x}", "--parent-cid",
         parent.content_id(), "--parent-hint", parent.descriptor.name, old, new, descriptor)
     os.unlink(new)
     return dataclasses.replace(parent, descriptor=descriptor, parent=parent)

@@ -98,12 +98,12 @@ class RunningMachine:
             raise Failed(f"the guest ended with status {self._process.returncode}\n{said}")
         return int(match[1])
 
-    def wait_for_rounds(self, disk: int, path: pathlib.Path, count: int = 20) -> None:
+    def wait_for_rounds(self, disk: int, path: pathlib.Path) -> None:
         """Waits until some more rounds have been written to a disk that is one flat file."""
         def newest() -> int:
             return self.content.last_round(disk, path.read_bytes())
         start = newest()
-        self._wait_until(lambda: newest() >= start + count)
+        self._wait_until(lambda: newest() >= start + 20)
 
     def _wait_until(self, condition: Callable[[], bool]) -> None:
         wait_until(lambda: self._process.poll() is not None or condition(), "the guest writes")

@@ -17,12 +17,12 @@ _CONNECTIONS = ("socket:", "pipe:", "anon_inode:")
 _SETTLE = 40  # seconds for the tree to follow a change
 
 
-def tree(root: pathlib.Path = EXPORT) -> dict[str, set[str]]:
+def tree() -> dict[str, set[str]]:
     """The exported VMs: "GROUP/VM" -> names of its files. Groups without VMs are left out."""
     found = {}
-    for group in _names(root):
-        for vm in _names(root / group):
-            found[f"{group}/{vm}"] = set(_names(root / group / vm))
+    for group in _names(EXPORT):
+        for vm in _names(EXPORT / group):
+            found[f"{group}/{vm}"] = set(_names(EXPORT / group / vm))
     return found
 
 

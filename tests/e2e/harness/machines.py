@@ -34,11 +34,10 @@ class Machine:
         kinds = (".vmdk", "-flat.vmdk", *(["-corcbt.vmdk"] if companions else []))
         return {self.vmx.name, f"{self.vmx.stem}.cfg", *(stem + kind for stem in stems for kind in kinds)}
 
-    def write(self, name: str | None = None, disks: tuple[str, ...] | None = None, uuid: str | None = None,
+    def write(self, name: str | None = None, disks: tuple[str, ...] | None = None,
               modes: dict[str, str] | None = None) -> Machine:
         """Writes its configuration file; disks that are missing are made. Returns the VM as it is now."""
-        vm = dataclasses.replace(self, name=name or self.name, disks=self.disks if disks is None else disks,
-                                 uuid=uuid or self.uuid)
+        vm = dataclasses.replace(self, name=name or self.name, disks=self.disks if disks is None else disks)
         for disk in vm.disks:
             _make_disk(vm.directory / disk)
         lines = [f'displayName = "{_escaped(vm.name)}"', 'guestOS = "other"', f'uuid.bios = "{_spaced(vm.uuid)}"',
@@ -62,12 +61,12 @@ class Machine:
 
 
 def machine(store: Datastore, directory: str, name: str | None = None, disks: tuple[str, ...] = ("disk.vmdk",),
-            template: bool = False, uuid: str | None = None, modes: dict[str, str] | None = None) -> Machine:
+            template: bool = False, modes: dict[str, str] | None = None) -> Machine:
     """Makes a VM. modes: disk -> its mode, "persistent" for the others."""
     suffix = ".vmtx" if template else ".vmx"
     number = next(_numbers)
     made = Machine(store, store.vm(directory) / f"vm{suffix}", name or directory,
-                   uuid or f"564d{number:04x}-1b2c-3d4e-5f60-718293a4b5c6", disks)
+                   f"564d{number:04x}-1b2c-3d4e-5f60-718293a4b5c6", disks)
     return made.write(modes=modes)
 
 

@@ -76,7 +76,7 @@ class Mischief:
     def __init__(self, appliance: Appliance):
         self._path = appliance.state / "agent-faults.json"
         self._lock = appliance.state / "agent-faults.lock"
-        self._journal = appliance.state / "agent-journal.jsonl"
+        self._done = appliance.agent_calls
 
     def set(self, vm: str, *rules: Rule) -> None:
         """Lets exactly these rules act on calls about a VM from now on; "*" for calls that are about none."""
@@ -96,12 +96,8 @@ class Mischief:
             fcntl.flock(file, fcntl.LOCK_EX)
             yield
 
-    def journal(self) -> list[dict[str, Any]]:
-        """What agents did, oldest first."""
-        return [json.loads(line) for line in self._journal.read_bytes().splitlines()] if self._journal.exists() else []
-
     def calls(self, vm: Machine, method: str, event: str = "began") -> list[dict[str, Any]]:
-        return [call for call in self.journal()
+        return [call for call in self._done()
                 if (call["event"], call["method"], call.get("uuid")) == (event, method, vm.uuid)]
 
     def next_call(self, vm: Machine, method: str, event: str = "began") -> Callable[[], bool]:
@@ -111,11 +107,11 @@ class Mischief:
 
     def have_acted(self, vm: Machine) -> bool:
         """Whether any rule has acted on a call about a VM."""
-        return any("fault" in call and call.get("uuid") == vm.uuid for call in self.journal())
+        return any("fault" in call and call.get("uuid") == vm.uuid for call in self._done())
 
     def silent(self) -> list[int]:
         """The processes of agents that have fallen silent."""
-        return [int(call["call"].partition("-")[0]) for call in self.journal() if call.get("outcome") == "silent"]
+        return [int(call["call"].partition("-")[0]) for call in self._done() if call.get("outcome") == "silent"]
 
 
 def strangers(own_uuid: str) -> dict[str, str]:
