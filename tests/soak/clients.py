@@ -47,6 +47,15 @@ class Table:
             return self._used + sum(count for end, count in self._until if end > began - _RELEASED) >= self._room
 
 
+class _Reader(Reader):
+    def read(self, offset: int, size: int) -> bytes:
+        """What is open can be read whatever becomes of its path."""
+        try:
+            return super().read(offset, size)
+        except FileNotFoundError as error:
+            raise Wrong("a file that is open cannot be read any more") from error
+
+
 class Lost(Exception):
     """What a client had open is not to be had any more, for a reason that is known."""
 
@@ -60,11 +69,11 @@ class Clients:
     @contextlib.contextmanager
     def opened(self, vm: Vm, path: pathlib.Path, direct: bool = False, places: int = 1) -> Iterator[Reader | None]:
         """A file of a VM; None when it cannot be opened, for a reason that is known. places: in the daemon's table. Lost,
-        when its path is opened once more inside and has gone."""
+        when inside its path is asked for and has gone; fstat is answered by path, too."""
         with self._table.using(places), contextlib.ExitStack() as stack:
             began = time.monotonic()
             try:
-                reader = stack.enter_context(Reader(path, direct))
+                reader = stack.enter_context(_Reader(path, direct))
             except OSError as error:
                 self.must_have_reason(vm, path, began, error)
                 reader = None
@@ -73,8 +82,6 @@ class Clients:
             try:
                 yield reader
             except FileNotFoundError as error:
-                if error.filename is None:  # a read of what is open never tells so
-                    raise
                 self.must_have_reason(vm, path, began, error)
                 raise Lost from error
 
