@@ -113,11 +113,5 @@ TEST_F(instance_lock_test, TellsHolderThatCannotEndFromOneThatLives) {
     EXPECT_EQ(outcome(), 0);
 }
 
-TEST_F(instance_lock_test, PlaceThatCannotBeOpened) {
-    tool_paths().lock_file = dir / "missing/lock";
-    const errdesc_t* e = instance_lock_take();
-    EXPECT_EQ(e->string, tool_paths().lock_file + ": No such file or directory");
-}
-
 }  // namespace
 }  // namespace mirador

@@ -117,37 +117,6 @@ TEST(jdr, RecordsThereAndBack) {
     EXPECT_EQ(obj, nullptr);
 }
 
-TEST(jdr, FreeTakesTheMembersAway) {
-    const json_ptr owner =
-        parse("{\"f\": {\"name\": \"x\", \"links\": 1, \"bytes\": 2, \"paths\": [\"/p\"]}, \"o\": [1]}");
-    json_object* obj = owner.get();
-    file_t file;
-    json_object* other = nullptr;
-    EXPECT_EQ(jdr_file(JDR_DECODE, &obj, "f", &file), static_cast<ssize_t>(sizeof file));
-    EXPECT_GT(jdr_json_object(JDR_DECODE, &obj, "o", &other), 0);
-    EXPECT_EQ(text_of(other), "[1]");
-    EXPECT_EQ(jdr_file(JDR_FREE, &obj, "f", &file), static_cast<ssize_t>(sizeof file));
-    EXPECT_GT(jdr_json_object(JDR_FREE, &obj, "o", &other), 0);
-    EXPECT_EQ(file.name, nullptr);
-    EXPECT_EQ(file.links, 0xffffffffU);
-    EXPECT_EQ(file.bytes, -1);
-    EXPECT_TRUE(file.paths.empty());
-    EXPECT_EQ(other, nullptr);
-    EXPECT_EQ(text_of(obj), "{\"f\":{}}");
-}
-
-TEST(jdr, ArraysWithinArraysAreFreedOnce) {
-    const auto row = [](jdr_op_t op, json_object** obj, const char* key, std::vector<std::int32_t>* numbers) {
-        return jdr_array(op, obj, key, numbers, jdr_int32);
-    };
-    json_object* obj = parse("[[1, 2], [], [3]]").release();
-    std::vector<std::vector<std::int32_t>> rows;
-    EXPECT_GE(jdr_array(JDR_DECODE, &obj, nullptr, &rows, row), 0);
-    EXPECT_EQ(rows, (std::vector<std::vector<std::int32_t>>{{1, 2}, {}, {3}}));
-    EXPECT_GE(jdr_array(JDR_FREE, &obj, nullptr, &rows, row), 0);
-    EXPECT_EQ(obj, nullptr);
-}
-
 TEST(jdr, OneBadElementFailsTheArray) {
     for (const char* text : {"[\"a\", null]", "[\"a\", 7]", "[\"a\", []]", "{\"0\": \"a\"}", "\"a\"", "null"}) {
         const json_ptr owner = parse(text);
@@ -161,19 +130,6 @@ TEST(jdr, OneBadElementFailsTheArray) {
     std::vector<const char*> strings{"a", nullptr};
     EXPECT_EQ(jdr_array(JDR_ENCODE, &obj, "n", &strings, jdr_string), jdr_failed);
     EXPECT_EQ(text_of(obj), "{}");
-}
-
-TEST(jdr, SizesAreTheNativeOnes) {
-    EXPECT_EQ(jdr_uint32(JDR_SIZE, nullptr, nullptr, nullptr), 4);
-    EXPECT_EQ(jdr_uint64(JDR_SIZE, nullptr, nullptr, nullptr), 8);
-    EXPECT_EQ(jdr_time_t(JDR_SIZE, nullptr, nullptr, nullptr), static_cast<ssize_t>(sizeof(std::time_t)));
-    EXPECT_EQ(jdr_string(JDR_SIZE, nullptr, nullptr, nullptr), static_cast<ssize_t>(sizeof(const char*)));
-    EXPECT_EQ(jdr_json_object(JDR_SIZE, nullptr, nullptr, nullptr), static_cast<ssize_t>(sizeof(json_object*)));
-}
-
-TEST(jdr_death, OnlyEncodingMayStartWithoutAnObject) {
-    EXPECT_DEATH((void)jdr_get_sub_obj(JDR_DECODE, nullptr, nullptr), "op == JDR_ENCODE");
-    EXPECT_DEATH((void)jdr_get_sub_obj(JDR_ENCODE, nullptr, "key"), "key == \\(\\(void \\*\\)0\\)");
 }
 
 }  // namespace

@@ -12,7 +12,6 @@
 
 #include "lib/clock.h"
 #include "lib/log.h"
-#include "lib/spawn.h"
 #include "tests/lib/children.h"
 #include "tests/lib/temp_dir.h"
 
@@ -97,17 +96,6 @@ TEST_F(jrpc_test, EachWayToFailHasItsNumberAndText) {
             << c.args[1];
         disconnect();
     }
-}
-
-TEST_F(jrpc_test, RemoteErrorsComeFromWhereTheyWereRaised) {
-    connect();
-    const std::string long_text(700, 'e');
-    errdesc_t* const error = jrpc_call(*handle, {"say", R"({"errdesc":{"err_num":114,"err_string":")" + long_text +
-                                                            R"(","linenumber":5,"filename":"snapshot.pl"}})" + "\n"});
-    ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->string, long_text);
-    EXPECT_EQ(error->linenumber, 5U);
-    EXPECT_STREQ(error->filename, "snapshot.pl");
 }
 
 // A reply that nobody waits for any more must not become the answer to the next request.
@@ -196,16 +184,6 @@ TEST_F(jrpc_test, RemoteErrorsOfAnyLengthAreCutToWhatTheDescriptorHolds) {
     EXPECT_EQ(error->string, text.substr(0, sizeof error->string - 1));
     EXPECT_EQ(error->filename, text.substr(0, sizeof error->filename - 1));
     EXPECT_EQ(result_of({"echo", "1"}), "[\"1\"]");
-}
-
-TEST_F(jrpc_test, AnErrorRoundTripsThroughItsMarshaller) {
-    jrpc_err_t err{2, "x", 5, "f"};
-    json_object* obj = nullptr;
-    EXPECT_EQ(jdr_jrpc_err_t(JDR_ENCODE, &obj, nullptr, &err), static_cast<ssize_t>(sizeof err));
-    const json_ptr own(obj);
-    EXPECT_EQ(text_of(own), R"({"err_num":2,"err_string":"x","linenumber":5,"filename":"f"})");
-    EXPECT_EQ(jdr_jrpc_err_t(JDR_FREE, &obj, nullptr, &err), static_cast<ssize_t>(sizeof err));
-    EXPECT_EQ(err.err_string, nullptr);
 }
 
 TEST_F(jrpc_test, RepliesMayBeLongButNotEndless) {

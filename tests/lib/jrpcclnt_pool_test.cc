@@ -256,20 +256,5 @@ TEST_F(jrpcclnt_pool_load_test, ShutdownReturnsWithCallsInFlight) {
     EXPECT_EQ(pool.size(), 0U);
 }
 
-// The daemon destroys it at its shutdown, and again at exit.
-TEST_F(jrpcclnt_pool_load_test, TheProcessHasOnePool) {
-    jrpc_handle_t* handle = nullptr;
-    ASSERT_EQ(jrpcclnt_pool_get({UNRULY_AGENT}, &handle), nullptr);
-    EXPECT_EQ(jrpc_call(*handle, {"echo"}), nullptr);
-    EXPECT_EQ(jrpcclnt_pool_in_use(), 1U);
-    jrpcclnt_pool_release(&handle);
-    EXPECT_EQ(jrpcclnt_pool_size(), 1U);
-    jrpcclnt_pool_begin_shutdown();
-    jrpcclnt_pool_destroy();
-    EXPECT_EQ(jrpcclnt_pool_size(), 0U);
-    jrpcclnt_pool_destroy();
-    EXPECT_NE(jrpcclnt_pool_get({UNRULY_AGENT}, &handle), nullptr);
-}
-
 }  // namespace
 }  // namespace mirador

@@ -2,10 +2,8 @@
 #include "lib/startup.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <semaphore.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -14,7 +12,6 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <sstream>
 #include <thread>
 
 #include "lib/log.h"
@@ -24,31 +21,9 @@
 namespace mirador {
 namespace {
 
-using testing::AllOf;
-using testing::HasSubstr;
-using testing::Not;
-
 std::size_t lines_in(const std::string& path) {
     const std::string text = read_file(path);
     return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
-}
-
-TEST(startup, HangupMovesOutputToAFreshLogFile) {
-    temp_dir_t dir;
-    EXPECT_EQ(in_child([&dir] {
-                  const cordesc_t desc{"daemon", dir.path()};
-                  if (cor_startup(&desc) != nullptr)
-                      return 1;
-                  ts_printf("before\n");
-                  if (rename((dir / "daemon").c_str(), (dir / "daemon.1").c_str()) != 0 || raise(SIGHUP) != 0)
-                      return 2;
-                  ts_printf("after\n");
-                  std::fprintf(stderr, "and standard error\n");
-                  return cor_exit() == nullptr ? 0 : 3;
-              }),
-              0);
-    EXPECT_THAT(read_file(dir / "daemon.1"), AllOf(HasSubstr(": before\n"), Not(HasSubstr("after"))));
-    EXPECT_THAT(read_file(dir / "daemon"), AllOf(HasSubstr(": after\nand standard error\n"), Not(HasSubstr("before"))));
 }
 
 // The handler interrupts threads in the middle of printing: no line is lost and none deadlocks.
@@ -133,16 +108,6 @@ TEST(startup, NothingTakesTheNumberOfAClosedStream) {
               0);
 }
 
-TEST(startup, LogDirectoryThatIsMissingIsFatal) {
-    const cordesc_t desc{"daemon", "/nowhere"};
-    const auto start_without_core = [&desc] {
-        prctl(PR_SET_DUMPABLE, 0);  // start-up lifts the limit, and the test is to leave no core file behind
-        (void)cor_startup(&desc);
-    };
-    EXPECT_DEATH(start_without_core(), "fd >= 0");
-    EXPECT_DEATH(logrotate_hndlr(SIGTERM), "signo == SIGHUP");
-}
-
 TEST(startup, BrokenPipesAndLimits) {
     EXPECT_EQ(in_child([] {
                   const cordesc_t desc{"daemon", std::nullopt};
@@ -162,19 +127,6 @@ TEST(startup, BrokenPipesAndLimits) {
                   struct sigaction hangup {};
                   sigaction(SIGHUP, nullptr, &hangup);
                   return hangup.sa_handler == SIG_DFL ? 0 : 5;  // without a log file nobody needs it
-              }),
-              0);
-}
-
-TEST(startup, ExitRestoresTheHangupHandler) {
-    temp_dir_t dir;
-    EXPECT_EQ(in_child([&dir] {
-                  const auto before = [](int) {};
-                  std::signal(SIGHUP, before);
-                  const cordesc_t desc{"daemon", dir.path()};
-                  (void)cor_startup(&desc);
-                  (void)cor_exit();
-                  return std::signal(SIGHUP, SIG_DFL) == before ? 0 : 1;
               }),
               0);
 }

@@ -63,17 +63,6 @@ TEST_F(tmpfs_test, FirstErrorSurvivesAFailedRemoval) {
     EXPECT_EQ(tmpfs_remove(shadow)->number, 32);
 }
 
-TEST_F(tmpfs_test, RemoveUnmountsAndRemovesInAnyCase) {
-    for (const char* outcome : {"exit 0", "exit 1"}) {
-        tool_paths().umount = tool("umount", outcome);
-        ASSERT_EQ(mkdirp(shadow + "/vm", 0755), 0);
-        const errdesc_t* e = tmpfs_remove(shadow);
-        EXPECT_EQ(e == nullptr ? 0 : e->number, outcome[5] - '0');
-        EXPECT_FALSE(std::filesystem::exists(shadow));
-    }
-    EXPECT_THAT(calls(), StartsWith("umount -f -l -t tmpfs " + shadow + "\n"));
-}
-
 TEST_F(tmpfs_test, FuseUmountNeedsItsProgram) {
     tool_paths().fusermount = dir / "missing";
     EXPECT_EQ(std::string(fuse_umount("/mnt/x")->string), "/mnt/x: No such file or directory");

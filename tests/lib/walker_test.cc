@@ -4,19 +4,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <map>
 
-#include "lib/tool_paths.h"
 #include "tests/lib/temp_dir.h"
 
 namespace mirador {
 namespace {
 
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 // Starts a walk of every base and waits for all.
@@ -80,68 +76,6 @@ TEST_F(walker_test, EveryAcceptedPathIsHandedOnOnce) {
         for (const auto& [path, times] : seen)
             EXPECT_EQ(times, round) << path;
     }
-}
-
-TEST_F(walker_test, WithoutAFilterEveryEntryAndLinksAreNotFollowed) {
-    const std::string base = tree("a", 2);
-    const std::string other = tree("b", 1);
-    std::filesystem::create_symlink(other, base + "/link");
-    std::vector<std::string> seen;
-    walk({base}, nullptr, [&](const walker_cb_desc_t& entry) {
-        seen.push_back(entry.path.substr(base.size()) + (S_ISLNK(entry.sb.st_mode) ? " link" : ""));
-    });
-    std::sort(seen.begin(), seen.end());
-    EXPECT_THAT(seen, ElementsAre("", "/0", "/0/other", "/0/x.vmx", "/1", "/1/other", "/1/x.vmx", "/link link"));
-    seen.clear();
-    walk({dir_ / "absent"}, nullptr, [&](const walker_cb_desc_t& entry) { seen.push_back(entry.path); });
-    EXPECT_THAT(seen, IsEmpty());
-}
-
-TEST_F(walker_test, AnEndStopsWalksAndALaterStartBeginsAnew) {
-    const std::string base = tree("a", 50);
-    std::atomic<bool> first = false;
-    std::atomic<bool> go_on = false;
-    std::atomic<int> calls = 0;
-    std::vector<std::thread> threads(1);
-    ASSERT_EQ(walker_start({base, is_vmx,
-                            [&](const walker_cb_desc_t&) {
-                                ++calls;
-                                first = true;
-                                while (!go_on)
-                                    std::this_thread::yield();
-                            }},
-                           &threads[0]),
-              nullptr);
-    while (!first)
-        std::this_thread::yield();
-    std::thread ending(walker_end);
-    std::vector<std::thread> more(1);  // while the end waits for the callback
-    int later = 0;
-    ASSERT_EQ(walker_start({dir_.path(), nullptr, [](const walker_cb_desc_t&) {}}, &more[0]), nullptr);
-    go_on = true;
-    ending.join();
-    walker_wait(&threads);
-    walker_wait(&more);
-    EXPECT_GE(calls, 1);
-    walk({base}, is_vmx, [&](const walker_cb_desc_t&) { ++later; });
-    EXPECT_EQ(later, 50);
-}
-
-TEST_F(walker_test, MountPointsOfRealFileSystems) {
-    tool_paths().mount_table = write_file(dir_ / "mtab",
-                                          "/dev/sda1 / ext3 rw 0 0\nproc /proc proc rw 0 0\n"
-                                          "tmpfs /run tmpfs rw 0 0\nnas:/ds /vmfs/my\\040ds nfs rw 0 0\n"
-                                          "x /x tmp rw 0 0\ny /y tmpfs2 rw 0 0\nz /z procfs rw 0 0\n");
-    std::vector<std::string> found;
-    mount_table_ptr table = walker_start_mount_points();
-    ASSERT_NE(table, nullptr);
-    while (const auto point = walker_get_mount_points(table.get()))
-        found.push_back(*point);
-    walker_end_mount_points(std::move(table));
-    EXPECT_THAT(found, ElementsAre("/", "/vmfs/my ds", "/y", "/z"));
-    tool_paths().mount_table = dir_ / "absent";
-    EXPECT_EQ(walker_start_mount_points(), nullptr);
-    tool_paths() = {};
 }
 
 }  // namespace

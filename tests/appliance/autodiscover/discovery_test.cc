@@ -1,18 +1,86 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "appliance/autodiscover/process_check.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <cerrno>
+
+#include "appliance/autodiscover/process_check.h"
+#include "appliance/autodiscover/vhost.h"
+#include "appliance/autodiscover/vmware.h"
 #include "lib/clock.h"
 #include "lib/tool_paths.h"
+#include "lib/walker.h"
 #include "tests/lib/temp_dir.h"
 
 namespace mirador {
 namespace {
 
 using testing::HasSubstr;
+
+const std::string uuid_line = "uuid.bios = \"56 4d 7a 1b 2c 3d 4e 5f-60 71 82 93 a4 b5 c6 d7\"\n";
+const std::string name_line = "displayName = \"web\"\n";
+const std::string os_line = "guestOS = \"other\"\n";
+
+std::string disk_lines(const std::string& at, const std::string& file, const std::string& more = "") {
+    return at + ".present = \"TRUE\"\n" + at + ".fileName = \"" + file + "\"\n" + more;
+}
+
+const std::string whole = uuid_line + name_line + os_line + disk_lines("scsi0:0", "web.vmdk");
+
+class vhost_test : public testing::Test {
+  protected:
+    ~vhost_test() override { walker_end(); }
+
+    // The error of a record made from a text, "" for none.
+    std::string error_of(const std::string& text) {
+        record_.reset();
+        const errdesc_t* e = vhost_record_new(write_file(path_, text), &record_);
+        EXPECT_EQ(record_->err != nullptr, e != nullptr);
+        EXPECT_STREQ(e == nullptr ? "" : record_->err->string, e == nullptr ? "" : e->string);
+        return e == nullptr ? "" : e->string;
+    }
+
+    temp_dir_t dir_;
+    const std::string path_ = dir_ / "web.vmx";
+    std::unique_ptr<vhost_record_t> record_;
+    manual_clock_t clock_{1'000'000'000};
+};
+
+TEST_F(vhost_test, TheFirstThingMissingIsTheError) {
+    const std::string disk = disk_lines("scsi0:0", "web.vmdk");
+    const struct {
+        std::string text;
+        std::string error;
+    } cases[] = {
+        {name_line, "invalid uuid for "},
+        {"uuid.bios = \"5-6\"\n" + name_line + os_line + disk, "invalid uuid for "},
+        {"uuid.bios = \"none\"\n" + name_line + os_line + disk, "invalid uuid for "},
+        {"uuid.bios = \"00 00\"\n" + name_line + os_line + disk, "invalid uuid for "},
+        {uuid_line + os_line + disk, "invalid name for "},
+        {uuid_line + name_line + disk, "invalid operating system for "},
+        {uuid_line + name_line + os_line, "no virtual disks for "},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(error_of(c.text), c.error + path_);
+    EXPECT_EQ(clock_.slept(), 0);
+    error_of(whole);
+    record_->vdskcount = 2;
+    EXPECT_STREQ(vhost_record_validate("p", *record_)->string, "invalid virtual disk 1 for p");
+    record_->dirname.clear();
+    EXPECT_STREQ(vhost_record_validate("p", *record_)->string, "invalid directory for p");
+}
+
+TEST_F(vhost_test, ThirtyTwoDisksAndNotOneMore) {
+    std::string text = uuid_line + name_line + os_line;
+    for (int i = 0; i < 32; ++i)
+        text += disk_lines("scsi" + std::to_string(i / 15) + ":" + std::to_string(i % 15), std::to_string(i) + ".vmdk");
+    EXPECT_EQ(error_of(text), "");
+    EXPECT_EQ(record_->vdsk[31].name, "31.vmdk");
+    EXPECT_EQ(error_of(text + disk_lines("sata0:0", "32.vmdk")), "more than 32 virtual disks for " + path_);
+    EXPECT_EQ(record_->vdskcount, 0);
+    EXPECT_EQ(record_->name, "web");
+}
 
 // The answer of a check, and what it logged.
 template <typename check_t>
@@ -80,15 +148,6 @@ TEST(process_check, NoToolIsWaitedForWithoutEnd) {
         EXPECT_EQ(corcontroller_is_running(), c.controller) << c.script;
         EXPECT_LE(clock_now() - begin, c.longest) << c.script;
     }
-    tool_paths() = {};
-}
-
-TEST(process_check, TheNameReachesTheTool) {
-    const temp_dir_t dir;
-    const fast_clock_t clock(20);
-    tool_paths().pgrep = write_script(dir / "tool", "echo \"$#:$1\"; test \"$#:$1\" = '1:run controller'\n");
-    EXPECT_TRUE(job_started_and_running("run controller"));
-    EXPECT_FALSE(job_started_and_running("run"));
     tool_paths() = {};
 }
 
