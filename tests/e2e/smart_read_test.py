@@ -1,8 +1,10 @@
-"""Disks are read without what their guests do not use: copies are whole, and the controller knows what was skipped."""
+"""Disks are read without what their guests do not use: copies are whole, and the controller is told exactly what was
+read and what was skipped."""
 
 import concurrent.futures
 import contextlib
 import errno
+import json
 import os
 import pathlib
 import re
@@ -45,7 +47,7 @@ def _copy(reader: Reader, size: int, path: pathlib.Path) -> None:
 
 class SmartRead(InventoryCase):
     # A bitmap has the name of its disk's mapping, known while the disk is being opened: there the daemon waits.
-    environment = {"MIRADOR_FAULT_POINTS": ",".join(["open.pdev=wait:2"] * (len(_PLAIN) + 2))}
+    environment = {"MIRADOR_FAULT_POINTS": ",".join(["open.pdev=wait:2"] * (len(_PLAIN) + 4))}
 
     @classmethod
     def make_machines(cls):
@@ -55,7 +57,7 @@ class SmartRead(InventoryCase):
         cls.guest = Guest("guest", 1)
         base_disk(store, "guest", cls.guest.image)
         machine(store, "guest", template=True)
-        cls.plain = machine(store, "plain", disks=(*_PLAIN, "cut.vmdk"), template=True)
+        cls.plain = machine(store, "plain", disks=(*_PLAIN, "cut.vmdk", "counted.vmdk", "last.vmdk"), template=True)
         return [f"esx.example:{store.directory}"]
 
     def setUp(self):
@@ -63,7 +65,17 @@ class SmartRead(InventoryCase):
 
     @classmethod
     def _stop_all(cls):
-        super()._stop_all()
+        """A disk that is read just before the end is reported all the same."""
+        try:
+            path = cls.exported("last")
+            with Reader(path, direct=True) as reader:
+                reader.read(0, 256 * KIB)
+                start = cls.appliance.count()
+            cls.daemon.stop()
+            assert cls.record(path)[_READ] == 256 * KIB, cls.record(path)
+            assert [entry for entry in cls.entries(path, start) if "vmdk_last_read_time" not in entry], "closed"
+        finally:
+            super()._stop_all()
         closed = re.findall(r"PDEV_STATS for /(\S+): ", cls.daemon.log())
         assert sorted(closed) == sorted(cls.readers), f"{closed}, not {cls.readers}"
 
@@ -77,8 +89,22 @@ class SmartRead(InventoryCase):
             publish(_BITMAPS / name)
             return opening.result(timeout=60)
 
-    def record(self, path):
-        return self.appliance.status()["statistics"].get("/" + os.fspath(path.relative_to(EXPORT)), {})
+    @staticmethod
+    def exported(name):
+        """A disk of the plain VM."""
+        return EXPORT / "esx.example" / "plain" / f"{name}-flat.vmdk"
+
+    @classmethod
+    def record(cls, path):
+        return cls.appliance.status()["statistics"].get("/" + os.fspath(path.relative_to(EXPORT)), {})
+
+    @classmethod
+    def entries(cls, path, start=0):
+        """What was reported of a file, report by report."""
+        bodies = (json.loads(request["body"]) for request in cls.appliance.journal(start)
+                  if request["object"] == "vmstats")
+        return [entry for body in bodies for entry in body
+                if entry["vmdk_path"] == "/" + os.fspath(path.relative_to(EXPORT))]
 
     def open_with_bitmap(self, path: pathlib.Path, bits: bytes) -> tuple[Reader, pathlib.Path]:
         """Opens a disk that has this bitmap; returns the bitmap's path as well."""
@@ -112,7 +138,7 @@ class SmartRead(InventoryCase):
     def test_bitmap_that_becomes_too_short(self):
         """What it no longer tells cannot be read; nothing of the disk is left out in silence."""
         truth = self.plain.flat("cut.vmdk").read_bytes()
-        path = EXPORT / "esx.example" / "plain" / self.plain.flat("cut.vmdk").name
+        path = self.exported("cut")
         reader, bitmap = self.open_with_bitmap(path, b"\xff" * (MIB // SECTOR // 8))
         with reader:
             os.truncate(bitmap, 128)
@@ -122,6 +148,20 @@ class SmartRead(InventoryCase):
             self.assertEqual(raised.exception.errno, errno.EIO)
             self.assertRegex(saved_error(path)[1], "^optimize_byte_read : pread size 1 bytes, start 128, ")
             reader.read(0, 4 * KIB)
+
+    def test_both_streams_are_counted_exactly(self):
+        path = self.exported("counted")
+        descriptor = path.with_name("counted.vmdk")
+        self.assertEqual(descriptor.read_bytes()[:1], b"#")  # no disk: not counted
+        with Reader(path, direct=True) as reader, Reader(f"{path}-cbt-losetup", direct=True) as second:
+            for offset, size in ((0, 4 * KIB), (64 * KIB, 512), (MIB - 8 * KIB, 128 * KIB), (MIB, 4 * KIB)):
+                reader.read(offset, size)
+            second.read(0, 36 * KIB)
+        expected = {"vmdk_flat_file_size": MIB, _READ: 12 * KIB + 512, _SKIPPED: 0, f"{_READ}2": 36 * KIB}
+        wait_equal(lambda: {key: self.record(path).get(key) for key in expected}, expected, "all is reported", _PASSES)
+        self.assertEqual(self.record(descriptor), {})
+        # The size comes by itself, before the first counters.
+        self.assertEqual(set(self.entries(path)[0]), {"vmdk_path", "vmdk_flat_file_size"})
 
 
 if __name__ == "__main__":
