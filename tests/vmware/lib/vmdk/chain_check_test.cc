@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <functional>
 
 #include "lib/cor_string.h"
 #include "tests/lib/temp_dir.h"
@@ -106,26 +105,21 @@ TEST_F(chain_check, DamagedHostedHeaders) {
     const patch_t patches[] = {
         {offsetof(sparsehdr_t, magic), 4, 0x564d4443, "magic"},
         {offsetof(sparsehdr_t, version), 4, 2, "version"},
-        {offsetof(sparsehdr_t, version), 4, 0, "version"},
         {offsetof(sparsehdr_t, flags), 4, 3U | 1U << 16, "flags"},
-        {offsetof(sparsehdr_t, flags), 4, 3U | 1U << 17, "flags"},
         {offsetof(sparsehdr_t, flags), 4, 3U | 1U << 2, "flags"},
         {offsetof(sparsehdr_t, doubleendlinechar1), 1, '\n', "text-mode"},
         {offsetof(sparsehdr_t, capacity), 8, 0, "capacity"},
         {offsetof(sparsehdr_t, capacity), 8, capacity - 1, "capacity"},
         {offsetof(sparsehdr_t, capacity), 8, too_wide, "capacity"},
-        {offsetof(sparsehdr_t, capacity), 8, ~0ULL, "capacity"},
         {offsetof(sparsehdr_t, capacity), 8, too_wide - 1, "beyond the end"},
         {offsetof(sparsehdr_t, grainsize), 8, 0, "grain size"},
         {offsetof(sparsehdr_t, grainsize), 8, 129, "grain size"},
         {offsetof(sparsehdr_t, grainsize), 8, 1U << 17, "grain size"},
-        {offsetof(sparsehdr_t, grainsize), 8, too_wide, "grain size"},
         {offsetof(sparsehdr_t, grainsize), 8, too_wide + 128, "grain size"},
         {offsetof(sparsehdr_t, numgtespergt), 4, 0, "grain table"},
         {offsetof(sparsehdr_t, numgtespergt), 4, 0xffffffff, "grain table"},
         {offsetof(sparsehdr_t, gdoffset), 8, 0, "no grain directory"},
         {offsetof(sparsehdr_t, gdoffset), 8, end, "beyond the end"},
-        {offsetof(sparsehdr_t, gdoffset), 8, ~0ULL, "beyond the end"},
         {offsetof(sparsehdr_t, gdoffset), 8, 1ULL << 55, "beyond the end"},
     };
     for (const patch_t& patch : patches) {
@@ -315,14 +309,6 @@ TEST_F(chain_check, DirectoriesThatAreTooLargeTogether) {
     };
     EXPECT_EQ(vmdk_graindir_entries(whole, 8, 512), vmdk_max_gd_entries);
     EXPECT_THAT(verdict(with_extents(vmdk_max_chain_entries / vmdk_max_gd_entries + 1)), HasSubstr("too large"));
-}
-
-// The functions behind the check still stop at what it lets nobody through with.
-TEST_F(chain_check, ReaderAssertsOnHeaders) {
-    vmdkdesc_t disk;
-    ASSERT_EQ(vmdk_open(sparse_disk("disk"), &disk), nullptr);
-    patch_file(dir_ / "disk-s001.vmdk", 0, 4, 0);
-    EXPECT_DEATH(static_cast<void>(vmdk_open_extentfiles(&disk)), "hdr.magic == sparsehdr_t::magic_value");
 }
 
 }  // namespace

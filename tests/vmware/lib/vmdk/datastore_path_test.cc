@@ -22,7 +22,6 @@ namespace mirador {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::HasSubstr;
 using testing::StartsWith;
 
 // Stands for the machine: the direct mount root is a directory of the test, the other one is not touched.
@@ -50,15 +49,12 @@ TEST(datastore_path, PathsAreSplit) {
         const char* base;
     } const cases[] = {
         {"/vmfs/volumes/ds1/vm1/vm1.vmdk", true, "ds1/vm1/vm1.vmdk", "ds1", "vm1", "vm1.vmdk"},
-        {"/vmfs/volumes/ds1/a/b/c.vmdk", true, "ds1/a/b/c.vmdk", "ds1", "a/b", "c.vmdk"},
         {"/vmfs.direct/volumes/ds1/vm1/f", false, "ds1/vm1/f", "ds1", "vm1", "f"},
         {"/vmfs/volumes/ds1/f.vmdk", true, "ds1/f.vmdk", "ds1", ".", "f.vmdk"},
         {"/vmfs/volumes///ds1/f", true, "ds1/f", "ds1", ".", "f"},
         {"/vmfs/volumes/ds1", true, "ds1", "ds1", "", ""},
-        {"/vmfs/volumes/ds1/", true, "ds1/", "ds1", ".", "."},
         {"/vmfs/volumes/ds1//f", true, "ds1//f", "ds1", "/", "f"},
         {"/vmfs/volumes/ds1/vm1/", true, "ds1/vm1/", "ds1", ".", "vm1"},
-        {"/vmfs/volumes", false, "", "", "", ""},
         {"/vmfs/volumes/", true, "", "", "", ""},
         {"/vmfs/volumesX/a", false, "X/a", "X", ".", "a"},
     };
@@ -78,35 +74,6 @@ TEST(datastore_path, PathsAreSplit) {
     }
 }
 
-TEST(datastore_path, APathUnderNoRootIsAnErrorOrStaysAsItIs) {
-    const std::string path = "/tmp/%s/x";
-    std::string_view rest = path;
-    errdesc_t* e = remove_datastore_mount_point(path, &rest);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, EINVAL);
-    EXPECT_STREQ(e->string, "Invalid datastore path /tmp/%s/x");
-    EXPECT_EQ(rest.data(), nullptr);
-
-    std::string ds_name = "untouched";
-    e = parse_datastore_path(path, &ds_name, nullptr, nullptr);
-    ASSERT_NE(e, nullptr);
-    EXPECT_STREQ(e->string, "Invalid datastore path /tmp/%s/x");
-    EXPECT_EQ(ds_name, "untouched");
-
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(translate_to_datastore_fs_path(path), path);
-    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("WARNING"));
-    std::string preferred;
-    ASSERT_EQ(get_preferred_datastore_path(path, &preferred), nullptr);
-    EXPECT_EQ(preferred, path);
-}
-
-TEST(datastore_path, TheHypervisorsNameOfAFile) {
-    EXPECT_EQ(translate_to_datastore_fs_path("/vmfs.direct/volumes/ds1/vm/f"), "/vmfs/volumes/ds1/vm/f");
-    EXPECT_EQ(translate_to_datastore_fs_path("/vmfs/volumes//ds1/f"), "/vmfs/volumes/ds1/f");
-    EXPECT_EQ(translate_to_datastore_fs_path("/vmfs/volumes"), "/vmfs/volumes/");
-}
-
 TEST_F(datastore_test, ThePreferredRootIsTheFirstThatHasTheDatastore) {
     make_directory("direct/ds1");
     write_file(temp / "direct/file", "not a datastore");
@@ -114,7 +81,6 @@ TEST_F(datastore_test, ThePreferredRootIsTheFirstThatHasTheDatastore) {
     const std::string long_name(5000, 'x');
     const std::pair<std::string, std::string> cases[] = {
         {"/vmfs/volumes/ds1/vm/f", direct + "/ds1/vm/f"},
-        {"/vmfs/volumes//ds1/vm/f", direct + "/ds1/vm/f"},
         {"/vmfs/volumes/ds1", direct + "/ds1"},
         {"/vmfs/volumes/absent/f", "/vmfs/volumes/absent/f"},
         {"/vmfs/volumes/file/f", "/vmfs/volumes/file/f"},
@@ -126,13 +92,6 @@ TEST_F(datastore_test, ThePreferredRootIsTheFirstThatHasTheDatastore) {
         ASSERT_EQ(get_preferred_datastore_path(path, &preferred), nullptr) << path;
         EXPECT_EQ(preferred, expected);
     }
-}
-
-TEST(datastore_path_death, ResultsMustHaveAPlace) {
-    EXPECT_DEATH(static_cast<void>(remove_datastore_mount_point("/", nullptr)),
-                 "ds_name_path != \\(\\(void \\*\\)0\\)");
-    EXPECT_DEATH(static_cast<void>(get_preferred_datastore_path("/", nullptr)),
-                 "preferred_path != \\(\\(void \\*\\)0\\)");
 }
 
 // Two roots, one of them a link; "linked" is a datastore mounted elsewhere.
@@ -176,12 +135,10 @@ TEST_F(containment_test, ADescriptorOnADatastoreNamesOnlyFilesOfDatastores) {
     ASSERT_EQ(mkfifo((temp / "direct/ds1/vm/fifo").c_str(), 0600), 0);
     const std::pair<const char*, const char*> cases[] = {
         {"direct/ds1/vm/disk-flat.vmdk", "allowed"},
-        {"direct/ds1/vm/../vm/./disk-flat.vmdk", "allowed"},
         {"direct/ds1/vm/link-in", "allowed"},
         {"volumes/ds2/base.vmdk", "allowed"},
         {"real_root/ds2/base.vmdk", "allowed"},
         {"volumes/linked/far.vmdk", "allowed"},
-        {"elsewhere/store/far.vmdk", "allowed"},
         {"direct/ds1/vm/link-out", "outside"},
         {"direct/ds1/vm/dir-out/shadow", "outside"},
         {"direct/ds1/vm/../../../etc/shadow", "outside"},

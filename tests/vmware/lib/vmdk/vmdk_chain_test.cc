@@ -150,40 +150,6 @@ TEST_F(vmdk_chain, ParentOfADiskOnADatastoreMustLieOnOne) {
     EXPECT_EQ(chain_of(write("volumes/ds1/good", "../ds2/base.vmdk")), "good.vmdk base.vmdk ");
 }
 
-TEST_F(vmdk_chain, OpenPrefersTheDirectMountAndSizesTheDisk) {
-    std::filesystem::create_directories(dir_ / "direct/ds1/vm");
-    datastore_mount_points = {dir_ / "direct", "/vmfs/volumes"};
-    write("direct/ds1/vm/disk");
-    vmdkdesc_t disk;
-    ASSERT_EQ(vmdk_open("/vmfs/volumes/ds1/vm/disk.vmdk", &disk), nullptr);
-    EXPECT_EQ(disk.filename, dir_ / "direct/ds1/vm/disk.vmdk");
-    EXPECT_EQ(disk.dirname, dir_ / "direct/ds1/vm");
-    EXPECT_TRUE(disk.datastore_direct);
-    EXPECT_EQ(vmdk_size(disk), 4096U);
-    struct stat st {};
-    ASSERT_EQ(vmdk_stat(disk, &st), nullptr);
-    EXPECT_EQ(st.st_size, 4096);
-    EXPECT_EQ(st.st_blocks, 8);
-    vmdk_close(&disk);
-    EXPECT_EQ(disk.magic, 0U);
-    EXPECT_EQ(vmdk_open("/vmfs/volumes/ds1/vm/missing.vmdk", &disk)->number, ENOENT);
-    EXPECT_EQ(disk.magic, 0U);
-}
-
-TEST_F(vmdk_chain, NamesOfADisk) {
-    write("base");
-    const std::string head = write("head", "base.vmdk");
-    std::string name;
-    ASSERT_EQ(vmdk_get_basename(head, &name), nullptr);
-    EXPECT_EQ(name, "base.vmdk");
-    ASSERT_EQ(vmdk_get_extentname(head, &name), nullptr);
-    EXPECT_EQ(name, "head-flat.vmdk");
-    const errdesc_t* e = vmdk_get_extentname(dir_ / "missing.vmdk", &name);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, ENOENT);
-    EXPECT_EQ(std::string(e->string), "Failed to read vmdkdesc from " + (dir_ / "missing.vmdk"));
-}
-
 TEST_F(vmdk_chain, CopyOfADescriptorNamesTheNewExtent) {
     const std::string path = write("disk");
     const std::string copy = dir_ / "cache/vm/disk(1).vmdk";

@@ -6,10 +6,8 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <memory>
 
-#include "lib/file_io.h"
+#include "tests/appliance/lib/record_bytes.h"
 #include "tests/lib/temp_dir.h"
 
 namespace mirador {
@@ -28,13 +26,7 @@ vmxdesc_t parsed(const std::string& text, const std::string& path = "/vmfs/volum
 }
 
 std::string dump(const vmxdesc_t& desc) {
-    char* text = nullptr;
-    std::size_t size = 0;
-    file_ptr stream(open_memstream(&text, &size));
-    vmx_dump(desc, stream.get());
-    stream.reset();
-    const std::unique_ptr<char, decltype(&std::free)> owned(text, std::free);
-    return {text, size};
+    return printed([&](std::FILE* stream) { vmx_dump(desc, stream); });
 }
 
 // "scsi0:1 file", in order.
@@ -117,15 +109,12 @@ TEST(vmx, WhatALineSays) {
         {"displayName = \"open\r\nguestOS = \"x\"\n", "open"},
         {"displayName = \"a\"\ndisplayName = \"b\"\n", "b"},  // the last one
         {"displayName = \"a\"\ndisplayName = \"\"\n", ""},
-        {"displayName =\n", ""},
         {"# displayName = \"no\"\n#!/usr/bin/vmware\nx=\"1\"\n", ""},
-        {"displayName = \"|\"\n", "|"},
         {"displayName = \"|4\"\n", "|4"},
         {"displayName = \"|4G|zz|41|4a\"\n", "|4G|zzAJ"},
         {"displayName = \"|00|0A\"\n", "|00\n"},
         {"displayName = \"C:\\vms\\a\"\n", "C:\\vms\\a"},
         {"no setting\n= \"x\"\n\"quoted\" = \"x\"\ndisplayName = \"a\"\n", "a", 3},
-        {"displayName = \"a\"\n\n\n \n\r\n", "a"},
         {".displayName = \"b\"\ndisplayNames = \"c\"\ndisplayName.x = \"d\"\nx=1", ""},
     };
     for (const auto& c : cases) {
@@ -153,12 +142,9 @@ TEST(vmx, TextsAreUtf8WhateverTheFileIsIn) {
          "22\""},
         {".encoding = \"windows-932\"\n", "\x83\x5c\x87\x40", "\xe3\x82\xbd\xe2\x91\xa0"},
         {".encoding = \"GBK\"\n", "\xd6\xd0", "\xe4\xb8\xad"},
-        {".encoding = \"Big5\"\n", "\xa4\xa4", "\xe4\xb8\xad"},
-        {".encoding = \"EUC-KR\"\n", "\xb0\xa1", "\xea\xb0\x80"},
         // Undeclared, unknown or wrongly declared: what can be made of it.
         {"", "caf\xc3\xa9", "caf\xc3\xa9"},
         {"", "caf\xe9", "caf\xc3\xa9"},
-        {".encoding = \"x-klingon\"\n", "caf\xe9", "caf\xe9"},
         {".encoding = \"ISO-2022-CN-EXT\"\n", "caf\xe9", "caf\xe9"},
         {".encoding = \"UTF-8\"\n", "caf\xe9", "caf\xe9"},
     };
@@ -178,28 +164,22 @@ TEST(vmx, OnlyAttachedDisksAreDisks) {
     } cases[] = {
         {device("scsi0:0", here), true},
         {device("SCSI0:0", "Scsi0:0.PRESENT = \"true\"\n"), true},
-        {device("scsi0:0", "scsi0:0.present = \"1\"\n"), true},
         {device("scsi0:0", "scsi0:0.present = \"FALSE\"\n"), false},
         {device("scsi0:0", ""), false},
         {device("scsi0:0", here + "scsi0.present = \"FALSE\"\n"), false},
         {device("scsi0:0", here + "scsi1.present = \"FALSE\"\nsata0.present = \"FALSE\"\n"), true},
         {device("scsi0:0", here + "scsi0:0.deviceType = \"atapi-cdrom\"\n"), false},
-        {device("scsi0:0", here + "scsi0:0.deviceType = \"scsi-passthru\"\n"), false},
         {device("scsi0:0", here + "scsi0:0.deviceType = \"rawDisk\"\n"), true},
         {device("scsi0:0", here + "scsi0:0.deviceType = \"something new\"\n"), true},
         {here + "scsi0:0.fileName = \"auto detect\"\n", false},
-        {here + "scsi0:0.fileName = \"boot.iso\"\n", false},
         {here + "scsi0:0.fileName = \"\"\n", false},
         {here + "scsi0:0.fileName = \"old.dsk\"\nscsi0:0.deviceType = \"scsi-hardDisk\"\n", true},
-        {device("ide0:1", "ide0:1.present = \"TRUE\"\n"), true},
         {device("sata3:29", "sata3:29.present = \"TRUE\"\n"), true},
-        {device("nvme0:0", "nvme0:0.present = \"TRUE\"\n"), true},
         {device("scsi15:63", "scsi15:63.present = \"TRUE\"\n"), true},
         {device("scsi16:0", "scsi16:0.present = \"TRUE\"\n"), false},
         {device("scsi0:64", "scsi0:64.present = \"TRUE\"\n"), false},
         {device("scsi99999999999999999999:0", "x=1\n"), false},
         {device("usb0:0", "usb0:0.present = \"TRUE\"\n"), false},
-        {device("scsi0", "scsi0.present = \"TRUE\"\n"), false},
         {device("scsi:0", "scsi-1:0.present = \"TRUE\"\n"), false},
     };
     for (const auto& c : cases)
@@ -213,25 +193,6 @@ TEST(vmx, DisksOfAllBusesInOrder) {
     EXPECT_THAT(disks(parsed(text)), ElementsAre("scsi0:0 scsi0:0.vmdk", "ide0:0 ide0:0.vmdk", "sata0:0 sata0:0.vmdk",
                                                  "nvme0:0 nvme0:0.vmdk", "scsi0:2 scsi0:2.vmdk",
                                                  "scsi0:10 scsi0:10.vmdk", "scsi1:0 scsi1:0.vmdk"));
-}
-
-TEST(vmx, TemplatesAndDirectories) {
-    EXPECT_TRUE(parsed("x=1", "/ds/vm/vm.vmtx").is_template);
-    EXPECT_TRUE(parsed("templateVM = \"TRUE\"").is_template);
-    EXPECT_FALSE(parsed("template = \"FALSE\"").is_template);
-    const struct {
-        const char* path;
-        const char* setting;
-        const char* dir;
-    } cases[] = {
-        {"/ds/vm/vm.vmx", "", "/ds/vm"},
-        {"/ds/vm/vm.vmx", ".", "/ds/vm"},
-        {"/ds/vm/vm.vmx", "snap", "/ds/vm/snap"},
-        {"/ds/vm/vm.vmx", "/s", "/s"},
-        {"vm.vmx", "", "."},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(vmx_working_dir(parsed("workingDir = \""s + c.setting + "\"", c.path)), c.dir);
 }
 
 TEST(vmx, WhatIsNoConfigurationIsRefused) {

@@ -4,8 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include "lib/cor_string.h"
 #include "tests/support/scripted_agent.h"
 
@@ -21,12 +19,6 @@ const ks_hypervisor_config_t hvc = {
 
 class ws_snapshot : public testing::Test {
   protected:
-    // The last request, without the session's.
-    std::string request() {
-        const std::vector<std::string> seen = agent_.seen();
-        return seen.empty() ? "" : seen.back();
-    }
-
     // "<name>|<vmname>|<vmuuid>|<ctime>|<quiesced>" for each, and what was logged.
     std::vector<std::string> listed(const std::string& data, std::string* log = nullptr) {
         agent_.answer_data("list_snapshot", data);
@@ -48,44 +40,6 @@ class ws_snapshot : public testing::Test {
     scripted_agent_t agent_;
 };
 
-TEST_F(ws_snapshot, AsksAsTheAgentExpects) {
-    int count = 0;
-    std::vector<ws_snapshot_desc_t> list;
-    const std::string odd = "\"o/ä\"\n";
-    struct {
-        std::function<errdesc_t*()> call;
-        const char* request;
-    } const cases[] = {
-        {[&] { return ws_create_snapshot(hvc, "vm", "u-1", "V: m s", false); },
-         R"(["create_snapshot", "vm", "u-1", "V: m s", "0"])"},
-        {[&] { return ws_create_snapshot(hvc, odd, "", "n", true); },
-         R"(["create_snapshot", "\"o/ä\"\n", "", "n", "1"])"},
-        {[&] { return ws_create_top_snapshot(hvc, "vm", "u-1", "n", true, &count); },
-         R"(["create_top_snapshot", "vm", "u-1", "n", "1"])"},
-        {[&] { return ws_create_top_snapshot(hvc, "vm", "u-1", "n", false, &count); },
-         R"(["create_top_snapshot", "vm", "u-1", "n", "0"])"},
-        {[&] { return ws_remove_snapshot(hvc, "vm", "u-1", "n", true, &count); },
-         R"(["remove_snapshot", "vm", "u-1", "n", "1"])"},
-        {[&] { return ws_remove_snapshot(hvc, "vm", "u-1", "n", false, nullptr); },
-         R"(["remove_snapshot", "vm", "u-1", "n", "0"])"},
-        {[&] { return ws_list_snapshot(hvc, "V: \\..*", &list); }, R"(["list_snapshot", "V: \\..*"])"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(c.call(), nullptr) << c.request;
-        EXPECT_EQ(request(), c.request);
-    }
-    for (const auto& c : cases) {
-        for (const char* method : {"create_snapshot", "create_top_snapshot", "remove_snapshot", "list_snapshot"})
-            agent_.answer_error(method, 114, "busy");
-        count = 5;
-        const errdesc_t* e = c.call();
-        ASSERT_NE(e, nullptr) << c.request;
-        EXPECT_EQ(cor_format("%d %s %u", e->number, e->string, e->linenumber), "114 busy 7") << c.request;
-        EXPECT_EQ(count, 5);
-    }
-    EXPECT_THAT(list, IsEmpty());
-}
-
 TEST_F(ws_snapshot, TakesCountsForWhatTheyAre) {
     struct {
         const char* data;
@@ -95,19 +49,11 @@ TEST_F(ws_snapshot, TakesCountsForWhatTheyAre) {
         {"3", 3},
         {"null", 0},
         {"\" 12 of 13\"", 12},
-        {"\"many\"", 0},
-        {"\"0x10\"", 0},
-        {"-1", 0},
         {"2.9", 2},
-        {"true", 1},
         {"NaN", 0},
-        {"1e300", ws_max_count},
         {"-1e300", 0},
         {"[3]", 0},
-        {"2147483647", ws_max_count},
         {"4294967297", ws_max_count},
-        {"18446744073709551615", ws_max_count},
-        {"\"4294967297\"", ws_max_count},
         {"\"99999999999999999999999\"", ws_max_count},
         {"\"-99999999999999999999999\"", 0},
     };
