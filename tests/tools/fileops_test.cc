@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include "lib/cor_string.h"
 #include "tools/mirador-fileops/fileops_text.h"
 
 namespace mirador {
@@ -53,16 +52,6 @@ TEST(fileops_options, SayWhatIsWanted) {
         EXPECT_EQ(understood(c.args), c.meaning);
 }
 
-TEST(fileops_text, SizesHaveUnits) {
-    const std::pair<std::uint64_t, const char*> cases[] = {
-        {0, "0"},          {1023, "1023"},       {1024, "1.0 KiB"},       {1536, "1.5 KiB"},
-        {20480, "20 KiB"}, {1048576, "1.0 MiB"}, {5368709120, "5.0 GiB"}, {18446744073709551615U, "16 EiB"},
-    };
-    for (const auto& [bytes, text] : cases)
-        EXPECT_EQ(size_text(bytes, true), text);
-    EXPECT_EQ(size_text(18446744073709551615U, false), "18446744073709551615");
-}
-
 // Who may write to a datastore chooses names, and must not reach the terminal with them.
 TEST(fileops_text, NamesStayOnTheirLine) {
     const std::pair<std::string_view, const char*> cases[] = {
@@ -73,12 +62,6 @@ TEST(fileops_text, NamesStayOnTheirLine) {
     };
     for (const auto& [text, shown] : cases)
         EXPECT_EQ(printable(text), shown);
-}
-
-TEST(fileops_text, ColumnsAreAligned) {
-    EXPECT_EQ(table_text({{"a", "1", "x"}, {"ää", "200", ""}, {"", "", "yy"}}, "lrl"),
-              "a     1  x\nää  200  \n         yy\n");
-    EXPECT_EQ(table_text({}, "lr"), "");
 }
 
 }  // namespace
