@@ -3,10 +3,7 @@
 #include "appliance/exporter/cbt_open.h"
 
 #include <gmock/gmock.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <thread>
 
@@ -285,14 +282,6 @@ TEST_F(cbt_open_test, FailureOfAnyStepLeavesNothing) {
         else
             expect_nothing_left();
     }
-}
-
-TEST_F(cbt_open_test, TooLargeChangesRaiseThePromise) {
-    world_t world;
-    world.promised = 65536;
-    be(world);
-    EXPECT_EQ(open(path_), nullptr);
-    EXPECT_THAT(posted("vdisk"), ElementsAre(HasSubstr(R"("corcbt_size_percentage":)")));
 }
 
 TEST_F(cbt_open_test, NotAtTheDaemonsEndNorWithASingleThread) {

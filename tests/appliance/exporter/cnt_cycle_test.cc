@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <functional>
 #include <thread>
 
@@ -168,39 +167,6 @@ TEST_F(cnt_cycle_test, VmOfTwoHypervisorsKeepsTheAlertsOfBoth) {
     ASSERT_TRUE(cycle());
     ASSERT_TRUE(cycle());
     EXPECT_THAT(alerts(), testing::Not(Contains(HasSubstr("vm_discovery esx2:vm"))));
-}
-
-TEST_F(cnt_cycle_test, FoldersAreMovedWhenEmptyAndStayBesideWhileVmsAreInThem) {
-    answer("folder", R"([{"name": "one", "uuid": "f1", "numVms": 0}, {"name": "two", "uuid": "f2", "numVms": 1}])");
-    lab_vm_t vm;
-    vm.folder = "two";
-    make_files(vm);
-    list({vm});
-    ASSERT_TRUE(cycle());
-    EXPECT_TRUE(soon_names("two/vm", "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx"));
-    EXPECT_EQ(names(""), "one two");
-
-    write_file(shadow_ + "/one/kept", "");  // shows that the directory is moved, not made anew
-    answer("folder", R"([{"name": "uno", "uuid": "f1", "numVms": 0}, {"name": "due", "uuid": "f2", "numVms": 1}])");
-    ASSERT_TRUE(cycle());  // the VM is in "two" still
-    EXPECT_EQ(names(""), "due two uno");
-    EXPECT_EQ(names("uno"), "kept");
-    std::filesystem::remove(shadow_ + "/uno/kept");
-
-    vm.folder = "due";
-    list({vm});
-    ASSERT_TRUE(cycle());
-    EXPECT_TRUE(soon_names("due/vm", "disk-flat.vmdk disk.vmdk vm.cfg vm.vmx"));
-    EXPECT_EQ(names(""), "due uno");
-
-    answer("folder", "", 500);  // what cannot be had changes nothing
-    ASSERT_TRUE(cycle());
-    EXPECT_EQ(names(""), "due uno");
-    answer("folder", "[]");
-    vm.folder = "";
-    list({vm});
-    ASSERT_TRUE(cycle());
-    EXPECT_EQ(names(""), "esx1");
 }
 
 }  // namespace

@@ -191,6 +191,22 @@ TEST_F(snapshot_make, ControllerMustTellWhatWasFrozen) {
     EXPECT_EQ(make(0), ERR_CANCELLED) << "the daemon ends";
 }
 
+TEST_F(snapshot_make, RefusesWhatItCannotName) {
+    vm_.suffix = "123456789012345678901";
+    show(0);
+    EXPECT_EQ(make(), EINVAL);
+    EXPECT_EQ(text_, "Length of snapshot suffix (123456789012345678901) is larger than 20 characters.");
+    answer("vhost?vm_uuid=564d0001", "[]");
+    EXPECT_EQ(make(), EINVAL);
+    EXPECT_EQ(text_,
+              "Cannot find VM config for vm_uuid 564d0001 (hv_name esx1, path /esx1/vm/disk-flat.vmdk), the "
+              "uuid may be invalid.");
+    get_reg_settings()->publish_names({.appliance_uuid = "node", .master_uuid = "", .vendor_id = "V+x"});
+    EXPECT_EQ(make(), ERR_NOT_AVAILABLE);
+    EXPECT_THAT(asked(), IsEmpty());
+    EXPECT_FALSE(is_locked());
+}
+
 TEST_F(snapshot_make, UnusedSnapshotsGoWhenTheyHaveBeenIdleForLongEnough) {
     const snapshot_state_ptr state = made();
     state->ref = 1;

@@ -299,52 +299,5 @@ TEST_F(stats_thr, StopDoesNotWaitForItsThreadToComeUp) {
     EXPECT_THAT(fake_.received(), IsEmpty());
 }
 
-TEST_F(stats_thr, TracesPostsWhenChangedBlocksAreDebugged) {
-    get_reg_settings()->cbt_debug_enabled = true;
-    clock_.reset();
-    gate_.open();
-    testing::internal::CaptureStdout();
-    cbt_file_header_t header{};
-    stats_thr_start();
-    stats_thr_update_cbt("/a", nullptr);
-    stats_thr_update_cbt("/a", &header);
-    stats_thr_update_flat_size("/a", 5);
-    stats_thr_update_stats("/a", 1, 0, false);
-    stats_thr_stop();
-    const std::string log = testing::internal::GetCapturedStdout();
-    for (const char* line :
-         {"stats_thr_update_cbt: invalid args received\n", "stats_thr_update_cbt: updating vmstats\n",
-          "stats_thr_update_flat_size: updating vmstats\n", "stats_thr: updating vmstats\n", "\"vmdk_path\": \"\\/a\""})
-        EXPECT_THAT(log, HasSubstr(line));
-}
-
-TEST_F(stats_thr, CountsExactlyWhatClientsOfADiskRead) {
-    const std::string disk = expose_disk("a-flat.vmdk");
-    const std::string vmx = expose("a.vmx", VM_PROXY_HEADER_VMX, make_file("a.vmx", "text"));
-    stats_thr_lock();
-    stats_thr_start();
-    const auto read = [&](const std::string& path, std::size_t size, off_t offset) {
-        std::unique_ptr<fuse_fh_t> fh;
-        ASSERT_EQ(vm_proxy_open(path, shadow_path(path), &fh), nullptr);
-        std::string buf(size, '?');
-        std::size_t got = 0;
-        EXPECT_EQ(vm_proxy_read(buf.data(), size, offset, fh.get(), &got), nullptr);
-        EXPECT_EQ(vm_proxy_release(path, std::move(fh)), nullptr);
-    };
-    read(disk, 100, 0);
-    read(disk, 300, disk_size - 200);      // 200 are left
-    read(disk, 100, disk_size);            // nothing is
-    read(disk + "-cbt-losetup", 1000, 0);  // the second stream
-    read(vmx, 4, 0);                       // no disk
-    stats_thr_unlock();
-    EXPECT_EQ(post(), cor_format("%s vmdk_flat_file_size=%zu", disk.c_str(), disk_size));
-    EXPECT_EQ(gate_.next().text,
-              counters(disk, "", start_time, 300, 0, 200, 0) + "; " + counters(disk, "2", start_time, 1000, 0, 0, 0));
-    vm_proxy_release_all();
-    gate_.answer(200);
-    EXPECT_EQ(post(),
-              counters(disk, "", std::nullopt, 300, 0, 0, 0) + "; " + counters(disk, "2", std::nullopt, 1000, 0, 0, 0));
-}
-
 }  // namespace
 }  // namespace mirador

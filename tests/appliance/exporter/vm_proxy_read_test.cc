@@ -88,41 +88,6 @@ TEST_F(vm_proxy_read_test, FailureOfTheSourceShowsUnlessTheOverlayCoversTheStart
     EXPECT_EQ(vm_proxy_read(&byte, 1, 0, nullptr, &got)->number, ESTALE);
 }
 
-TEST_F(vm_proxy_read_test, ConfigurationFileIsFollowedByTheTimeOfItsOpen) {
-    const std::string path = expose("vm.cfg", VM_PROXY_HEADER_CFG, make_file("vm.cfg", std::string(1000, 'c')));
-    std::unique_ptr<fuse_fh_t> fh;
-    ASSERT_EQ(vm_proxy_open(path, shadow_path(path), &fh), nullptr);
-    std::string buf(4096, '?');
-    std::size_t got = 0;
-    EXPECT_EQ(vm_proxy_read(buf.data(), buf.size(), 0, fh.get(), &got), nullptr);
-    ASSERT_EQ(got, 1000 + cfg_trailer_size);
-    const std::string trailer = buf.substr(1000, cfg_trailer_size);
-    EXPECT_EQ(trailer.rfind("access-time = ", 0), 0U);
-    EXPECT_EQ(trailer.find_first_not_of(' ', trailer.find('\n') + 1), cfg_trailer_size - 1);
-    EXPECT_EQ(trailer.back(), '\n');
-    EXPECT_EQ(vm_proxy_release(path, std::move(fh)), nullptr);
-}
-
-TEST_F(vm_proxy_read_test, DiskShowsItsHeaderInTheFirstFreeSector) {
-    std::string image(disk_size, '\0');
-    image[510] = '\x55';
-    image[511] = '\xaa';
-    image.replace(1024, 512, 512, 'u');  // sector 2 is in use
-    make_file("device", image);
-    const std::string path = expose_disk("a-flat.vmdk");
-    std::unique_ptr<fuse_fh_t> fh;
-    ASSERT_EQ(vm_proxy_open(path, shadow_path(path), &fh), nullptr);
-    std::string buf(4096, '?');
-    std::size_t got = 0;
-    EXPECT_EQ(vm_proxy_read(buf.data(), buf.size(), 0, fh.get(), &got), nullptr);
-    EXPECT_EQ(buf.substr(0, 1536), image.substr(0, 1536));
-    EXPECT_EQ(buf.substr(1536, 4), "KVDH");
-    EXPECT_EQ(buf.substr(2044, 4), "KVDH");
-    EXPECT_EQ(buf.substr(2048), image.substr(2048, 2048));
-    EXPECT_EQ(fh->cookie->external_read_bytes, 4096U);
-    EXPECT_EQ(vm_proxy_release(path, std::move(fh)), nullptr);
-}
-
 // A disk of which every third sector is in use, with the bitmap that says so.
 class smart_read_test : public vm_proxy_read_test {
   protected:
@@ -180,22 +145,6 @@ TEST_F(smart_read_test, DiskIsReadWithoutWhatItsGuestDoesNotUse) {
     EXPECT_EQ(fh->cookie->external_read_bytes, 4096U + 1000U + 700U);
     get_reg_settings()->smartread_optimize = false;
     EXPECT_EQ(read(*fh, 4096, 8192), model_.device.substr(8192, 4096)) << "the setting holds from read to read";
-    EXPECT_EQ(vm_proxy_release(path_, std::move(fh)), nullptr);
-}
-
-TEST_F(smart_read_test, DiskWithoutBitmapIsReadPlainlyUntilItIsEvicted) {
-    auto fh = open_disk();
-    EXPECT_FALSE(fh->optimize);
-    EXPECT_EQ(read(*fh, 4096, 8192), model_.device.substr(8192, 4096));
-    publish_bitmap();
-    auto again = open_disk();
-    EXPECT_FALSE(again->optimize) << "all readers of a disk see the same bytes";
-    EXPECT_EQ(vm_proxy_release(path_, std::move(fh)), nullptr);
-    EXPECT_EQ(vm_proxy_release(path_, std::move(again)), nullptr);
-    EXPECT_EQ(vm_proxy_evict(true), nullptr);
-    fh = open_disk();
-    EXPECT_TRUE(fh->optimize);
-    EXPECT_EQ(read(*fh, 4096, 8192), model_.read(8192, 4096));
     EXPECT_EQ(vm_proxy_release(path_, std::move(fh)), nullptr);
 }
 

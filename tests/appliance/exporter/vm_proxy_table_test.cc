@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "appliance/exporter/vm_proxy_table.h"
 
-#include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -178,19 +177,6 @@ TEST_F(vm_proxy_table, FailedOpenIsSavedForItsPathAndLeavesNothing) {
     EXPECT_EQ(saved_number(snapshotted), ERR_NOT_AVAILABLE);
 }
 
-TEST_F(vm_proxy_table, PipeInThePlaceOfAFileHoldsNobody) {
-    const std::string pipe = make_file("a.vmx", "x");
-    const std::string path = expose("a.vmx", VM_PROXY_HEADER_VMX, pipe);
-    std::filesystem::remove(pipe);
-    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-    fh_ptr fh = open(path);  // without a writer at the other end
-    ASSERT_NE(fh, nullptr);
-    char byte = 0;
-    std::size_t got = 0;
-    EXPECT_EQ(vm_proxy_read(&byte, 1, 0, fh.get(), &got)->number, ESPIPE);
-    release(std::move(fh));
-}
-
 TEST_F(vm_proxy_table, HandleGoesOnWhenAnotherOpenOfItsCookieFails) {
     const std::string disk = expose_disk("a-flat.vmdk");
     fh_ptr survivor = open(disk);
@@ -242,21 +228,6 @@ TEST_F(vm_proxy_table, TooManyOpenExtentFilesAreMendedByEviction) {
     EXPECT_EQ(open(path), nullptr);
     EXPECT_EQ(fake_vdsk().set_ups.size(), 1U) << "nothing to evict: no retry";
     EXPECT_EQ(saved_number(path), EMFILE);
-}
-
-TEST_F(vm_proxy_table, AliasDirectoryLeadsToTheVmsOwnCookie) {
-    const std::string disk = expose_disk("hv/vm/a-flat.vmdk");
-    std::filesystem::create_directories(shadow_ + "/.uuid");
-    std::filesystem::create_directory_symlink(shadow_ + "/hv/vm", shadow_ + "/.uuid/564d");
-    get_reg_settings()->export_vm_uuid_enabled = true;
-    fh_ptr own = open(disk);
-    fh_ptr other = open("/.uuid/564d/a-flat.vmdk");
-    get_reg_settings()->export_vm_uuid_enabled = false;
-    ASSERT_NE(other, nullptr);
-    EXPECT_EQ(other->cookie, own->cookie);
-    EXPECT_EQ(other->path, disk);
-    release(std::move(own));
-    release(std::move(other));
 }
 
 TEST_F(vm_proxy_table, WaitForTheLastReferenceToAnExtentFile) {

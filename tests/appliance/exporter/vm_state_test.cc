@@ -53,6 +53,24 @@ TEST_F(vm_state_test, UnchangedVmOnlyBearsTheCyclesNumber) {
     EXPECT_NE(names("esx1/vm"), "-");
 }
 
+TEST_F(vm_state_test, SecondVmOfANameIsTurnedDownAndTheFirstStays) {
+    lab_vm_t first;
+    first.folder = "all";
+    list({first});
+    ASSERT_EQ(take(first), 0);
+    lab_vm_t second = first;
+    second.uuid = "564d0002";
+    second.host = "esx2";
+    list({second});
+    EXPECT_EQ(take(second), EINVAL);
+    EXPECT_EQ(text_,
+              "Cannot assign two VMs with the same name (vm) into the same folder (all): attempted to add the VM to "
+              "the folder that already contains the VM (same name) of esx1.");
+    EXPECT_THAT(alerts(), Contains("alert_post vm_discovery esx2:vm"));
+    vm_stop_old(2);
+    EXPECT_EQ(names("all/vm"), "-");
+}
+
 TEST_F(vm_state_test, RetiredVmGoesWithItsLastUser) {
     get_reg_settings()->export_vm_uuid_enabled = true;
     lab_vm_t vm;
