@@ -53,11 +53,11 @@ def exported(disk=MACHINE):
 
 
 def check_disk():
-    """What is read is what the disk holds, but for the header's sector."""
+    """What is read is what the disk holds, but for the header's sector, where there is room for one."""
     wait(exported().exists, "the disk is in the tree")
     with open(exported(), "rb") as seen, open(source(), "rb") as held:
         pairs = [(seen.read(SECTOR), held.read(SECTOR)) for _ in range(READ // SECTOR)]
-    assert sum(a != b for a, b in pairs) == 1, [i for i, (a, b) in enumerate(pairs) if a != b][:10]
+    assert sum(a != b for a, b in pairs) <= 1, [i for i, (a, b) in enumerate(pairs) if a != b][:10]
 
 
 def snapshots():

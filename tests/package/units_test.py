@@ -83,7 +83,10 @@ class Units(unittest.TestCase):
     def start(self):
         make_machine()
         make_volume_group(source(SECOND))
-        run("systemctl", "enable", "--now", "mirador-appliance", "mirador")
+        run("systemctl", "enable", "--now", "mirador-appliance")
+        wait(lambda: MACHINE in run("mirador-appliance", "status"), "the VM is found")
+        run("mirador-appliance", "cbt", MACHINE, "on")
+        run("systemctl", "enable", "--now", "mirador")
         self.assertTrue(os.path.ismount(EXPORT))  # this test is not of the unit, and the start has come back
         self.assertTrue(is_active(DAEMON) and is_active("mirador-watch.service"))
         self.assertEqual(*(os.readlink(f"/proc/{pid}/ns/mnt") for pid in (1, show(DAEMON, "MainPID"))))
@@ -131,7 +134,6 @@ class Units(unittest.TestCase):
         """A changed-block file is read through a loop device over the daemon's own tree. One that is killed meanwhile
         does not come to its end by itself."""
         changed = exported().with_name(exported().name.replace("-flat", "-corcbt"))
-        run("mirador-appliance", "cbt", MACHINE, "on")
         wait(changed.exists, "its changes are exported")
         read = f"while dd if={changed} of=/dev/null bs=64k iflag=direct status=none; do :; done"
         for _ in range(4):
