@@ -351,6 +351,10 @@ void vd_touch_gen(const ks_vdisk_list_t& vmc_vdisk_list, vd_list_t* vd_list, std
     }
 }
 
+const vd_state_t* vd_find(vd_list_t* vd_list, const ks_vdisk_t& vdisk) {
+    return find_root(vd_list, ks_text(vdisk.base_ascii_path));
+}
+
 bool vd_is_current(const ks_vdisk_list_t& vmc_vdisk_list, vd_list_t* vd_list, const std::string& extent_shadow_path) {
     return std::ranges::any_of(vmc_vdisk_list, [&](const ks_vdisk_t& vdisk) {
         const vd_state_t* state = find_root(vd_list, ks_text(vdisk.base_ascii_path));

@@ -77,6 +77,9 @@ void vd_touch_gen(const ks_vdisk_list_t& vmc_vdisk_list, vd_list_t* vd_list, std
 [[nodiscard]] errdesc_t* vd_update(vd_list_t* vd_list, const ks_vdisk_t& vdisk, const vd_update_t& update,
                                    const vd_state_t** vd_state_out);
 
+// A listed disk as the last update left it; null when there is none.
+const vd_state_t* vd_find(vd_list_t* vd_list, const ks_vdisk_t& vdisk);
+
 // Whether the disk that an extent entry stands for was taken over with the head that the controller lists for it. False
 // as well for an entry of no listed disk, and of one that snapshots leave out.
 bool vd_is_current(const ks_vdisk_list_t& vmc_vdisk_list, vd_list_t* vd_list, const std::string& extent_shadow_path);

@@ -92,6 +92,11 @@ bool only_keeps_disks(errnum_t number) {
     return number == EAGAIN || number == EBADFD || number == ENOENT;
 }
 
+void add_conversion(attempt_t* attempt, const std::string& disk, const std::string& name, const std::string& head) {
+    attempt->conversions.emplace_back(disk, name);
+    attempt->heads.push_back(head);
+}
+
 errdesc_t* update_exported_disk(vm_state_t* vm, attempt_t* attempt, const ks_vdisk_t& vdisk) REQUIRES(vm->mutex) {
     const vd_state_t* state = nullptr;
     errdesc_t* e = vd_update(&vm->vd_list, vdisk, attempt->update, &state);
@@ -99,14 +104,15 @@ errdesc_t* update_exported_disk(vm_state_t* vm, attempt_t* attempt, const ks_vdi
         e = vd_update(&vm->vd_list, vdisk, attempt->update, &state);
     attempt->cbt_reset_done = attempt->cbt_reset_done && e == nullptr && !state->cbt_reset_failed;
     if (e == nullptr) {
-        attempt->conversions.emplace_back(state->current_vd_path, state->new_vd_name);
-        attempt->heads.push_back(state->current_vd_fpath);
+        add_conversion(attempt, state->current_vd_path, state->new_vd_name, state->current_vd_fpath);
         return nullptr;
     }
     if (!only_keeps_disks(e->number))
         return e;
     _errdesc_log(e, ERRDESC_WARNING);
     attempt->remove_old_disks = false;
+    if (const vd_state_t* kept = vd_find(&vm->vd_list, vdisk))
+        add_conversion(attempt, kept->root_vd_fpath, kept->new_vd_name, kept->root_vd_fpath);
     return nullptr;
 }
 
@@ -149,8 +155,7 @@ errdesc_t* check_conflict(const vm_state_t& vm, const attempt_t& attempt) REQUIR
 
 // Without the VMX file the disks are exported all the same.
 void copy_vmx(vm_state_t* vm, attempt_t* attempt) REQUIRES(vm->mutex) {
-    if (attempt->vmc.snap_exists >= 1)
-        vmx_follow_to_frozen(vm->paths.vmx_ds_path, attempt->heads, &attempt->conversions);
+    vmx_follow_to_frozen(vm->paths.vmx_ds_path, attempt->heads, &attempt->conversions);
     const std::string& vmx = vm->paths.vmx_ds_path;
     const auto is_datastores = [&vmx](int fd) { return datastore_check_opened(vmx, fd, vmx); };
     errdesc_t* e = vmx_copy_convert(vmx, vm->paths.vm_cached_path, attempt->conversions, is_datastores);

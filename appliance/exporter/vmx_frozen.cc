@@ -32,18 +32,22 @@ std::vector<std::string> chain_paths(const std::string& path) {
     return paths;
 }
 
+std::size_t find_file(const std::string& path, const std::vector<std::string>& heads) {
+    const auto found = std::ranges::find_if(heads, [&](const std::string& head) { return is_same_file(head, path); });
+    return static_cast<std::size_t>(found - heads.begin());
+}
+
 // The entry whose disk the reference leads to: itself, or one further down its chain.
 std::size_t find_entry(const std::string& reference, const vmxdesc_t& vmx, const std::vector<std::string>& heads) {
     std::string path;
     if (vd_get_fpath(reference, vmx_working_dir(vmx), vmx.dirname, &path) != nullptr)
         return heads.size();
-    for (const std::string& link : chain_paths(path)) {
-        const auto found =
-            std::ranges::find_if(heads, [&](const std::string& head) { return is_same_file(head, link); });
-        if (found != heads.end())
-            return static_cast<std::size_t>(found - heads.begin());
-    }
-    return heads.size();
+    std::size_t entry = find_file(path, heads);
+    if (entry == heads.size())
+        for (const std::string& link : chain_paths(path))
+            if ((entry = find_file(link, heads)) < heads.size())
+                break;
+    return entry;
 }
 
 }  // namespace

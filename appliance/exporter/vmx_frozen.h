@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The disk references of a VMX file while a snapshot freezes the VM's disks: the file names the deltas that the VM
-// writes to, the controller tells the disks below them that are exported.
+// The disk references of a VMX file that is ahead of what the controller tells: while a snapshot freezes the VM's
+// disks, or before the controller has heard of one, the file names the deltas that the VM writes to, and exported are
+// the disks below them.
 #pragma once
 
 #include <string>

@@ -311,6 +311,15 @@ TEST_F(vm_update_test, FrozenDisksStandInTheConfigurationForTheDeltasAboveThem) 
     take(vm);
     ASSERT_EQ(update(vm, true), 0);
     EXPECT_EQ(cached("vm.vmx"), vmx("disk.vmdk", "other.vmdk", "still.vmdk"));
+
+    // The same before the controller has heard of them, and when a delta that it tells is gone already.
+    vm.snap_exists = 0;
+    vm.disks[0].head = "disk-000009.vmdk";
+    take(vm);
+    write_file(datastore_ + "/vm/vm.vmx",
+               "annotation = \"new\"\n" + vmx("disk-000001.vmdk", "other-000002.vmdk", "still.vmdk"));
+    ASSERT_EQ(update(vm, true), 0);
+    EXPECT_EQ(cached("vm.vmx"), "annotation = \"new\"\n" + vmx("disk.vmdk", "other.vmdk", "still.vmdk"));
 }
 
 // A client that saw the old time would not copy the disk whole, and what it is told has changed would not be all.
