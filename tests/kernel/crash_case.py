@@ -7,6 +7,7 @@ import itertools
 import os
 import pathlib
 import signal
+import subprocess
 import sys
 import threading
 import unittest.mock
@@ -80,8 +81,11 @@ class GroupedDaemon(Daemon):
         """The kernel finds that there is not enough for what it holds."""
         killed = _killed_by_memory()
         limit = GROUP / "memory.max"
-        threading.Thread(target=limit.write_text, args=("65536",), daemon=True).start()  # it may wait for the memory
+        # For as long as this one writes, the kernel kills whoever enters the group.
+        writer = subprocess.Popen(["sh", "-c", f"echo 65536 >{limit}"])
         wait_until(lambda: self.is_dying() and _killed_by_memory() > killed, "it is killed for its memory", BOUND)
+        writer.kill()
+        writer.wait(BOUND)
         limit.write_text("max")
 
 

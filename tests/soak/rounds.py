@@ -3,7 +3,7 @@ the full copy must give the disks of its moment; resets in between."""
 
 import contextlib
 import errno
-import json
+import http.client
 import os
 import pathlib
 import shutil
@@ -119,6 +119,6 @@ class Rounds(Worker):
     def _is_pending(self) -> bool:
         try:
             found = self.stage.appliance.get(f"vhost?vm_uuid={self._vm.uuid}")
-        except (OSError, json.JSONDecodeError, ValueError):  # a fault of the controller's
+        except (OSError, http.client.HTTPException, ValueError):  # a fault of the controller's
             return True
         return bool(found[0]["cbt_reset_pending"])
