@@ -13,7 +13,8 @@ has one more line:
     {"event": "finished", "time": SECONDS, "method": NAME, "vmx": PATH, "snapshot": NAME, "steps": […],
      "count": N or "error": N and "text": TEXT}
 
-The same with the method "consolidate" stands for what an earlier removal left to do. There are no passwords in it. Grown to 4 MiB it is renamed to `….1`.
+The same with the method "consolidate" stands for what an earlier removal left to do. There are no passwords in it.
+Grown to 4 MiB it is renamed to `….1`.
 """
 
 import os
@@ -21,7 +22,7 @@ import pathlib
 import time
 from typing import Any
 
-from ..texts import pack, unpack
+from ..texts import pack
 
 _LARGEST = 4 << 20  # bytes
 
@@ -31,7 +32,8 @@ def path_in(state: pathlib.Path) -> pathlib.Path:
 
 
 class Journal:
-    """Appends lines, each in one write, so that any number of processes may. What cannot be written is lost."""
+    """Appends lines, each in one write, so that any number of processes may. Behind what a power cut tore a new line
+    begins. What cannot be written is lost."""
 
     def __init__(self, state: pathlib.Path) -> None:
         self._path = path_in(state)
@@ -53,21 +55,14 @@ class Journal:
 
     def _write(self, record: dict[str, Any]) -> None:
         try:
-            descriptor = os.open(self._path, os.O_WRONLY | os.O_APPEND | os.O_CREAT | os.O_CLOEXEC, 0o600)
+            descriptor = os.open(self._path, os.O_RDWR | os.O_APPEND | os.O_CREAT | os.O_CLOEXEC, 0o600)
             try:
-                if os.fstat(descriptor).st_size > _LARGEST:
+                size = os.fstat(descriptor).st_size
+                if size > _LARGEST:
                     os.replace(self._path, f"{self._path}.1")
-                os.write(descriptor, pack(record) + b"\n")
+                is_torn = size > 0 and os.pread(descriptor, 1, size - 1) != b"\n"
+                os.write(descriptor, (b"\n" if is_torn else b"") + pack(record) + b"\n")
             finally:
                 os.close(descriptor)
         except OSError:
             pass  # a call is worth more than its line
-
-
-def read(state: pathlib.Path) -> list[dict[str, Any]]:
-    """The journal's records, oldest first; what was renamed away is not among them."""
-    try:
-        lines = path_in(state).read_bytes().splitlines()
-    except OSError:
-        return []
-    return [unpack(line) for line in lines]

@@ -1,5 +1,6 @@
 """The embedded appliance, which is the daemon's controller."""
 
+import contextlib
 import itertools
 import json
 import pathlib
@@ -121,10 +122,12 @@ class Appliance:
 
     def agent_calls(self) -> list[dict[str, Any]]:
         """What the agents noted of their calls, oldest first; see the program's agent/journal."""
-        journal = self._state / "agent-journal.jsonl"
-        if not journal.exists():
-            return []
-        return [json.loads(line) for line in journal.read_bytes().split(b"\n")[:-1]]
+        calls = []
+        if (journal := self._state / "agent-journal.jsonl").exists():
+            for line in journal.read_bytes().splitlines():
+                with contextlib.suppress(ValueError):  # half-written, or torn by a power cut
+                    calls.append(json.loads(line))
+        return calls
 
     def count(self) -> int:
         """How many requests have been received."""
