@@ -131,8 +131,13 @@ class Ends(SnapshotCase):
             self.wait_exported(vm)
 
     def end(self):
-        """Ends the daemon in order, and looks at once."""
+        """Ends the daemon in order. Its snapshots that are left: those it has ordered to go go within moments."""
         self.daemon.stop()
+        with contextlib.suppress(Failed):
+            wait_until(lambda: not self.left(), "all have gone", 5)
+        return self.left()
+
+    def left(self):
         return {vm.name: names for vm in self.vms.values() if (names := snapshots.names(vm))}
 
     def wait_dead(self):

@@ -121,13 +121,16 @@ class SnapshotCase(InventoryCase):
         return found[0].get("error") or ""
 
     @classmethod
+    def _unfinished(cls):
+        return [vm for vm in cls.appliance.status()["vms"] if vm["consolidation_needed"] or vm["busy"]
+                or any(snapshot["whose"] == "ours" for snapshot in vm["snapshots"])]
+
+    @classmethod
     def _stop_all(cls):
         try:
             if cls.daemon.is_running():
                 cls.daemon.stop()
-            for vm in cls.appliance.status()["vms"]:
-                ours = [snapshot["name"] for snapshot in vm["snapshots"] if snapshot["whose"] == "ours"]
-                assert not ours and not vm["consolidation_needed"] and not vm["busy"], vm
+            wait_equal(cls._unfinished, [], "no snapshot is left and none is being removed", BOUND)
         finally:
             super()._stop_all()
 
