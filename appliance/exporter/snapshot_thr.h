@@ -61,12 +61,12 @@ class snapshot_use_t {
                                          vm_proxy_header_t* header, std::string* vmname, std::time_t* ctime,
                                          std::shared_ptr<snapshot_use_t>* use);
     ~snapshot_use_t();
-
-    // Whether the controller shows no snapshot of the VM any more: somebody else has removed it. Takes no lock but
-    // those of the lists.
-    bool is_gone() const;
     snapshot_use_t(const snapshot_use_t&) = delete;
     snapshot_use_t& operator=(const snapshot_use_t&) = delete;
+
+    // Whether the controller shows no snapshot of the VM any more: somebody else has removed it. Takes the locks of the
+    // lists and of the VM's record, each for moments; not the thread's mutex.
+    bool is_gone() const;
 
   private:
     snapshot_use_t(std::string path, std::string shadow_path, const vm_proxy_header_t& header)

@@ -254,8 +254,14 @@ bool has_snapshot(const vm_state_t& vm) {
 bool was_exported(const vm_state_t& vm) REQUIRES(vm.mutex) {
     if (vm.last_update != 0)
         return true;
-    const read_lock_t lock(vm.vmc_rwlock);
-    return snapshot_existed(ks_text(vm.vmc.hv_hostname), ks_text(vm.vmc.uuid));
+    std::string hv_name;
+    std::string vm_uuid;
+    {
+        const read_lock_t lock(vm.vmc_rwlock);
+        hv_name = ks_text(vm.vmc.hv_hostname);
+        vm_uuid = ks_text(vm.vmc.uuid);
+    }
+    return snapshot_existed(hv_name, vm_uuid);
 }
 
 // Whether the VM's entries have been taken out of the tree, with the directory of its hypervisor or while the VM was
