@@ -45,8 +45,11 @@ TEST(fileops_options, SayWhatIsWanted) {
         {{"esx", "cp", "-p", "a", "b"}, "--parents is not for cp"},
         {{"esx", "rm", "--json", "a"}, "--json is not for rm"},
         {{"esx", "mkdir", "-h", "a"}, "--human is not for mkdir"},
-        {{"esx", "rm", "-rf", "a"}, "unknown option \"-rf\""},
+        {{"esx", "rm", "-fr", "a"}, "unknown option \"-r\""},
+        {{"esx", "rm", "--recursive", "a"}, "unknown option \"--recursive\""},
+        {{"esx", "df", "--json=no"}, "unknown option \"--json=no\""},
         {{"esx", "rm", "a", "--datacenter"}, "--datacenter needs a name"},
+        {{"esx", "rm", "a", "--datacenter="}, "--datacenter needs a name"},
     };
     for (const auto& c : cases)
         EXPECT_EQ(understood(c.args), c.meaning);

@@ -1,31 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 
+#include "lib/command_options.h"
 #include "tools/mirador-fileops/fileops.h"
 
 namespace mirador {
 namespace {
-
-struct flag_t {
-    const char* name;
-    const char* letter;  // empty: none
-    bool fileops_options_t::*member;
-};
-
-constexpr flag_t flags[] = {
-    {"--help", "", &fileops_options_t::help},     {"--human", "-h", &fileops_options_t::human},
-    {"--json", "", &fileops_options_t::json},     {"--verbose", "-v", &fileops_options_t::verbose},
-    {"--force", "-f", &fileops_options_t::force}, {"--parents", "-p", &fileops_options_t::parents},
-};
-
-bool set_flag(const std::string& arg, fileops_options_t* options) {
-    const auto found =
-        std::ranges::find_if(flags, [&](const flag_t& flag) { return arg == flag.name || arg == flag.letter; });
-    if (found == std::end(flags))
-        return false;
-    options->*found->member = true;
-    return true;
-}
 
 const fileops_command_t* find_command(const std::string& name) {
     const auto& commands = fileops_commands();
@@ -59,24 +39,21 @@ std::string check(const std::vector<std::string>& words, fileops_options_t* opti
 }  // namespace
 
 bool fileops_parse_options(const std::vector<std::string>& args, fileops_options_t* options, std::string* fault) {
+    const auto take_datacenter = [&](const std::string& value) {
+        options->datacenter = value;
+        return !value.empty();
+    };
     std::vector<std::string> words;
-    bool only_words = false;
-    for (auto arg = args.begin(); arg != args.end(); ++arg) {
-        if (only_words || arg->empty() || arg->front() != '-') {
-            words.push_back(*arg);
-        } else if (*arg == "--") {
-            only_words = true;
-        } else if (*arg == "--datacenter") {
-            if (arg + 1 == args.end() || (++arg)->empty()) {
-                *fault = "--datacenter needs a name";
-                return false;
-            }
-            options->datacenter = *arg;
-        } else if (!set_flag(*arg, options)) {
-            *fault = "unknown option \"" + *arg + "\"";
-            return false;
-        }
-    }
+    if (!command_options_parse(args,
+                               {command_flag("help", 0, &options->help),
+                                command_flag("human", 'h', &options->human),
+                                command_flag("json", 0, &options->json),
+                                command_flag("verbose", 'v', &options->verbose),
+                                command_flag("force", 'f', &options->force),
+                                command_flag("parents", 'p', &options->parents),
+                                {.name = "datacenter", .value = "a name", .take = take_datacenter}},
+                               &words, fault))
+        return false;
     *fault = check(words, options);
     return fault->empty();
 }

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <charconv>
 
+#include "lib/command_options.h"
 #include "tools/mirador-inspect/inspect.h"
 
 namespace mirador {
@@ -47,29 +48,15 @@ std::string check(const std::vector<std::string>& words, inspect_options_t* opti
 }  // namespace
 
 bool inspect_parse_options(const std::vector<std::string>& args, inspect_options_t* options, std::string* fault) {
+    const auto take_sector = [&](const std::string& value) { return parse_sector(value, &options->sector); };
     std::vector<std::string> words;
-    bool only_words = false;
-    for (auto arg = args.begin(); arg != args.end(); ++arg) {
-        if (only_words || arg->empty() || arg->front() != '-') {
-            words.push_back(*arg);
-        } else if (*arg == "--") {
-            only_words = true;
-        } else if (*arg == "--json") {
-            options->json = true;
-        } else if (*arg == "--grains") {
-            options->grains = true;
-        } else if (*arg == "--help" || *arg == "-h") {
-            options->help = true;
-        } else if (*arg == "--sector") {
-            if (++arg == args.end() || !parse_sector(*arg, &options->sector)) {
-                *fault = "--sector needs a number";
-                return false;
-            }
-        } else {
-            *fault = "unknown option \"" + *arg + "\"";
-            return false;
-        }
-    }
+    if (!command_options_parse(args,
+                               {command_flag("json", 0, &options->json),
+                                command_flag("grains", 0, &options->grains),
+                                command_flag("help", 'h', &options->help),
+                                {.name = "sector", .value = "a number", .take = take_sector}},
+                               &words, fault))
+        return false;
     *fault = check(words, options);
     return fault->empty();
 }

@@ -7,9 +7,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <string_view>
+#include <utility>
 
 #include "appliance/lib/cor_vdsk_header.h"
 #include "appliance/lib/corcbt.h"
+#include "lib/command_options.h"
 #include "lib/file_io.h"
 #include "tools/mirador-restore/image_copy.h"
 #include "tools/mirador-restore/new_image.h"
@@ -120,28 +122,22 @@ errdesc_t* merge(const inputs_t& in, const copy_file_t& to) {
 }  // namespace
 
 bool restore_parse_options(const std::vector<std::string>& args, restore_options_t* options, std::string* fault) {
+    const auto take_image = [&](const std::string& value) {
+        return std::exchange(options->image, value).empty() && !value.empty();
+    };
     std::vector<std::string> words;
-    bool only_words = false;
-    for (auto arg = args.begin(); arg != args.end() && fault->empty(); ++arg) {
-        if (only_words || arg->empty() || arg->front() != '-')
-            words.push_back(*arg);
-        else if (*arg == "--")
-            only_words = true;
-        else if (*arg == "--help" || *arg == "-h")
-            options->help = true;
-        else if (*arg == "--force")
-            options->force = true;
-        else if (*arg != "-o" && *arg != "--output")
-            *fault = "unknown option \"" + *arg + "\"";
-        else if (!options->image.empty() || arg + 1 == args.end() || (++arg)->empty())
-            *fault = "-o needs one file name";
-        else
-            options->image = *arg;
-    }
-    if (fault->empty() && !options->help && (words.size() != 2 || options->image.empty()))
+    if (!command_options_parse(args,
+                               {command_flag("help", 'h', &options->help),
+                                command_flag("force", 0, &options->force),
+                                {.name = "output", .letter = 'o', .value = "one file name", .take = take_image}},
+                               &words, fault))
+        return false;
+    if (options->help)
+        return true;
+    if (words.size() != 2 || options->image.empty()) {
         *fault = "two files and -o with a third are needed";
-    if (!fault->empty() || options->help)
-        return fault->empty();
+        return false;
+    }
     options->flat = words[0];
     options->corcbt = words[1];
     return true;
