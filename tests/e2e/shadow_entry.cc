@@ -1,20 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
-// shadow-entry ROOT [OPTION ...] NAME     writes the proxy header ROOT/NAME, with the directories on its way
-// shadow-entry ROOT --batch               as often as standard input has lines: options and NAME, set apart by tabs
+// shadow-entry ROOT <LINES
 //
-// What a controller's inventory does in a running appliance, for tests and the demo: a daemon started with --no-threads
-// exports what stands in its shadow tree. Exit status 1 and one line for each entry that cannot be written.
-#include <getopt.h>
-
-#include <array>
+// Writes proxy headers below ROOT, with the directories on their way: what a controller's inventory does in a running
+// appliance, for tests, as a daemon started with --no-threads exports what stands in its shadow tree. Each line has
+// these words, set apart by tabs, and then the entry's name:
+//
+//   --type flat|ascii|vmx|cfg   what is exported
+//   --link PATH                 the real object: a disk's descriptor, a file
+//   --stat PATH                 whose attributes are reported (the link's)
+//   --size BYTES                of a flat disk, by its descriptor
+//   --uuid UUID, --hv NAME      of the VM, a template, and of its hypervisor
+//
+// Exit status 1 and one line for each entry that cannot be written.
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "appliance/exporter/controller_thr.h"
 #include "appliance/exporter/vm_proxy_touch.h"
@@ -25,105 +29,36 @@ namespace {
 
 constexpr mode_t directory_mode = 0755;
 
-constexpr const char* help =
-    "usage: shadow-entry ROOT [OPTION ...] NAME\n"
-    "       shadow-entry ROOT --batch <LINES\n\n"
-    "  --type flat|ascii|vmx|cfg|corcbt   what is exported (flat)\n"
-    "  --link PATH     the real object: a disk's descriptor, a file\n"
-    "  --stat PATH     whose attributes are reported (the link's)\n"
-    "  --size BYTES    of a flat disk, by its descriptor (0)\n"
-    "  --uuid UUID     of the VM\n"
-    "  --hv NAME       of the hypervisor\n"
-    "  --can-snapshot  the VM is no template: opening its disks takes a snapshot\n\n"
-    "A line of a batch holds the same words, set apart by tabs.\n";
+const std::map<std::string_view, vm_proxy_header_type_t> types = {
+    {"flat", VM_PROXY_HEADER_VMDK_FLAT},
+    {"ascii", VM_PROXY_HEADER_VMDK_ASCII},
+    {"vmx", VM_PROXY_HEADER_VMX},
+    {"cfg", VM_PROXY_HEADER_CFG},
+};
 
 struct entry_t {
     vm_proxy_touch_t touch;
     std::string name;
 };
 
-struct type_name_t {
-    std::string_view name;
-    vm_proxy_header_type_t type;
-};
-
-constexpr std::array<type_name_t, 5> type_names = {{
-    {"flat", VM_PROXY_HEADER_VMDK_FLAT},
-    {"ascii", VM_PROXY_HEADER_VMDK_ASCII},
-    {"vmx", VM_PROXY_HEADER_VMX},
-    {"cfg", VM_PROXY_HEADER_CFG},
-    {"corcbt", VM_PROXY_HEADER_VMDK_CORCBT},
-}};
-
-bool parse_type(std::string_view text, vm_proxy_header_type_t* type) {
-    for (const type_name_t& known : type_names) {
-        if (known.name != text)
-            continue;
-        *type = known.type;
-        return true;
+entry_t parse_entry(const std::string& line) {
+    std::map<std::string, std::string> values;
+    entry_t entry;
+    std::istringstream words(line);
+    for (std::string word; std::getline(words, word, '\t');) {
+        if (word.starts_with("--"))
+            std::getline(words, values[word], '\t');
+        else
+            entry.name = word;
     }
-    return false;
-}
-
-bool parse_size(const char* text, std::int64_t* size) {
-    char* end = nullptr;
-    *size = std::strtoll(text, &end, 10);
-    return end != text && *end == '\0';
-}
-
-bool apply_option(int option, const char* value, vm_proxy_touch_t* touch) {
-    switch (option) {
-        case 't':
-            return parse_type(value, &touch->type);
-        case 'l':
-            touch->link_path = value;
-            return true;
-        case 's':
-            touch->stat_path = value;
-            return true;
-        case 'b':
-            return parse_size(value, &touch->size);
-        case 'u':
-            touch->vm_uuid = value;
-            return true;
-        case 'h':
-            touch->hv_name = value;
-            return true;
-        case 'c':
-            touch->is_template = false;
-            return true;
-        default:
-            return false;
-    }
-}
-
-// `words` are the options and the name; words[0] is not looked at.
-bool parse_entry(std::vector<std::string>& words, entry_t* entry) {
-    static constexpr option options[] = {
-        {"type", required_argument, nullptr, 't'},   {"link", required_argument, nullptr, 'l'},
-        {"stat", required_argument, nullptr, 's'},   {"size", required_argument, nullptr, 'b'},
-        {"uuid", required_argument, nullptr, 'u'},   {"hv", required_argument, nullptr, 'h'},
-        {"can-snapshot", no_argument, nullptr, 'c'}, {nullptr, 0, nullptr, 0},
-    };
-    std::vector<char*> argv;
-    for (std::string& word : words)
-        argv.push_back(word.data());
-    const int argc = static_cast<int>(argv.size());
-    argv.push_back(nullptr);
-
-    vm_proxy_touch_t& touch = entry->touch;
-    touch.type = VM_PROXY_HEADER_VMDK_FLAT;
-    touch.is_template = true;
-    optind = 0;                                                                                   // starts getopt anew
-    for (int option = 0; (option = getopt_long(argc, argv.data(), "", options, nullptr)) != -1;)  // NOLINT
-        if (!apply_option(option, optarg, &touch))
-            return false;
-    if (optind != argc - 1 || touch.link_path.empty())
-        return false;
-    entry->name = argv[static_cast<std::size_t>(optind)];
-    if (touch.stat_path.empty())
-        touch.stat_path = touch.link_path;
-    return true;
+    entry.touch.type = types.at(values["--type"]);
+    entry.touch.link_path = values["--link"];
+    entry.touch.stat_path = values.contains("--stat") ? values["--stat"] : values["--link"];
+    entry.touch.size = std::stoll(values["--size"]);
+    entry.touch.vm_uuid = values["--uuid"];
+    entry.touch.hv_name = values["--hv"];
+    entry.touch.is_template = true;
+    return entry;
 }
 
 bool tell(const std::string& name, const char* fault) {
@@ -141,40 +76,17 @@ bool write_entry(const entry_t& entry) {
     return e == nullptr || tell(entry.name, e->string);
 }
 
-bool write_words(std::vector<std::string> words) {
-    entry_t entry;
-    if (!parse_entry(words, &entry))
-        return tell(words.back(), "not an entry; shadow-entry without arguments tells what is");
-    return write_entry(entry);
-}
-
-bool write_batch() {
-    bool all_written = true;
-    for (std::string line; std::getline(std::cin, line);) {
-        std::vector<std::string> words{""};
-        std::istringstream fields(line);
-        for (std::string word; std::getline(fields, word, '\t');)
-            words.push_back(word);
-        all_written &= write_words(words);
-    }
-    return all_written;
-}
-
 }  // namespace
 }  // namespace mirador
 
 int main(int argc, char** argv) {
-    const std::vector<std::string> words(argv, argv + argc);
-    if (argc < 3) {
-        std::fputs(mirador::help, stderr);
+    if (argc < 2 || !std::filesystem::is_directory(argv[1])) {
+        mirador::tell("ROOT", "no directory");
         return 1;
     }
-    if (!std::filesystem::is_directory(words[1])) {
-        std::fprintf(stderr, "shadow-entry: %s: no directory\n", words[1].c_str());
-        return 1;
-    }
-    mirador::cnt_thr_set_up(words[1], true);
-    const bool is_batch = argc == 3 && words[2] == "--batch";
-    const bool written = is_batch ? mirador::write_batch() : mirador::write_words({words.begin() + 1, words.end()});
-    return written ? 0 : 1;
+    mirador::cnt_thr_set_up(argv[1], true);
+    bool all_written = true;
+    for (std::string line; std::getline(std::cin, line);)
+        all_written &= mirador::write_entry(mirador::parse_entry(line));
+    return all_written ? 0 : 1;
 }

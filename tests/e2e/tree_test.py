@@ -4,7 +4,6 @@ import errno
 import json
 import os
 import re
-import subprocess
 import time
 
 from harness import place
@@ -95,15 +94,6 @@ class Tree(DaemonCase):
         self.assertEqual(os.listdir(held), [])
         self.assertIn("error:2] /going: No such file or directory\n", self.daemon.log())
 
-    def test_permissions_are_honoured(self):
-        """For other users than root, by the kernel."""
-        reads = {}
-        for name, mode in (("private", 0o600), ("public", 0o644)):
-            path = self.export_file(name, "vmx", b"text", mode)
-            done = subprocess.run(["/bin/cat", path], user=12345, capture_output=True, timeout=20, check=False)
-            reads[name] = (done.returncode, done.stdout)
-        self.assertEqual(reads, {"private": (1, b""), "public": (0, b"text")})
-
     def test_write_is_refused(self):
         path = self.export_file("unwritable", "vmx", b"kept")
         target = path.with_name("new")
@@ -185,21 +175,6 @@ class Tree(DaemonCase):
         again = self.daemon.export_disk(base_disk(self.store, "restored", restored))
         self.assertIsNone(first_difference(again, restored, skip=range(1024, 1536)))
         self.assertEqual(again.read_bytes()[1024:1028], b"KVDH")
-
-    def test_no_room_for_a_header(self):
-        full = WORK / "full.img"
-        full.write_bytes(self.image.read_bytes())
-        with open(full, "r+b") as file:
-            file.seek(SECTOR)
-            file.write(b"x" * 16 * SECTOR)
-        path = self.daemon.export_disk(base_disk(self.store, "full", full))
-        self.assertIsNone(first_difference(path, full))
-        self.assertIn("info: no free sector available in /full/disk-flat.vmdk", self.daemon.log())
-
-    def test_disk_that_needs_a_snapshot_without_a_controller(self):
-        disk = base_disk(self.store, "running", self.image)
-        self.daemon.export(Entry("running/disk-flat.vmdk", disk.link, size=disk.size, can_snapshot=True))
-        self.assert_open_fails(EXPORT / "running" / "disk-flat.vmdk", 1013, "does not know its own identity")
 
 
 if __name__ == "__main__":

@@ -31,13 +31,11 @@ class Entry:
     type: str = "flat"
     stat: str = ""
     size: int = 0
-    can_snapshot: bool = False
 
     def line(self) -> str:
         words = ["--type", self.type, "--link", self.link, "--size", str(self.size), "--uuid", VM_UUID,
                  "--hv", HYPERVISOR]
         words += ["--stat", self.stat] if self.stat else []
-        words += ["--can-snapshot"] if self.can_snapshot else []
         return "\t".join([*words, self.name])
 
 
