@@ -1,15 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Any file in the place of a VM's exported description: read, checked, printed and read back.
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <string>
 
 #include "appliance/lib/vmcfg.h"
 #include "appliance/lib/vmcfgparser.h"
-#include "lib/cor_assert.h"
-#include "lib/file_io.h"
 #include "tests/fuzz/memory_file.h"
+#include "tests/support/record_bytes.h"
 
 using namespace mirador;
 
@@ -24,13 +20,7 @@ errdesc_t* parse(const std::uint8_t* data, std::size_t size, vmcfg_t* vmcfg) {
 }
 
 std::string print(const vmcfg_t& vmcfg) {
-    char* text = nullptr;
-    std::size_t size = 0;
-    file_ptr stream(open_memstream(&text, &size));
-    cor_assert(!cfg_print(stream.get(), &vmcfg));
-    stream.reset();
-    const std::unique_ptr<char, decltype(&std::free)> owned(text, std::free);
-    return {text, size};
+    return printed([&](std::FILE* out) { cor_assert(!cfg_print(out, &vmcfg)); });
 }
 
 }  // namespace

@@ -1,14 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Any file in the place of a disk's descriptor: checked, then read.
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-#include <memory>
 #include <string>
 
-#include "lib/cor_assert.h"
-#include "lib/file_io.h"
 #include "tests/fuzz/memory_file.h"
+#include "tests/support/record_bytes.h"
 #include "vmware/lib/vmdk/descriptor_check.h"
 #include "vmware/lib/vmdk/vmdk_parse.h"
 
@@ -17,13 +12,7 @@ using namespace mirador;
 namespace {
 
 std::string dump(const vmdkdesc_t& desc) {
-    char* text = nullptr;
-    std::size_t size = 0;
-    file_ptr stream(open_memstream(&text, &size));
-    vmdk_dump_disk_desc(&desc, stream.get());
-    stream.reset();
-    const std::unique_ptr<char, decltype(&std::free)> owned(text, std::free);
-    return {text, size};
+    return printed([&](std::FILE* stream) { vmdk_dump_disk_desc(&desc, stream); });
 }
 
 // What a passed check promises: a disk with a size, and the parser reads the same.

@@ -5,7 +5,6 @@
 // Input: a byte that picks the chain, four bytes for the extent's size in sectors, two for the length of the files in
 // units of 8 sectors (what the input lacks are zeros), then the extent, or two of equal length.
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <span>
 #include <vector>
@@ -14,6 +13,7 @@
 #include "lib/cor_string.h"
 #include "tests/fuzz/memory_file.h"
 #include "tests/support/dm_table.h"
+#include "tests/support/record_bytes.h"
 #include "vmware/lib/vmdk/chain_check.h"
 #include "vmware/lib/vmdk/vmdk_chain.h"
 #include "vmware/lib/vmdk/vmdk_extent.h"
@@ -106,14 +106,9 @@ bool emit(vmdkdesc_t* head, std::string* table) {
             return false;
         chain[i]->extentdesc[0]->loopdev = names[i];
     }
-    char* text = nullptr;
-    std::size_t size = 0;
+    bool done = false;
     vdsk_stats_t stats;
-    file_ptr stream(open_memstream(&text, &size));
-    const bool done = vmdk_emit_extents(stream.get(), chain, &stats) == nullptr;
-    stream.reset();
-    table->assign(text, size);
-    std::free(text);
+    *table = printed([&](std::FILE* out) { done = vmdk_emit_extents(out, chain, &stats) == nullptr; });
     return done;
 }
 

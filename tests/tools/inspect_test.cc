@@ -9,8 +9,8 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "tests/appliance/lib/record_bytes.h"
 #include "tests/lib/temp_dir.h"
+#include "tests/support/record_bytes.h"
 #include "tools/mirador-inspect/inspect_json.h"
 
 namespace mirador {

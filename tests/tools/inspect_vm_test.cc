@@ -7,8 +7,8 @@
 #include <filesystem>
 
 #include "lib/clock.h"
-#include "tests/appliance/lib/record_bytes.h"
 #include "tests/lib/temp_dir.h"
+#include "tests/support/record_bytes.h"
 #include "tools/mirador-inspect/inspect.h"
 #include "tools/mirador-inspect/inspect_json.h"
 

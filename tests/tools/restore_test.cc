@@ -17,10 +17,10 @@
 #include "appliance/lib/cor_vdsk_header.h"
 #include "appliance/lib/mbr.h"
 #include "lib/file_io.h"
-#include "tests/appliance/lib/record_bytes.h"
 #include "tests/lib/in_child.h"
 #include "tests/lib/temp_dir.h"
 #include "tests/support/changed_images.h"
+#include "tests/support/record_bytes.h"
 
 namespace mirador {
 namespace {

@@ -11,8 +11,8 @@
 #include <set>
 #include <thread>
 
-#include "tests/appliance/lib/record_bytes.h"
 #include "tests/lib/temp_dir.h"
+#include "tests/support/record_bytes.h"
 
 namespace mirador {
 namespace {

@@ -7,7 +7,7 @@
 #include <cerrno>
 
 #include "appliance/lib/vdsk_header_build.h"
-#include "tests/appliance/lib/record_bytes.h"
+#include "tests/support/record_bytes.h"
 
 namespace mirador {
 namespace {

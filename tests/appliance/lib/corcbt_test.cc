@@ -9,9 +9,9 @@
 #include <cerrno>
 #include <cstdint>
 
-#include "tests/appliance/lib/record_bytes.h"
 #include "tests/lib/temp_dir.h"
 #include "tests/support/fake_controller.h"
+#include "tests/support/record_bytes.h"
 
 namespace mirador {
 namespace {

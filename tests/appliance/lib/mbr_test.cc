@@ -10,8 +10,8 @@
 #include <cstdlib>
 
 #include "lib/file_io.h"
-#include "tests/appliance/lib/record_bytes.h"
 #include "tests/lib/temp_dir.h"
+#include "tests/support/record_bytes.h"
 
 namespace mirador {
 namespace {

@@ -11,8 +11,8 @@
 #include <limits>
 
 #include "lib/file_io.h"
-#include "tests/appliance/lib/record_bytes.h"
 #include "tests/lib/temp_dir.h"
+#include "tests/support/record_bytes.h"
 
 namespace mirador {
 namespace {

@@ -8,7 +8,7 @@
 
 #include "appliance/lib/vmcfgparser.h"
 #include "lib/file_io.h"
-#include "tests/appliance/lib/record_bytes.h"
+#include "tests/support/record_bytes.h"
 
 namespace mirador {
 namespace {

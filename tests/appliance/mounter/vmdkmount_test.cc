@@ -12,6 +12,7 @@
 #include "tests/support/cowd_writer.h"
 #include "tests/support/disk_lab.h"
 #include "tests/support/dm_table.h"
+#include "tests/support/record_bytes.h"
 #include "tests/support/sparse_writer.h"
 #include "vmware/lib/vmdk/chain_check.h"
 #include "vmware/lib/vmdk/vmdk_chain.h"
@@ -38,13 +39,8 @@ errdesc_t* emit_table(const std::string& path, std::string* table, vdsk_stats_t*
         for (std::uint32_t i = 0; i < member->extentdesccount(); ++i)
             member->extentdesc[i]->loopdev = vmdk_extent_path(*member, i);
     }
-    char* text = nullptr;
-    std::size_t size = 0;
-    file_ptr stream(open_memstream(&text, &size));
-    errdesc_t* e = vmdk_emit_extents(stream.get(), chain, stats);
-    stream.reset();
-    table->assign(text, size);
-    std::free(text);
+    errdesc_t* e = nullptr;
+    *table = printed([&](std::FILE* out) { e = vmdk_emit_extents(out, chain, stats); });
     return e;
 }
 

@@ -7,8 +7,8 @@
 #include <memory>
 #include <string>
 
-#include "tests/appliance/lib/record_bytes.h"
 #include "tests/lib/temp_dir.h"
+#include "tests/support/record_bytes.h"
 #include "vmware/lib/vmdk/vmdk_parse.h"
 
 namespace mirador {

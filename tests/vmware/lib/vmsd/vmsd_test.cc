@@ -6,8 +6,8 @@
 
 #include <cerrno>
 
-#include "tests/appliance/lib/record_bytes.h"
 #include "tests/lib/temp_dir.h"
+#include "tests/support/record_bytes.h"
 #include "vmware/lib/vmsd/vmsd_parse.h"
 
 namespace mirador {

@@ -7,8 +7,8 @@
 
 #include <cerrno>
 
-#include "tests/appliance/lib/record_bytes.h"
 #include "tests/lib/temp_dir.h"
+#include "tests/support/record_bytes.h"
 
 namespace mirador {
 namespace {
