@@ -15,6 +15,10 @@ _RAISED = re.compile(r"errdesc_set(?:_str|_fmt)?\s*\((?:[^()\"]|\([^()]*\))*?,\s
 _TOLD = re.compile(r'(?:fprintf\(\s*stderr,|printf\()\s*"((?:[^"\\]|\\.)*(?:returned an error|provided|Invalid arg[^"]*|'
                    r'supported\.|option: %s|mount point[^"]*|cannot mount[^"]*))\\n"')
 _ALERT = re.compile(r'(?:alert_id = |_alert = |alert_(?:post|clear)\(|wording_t \w+ = \{"[^"]*", )"(\w+)"')
+_LOGGED = re.compile(r"\bts_printf\(\s*" + _LITERALS)
+_WARNED = re.compile(r'"((?:\w+: )?(?:WARNING|ERROR): (?:[^"\\\n]|\\.)*)"')
+_OF_NOTE = re.compile(r"WARNING|is killed|given up|stands in|still on their way|Too many|cor_dev_open: .* bytes")
+_SCRIPTS = re.compile(r'(?:echo|fail \d+) "(?!usage|mount\.fuse)([^"]+)"|s/\^/([^/]+)/')  # what packages and units say
 _CONVERSION = re.compile(r"%[-+ #0]*[\d.*]*(?:[hljzt]*)[a-zA-Z%]|%$")
 
 
@@ -27,6 +31,13 @@ def _sources():
     for folder in FOLDERS:
         for path in sorted((ROOT / folder).rglob("*.cc")) + sorted((ROOT / folder).rglob("*.h")):
             yield path.read_text().replace("'\"'", "")  # which would look like a text's begin
+
+
+def _scripts():
+    for folder in ("packaging", "debian"):
+        for path in sorted((ROOT / folder).iterdir()):
+            if path.is_file() and path.read_text().startswith("#!/bin/sh"):
+                yield re.sub(r"\$(?:\w+|\d)", "%s", path.read_text())
 
 
 def _fragments(text, separator):
@@ -79,8 +90,21 @@ class Messages(unittest.TestCase):
         self.assertGreater(len(alerts), 7)
         self.assertEqual(alerts - set(self.headings), set())
 
+    def test_every_warning_in_the_log_is_explained(self):
+        logged = {_text(literals) for source in self.sources for literals in _LOGGED.findall(source)}
+        texts = {text for text in logged if _OF_NOTE.search(text) and not text.startswith("WARNING: %s")}
+        texts |= {_text(f'"{text}"') for source in self.sources for text in _WARNED.findall(source)} - {"WARNING: %s"}
+        self.assertGreater(len(texts), 15)
+        self.assertEqual(self.missing(texts), [])
+
+    def test_what_packages_and_units_say_is_explained(self):
+        texts = {text or more for script in _scripts() for text, more in _SCRIPTS.findall(script)}
+        self.assertGreater(len(texts), 7)
+        self.assertEqual(self.missing(texts), [])
+
     def test_nothing_is_explained_that_nobody_says(self):
         said = "\n".join(_text(literals).replace("%", "\0") for source in self.sources for literals in re.findall(_LITERALS, source))
+        said += "\n".join(_scripts())
         idle = [heading for heading in self.headings
                 if not all(part in said for part in _fragments(heading, re.compile("\0")))]
         self.assertEqual(idle, [])
