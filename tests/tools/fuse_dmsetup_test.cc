@@ -3,11 +3,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <random>
 #include <string>
-#include <vector>
 
 #include "tools/fuse-dmsetup/dm_table.h"
 #include "tools/fuse-dmsetup/dm_table_reader.h"
@@ -85,57 +82,6 @@ TEST(dm_table, turns_down_what_the_kernel_would) {
     }
     dm_table_t table;
     EXPECT_NE(read_text(std::string(1 << 20, '1'), &table), nullptr) << "a line without end";
-}
-
-// For every byte of a mapped device: the minor number it lies on (0: none) and where.
-using model_t = std::vector<std::pair<unsigned, std::uint64_t>>;
-
-std::string random_table(std::mt19937* random, model_t* model) {
-    std::string text;
-    std::uint64_t start = 0;
-    for (int target = 0; target < 40; ++target) {
-        const std::uint64_t length = 1 + (*random)() % 5;
-        const auto device = static_cast<unsigned>((*random)() % 3);
-        // Often right behind the place before, so that neighbours join.
-        const std::uint64_t follows = model->empty() ? 0 : (model->back().second + 1) / sector_size;
-        const std::uint64_t offset = (*random)() % 2 != 0 ? follows : (*random)() % 900;
-        text += std::to_string(start) + " " + std::to_string(length);
-        text += device == 0 ? " zero\n"
-                            : (device == 1 ? " linear /dev/a " : " linear /dev/b ") + std::to_string(offset) + "\n";
-        for (std::uint64_t byte = 0; byte < length * sector_size; ++byte)
-            model->emplace_back(device, device == 0 ? std::uint64_t{0} : offset * sector_size + byte);
-        start += length;
-    }
-    return text;
-}
-
-TEST(dm_table, maps_every_byte) {
-    std::mt19937 random(1);
-    for (int round = 0; round < 20; ++round) {
-        model_t model;
-        dm_table_t table;
-        ASSERT_EQ(read_text(random_table(&random, &model), &table), nullptr);
-        for (int range = 0; range < 200; ++range) {
-            const std::uint64_t offset = random() % (model.size() + 100);
-            const std::size_t size = random() % 4000;
-            std::uint64_t at = offset;
-            const dm_piece_t* before = nullptr;
-            const auto pieces = table.map(offset, size);
-            for (const dm_piece_t& piece : pieces) {
-                ASSERT_GT(piece.size, 0U);
-                EXPECT_FALSE(before != nullptr && before->device == piece.device &&
-                             (piece.device == nullptr || before->offset + before->size == piece.offset))
-                    << "neighbours not joined";
-                for (std::size_t byte = 0; byte < piece.size; ++byte, ++at) {
-                    ASSERT_LT(at, model.size());
-                    ASSERT_EQ(model[at].first, piece.device == nullptr ? 0U : piece.device->minor);
-                    ASSERT_EQ(model[at].second, piece.device == nullptr ? std::uint64_t{0} : piece.offset + byte);
-                }
-                before = &piece;
-            }
-            EXPECT_EQ(at, std::max<std::uint64_t>(offset, std::min<std::uint64_t>(offset + size, model.size())));
-        }
-    }
 }
 
 }  // namespace
