@@ -17,19 +17,13 @@ HOST_A, HOST_B = "esx-a.example", "esx-b.example"
 
 AT_REST = 8  # connections that the daemon has at most while it waits, and two pipes for the agent of each hypervisor
 
+# What the inventory is answered with; each kind is a unit test's, too.
 GARBAGE = {
     "not JSON": {"body": "<html>502 Bad Gateway</html>"},
-    "cut JSON": {"body": '[{"hostname": "esx-'},
-    "wrong shape": {"body": '{"genId": {}, "hostname": []}'},
     "array of anything": {"body": '[null, 7, "x", [], {}, {"name": 7, "uuid": [], "hostname": {}}]'},
-    "zero bytes": {"body": "\\u0000\\u0000"},
-    "empty body": {"body": ""},
     "cut reply": {"cut": 3},
-    "no reply": {"hang": 0},
     "server error": {"status": 500},
-    "redirect": {"status": 302, "location": "/elsewhere"},
 }
-MAIN_GARBAGE = ("not JSON", "wrong shape", "array of anything", "cut reply", "server error")
 
 
 class ControllerFaults(InventoryCase):
@@ -75,9 +69,8 @@ class ControllerFaults(InventoryCase):
     # Answers
 
     def test_garbage_in_a_cycle(self):
-        inventory = ["folder", "vhost", "vdisk"]
         for name, fault in GARBAGE.items():
-            for objects in [inventory, ["hvconfig"]] if name in MAIN_GARBAGE else [inventory]:
+            for objects in (["folder", "vhost", "vdisk"], ["hvconfig"]):
                 with self.subTest(name, objects=objects):
                     start = self.appliance.count()
                     self.appliance.set_faults(*({"object": each, **fault} for each in objects))

@@ -1,10 +1,8 @@
 """Starting, stopping and dying: the command line, the log, recovery, and what is left behind."""
 
 import contextlib
-import errno
 import os
 import pathlib
-import signal
 import subprocess
 import threading
 import time
@@ -13,7 +11,7 @@ import unittest
 from harness import census, place
 from harness.case import DaemonCase
 from harness.compare import Reader, first_difference
-from harness.daemon import EXPORT, MOUNT_OPTIONS, Daemon, Entry, export, flat_entry
+from harness.daemon import EXPORT, MOUNT_OPTIONS, Daemon, export, flat_entry
 from harness.disks import MIB, SECTOR, base_disk, datastore, raw_image, reference, sparse_delta
 from harness.tools import WORK, program, run, wait_until
 
@@ -53,7 +51,6 @@ class CommandLine(unittest.TestCase):
         for name, options, status, text in (
             ("shadow file system", ["-O", "size=nonsense"], 1, f"tmpfs_create({SHADOW}, size=nonsense) returned an"),
             ("shadow directory", ["-D", "-P", "/nowhere"], 1, "/nowhere: No such file or directory\n"),
-            ("shadow file system, in front", ["-f", "-O", "size=nonsense"], 1, "returned an error"),
             # A mount that fails is for the caller to see.
             ("option that FUSE does not know", ["-o", "nonsense"], 0, f"mirador: cannot mount on {EXPORT}"),
         ):
@@ -74,17 +71,6 @@ class Running(DaemonCase):
         shadow = WORK / "shadow/deep"
         self.assertEqual((mount_kind(shadow), os.stat(shadow).st_mode & 0o777), ("tmpfs", 0o700))
         self.assertFalse(os.path.exists(SHADOW))
-
-    def test_log_is_reopened(self):
-        old = self.daemon.log_file.with_name("rotated")
-        os.rename(self.daemon.log_file, old)
-        self.daemon.signal(signal.SIGHUP)
-        wait_until(self.daemon.log_file.exists, "a new log file")
-        size = old.stat().st_size
-        export([Entry("missing", "/vmfs/volumes/none", "vmx", stat="/etc/passwd")], self.options[1])
-        self.assert_open_fails(EXPORT / "missing", errno.ENOENT, "volumes/none")
-        self.assertIn("volumes/none", self.daemon.log_file.read_text())
-        self.assertEqual(old.stat().st_size, size)
 
     def test_second_daemon_is_refused(self):
         """And leaves the first one's mounts and devices alone."""
