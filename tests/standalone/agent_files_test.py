@@ -99,22 +99,16 @@ class Changing(FilesCase):
         before = self.everything().keys()
         vmx, flat, new = "[ds1] web/web.vmx", "[ds1] web/web-flat.vmdk", "[ds1] new"
         for words, number in (
-                (("stat", DC, "[ds1] web/none"), 2), (("ls", DC, "[ds1] none"), 2), (("ls", DC, f"{vmx}/x"), 20),
-                (("stat", "dc2", vmx), 2), (("stat", DC, f"[ds1] {'n' * 256}"), 36),
-                (("mkdir", DC, "[ds1] web", "1"), 17), (("mkdir", DC, "[ds1]", "1"), 17),
-                (("mkdir", DC, "[ds1] a/b", "0"), 2), (("mkdir", DC, f"{vmx}/x", "1"), 20),
-                (("rm", DC, "[ds1] web"), 39), (("rm", DC, new), 2), (("rm", DC, "[ds1]"), 16),
+                (("stat", DC, "[ds1] web/none"), 2), (("ls", DC, f"{vmx}/x"), 20), (("stat", "dc2", vmx), 2),
+                (("mkdir", DC, "[ds1] web", "1"), 17), (("mkdir", DC, "[ds1] a/b", "0"), 2),
+                (("rm", DC, "[ds1] web"), 39), (("rm", DC, "[ds1]"), 16),
                 (("cp", DC, vmx, DC, flat, "0"), 17), (("cp", DC, vmx, DC, flat, "yes"), 17),
-                (("cp", DC, vmx, DC, vmx, "1"), 22), (("cp", DC, vmx, DC, "[ds1] web/twin", "1"), 22),
-                (("cp", DC, "[ds1] web", DC, new, "0"), 21), (("cp", DC, "[ds1] web/pipe", DC, new, "0"), 22),
-                (("cp", DC, vmx, DC, "[ds1] empty", "1"), 21), (("cp", DC, vmx, DC, "[ds1]", "1"), 16),
-                (("cp", DC, "[ds1] none", DC, new, "0"), 2), (("cp", DC, vmx, DC, "[ds1] a/b", "0"), 2),
-                (("cp", "dc2", vmx, DC, new, "0"), 2), (("cp", DC, vmx, "dc2", new, "0"), 2),
-                (("mv", DC, vmx, DC, flat, "0"), 17), (("mv", DC, "[ds1] empty", DC, "[ds1] web", "0"), 17),
+                (("cp", DC, vmx, DC, "[ds1] web/twin", "1"), 22), (("cp", DC, "[ds1] web", DC, new, "0"), 21),
+                (("cp", DC, "[ds1] web/pipe", DC, new, "0"), 22), (("cp", DC, vmx, DC, "[ds1] empty", "1"), 21),
+                (("cp", DC, vmx, "dc2", new, "0"), 2), (("mv", DC, vmx, DC, flat, "0"), 17),
                 (("mv", DC, "[ds1] empty", DC, "[ds1] web", "1"), 39), (("mv", DC, vmx, DC, "[ds1] empty", "1"), 21),
                 (("mv", DC, "[ds1] web/twin", DC, vmx, "1"), 22), (("mv", DC, "[ds1] web", DC, "[ds1] web/w", "0"), 22),
-                (("mv", DC, "[ds1] none", DC, new, "1"), 2), (("mv", DC, "[ds1]", DC, new, "1"), 16),
-                (("mkdir", DC, "[ds1] x"), 22), (("ls",), 22)):
+                (("mkdir", DC, "[ds1] x"), 22)):
             self.assertEqual(self.refused(*words)[0], number, words)
         self.assertEqual(self.everything().keys(), before)
         self.assertEqual((web / "web-flat.vmdk").stat().st_size, FLAT_SIZE)
