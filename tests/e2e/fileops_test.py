@@ -97,12 +97,8 @@ class Fileops(unittest.TestCase):
         a, vmx = f"[{self.store.name}]", self.store.link(self.vm.vmx)
         before = self.vm.flat().read_bytes()
         for words, text in (
-                (("cp", vmx, f"{a} web/disk-flat.vmdk"), "File exists"),
-                (("mv", vmx, f"{a} web/disk-flat.vmdk"), "File exists"),
-                (("rm", f"{a} web"), "Directory not empty"),
-                (("cp", vmx, f"{a} ../precious"), "\"..\" is refused"),
-                (("cp", "-f", vmx, f"{a} out/precious"), "symbolic link"),
                 (("cp", f"{a} out/precious", f"{a} stolen"), "symbolic link"),
+                (("rm", f"{a} web"), "Directory not empty"), (("cp", vmx, f"{a} web/disk-flat.vmdk"), "File exists"),
                 (("rm", str(self.outside / "precious")), "on no datastore"),
                 (("rm", "--datacenter", "ha-datacenter", str(self.outside / "precious")), "no path on a datastore"),
                 (("ls", f"[{self.foreign.name}]"), "on no datastore"),
