@@ -1,6 +1,5 @@
 """Drives a headless Chromium by its debugging pipe: messages are JSON, each ended by a zero byte."""
 
-import base64
 import fcntl
 import json
 import os
@@ -99,11 +98,6 @@ class Browser:
             if time.monotonic() > deadline:
                 raise AssertionError(f"not within {seconds} s: {expression}; {self.errors}")
             time.sleep(0.05)
-
-    def screenshot(self, path: str | os.PathLike, whole: bool = False) -> None:
-        """As PNG. whole: the page, not just the window."""
-        picture = self.call("Page.captureScreenshot", format="png", captureBeyondViewport=whole)
-        pathlib.Path(path).write_bytes(base64.b64decode(picture["data"]))
 
     def close(self) -> None:
         try:
