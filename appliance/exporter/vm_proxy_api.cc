@@ -91,7 +91,7 @@ std::unique_ptr<fuse_fh_t> fuse_fh_new(unique_fd fd, const cookie_ptr& shared, c
     fh->snapshot = cookie.snapshot;
     fh->vdskdesc = cookie.vdskdesc;
     fh->cbt = cookie.cbt;
-    fh->direct_io = cookie.header.type == VM_PROXY_HEADER_VMDK_CORCBT;
+    fh->direct_io = cookie.header.type != VM_PROXY_HEADER_VMDK_FLAT;
     fh->pdev = cookie.pdev;
     fh->optimize = fh->pdev != nullptr;
     fh->attributes = vm_proxy_header_attr(cookie.header, cookie.path);
@@ -188,7 +188,7 @@ errdesc_t* open_file(const std::string& path, const std::string& shadow_path, st
     std::string export_shadow = shadow_path;
     errdesc_t* e = open_locked(&export_path, &export_shadow, fh);
     if (e == nullptr) {
-        (*fh)->cbt_losetup = export_path != path && !(*fh)->direct_io;
+        (*fh)->cbt_losetup = export_path != path && (*fh)->cbt == nullptr;
         (*fh)->attributes.st_ino = fs_ino_hash(path);
         return nullptr;
     }

@@ -111,8 +111,10 @@ struct fuse_fh_t {
     bool optimize = false;                 // reads go through `pdev`, while the settings allow it
     cor_dev_ptr pdev;                      // given exactly when `optimize` is set
     std::shared_ptr<cbt_device_t> cbt;     // keeps a changed-block file's device behind `fd`
-    // Its reads are to be single requests of the reader's. The kernel's own, for its page cache, are limited in number,
-    // and each would wait for another of them, the one to the flat disk.
+    // Its reads are to be single requests of the reader's, past the kernel's page cache, which belongs to a path and
+    // has one size. A small file's readers may have opened different versions, which would come out mixed or cut. For a
+    // changed-block file, the kernel's own requests are limited in number, and each would wait for another of them, the
+    // one to the flat disk.
     bool direct_io = false;
     struct stat attributes {};  // as they were when it was opened
     cookie_ptr cookie;

@@ -1,5 +1,6 @@
 """The tree follows the controller's inventory: hypervisors, VMs, folders, names, disks, settings, alerts."""
 
+import contextlib
 import json
 import os
 import pathlib
@@ -168,6 +169,23 @@ class Inventory(InventoryCase):
             while part := disk.read(64 * KIB):
                 read += part
         self.assertTrue(read == truth)
+
+    def test_versions_of_a_configuration_do_not_mix(self):
+        """Each reader gets the version that it opened, whole, whoever reads another one."""
+        vm = machine(self.b, "rewritten")
+        path = EXPORT / HOST_B / "rewritten" / "vm.vmx"
+        plain = vm.vmx.read_bytes()
+        versions = [plain, plain + b'annotation = "longer"\n', plain + b'annotation = "one"\n']
+        self.wait_tree({f"{HOST_B}/rewritten": vm.entries()})
+        with contextlib.ExitStack() as stack:
+            readers = []
+            for version in versions:
+                vm.vmx.write_bytes(version)
+                self.appliance.command("refresh", "rewritten")
+                wait_equal(path.read_bytes, version, "the new version is there")
+                readers.append(stack.enter_context(open(path, "rb", buffering=0)))
+            for reader, version in zip(readers, versions):
+                self.assertEqual(reader.read(), version)
 
     def assert_exports(self, path, vm):
         """Every file of the VM's directory is that VM's."""
