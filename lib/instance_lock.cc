@@ -20,10 +20,13 @@
 namespace mirador {
 namespace {
 
-// Whether a line of a process's status, "State:\tZ (zombie)" or a mask of signals that wait for it, tells its end.
+// Whether a line of a process's status, "State:\tZ (zombie)", a core that is written (which waits for all threads) or a
+// mask of signals that wait for it, tells its end.
 bool tells_end(std::string_view line) {
     constexpr std::string_view state = "State:\t";
     constexpr int hexadecimal = 16;
+    if (line == "CoreDumping:\t1")
+        return true;
     if (line.starts_with(state))
         return line.substr(state.size()).starts_with('Z') || line.substr(state.size()).starts_with('X');
     if (!line.starts_with("SigPnd:\t") && !line.starts_with("ShdPnd:\t"))
