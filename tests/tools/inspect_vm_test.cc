@@ -1,16 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <json-c/json.h>
 
-#include <cstdlib>
 #include <filesystem>
 
 #include "lib/clock.h"
 #include "tests/lib/temp_dir.h"
-#include "tests/support/record_bytes.h"
-#include "tools/mirador-inspect/inspect.h"
-#include "tools/mirador-inspect/inspect_json.h"
+#include "tests/tools/inspected.h"
 
 namespace mirador {
 namespace {
@@ -19,36 +15,6 @@ using namespace std::string_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-struct result_t {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-result_t inspect(const std::vector<std::string>& args) {
-    result_t result;
-    testing::internal::CaptureStderr();  // where the log goes
-    result.err = printed([&](std::FILE* err) {
-        result.out = printed([&](std::FILE* out) { result.status = inspect_main(args, out, err); });
-    });
-    static_cast<void>(testing::internal::GetCapturedStderr());
-    return result;
-}
-
-json_ptr parsed(const result_t& result) {
-    json_ptr json(json_tokener_parse(result.out.c_str()));
-    EXPECT_NE(json, nullptr) << result.out << result.err;
-    return json;
-}
-
-// The value at a JSON pointer as text; "absent" when there is none.
-std::string at(const json_ptr& json, const std::string& pointer) {
-    json_object* value = nullptr;
-    if (json_pointer_get(json.get(), pointer.c_str(), &value) != 0)
-        return "absent";
-    return json_object_is_type(value, json_type_null) != 0 ? "null" : json_object_get_string(value);
-}
 
 std::string vmx_text(const std::string& name, const std::string& more) {
     return ".encoding = \"windows-1252\"\nuuid.bios = \"56 4d 7a 1b 2c 3d 4e 5f-60 71 82 93 a4 b5 c6 d7\"\n"
@@ -148,7 +114,7 @@ TEST_F(discover_test, EveryVmOnceAndWhatIsBrokenStandsInItsEntry) {
     std::filesystem::create_directories(dir_ / "ds1/g.vmx");
 
     testing::internal::CaptureStdout();
-    const result_t result =
+    const inspected_t result =
         inspect({"discover", "--json", dir_ / "ds1", dir_ / "ds1/b", dir_ / "absent", dir_ / "label"});
     EXPECT_THAT(testing::internal::GetCapturedStdout(), IsEmpty());  // what is logged is no output
     EXPECT_EQ(result.status, 1);
