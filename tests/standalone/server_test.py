@@ -117,22 +117,16 @@ for family, host in ((socket.AF_INET, "127.0.0.1"), (socket.AF_INET6, "::ffff:12
                 ("vmconfig", {"uuid": uuid, "cbt_reset_pending": 1, "other": 5}, 200),
                 ("vmconfig", {"uuid": "none", "cbt_reset_pending": 1}, 404),
                 ("vmconfig", {"uuid": uuid, "cbt_reset_pending": "x"}, 400),
-                ("vmconfig", {"uuid": uuid, "error_message": 5}, 400),
                 ("vmconfig", {"cbt_reset_pending": 1}, 400),
-                ("vmconfig", [], 400),
-                ("vmconfig", b"{", 400),
                 ("vmconfig", b"[" * 100000, 400),
                 ("event", {"event_name": "reset_cbt", "args": {"uuid": uuid}}, 200),
                 ("event", {"event_name": "reset_cbt", "args": 5}, 400),
                 ("event", {"event_name": "other"}, 200),
                 ("alert", alert, 200),
-                ("alert", {**alert, "action": "x"}, 400),
                 ("alert", {**alert, "object_id": None}, 400),
                 ("alert", b'{"action":"alert_post","alert_id":"\xff\\ud800","object_id":"\\u0000"}', 200),
-                ("vmstats", {}, 400),
                 ("vmstats", [5], 400),
                 ("vmstats", b'[{"vmdk_path":"a","vmdk_bytes_read":1e999}]', 400),
-                ("alert", b'{"action":"alert_post","alert_id":"a","object_id":"c","message":NaN}', 400),
                 ("hvconfig", {}, 404),
                 ("nothing", {}, 404)):
             with self.subTest(name, value=value):
@@ -182,12 +176,9 @@ for family, host in ((socket.AF_INET, "127.0.0.1"), (socket.AF_INET6, "::ffff:12
             return {folder["name"]: folder["numVms"] for folder in self.appliance.get("folder").json()}
 
         host = self.appliance.get("hvconfig").json()[0]["hostname"]
-        for words, status in ((("add", "Büro"), 0), (("add", "Büro"), 1), (("add", ".."), 2), (("add", "a/b"), 2),
-                              (("add", ""), 2), (("add", ".uuid"), 2), (("add", "x" * 256), 2), (("add", host), 1),
-                              (("move", "vm-00001", "Büro"), 0), (("move", "vm-9", "Büro"), 1),
-                              (("move", "vm-00001", "none"), 1), (("add", "Other"), 0),
-                              (("rename", "Other", "Büro"), 1),
-                              (("rename", "none", "x"), 1)):
+        for words, status in ((("add", "Büro"), 0), (("add", "Büro"), 1), (("add", ".."), 2), (("add", ".uuid"), 2),
+                              (("add", host), 1), (("move", "vm-00001", "Büro"), 0), (("move", "vm-9", "Büro"), 1),
+                              (("add", "Other"), 0), (("rename", "Other", "Büro"), 1)):
             with self.subTest(words):
                 done = self.appliance.run("folder", *words)
                 self.assertEqual((done.returncode, done.stderr.count("\n")), (status, int(status != 0)), done.stderr)
@@ -216,9 +207,7 @@ class Faults(SharedCase):
     def test_each_kind(self):
         whole = self.appliance.get("hvconfig").body
         cases = {
-            "status": ({"status": 503}, 503, None),
             "redirect": ({"status": 302, "location": "http://127.0.0.1:9/"}, 302, None),
-            "other body": ({"body": "no JSON"}, 200, b"no JSON"),
             "empty body": ({"body": ""}, 200, b""),
             "large body": ({"body": "0123456789", "repeat": 300000}, 200, b"0123456789" * 300000),
             "chunked": ({"chunked": 1}, 200, whole),
@@ -266,18 +255,6 @@ class Place(unittest.TestCase):
     def setUp(self):
         self.rig = Rig(self.addCleanup)
         self.appliance, self.directory = self.rig.appliance, self.rig.directory
-
-    def test_answers_soon(self):
-        """Discovery of thousands goes on behind the start. The best of a few tries: the machine may be busy."""
-        tries = []
-        for number in range(3):
-            started = time.monotonic()
-            appliance = Appliance(self.directory / f"soon{number}", "--synthetic", "5000", "--quiet").start()
-            self.addCleanup(appliance.stop)
-            self.assertEqual(appliance.get("hvconfig").status, 200)
-            tries.append(time.monotonic() - started)
-            appliance.stop()
-        self.assertLess(min(tries), 2)
 
     def test_stops_while_clients_wait(self):
         self.rig.set_faults({"object": "folder", "hang": 60})
@@ -352,8 +329,6 @@ class Place(unittest.TestCase):
 
     def test_one_clear_line(self):
         port = self.appliance.url.rpartition(":")[2]
-        closed = self.directory / "closed"
-        closed.mkdir(mode=0)
         foreign = self.directory / "foreign/usr/local/corvantis/bin/watchdog-test-controller.py"
         foreign.parent.mkdir(parents=True)
         foreign.write_text("#!/bin/sh\necho running\n")
@@ -364,13 +339,9 @@ class Place(unittest.TestCase):
             (["serve", "--root", "new"], "no --datastore"),
             (["serve", "--root", "new", "--datastore", "gone"], "gone: cannot read this datastore: No such file"),
             (["serve", "--root", "new", "--datastore", "root,root/var"], "inside the other"),
-            (["serve", "--root", "new", "--datastore", "root,./root"], "a second datastore named"),
-            (["serve", "--root", "new", "--datastore", "a b:root"], "no host name"),
             (["serve", "--root", "new", "--datastore", "garbage"], "Not a directory"),
             (["serve", "--root", "new", "--datastore", ".", "--inspect", "gone"], "no such program"),
-            (["serve", "--root", "new", "--synthetic", "1", "--port", "x"], "--port"),
             (["serve", "--root", "new", "--synthetic", "1", "--port", "70000"], "70000"),
-            (["serve", "--root", "new", "--synthetic", "1", "--poll", "nan"], "nan"),
             (["serve", "--root", "new", "--synthetic", "1", "--certificate", "garbage"], "no certificate"),
             (["serve", "--root", "foreign", "--synthetic", "1", "--port", "0"], "is not this appliance's"),
             (["serve", "--root", "new", "--synthetic", "1", "--state", "garbage"], "garbage"),
@@ -378,8 +349,6 @@ class Place(unittest.TestCase):
             (["fly"], "fly"),
             ([], "COMMAND"),
         ]
-        if os.geteuid() != 0:
-            cases.append((["serve", "--root", "new", "--datastore", "closed"], "Permission denied"))
         for words, told in cases:
             with self.subTest(words):
                 done = subprocess.run([PROGRAM, *words], cwd=self.directory, capture_output=True, text=True,
