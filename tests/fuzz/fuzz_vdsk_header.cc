@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Any disk in the place of a backup copy whose virtual disk header is read; any record printed.
+// Any disk in the place of a backup copy whose virtual disk header is read; any record printed; any texts stored.
 #include <cstring>
 
 #include "appliance/lib/cor_vdsk_header.h"
@@ -25,6 +25,30 @@ void use_record(const cor_vdsk_header_t& h) {
             check_view(h, text);
 }
 
+// Stores the input's first texts: nothing beside the area changes, and what fits comes back.
+void store_texts(const std::string& input) {
+    std::string texts[4];
+    std::size_t at = 0;
+    for (std::string& text : texts) {
+        text = at < input.size() ? input.c_str() + at : "";
+        at += text.size() + 1;
+    }
+    const auto h = new_cor_vdsk_header();
+    const bool stored =
+        set_vmdk_variable_strings(h.get(), texts[0].c_str(), texts[1].c_str(), texts[2].c_str(), texts[3].c_str());
+    cor_assert(is_cor_vdsk_header(*h) && h->tail.v2.snapshot_time == 0);
+    std::string_view views[4];
+    const bool complete = get_vmdk_variable_strings(*h, &views[0], &views[1], &views[2], &views[3]);
+    std::size_t total = 0;
+    for (const std::string& text : texts)
+        total += text.size() + 1;
+    if (total > sizeof h->tail.v2.varstrings)
+        return;
+    cor_assert(stored && complete);
+    for (std::size_t i = 0; i < std::size(texts); i++)
+        cor_assert(views[i] == texts[i]);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -39,5 +63,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::memcpy(&h, data, sizeof h);
         use_record(h);
     }
+    store_texts(std::string(data, data + size));
     return 0;
 }
