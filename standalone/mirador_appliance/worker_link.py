@@ -15,6 +15,7 @@ from .worker import Orders
 
 COMMAND = "datastore-fs"  # of the program, for the worker
 _FIRST_PAUSE, _LONGEST_PAUSE = 1.0, 30.0  # seconds between two starts
+_PATIENCE = 10.0  # seconds until a worker that does not end is killed
 
 
 def take_message(controller: Controller, message: dict[str, Any]) -> None:
@@ -46,11 +47,13 @@ class WorkerLink:
         self._thread.start()
 
     def stop(self) -> None:
-        """Ends the worker and waits for it."""
+        """Ends the worker and waits for it. While a datastore's server is silent, only killing ends who waits for it."""
         self._ending.set()
         process = self._process
         if process is not None:
             process.terminate()
+            self._thread.join(_PATIENCE)
+            process.kill()
         self._thread.join()
 
     def _keep_running(self) -> None:
