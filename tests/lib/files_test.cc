@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <thread>
@@ -21,27 +20,6 @@ namespace {
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
-
-TEST(file_io, ReadsAndWritesAtOffsets) {
-    temp_dir_t dir;
-    const unique_fd fd(open((dir / "data").c_str(), O_RDWR | O_CREAT, 0600));
-    std::size_t done = 99;
-    ASSERT_EQ(cor_pwrite(fd.get(), "0123456789", 10, 100, &done), nullptr);
-    EXPECT_EQ(done, 10U);
-
-    struct {
-        std::size_t count;
-        off_t offset;
-        std::string bytes;
-    } const cases[] = {
-        {4, 103, "3456"}, {10, 105, "56789"}, {1, 110, ""}, {5, 4000, ""}, {0, 100, ""}, {3, 98, {'\0', '\0', '0'}},
-    };
-    for (const auto& c : cases) {
-        std::array<char, 16> buf{};
-        ASSERT_EQ(cor_pread(fd.get(), buf.data(), c.count, c.offset, &done), nullptr);
-        EXPECT_EQ(std::string(buf.data(), done), c.bytes) << c.count << " at " << c.offset;
-    }
-}
 
 TEST(file_io, FailedTransferNamesItselfAndLeavesDoneAlone) {
     char byte = 0;

@@ -13,6 +13,7 @@
 
 #include "lib/spawn.h"
 #include "lib/tool_paths.h"
+#include "tests/lib/error_number.h"
 #include "tests/lib/in_child.h"
 #include "tests/lib/temp_dir.h"
 
@@ -20,10 +21,7 @@ namespace mirador {
 namespace {
 
 errnum_t outcome() {
-    return in_child([] {
-        const errdesc_t* e = instance_lock_take();
-        return e == nullptr ? 0 : e->number;
-    });
+    return in_child([] { return number_of(instance_lock_take()); });
 }
 
 // Forks a process that runs `body` and then sleeps, or ends its first thread; returns its pid once `body` is through.

@@ -13,6 +13,7 @@
 #include "lib/clock.h"
 #include "lib/spawn.h"
 #include "tests/lib/children.h"
+#include "tests/lib/error_number.h"
 
 namespace mirador {
 namespace {
@@ -76,8 +77,7 @@ TEST_F(jrpcclnt_pool_time_test, IdleAgentsServeTheSameCommandLine) {
 
     jrpc_handle_t* none = nullptr;
     errdesc_t* const error = pool->get({"/nowhere/agent"}, &none);
-    ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->number, ENOENT);
+    ASSERT_EQ(number_of(error), ENOENT);
     EXPECT_EQ(none, nullptr);
     EXPECT_EQ(pool->size(), 2U);
 }
@@ -234,8 +234,7 @@ TEST_F(jrpcclnt_pool_load_test, ShutdownReturnsWithCallsInFlight) {
     pool.release(&stubborn);
     std::jthread caller([&pool, &silent] {
         errdesc_t* const error = jrpc_call(*silent, {"silence"});
-        ASSERT_NE(error, nullptr);
-        EXPECT_EQ(error->number, EPIPE);
+        ASSERT_EQ(number_of(error), EPIPE);
         pool.release(&silent);
     });
     const std::time_t begin = clock_now();
@@ -249,8 +248,7 @@ TEST_F(jrpcclnt_pool_load_test, ShutdownReturnsWithCallsInFlight) {
 
     jrpc_handle_t* none = nullptr;
     errdesc_t* const error = pool.get({UNRULY_AGENT, "idle"}, &none);
-    ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->number, ERR_CANCELLED);
+    ASSERT_EQ(number_of(error), ERR_CANCELLED);
     EXPECT_NE(jrpc_call(*kept, {"echo"}), nullptr);
     pool.release(&kept);
     EXPECT_EQ(pool.size(), 0U);

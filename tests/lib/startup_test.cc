@@ -98,16 +98,6 @@ TEST(startup, LogsWithOutputClosed) {
     EXPECT_EQ(lines_in(dir / "daemon"), 1U);
 }
 
-TEST(startup, NothingTakesTheNumberOfAClosedStream) {
-    EXPECT_EQ(in_child([] {
-                  close(0);
-                  close(2);
-                  hold_std_streams();
-                  return fcntl(0, F_GETFD) == 0 && fcntl(2, F_GETFD) == 0 && open("/dev/null", O_RDONLY) > 2 ? 0 : 1;
-              }),
-              0);
-}
-
 TEST(startup, BrokenPipesAndLimits) {
     EXPECT_EQ(in_child([] {
                   const cordesc_t desc{"daemon", std::nullopt};

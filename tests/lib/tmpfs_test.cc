@@ -9,6 +9,7 @@
 #include "lib/clock.h"
 #include "lib/file_tree.h"
 #include "lib/tool_paths.h"
+#include "tests/lib/error_number.h"
 #include "tests/lib/temp_dir.h"
 
 namespace mirador {
@@ -48,27 +49,9 @@ TEST_F(tmpfs_test, CreateMountsOnANewDirectory) {
 TEST_F(tmpfs_test, FailedMountIsReportedAndTheDirectoryGoes) {
     tool_paths().mount = tool("mount", "exit 32");
     const errdesc_t* e = tmpfs_create(shadow);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, 32);
+    ASSERT_EQ(number_of(e), 32);
     EXPECT_THAT(e->string, StartsWith(tool_paths().mount + " -t tmpfs -o "));
     EXPECT_FALSE(std::filesystem::exists(shadow));
-}
-
-TEST_F(tmpfs_test, FirstErrorSurvivesAFailedRemoval) {
-    const std::string into_a_file = "rmdir " + shadow + "; touch " + shadow + "; exit 32";
-    tool_paths().mount = tool("mount", into_a_file);
-    tool_paths().umount = tool("umount", into_a_file);
-    EXPECT_EQ(tmpfs_create(shadow)->number, 32);
-    ASSERT_EQ(tmpfs_create(dir / "x/export.shadow/below")->number, ENOTDIR);
-    EXPECT_EQ(tmpfs_remove(shadow)->number, 32);
-}
-
-TEST_F(tmpfs_test, FuseUmountNeedsItsProgram) {
-    tool_paths().fusermount = dir / "missing";
-    EXPECT_EQ(std::string(fuse_umount("/mnt/x")->string), "/mnt/x: No such file or directory");
-    tool_paths().fusermount = tool("fusermount", "exit 0");
-    EXPECT_EQ(fuse_umount("/mnt/x"), nullptr);
-    EXPECT_EQ(calls(), "fusermount -uz /mnt/x\n");
 }
 
 }  // namespace

@@ -10,27 +10,12 @@
 
 #include "lib/cor_string.h"
 #include "lib/cor_uuid.h"
-#include "lib/hash_table.h"
 #include "lib/list.h"
 
 namespace mirador {
 namespace {
 
 using testing::ElementsAre;
-using testing::Pointee;
-using testing::UnorderedElementsAre;
-
-TEST(cor_string, BoundedFormattingCutsOrAborts) {
-    std::array<char, 8> buf{};
-    cor_snprintf(buf.data(), buf.size(), "%s", "seven..");
-    EXPECT_STREQ(buf.data(), "seven..");
-    EXPECT_DEATH(cor_snprintf(buf.data(), buf.size(), "%s", "eight..."), "ASSERT: .*length.*cor_string");
-    cor_safe_snprintf(buf.data(), buf.size(), "%s", "much too long");
-    EXPECT_STREQ(buf.data(), "much to");
-    EXPECT_EQ(cor_format("%s-%d", std::string(5000, 'x').c_str(), 7), std::string(5000, 'x') + "-7");
-    EXPECT_EQ(cor_format_path("%s", std::string(4095, 'x').c_str()).size(), 4095U);
-    EXPECT_DEATH((void)cor_format_path("%s", std::string(4096, 'x').c_str()), "path_size");
-}
 
 TEST(cor_string, BoundedCopyingFillsAndTerminates) {
     std::array<char, 8> buf;
@@ -74,34 +59,6 @@ TEST(cor_uuid, AcceptsAnyLayoutOfWholeBytes) {
     }
 }
 
-TEST(hash_table, LastReleaseHandsTheObjectBack) {
-    hash_table_t<std::unique_ptr<int>> table;
-    table_new_handle(table, "disk", std::make_unique<int>(42));
-    EXPECT_THAT(table_get_handle(table, "disk"), Pointee(Pointee(42)));
-    EXPECT_NE(table_get_handle(table, "disk"), nullptr);
-    EXPECT_EQ(table_get_refcount(table, "disk"), 3U);
-    EXPECT_FALSE(table_release_handle(table, "disk").has_value());
-    EXPECT_FALSE(table_release_handle(table, "disk").has_value());
-    const auto last = table_release_handle(table, "disk");
-    ASSERT_TRUE(last.has_value());
-    EXPECT_EQ(**last, 42);
-    EXPECT_EQ(table_get_handle(table, "disk"), nullptr);
-    EXPECT_EQ(table_get_refcount(table, "disk"), 0U);
-    EXPECT_FALSE(table_release_handle(table, "disk").has_value());
-}
-
-TEST(hash_table, SecondInsertDisplacesTheFirstWithItsReferences) {
-    hash_table_t<std::shared_ptr<int>> table;
-    const auto first = std::make_shared<int>(1);
-    table_new_handle(table, "a", first);
-    (void)table_get_handle(table, "a");
-    table_new_handle(table, "a", std::make_shared<int>(2));
-    table_new_handle(table, "b", first);
-    EXPECT_EQ(table_get_refcount(table, "a"), 1U);
-    EXPECT_THAT(table_get_handle(table, "a"), Pointee(Pointee(2)));
-    EXPECT_THAT(table_get_keys(table), UnorderedElementsAre("a", "b"));
-}
-
 template <typename T>
 std::vector<T> elements(const list_t<T>& list) {
     std::vector<T> all;
@@ -129,27 +86,6 @@ TEST(list, KeepsOrderThroughAddDeleteAndPop) {
     while (list_pop(list))
         continue;
     EXPECT_TRUE(list_empty(list));
-}
-
-TEST(list, DeletesOwnedObjectsByIdentity) {
-    list_t<std::shared_ptr<std::string>> shared;
-    const auto first = std::make_shared<std::string>("same");
-    const auto second = std::make_shared<std::string>("same");
-    list_add(shared, first);
-    list_add(shared, second);
-    EXPECT_TRUE(list_delete(shared, second));
-    EXPECT_THAT(elements(shared), ElementsAre(first));
-    EXPECT_EQ(second.use_count(), 1);
-
-    list_t<std::unique_ptr<int>> unique;
-    list_add(unique, std::make_unique<int>(7));
-    int* raw = nullptr;
-    list_iter(unique, [&raw](std::unique_ptr<int>& element) {
-        raw = element.get();
-        return true;
-    });
-    EXPECT_TRUE(list_delete(unique, raw));
-    EXPECT_DEATH(list_add(shared, std::shared_ptr<std::string>()), "data != nullptr");
 }
 
 // An element's destructor may use the list that it just left.
