@@ -68,7 +68,7 @@ snapshot_thr_t& snapshot_thr_state() {
 }
 
 bool goes_on() {
-    return !snapshot_thr_state().hurries;
+    return !snapshot_state_hurries();
 }
 
 // Whether the clock was set back after a time was set to `length` seconds from then.
@@ -280,6 +280,10 @@ void kick_snapshot_thr() {
 
 void snapshot_state_hurry() {
     snapshot_thr_state().hurries = true;
+}
+
+bool snapshot_state_hurries() {
+    return snapshot_thr_state().hurries;
 }
 
 errdesc_t* snapshot_update(const std::string& path, const std::string& file_shadow_path, const std::string& master_uuid,

@@ -29,8 +29,9 @@ void snapshot_state_shutdown();
 // 15 seconds until its next look.
 void kick_snapshot_thr();
 
-// From now on creations and removals give up their waits and retries. Takes no lock.
+// From now on creations and removals give up their waits and retries. Take no lock.
 void snapshot_state_hurry();
+bool snapshot_state_hurries();
 
 // Takes (gives back) a reference to the snapshot of the VM that `header` names, for the exported file `path`; other
 // actions are asserted against. The first reference makes the snapshot and *header is read anew: the snapshot has moved

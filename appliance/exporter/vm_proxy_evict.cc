@@ -117,7 +117,8 @@ cookie_ptr pop_cookie(vm_proxy_open_list_t& table) {
 void check_n_wait_for_zero_vmdk_ref(const std::string& path) {
     constexpr int max_waits = 60;
     int ref = 0;
-    for (int waiting = 0;; waiting++) {
+    int waiting = 0;
+    for (;; waiting++) {
         if (!read_vmdk_ref(path, &ref)) {
             ts_printf("INFO: check_n_wait_for_zero_vmdk_ref did not get vmdk ref count for %s (errno %d)\n",
                       path.c_str(), errno);
@@ -125,12 +126,12 @@ void check_n_wait_for_zero_vmdk_ref(const std::string& path) {
         }
         if (ref == 0)
             return;
-        if (waiting == max_waits)
+        if (waiting == max_waits || snapshot_state_hurries())
             break;
         clock_sleep(1);
     }
     ts_printf("WARNING: check_n_wait_for_zero_vmdk_ref: vmdk ref %d is not zero (%s), waiting = %d\n", ref,
-              path.c_str(), max_waits);
+              path.c_str(), waiting);
 }
 
 errdesc_t* vm_proxy_take_victim(bool force, const std::optional<std::string>& hv_name,

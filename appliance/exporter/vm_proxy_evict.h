@@ -33,7 +33,7 @@ inline constexpr int evict_min_idle = 30;
 [[nodiscard]] errdesc_t* vm_proxy_do_evict(vm_proxy_cookie_t& cookie, bool check_vmdk_ref) REQUIRES(cookie.mutex);
 
 // Waits until "user.vmdk_ref" of `path` reads 0: up to 60 further looks a second apart. An attribute that cannot be
-// read ends the wait at once.
+// read ends the wait at once, as does the daemon's end.
 void check_n_wait_for_zero_vmdk_ref(const std::string& path);
 
 // Evicts every cookie, at shutdown; asserts that none is left. Failures are logged at level 3.
