@@ -326,14 +326,15 @@ errdesc_t* update_corcbt(const vd_state_t& state, const vd_update_t& update) {
 }
 
 // Removes the two entries that every disk has, and the copy in the cache.
-void unlink_disk(const vd_state_t& state) {
+void unlink_disk(const vd_state_t& state, bool keeps_copy) {
     log_failure(vd_unlink(state.vd_shadow_path));
     log_failure(vd_unlink(state.extent_shadow_path));
-    (void)unlink(state.cached_vd_fpath.c_str());  // hardly ever there
+    if (!keeps_copy)
+        (void)unlink(state.cached_vd_fpath.c_str());  // hardly ever there
 }
 
 void vd_unlink_all(const vd_state_t& state) {
-    unlink_disk(state);
+    unlink_disk(state, false);
     std::string path;
     if (corcbt_path(state, &path) && access(path.c_str(), F_OK) == 0)
         log_failure(vd_unlink(path));
@@ -395,9 +396,9 @@ void vd_stop_old(vd_list_t* vd_list, std::uint64_t gen) {
     }
 }
 
-void vd_stop_all(vd_list_t* vd_list) {
+void vd_stop_all(vd_list_t* vd_list, bool keeps_copies) {
     while (const std::optional<std::unique_ptr<vd_state_t>> state = list_pop(*vd_list))
-        unlink_disk(**state);
+        unlink_disk(**state, keeps_copies);
 }
 
 errdesc_t* vd_get_fpath(const std::string& head_ascii_path, const std::string& working_dir, const std::string& vm_dir,

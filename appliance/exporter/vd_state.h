@@ -87,8 +87,9 @@ bool vd_is_current(const ks_vdisk_list_t& vmc_vdisk_list, vd_list_t* vd_list, co
 // Removes the disks that do not bear the stamp, entries and all.
 void vd_stop_old(vd_list_t* vd_list, std::uint64_t gen);
 
-// Removes all disks. Changed-block entries stay: the VM's directory goes next.
-void vd_stop_all(vd_list_t* vd_list);
+// Removes all disks. Changed-block entries stay: the VM's directory goes next. `keeps_copies`: those in the cache are
+// also served from another directory.
+void vd_stop_all(vd_list_t* vd_list, bool keeps_copies);
 
 // The head descriptor where it can be read: in the working directory, else in the VM's directory. Error: errno with the
 // last path tried.

@@ -77,11 +77,31 @@ bool is_last_use(vm_state_t* state, bool remove_state) {
     return false;
 }
 
+ks_vm_config_t config_of(const vm_state_t& vm) {
+    const read_lock_t lock(vm.vmc_rwlock);
+    return vm.vmc;
+}
+
+bool is_vm(const vm_state_t& vm, const ks_string_t& vm_uuid) {
+    const read_lock_t lock(vm.vmc_rwlock);
+    return vm.vmc.uuid == vm_uuid;
+}
+
+// Whether a VM that goes stands at another place: it has moved, or two hypervisors list it.
+bool stands_elsewhere(const vm_state_t& vm) {
+    const ks_string_t uuid = config_of(vm).uuid;
+    return std::ranges::any_of(vm_state_get_keys(), [&](const std::string& key) {
+        const vm_state_ref_t other = vm_state_get(key);
+        return other && is_vm(*other, uuid);
+    });
+}
+
 // Takes the VM out of the shadow tree. Its last user calls.
 void clean_up(vm_state_t* state) {
     vm_state_t& vm = *state;
+    const bool keeps_copies = stands_elsewhere(vm);
     const mutex_lock_t lock(vm.mutex);
-    vd_stop_all(&vm.vd_list);
+    vd_stop_all(&vm.vd_list, keeps_copies);
     errdesc_t* e = nullptr;
     if (!vm.paths.vm_symlink.empty())
         e = shadow_unlink_uuid(vm.paths.vm_symlink, vm.vm_path);
@@ -239,11 +259,6 @@ errdesc_t* update_vm(const ks_vm_config_t& vmc, const ks_hypervisor_config_t& hv
             break;
     }
     return create(vm_path, vmc, hvc, root, gen);
-}
-
-ks_vm_config_t config_of(const vm_state_t& vm) {
-    const read_lock_t lock(vm.vmc_rwlock);
-    return vm.vmc;
 }
 
 bool is_only_kept(const std::string& vm_shadow_path) {

@@ -122,6 +122,21 @@ TEST_F(vm_update_test, DisksOfOneNameStandSideBySide) {
     EXPECT_EQ(names("esx1/vm"), "disk(1)-flat.vmdk disk(1).vmdk vm.cfg vm.vmx");
 }
 
+TEST_F(vm_update_test, DescriptorUnderANewNameOutlivesTheVmsFormerPlace) {
+    lab_vm_t vm;
+    vm.disks = {{.dir = "vm"}, {.dir = "other"}};
+    expose(vm);
+    vm.folder = "shelf";
+    take(vm, 2);
+    ASSERT_EQ(update(vm), 0);
+    vm_stop_old(2);
+    EXPECT_EQ(names("esx1/vm"), "-");
+    const std::string descriptor = header("shelf/vm/disk(1).vmdk").path;
+    EXPECT_TRUE(std::filesystem::exists(descriptor));
+    vm_stop_old(3);
+    EXPECT_FALSE(std::filesystem::exists(descriptor));
+}
+
 TEST_F(vm_update_test, ExtentsOfOneNameStandSideBySide) {
     lab_vm_t vm;
     vm.disks = {{.name = "x.vmdk", .extent = "d-flat.vmdk"}, {.name = "d.vmdk", .dir = "other"}};
