@@ -118,9 +118,12 @@ class LiveRig:
         self.controller.post_alert({"alert_id": kind, "object_id": f"esx1:{vm}", "severity": "warning",
                                     "hv_host": "esx1", "vhost": vm, "message": message})
 
-    def serve(self) -> str:
-        """Starts a server for it; its URL. close() ends it."""
-        self._server = Server(0, self.objects, Pages(self.live), Mischief(None), Journal(None), None)
+    def serve(self, script: str = "") -> str:
+        """Starts a server for it; its URL. close() ends it. script: what the page does beside its own."""
+        pages = Pages(self.live)
+        kind, own = pages._files["/page.js"]
+        pages._files["/page.js"] = kind, own + script.encode()
+        self._server = Server(0, self.objects, pages, Mischief(None), Journal(None), None)
         self._thread = threading.Thread(target=self._server.serve_forever, kwargs={"poll_interval": 0.05})
         self._thread.start()
         return self._server.url
