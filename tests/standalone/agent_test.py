@@ -13,7 +13,6 @@ import unittest
 
 from fixture import Appliance, TemporaryCase, make_vm, uuid_of, wait_until
 
-from mirador_appliance.agent import faults
 from mirador_appliance.hypervisor import locks, snapshots
 from mirador_appliance.store import Store
 
@@ -167,18 +166,6 @@ class Snapshots(AgentCase):
         agent.ask("remove_snapshot", "web", WEB, self.mine, "1")
         self.assertEqual(taken[-1], 0)
 
-    def test_top_snapshot_counts(self):
-        agent = self.connected()
-        self.assertEqual(agent.ask("create_top_snapshot", "web", WEB, self.mine, "0"), 0)
-        self.assertEqual(self.names(agent), [])
-        self.fault("--method", "create_top_snapshot", "--top")
-        self.assertEqual(agent.ask("create_top_snapshot", "web", WEB, self.mine, "0"), 1)
-        self.assertIsNone(agent.ask("create_snapshot", "web", WEB, self.mine, "0"))
-        wait_until(lambda: self.appliance.vms()["web"]["snap_exists"] == 2, "both are seen", 3)
-        self.assertEqual(self.heads("web"), ["web-000001.vmdk"])
-        self.assertEqual(agent.ask("remove_snapshot", "web", WEB, self.mine, "1"), 2)
-        wait_until(lambda: self.heads("web") == ["web.vmdk"], "both are gone", 3)
-
     def test_works_without_controller_and_for_a_renamed_vm(self):
         agent = self.connected()
         agent.ask("create_snapshot", "web", WEB, self.mine, "0")
@@ -189,17 +176,6 @@ class Snapshots(AgentCase):
         self.assertEqual(agent.ask("remove_snapshot", "old name", WEB, self.mine, "0"), 1)
         wait_until(lambda: not self.names(agent), "it is gone")
         wait_until(lambda: not any(name.startswith(".web") for name in os.listdir(self.vmx["web"].parent)), "it is done")
-
-    def test_creation_that_died_is_finished_by_a_listing(self):
-        agent, before = self.connected(), self.vmx["web"].read_bytes()
-        faults.add(self.state, faults.Rule(method="create_snapshot", step="running again", times=1))
-        agent.send(json.dumps(["create_snapshot", "web", WEB, self.mine, "0"]) + "\n")
-        self.assertEqual(agent.reply(), b"")
-        agent = self.connected()
-        self.assertEqual(self.names(agent), [self.mine])  # it had come so far that the snapshot counts
-        self.assertFalse([name for name in os.listdir(self.vmx["web"].parent) if name.startswith(".web")])
-        self.assertEqual(agent.ask("remove_snapshot", "web", WEB, self.mine, "1"), 1)
-        self.assertEqual(self.vmx["web"].read_bytes(), before)
 
     def test_unfinished_removal_is_finished_by_a_listing(self):
         agent, before = self.connected(), self.vmx["web"].read_bytes()

@@ -7,13 +7,10 @@ import pty
 import re
 import select
 import subprocess
-import time
 import unittest
 
 from fixture import PROGRAM, Appliance, TemporaryCase, wait_until
 from live_rig import PERIOD, LiveRig
-
-from mirador_appliance.top_frame import View, columns, fit, frame
 
 MIB = 1 << 20
 EVIL = "<img src=x onerror=alert(1)>"
@@ -105,31 +102,6 @@ class Reads(LiveCase):
         rig.follow()
         rig.report(**{"web/a": (30 * MIB, 0)})
         self.assertEqual(self.samples(rig)[3:], [(164, 0, 0), 316, (15, 30, 0)])
-
-    def test_short_reports_become_one_sample_and_old_ones_go(self):
-        rig = self.rig()
-        rig.follow()
-        rig.report(**{"web/a": (30 * MIB, 0)})
-        rig.report(0.5, **{"web/a": (MIB, 0)})  # sent early, with the size of a file that was just opened
-        self.assertEqual(self.samples(rig), [(16, 31, 0)])
-        self.assertEqual(rig.overview()["files"]["rows"][0]["read_rate"], 2 * MIB)
-        for _ in range(1200):
-            rig.report(**{"web/a": (MIB, 0)})
-        samples = self.samples(rig)
-        self.assertEqual((len(samples), samples[0], samples[-1]), (960, (15, 1, 0), (15, 1, 0)))
-
-    def test_a_file_that_was_only_opened(self):
-        rig = self.rig()
-        rig.follow()
-        rig.post([{"vmdk_path": "/esx1/web/a", "vmdk_flat_file_size": str(1 << 30)}])
-        told = rig.overview()["files"]["rows"]
-        self.assertEqual([(row["size"], row["idle"], row["reading"]) for row in told], [(1 << 30, None, False)])
-        rig.pass_time(70)
-        self.assertEqual(rig.overview()["files"]["total"], 0)
-        rig.report(**{"web/a": (MIB, 0)})
-        rig.report(close=("web/a",), **{"web/a": (0, 0)})
-        rig.report(**{"web/a": (MIB, 0)})  # opened again while it was held ready: its size is not told again
-        self.assertEqual([row["size"] for row in rig.overview()["files"]["rows"]], [1 << 30])
 
 
 class Daemon(LiveCase):
@@ -247,18 +219,6 @@ class Top(LiveCase):
         rig.now += 1.1
         return rig
 
-    def test_a_frame_fits_every_terminal(self):
-        told = self.busy_rig(*(f"vm-{number}" for number in range(40)), "日本語" * 20, ODD).overview(find="")
-        for width in (1, 40, 80, 200):
-            for height in (1, 5, 24, None):
-                with self.subTest(f"{width}x{height}"):
-                    lines = frame(told, View(width, height))
-                    self.assertTrue(all(columns(text) <= width for text, _ in lines), lines)
-                    self.assertLessEqual(len(lines), height or 200)
-                    self.assertTrue("".join(text for text, _ in lines).isprintable())
-        self.assertEqual([fit("a\x1b\n", 12), fit("日本語", 5), fit("ab", 4, right=True)],
-                         ["a\\x1b\\x0a   ", "日本~", "  ab"])
-
     def test_once(self):
         rig = self.busy_rig()
         url = rig.serve()
@@ -311,16 +271,6 @@ class Top(LiveCase):
             # The screen that was there before is shown again, and the cursor.
             self.assertTrue({b"\x1b[?1049h", b"\x1b[?1049l"} <= set(re.findall(rb"\x1b\[\?1049[hl]", shown)), shown)
             self.assertGreater(shown.rfind(b"\x1b[?1049l"), shown.rfind(b"\x1b[?1049h"))
-
-    def test_it_says_when_the_controller_is_gone(self):
-        rig = self.busy_rig()
-        pid, terminal, _, has = self.terminal(rig.serve())
-        wait_until(lambda: has("web"), "it shows something")
-        rig.stop_serving()
-        wait_until(lambda: has("NO ANSWER FOR"), "it says so")
-        time.sleep(0.1)
-        os.write(terminal, b"q")
-        self.assertEqual(os.waitpid(pid, 0)[1], 0)
 
 
 if __name__ == "__main__":

@@ -8,13 +8,11 @@ import random
 import re
 import shutil
 import signal
-import subprocess
-import sys
 import unittest
 import zlib
 from unittest import mock
 
-from fixture import PROGRAM, SECTOR, TemporaryCase, flat_disk, uuid_of, vmx_text, wait_until, write
+from fixture import SECTOR, TemporaryCase, flat_disk, uuid_of, vmx_text, write
 
 from mirador_appliance.hypervisor import consolidation, cowd, descriptors, guest, locks, snapshots
 from mirador_appliance.hypervisor.chain import Chain, check_links
@@ -107,54 +105,6 @@ class Contents(MachineCase):
         cowd.make_empty(str(home / f"{name}-000001-delta.vmdk"), SECTORS, grain)
         (home / f"{name}-000001.vmdk").write_bytes(
             descriptors.delta_text(SECTORS, 0x1234abcd, 0x0a0b0c0d, f"{name}.vmdk", f"{name}-000001-delta.vmdk"))
-
-    def test_one_moment_for_all_disks_of_a_running_machine(self):
-        patch = mock.patch.object(consolidation, "_SMALL", 0)  # every live delta is covered by another one first
-        patch.start()
-        self.addCleanup(patch.stop)
-        start = self.contents()
-        command = [sys.executable, "-B", "-m", guest.__name__, self.vmx, "--seed", "3", "--pause", "0"]
-        running = subprocess.Popen(command, cwd=PROGRAM.parent, stdout=subprocess.PIPE, text=True)
-        self.addCleanup(running.stdout.close)
-        wait_until(lambda: read(self.home / "a.vmdk") != start["scsi0:0"], "the guest writes")
-        held, rounds = {}, {}
-        for number in range(4):
-            moments = []
-            name = f"s{number}"
-            self.create(name, moment=moments.append)
-            held[name] = {moment.node: moment.sha256 for moment in moments[0]}
-            if number == 2:
-                snapshots.remove(self.vmx, "s0")
-            rounds[name] = self.newest_round(self.frozen(name))
-        self.assertEqual(sorted(set(rounds.values())), sorted(rounds.values()))  # it went on writing
-        for name in ("s1", "s2", "s3"):
-            for disk in snapshots.frozen(self.vmx, name)[:2]:
-                with Chain.open(disk.frozen, PlainNames().locate) as chain:
-                    self.assertEqual(chain.sha256(), held[name][disk.node])
-            content = self.frozen(name)
-            replayed = self.replayed(start, rounds[name])
-            self.assertEqual({content["scsi0:0"], content["scsi0:1"]}, {replayed["scsi0:0"], replayed["scsi0:1"]})
-            snapshots.remove(self.vmx, name)
-        running.send_signal(signal.SIGINT)
-        last = int(running.stdout.read())
-        running.wait()
-        self.assertEqual(self.contents(), self.replayed(start, last))
-        self.assertEqual(self.files(), ["a-flat.vmdk", "a.vmdk", "b-flat.vmdk", "b.vmdk", "c-flat.vmdk", "c.vmdk",
-                                        "vm.vmsd", "vm.vmx"])
-
-    def newest_round(self, contents):
-        """The newest round on either of the disks that were frozen."""
-        sectors = (memoryview(contents[node])[at:at + SECTOR] for node in ("scsi0:0", "scsi0:1")
-                   for at in range(0, SECTORS * SECTOR, SECTOR))
-        return max(guest.round_of(sector) or 0 for sector in sectors)
-
-    def replayed(self, start, rounds):
-        """What the disks hold after that many rounds of the guest."""
-        disks = [bytearray(content) for content in start.values()]
-        for number in range(1, rounds + 1):
-            for disk, first, data in guest.writes(3, number, [SECTORS] * len(disks)):
-                disks[disk][first * SECTOR:first * SECTOR + len(data)] = data
-        return dict(zip(start, map(bytes, disks)))
 
 
 class Interrupted(MachineCase):
