@@ -2,13 +2,10 @@
 snapshot stays behind."""
 
 import concurrent.futures
-import contextlib
 import dataclasses
 import errno
 import functools
-import json
 import os
-import pathlib
 import signal
 import time
 from collections.abc import Callable
@@ -22,7 +19,6 @@ from harness.snapshot_case import BOUND, EIO, SnapshotCase, slug
 from harness.snapshots import Rule
 from harness.tools import wait_until
 
-AGENT = "/usr/local/corvantis/bin/jrpc_wget.pl"
 WORKERS = 6  # faults that are tried at a time
 
 BUSY = errno.EALREADY  # another task is in progress
@@ -138,7 +134,7 @@ class AgentFaults(SnapshotCase):
 
 
 class Others(SnapshotCase):
-    """Faults that touch all VMs, one at a time: agents that cannot be had, list_snapshot, silence, the controller."""
+    """Faults that touch all VMs, one at a time: silence, and the controller's."""
 
     @classmethod
     def vm_names(cls):
@@ -153,45 +149,6 @@ class Others(SnapshotCase):
         for vm in self.vms.values():
             self.wait_exported(vm)
             self.wait_told(vm, None)
-
-    def assert_open_fails(self, vm: Machine, number: int, text: str):
-        failed, told = self.open_fails(vm)
-        self.assertRegex(told, text)
-        self.assertEqual(failed, number, told)
-
-    def kill_agents(self):
-        """An agent that runs already would go on serving."""
-        for entry in pathlib.Path("/proc").iterdir():
-            with contextlib.suppress(OSError):
-                if entry.name.isdigit() and AGENT in (entry / "cmdline").read_bytes().decode().split("\0")[:3]:
-                    os.kill(int(entry.name), signal.SIGKILL)
-
-    def test_no_agent(self):
-        """Its program is missing, cannot be run, or ends at once."""
-        agent = pathlib.Path(AGENT)
-        program = agent.read_bytes()
-        agent.unlink()
-        for what, number, text in (("missing", errno.ENOENT, AGENT), ("no program", errno.EACCES, AGENT),
-                                   ("ends", errno.EPIPE, "Broken pipe")):
-            with self.subTest(what):
-                if what == "no program":
-                    agent.write_text("nothing")
-                elif what == "ends":
-                    agent.write_text("#!/bin/sh\n")
-                    agent.chmod(0o755)
-                self.kill_agents()
-                self.assert_open_fails(self.first, number, text)
-                self.wait_told(self.first, "snapshot_create")
-        agent.write_bytes(program)
-        self.assert_is_well(self.first)
-
-    def test_wrong_password(self):
-        hosts = [{**host, "password": "wrong"} for host in self.appliance.get("hvconfig")]
-        self.appliance.set_faults({"object": "hvconfig", "body": json.dumps(hosts)})
-        self.assert_open_fails(self.first, errno.EACCES, "refused")
-        self.assertNotIn("wrong", self.daemon.log())
-        self.appliance.set_faults()
-        self.assert_is_well(self.first)
 
     def test_silence(self):
         """An agent that does not answer keeps nobody from reading what is open; killed, it lets all go on."""

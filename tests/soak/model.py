@@ -12,9 +12,8 @@ import threading
 
 from harness import snapshots
 from harness.daemon import EXPORT
-from harness.disks import MIB, SECTOR, Datastore, partition, raw_image
+from harness.disks import MIB, SECTOR, Datastore, flat_disk
 from harness.machines import Machine, machine
-from harness.tools import WORK, run
 from mirador_appliance.hypervisor import guest
 
 HEADER = slice(2 * SECTOR, 3 * SECTOR)  # where an exported disk with a partition table has the daemon's header: the guest
@@ -136,9 +135,5 @@ def make_vm(store: Datastore, host: str, name: str, draw: random.Random,
             disks: tuple[str, ...] = (PARTITIONED, BARE)) -> Vm:
     """A VM with disks that have random pieces all over them."""
     for disk in disks:
-        image = raw_image(WORK / "disk.img", SIZES[disk], seed=draw.getrandbits(32))
-        if disk == PARTITIONED:
-            partition(image)
-        run("qemu-img", "convert", "-f", "raw", "-O", "vmdk", "-o", "subformat=monolithicFlat", image,
-            store.vm(name) / disk)
+        flat_disk(store.vm(name) / disk, SIZES[disk], draw.getrandbits(32), is_partitioned=disk == PARTITIONED)
     return Vm(machine(store, name, disks=disks), host)

@@ -1,6 +1,5 @@
 """The test case whose VMs' changes are tracked: full copies, changed-block files, and what comes of the two."""
 
-import hashlib
 import json
 import pathlib
 import urllib.request
@@ -10,13 +9,12 @@ from typing import Any
 from . import census, snapshots
 from .compare import Reader
 from .daemon import EXPORT
-from .disks import MIB, SECTOR, datastore, partition, raw_image
+from .disks import MIB, SECTOR, datastore, flat_disk
 from .machines import Machine, machine
-from .snapshot_case import BOUND, HOST, OWN, SnapshotCase, next_seed
+from .snapshot_case import BOUND, HEADER, HOST, OWN, SnapshotCase, digest, next_seed
 from .tools import WORK, program, run, saved_error, wait_equal, wait_until
 
 DISKS = {"disk": 14 * MIB, "bare": 12 * MIB}  # with a partition table, which makes room for a header, and without
-HEADER = slice(2 * SECTOR, 3 * SECTOR)  # where exported copies of "disk" have it: free in the guest
 VOID = "uninitialized"
 
 Ids = tuple[str, str]  # epoch, number
@@ -38,11 +36,7 @@ class CbtCase(SnapshotCase):
         cls.vms = {}
         for number, name in enumerate(cls.vm_names()):
             for disk, size in DISKS.items():
-                image = raw_image(WORK / "disk.img", size, seed=100 * number + size)
-                if disk == "disk":
-                    partition(image)
-                run("qemu-img", "convert", "-f", "raw", "-O", "vmdk", "-o", "subformat=monolithicFlat", image,
-                    cls.store.vm(name) / f"{disk}.vmdk")
+                flat_disk(cls.store.vm(name) / f"{disk}.vmdk", size, 100 * number + size, is_partitioned=disk == "disk")
             cls.vms[name] = machine(cls.store, name, disks=tuple(f"{disk}.vmdk" for disk in DISKS))
         return [f"{HOST}:{cls.store.directory}"]
 
@@ -139,18 +133,12 @@ class CbtCase(SnapshotCase):
 
     # What must hold
 
-    def moment(self, vm: Machine, disk: str) -> str:
-        """The checksum of a disk at the moment of the VM's last snapshot, as the agent noted it."""
-        moments = [call["moment"] for call in self.appliance.agent_calls()
-                   if call.get("uuid") == vm.uuid and "moment" in call]
-        node = f"scsi0:{list(DISKS).index(disk)}"
-        return next(found["sha256"] for found in moments[-1] if found["node"] == node)
-
     def assert_is_of_moment(self, vm: Machine, disk: str, image: pathlib.Path) -> None:
         data = bytearray(image.read_bytes())
         if disk == "disk":
             data[HEADER] = bytes(SECTOR)
-        self.assertEqual(hashlib.sha256(data).hexdigest(), self.moment(vm, disk), f"{vm.name}, {disk}: {image.name}")
+        moment = self.moments(vm)[-1][f"scsi0:{list(DISKS).index(disk)}"]
+        self.assertEqual(digest(data), moment, f"{vm.name}, {disk}: {image.name}")
 
     def wait_quiet(self, vm: Machine) -> None:
         """No snapshot, loop device, mapping or work file is left of what was done to a VM."""

@@ -87,6 +87,15 @@ def partition(image: pathlib.Path) -> None:
 
 # Disks
 
+def flat_disk(descriptor: pathlib.Path, size: int, seed: int, is_partitioned: bool = True) -> None:
+    """A disk with random pieces. A partition table makes room for a description in exported copies, at HEADER, which is
+    free in the guest."""
+    image = raw_image(WORK / "disk.img", size, seed)
+    if is_partitioned:
+        partition(image)
+    run("qemu-img", "convert", "-f", "raw", "-O", "vmdk", "-o", "subformat=monolithicFlat", image, descriptor)
+
+
 def base_disk(store: Datastore, vm: str, image: pathlib.Path, subformat: str = "monolithicFlat") -> Disk:
     """A disk without parent, from a raw image."""
     descriptor = store.vm(vm) / "disk.vmdk"

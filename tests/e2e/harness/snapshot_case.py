@@ -1,5 +1,6 @@
 """The test case whose daemon takes snapshots, with a clock that runs fast."""
 
+import hashlib
 import pathlib
 import re
 import unittest
@@ -9,7 +10,7 @@ from typing import Any
 from . import snapshots
 from .compare import Reader
 from .daemon import EXPORT
-from .disks import MIB, datastore
+from .disks import MIB, SECTOR, datastore
 from .inventory import InventoryCase
 from .machines import Machine, machine
 from .snapshots import Mischief
@@ -22,8 +23,13 @@ FACTOR = 50  # the daemon's seconds in one of the clock on the wall
 RETRIES = 3
 BOUND = 120  # seconds within which all is in order again, with much to spare
 
+HEADER = slice(2 * SECTOR, 3 * SECTOR)  # where copies of a partitioned disk have its description: free in the guest
 EIO = 5
 next_seed = iter(range(1, 1 << 30)).__next__  # for guests: no two write the same
+
+
+def digest(data: bytes | bytearray) -> str:
+    return hashlib.sha256(data).hexdigest()
 
 
 class SnapshotCase(InventoryCase):
@@ -57,6 +63,16 @@ class SnapshotCase(InventoryCase):
         cls.faults = Mischief(cls.appliance)
         cls.files_before = {name: snapshots.files(vm) for name, vm in cls.vms.items()}
 
+    def start(self, **points: str) -> None:
+        """Starts the daemon if it does not run, or anew when it is to meet fault points."""
+        if self.daemon.is_running() and points:
+            self.daemon.stop()
+        if not self.daemon.is_running():
+            self.daemon.environment["MIRADOR_FAULT_POINTS"] = ",".join(f"{name}={act}" for name, act in points.items())
+            self.daemon.start()
+        for vm in self.vms.values():
+            self.wait_exported(vm)
+
     # Reading
 
     @staticmethod
@@ -77,6 +93,11 @@ class SnapshotCase(InventoryCase):
             self.assertTrue(reader.read(0, 2 * MIB) == frozen, f"{vm.name} gives the frozen bytes")
             before_close()
         return snapshots.contents(vm)
+
+    def moments(self, vm: Machine) -> list[dict[str, str]]:
+        """What the agent noted, when it is told to, of the snapshots that it made of a VM: node -> digest of the disk."""
+        return [{disk["node"]: disk["sha256"] for disk in call["moment"]} for call in self.appliance.agent_calls()
+                if call.get("uuid") == vm.uuid and "moment" in call]
 
     def open_fails(self, vm: Machine) -> tuple[int, str]:
         """The real error of an open that must fail."""
