@@ -204,25 +204,6 @@ class Faults(SharedCase):
     def setUp(self):
         self.addCleanup(self.rig.set_faults)
 
-    def test_each_kind(self):
-        whole = self.appliance.get("hvconfig").body
-        cases = {
-            "redirect": ({"status": 302, "location": "http://127.0.0.1:9/"}, 302, None),
-            "empty body": ({"body": ""}, 200, b""),
-            "large body": ({"body": "0123456789", "repeat": 300000}, 200, b"0123456789" * 300000),
-            "chunked": ({"chunked": 1}, 200, whole),
-            "another query": ({"query": "x=", "status": 500}, 200, whole),
-            "another method": ({"method": "POST", "status": 500}, 200, whole),
-        }
-        for name, (rule, status, body) in cases.items():
-            with self.subTest(name):
-                self.rig.set_faults({"object": "hvconfig", **rule})
-                reply = self.appliance.get("hvconfig")
-                self.assertEqual(reply.status, status)
-                if body is not None:
-                    self.assertEqual(reply.body, body)
-                self.assertEqual("chunked" in rule, reply.headers["Transfer-Encoding"] == "chunked")
-
     def test_answers_that_do_not_come(self):
         for rule in ({"cut": 10}, {"hang": 0.2}, {"cut": 10, "chunked": 1}):
             with self.subTest(rule):
@@ -230,10 +211,8 @@ class Faults(SharedCase):
                 with self.assertRaises((OSError, http.client.HTTPException)):
                     self.appliance.get("hvconfig")
                 self.assertEqual(self.appliance.get("hvconfig").status, 200)  # used up
-        self.rig.set_faults({"object": "hvconfig", "delay": 0.5})
-        started = time.monotonic()
-        self.assertEqual(self.appliance.get("hvconfig").status, 200)
-        self.assertGreater(time.monotonic() - started, 0.5)
+        self.rig.set_faults({"object": "hvconfig", "body": "no JSON"})
+        self.assertEqual(self.appliance.get("hvconfig").body, b"no JSON")
         self.assertLess(self.appliance.get("folder").status, 300)
         self.rig.faults.write_text("[{]")
         self.assertEqual(self.appliance.get("hvconfig").status, 200)
