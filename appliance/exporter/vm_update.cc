@@ -153,12 +153,23 @@ errdesc_t* check_conflict(const vm_state_t& vm, const attempt_t& attempt) REQUIR
     return check_naming_conflict(vm.paths.vmx_shadow_path, owner, vm.paths.vm_symlink);
 }
 
+// What was copied must be what was followed: a snapshot that is taken meanwhile has the file name other deltas.
+errdesc_t* copy_and_follow(const std::string& vmx, const std::string& copy, attempt_t* attempt) {
+    constexpr int most_copies = 3;
+    const auto is_datastores = [&vmx](int fd) { return datastore_check_opened(vmx, fd, vmx); };
+    vmx_follow_to_frozen(vmx, attempt->heads, &attempt->conversions);
+    for (int copies = 1;; ++copies) {
+        const vmx_conversion_t used = attempt->conversions;
+        RETURN_IF_ERROR(vmx_copy_convert(vmx, copy, used, is_datastores));
+        vmx_follow_to_frozen(vmx, attempt->heads, &attempt->conversions);
+        if (attempt->conversions == used || copies == most_copies)
+            return nullptr;
+    }
+}
+
 // Without the VMX file the disks are exported all the same.
 void copy_vmx(vm_state_t* vm, attempt_t* attempt) REQUIRES(vm->mutex) {
-    vmx_follow_to_frozen(vm->paths.vmx_ds_path, attempt->heads, &attempt->conversions);
-    const std::string& vmx = vm->paths.vmx_ds_path;
-    const auto is_datastores = [&vmx](int fd) { return datastore_check_opened(vmx, fd, vmx); };
-    errdesc_t* e = vmx_copy_convert(vmx, vm->paths.vm_cached_path, attempt->conversions, is_datastores);
+    errdesc_t* e = copy_and_follow(vm->paths.vmx_ds_path, vm->paths.vm_cached_path, attempt);
     vm->vmx_available = e == nullptr;
     if (e == nullptr)
         return;
