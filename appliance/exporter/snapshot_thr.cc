@@ -149,7 +149,9 @@ void snapshot_thr_start() {
 // what it froze.
 bool is_gone(const snapshot_state_t& state) {
     int shown = 0;
-    return !state.is_leftover() && vm_count_snapshots(*state.vm_shadow_path, &shown) == nullptr && shown == 0;
+    return !state.is_leftover() &&
+           vm_count_snapshots_anywhere(*state.vm_shadow_path, state.hvname, state.vmuuid, &shown) == nullptr &&
+           shown == 0;
 }
 
 // A snapshot that an earlier run left is as old as that run, and one whose removal failed may be gone or going: nobody
@@ -321,6 +323,12 @@ bool snapshot_existed(const std::string& hv_name, const std::string& vm_uuid) {
     return snapshot_state_find(snapshot_thr_state().list, hv_name, vm_uuid) != nullptr;
 }
 
+bool snapshot_is_gone(const std::string& hv_name, const std::string& vm_uuid) {
+    const errdesc_keeper_t keeper;
+    const snapshot_state_ptr state = snapshot_state_find(snapshot_thr_state().list, hv_name, vm_uuid);
+    return state != nullptr && is_gone(*state);
+}
+
 errdesc_t* snapshot_scrub_ex(const std::string& hv_name, const std::string& vm_uuid, const std::string& snapshot_name) {
     snapshot_thr_t& thr = snapshot_thr_state();
     const mutex_lock_t lock(thr.mutex);
@@ -346,9 +354,7 @@ errdesc_t* snapshot_use_t::take(const std::string& path, const std::string& file
 }
 
 bool snapshot_use_t::is_gone() const {
-    const errdesc_keeper_t keeper;
-    const snapshot_state_ptr state = snapshot_state_find(snapshot_thr_state().list, header_.hv_name, header_.vm_uuid);
-    return state != nullptr && mirador::is_gone(*state);
+    return snapshot_is_gone(header_.hv_name, header_.vm_uuid);
 }
 
 snapshot_use_t::~snapshot_use_t() {

@@ -48,6 +48,10 @@ bool snapshot_state_hurries();
 // Whether the VM has a snapshot of this run or one left over. Takes the list's own mutex, for moments.
 bool snapshot_existed(const std::string& hv_name, const std::string& vm_uuid);
 
+// Whether it had one that the controller shows no more: somebody else has removed it, and the VM writes to what it
+// froze. Takes the locks of the lists and of the VM's record, each for moments; not the thread's mutex.
+bool snapshot_is_gone(const std::string& hv_name, const std::string& vm_uuid);
+
 // Removes a named snapshot of a VM on request. Errors: EBUSY while disks of the VM are open, through any hypervisor;
 // EAGAIN when it is unused: the thread removes it now; snapshot_remove_named's (snapshot_scrub.h) where this daemon has
 // no snapshot of the VM.
@@ -65,8 +69,7 @@ class snapshot_use_t {
     snapshot_use_t(const snapshot_use_t&) = delete;
     snapshot_use_t& operator=(const snapshot_use_t&) = delete;
 
-    // Whether the controller shows no snapshot of the VM any more: somebody else has removed it. Takes the locks of the
-    // lists and of the VM's record, each for moments; not the thread's mutex.
+    // snapshot_is_gone() of the VM.
     bool is_gone() const;
 
   private:

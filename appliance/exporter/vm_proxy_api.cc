@@ -121,8 +121,11 @@ bool leads_elsewhere(const vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
     return std::strcmp(now->path, then.path) != 0 || !is_same_file(now->statb, then.statb);
 }
 
-// Whether somebody else has removed the snapshot below: the VM writes to what was frozen.
+// Whether somebody else has removed the snapshot below: the VM writes to what was frozen. That below a changed-block
+// file is its flat disk's, which it holds open.
 bool has_lost_snapshot(const vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
+    if (cookie.cbt != nullptr)
+        return snapshot_is_gone(cookie.header.hv_name, cookie.header.vm_uuid);
     return cookie.snapshot != nullptr && cookie.snapshot->is_gone();
 }
 

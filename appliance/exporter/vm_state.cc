@@ -271,6 +271,18 @@ bool is_on(const vm_state_t& vm, const std::string& hv_hostname) {
     return vm.vmc.hv_hostname == hv_hostname;
 }
 
+// Where a VM of a hypervisor is listed; `vm_shadow_path` when it is nowhere.
+std::string listed_path(const std::string& vm_shadow_path, const std::string& hv_hostname, const std::string& vm_uuid) {
+    std::string found = vm_shadow_path;
+    vm_state_each(hv_hostname, [&](const vm_state_t& vm) {
+        const bool is_found = !vm.only_kept && is_vm(vm, vm_uuid);
+        if (is_found)
+            found = vm.vm_path;
+        return !is_found;
+    });
+    return found;
+}
+
 }  // namespace
 
 vm_state_ref_t::~vm_state_ref_t() {
@@ -348,6 +360,12 @@ errdesc_t* vm_count_snapshots(const std::string& vm_shadow_path, int* count) {
     const read_lock_t lock(vm.vmc_rwlock);
     *count = std::max(vm.vmc.snap_exists, 0);
     return nullptr;
+}
+
+errdesc_t* vm_count_snapshots_anywhere(const std::string& vm_shadow_path, const std::string& hv_hostname,
+                                       const std::string& vm_uuid, int* count) {
+    return vm_count_snapshots(
+        is_only_kept(vm_shadow_path) ? listed_path(vm_shadow_path, hv_hostname, vm_uuid) : vm_shadow_path, count);
 }
 
 errdesc_t* vm_wait_snapshot(const std::string& vm_shadow_path, int snapshot_expected, std::time_t timeout,

@@ -106,6 +106,10 @@ void vm_state_each(const std::string& hv_hostname, const std::function<bool(vm_s
 // The number of this vendor's snapshots that the controller has seen on a VM. Error: EINVAL for an unknown VM.
 [[nodiscard]] errdesc_t* vm_count_snapshots(const std::string& vm_shadow_path, int* count);
 
+// The same of a VM that stood there but may have moved since: what is no longer listed tells nothing new.
+[[nodiscard]] errdesc_t* vm_count_snapshots_anywhere(const std::string& vm_shadow_path, const std::string& hv_hostname,
+                                                     const std::string& vm_uuid, int* count);
+
 // Waits until the controller has seen as many snapshots of a VM as expected: none, or at least that many. Errors:
 // EINVAL for an unknown VM, and for one that is no longer listed: nobody tells its number then; ETIME after `timeout`
 // seconds; ERR_CANCELLED when `goes_on` (null: always) says no.

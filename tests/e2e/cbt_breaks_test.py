@@ -1,19 +1,21 @@
 """What breaks a series of backups of what changed: resets, disks that grow or that somebody else has written to, posts
 that are lost, unexpected change ids. The next series is right, and the records tell the right change ids."""
 
+import errno
 import os
 
 from harness import place
 from harness.cbt_case import DISKS, CbtCase, split
+from harness.compare import Reader
 from harness.disks import SECTOR
-from harness.snapshot_case import BOUND, HOST
-from harness.tools import WORK, run, wait_equal, wait_until
+from harness.snapshot_case import BOUND, HOST, OWN
+from harness.tools import WORK, run, saved_error, wait_equal, wait_until
 
 
 class Breaks(CbtCase):
     @classmethod
     def vm_names(cls):
-        return ["reset", "grown", "untracked", "lost", "unexpected", "off", "early"]
+        return ["reset", "grown", "untracked", "lost", "unexpected", "off", "early", "thawed"]
 
     def assert_works(self, vm):
         """A full copy and two rounds upon it."""
@@ -120,6 +122,24 @@ class Breaks(CbtCase):
         self.wait_reset(vm)
         self.wait_alert("unexpected_changeid", f"{vm.name}:{HOST}", None)
         self.assert_works(vm)
+
+    def test_a_snapshot_that_somebody_removes(self):
+        """What is ready of a changed-block file is served to nobody new: the VM writes to the disk below."""
+        vm = self.vms["thawed"]
+        base = self.full(vm)
+        self.write(vm)
+
+        def refusal():
+            try:
+                Reader(self.changed(vm, "disk")).__exit__()
+            except OSError:
+                return saved_error(self.changed(vm, "disk"))[0]
+            return None
+        with self.opened(vm, "disk"):
+            self.appliance.command("snapshot", "remove", "--own", vm.name, OWN)
+            wait_equal(refusal, errno.ESTALE, "it cannot be opened", BOUND)
+        self.wait_quiet(vm)
+        self.incremental(vm, base)
 
     def test_off(self):
         """The changed-block files go, and so does what was opened before."""

@@ -238,6 +238,20 @@ TEST_F(snapshot_thr, SnapshotThatSomebodyElseRemovedIsReadByNobodyNew) {
     EXPECT_THAT(asked(), ElementsAreArray(expected));
 }
 
+TEST_F(snapshot_thr, SnapshotOfAVmThatMovedIsLookedForWhereItIsListed) {
+    const use_ptr use = take();
+    vm_.folder = "shelf";
+    bool updated = false;
+    for (const int snapshots : {1, 0}) {
+        vm_.snap_exists = snapshots;
+        list({vm_});
+        ASSERT_EQ(vm_state_update(config(vm_), host(vm_), shadow_, 2, &updated), nullptr);
+        vm_stop_old(2);
+        ASSERT_TRUE(vm_state_get(vm_dir())) << "its disks are read";
+        EXPECT_EQ(use->is_gone(), snapshots == 0);
+    }
+}
+
 TEST_F(snapshot_thr, SnapshotWhoseRemovalFailedIsReadByNobody) {
     (void)take();
     agent_.answer_error("remove_snapshot", EIO, "acts, and loses the answer");
