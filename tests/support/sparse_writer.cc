@@ -50,10 +50,6 @@ sparse_image_t::sparse_image_t(std::uint32_t capacity, std::uint32_t grainsize, 
     file_sectors = hdr.overhead + 4;  // long enough for a whole header of the other kind
 }
 
-std::uint32_t sparse_image_t::first_grain_sector() const {
-    return static_cast<std::uint32_t>(hdr.overhead);
-}
-
 std::uint32_t sparse_image_t::allocate(std::uint32_t grain) {
     grains[grain] = static_cast<std::uint32_t>(file_sectors);
     file_sectors += hdr.grainsize;

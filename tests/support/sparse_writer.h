@@ -15,8 +15,6 @@ struct sparse_image_t {
     // A sound extent of `capacity` sectors in which no grain is allocated.
     explicit sparse_image_t(std::uint32_t capacity, std::uint32_t grainsize = 128, std::uint32_t numgtespergt = 512);
 
-    // The first sector behind the tables.
-    std::uint32_t first_grain_sector() const;
     // Allocates a grain at the file's end; the sector that it got.
     std::uint32_t allocate(std::uint32_t grain);
 

