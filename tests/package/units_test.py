@@ -162,6 +162,7 @@ class Units(unittest.TestCase):
         with open(exported(), "rb") as disk:
             disk.read(4096)
             self.assertTrue(snapshots())
+            run("mirador-appliance", "guest", "--seconds", "3", MACHINE)  # so that there is something to be merged
             run("systemctl", "stop", DAEMON)
         assert_nothing_left()
         wait(lambda: not is_active("mirador-watch.service"), "the watch ends")
