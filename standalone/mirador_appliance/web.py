@@ -204,12 +204,11 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         """Whether the client means this machine. A page whose own name was made to lead here (it would count as this
         server's then) does not. Whoever sends no name is no browser."""
         host = self.headers.get("Host")
-        name = "" if host is None else (urllib.parse.urlsplit(f"//{host}").hostname or "-")
-        if name in ("", "localhost"):
-            return True
         try:
-            ipaddress.ip_address(name)
-        except ValueError:
+            name = "" if host is None else (urllib.parse.urlsplit(f"//{host}").hostname or "-")
+            if name not in ("", "localhost"):
+                ipaddress.ip_address(name)
+        except ValueError:  # malformed, or another name
             return False
         return True
 

@@ -203,6 +203,7 @@ class Served(LiveCase):
                 ("GET", "/overview", {"Host": "attacker.example"}, 403),
                 ("GET", "/", {"Host": f"127.0.0.1.attacker.example:{self.port}"}, 403),
                 ("GET", "/api/vhost", {"Host": "attacker.example"}, 403),
+                ("GET", "/api/vhost", {"Host": "[attacker"}, 403),
                 ("POST", "/api/event", {"Origin": "http://attacker.example", "Content-Length": "0"}, 403),
                 ("GET", "/overview", {"Host": "localhost:9000"}, 200),
                 ("GET", "/overview", {"Host": f"[::1]:{self.port}"}, 200)):
