@@ -32,7 +32,8 @@ class fake_controller_t {
         return controller;
     }
 
-    // Answers requests for "/api/<object>", the query included, from now on.
+    // Answers requests for "/api/<object>", the query included, from now on. "POST <object>": posts alone, which
+    // otherwise get the same answer; "": all that have none.
     void answer(const std::string& object, const std::string& body, int status = 200) {
         answer(object, [=](const http_request_t&, http_connection_t& connection) { connection.reply(status, body); });
     }
@@ -48,7 +49,14 @@ class fake_controller_t {
         requests.erase(requests.begin(), requests.begin() + static_cast<std::ptrdiff_t>(seen_));
         return requests;
     }
-    const http_server_t& server() const { return server_; }
+    // The bodies that were posted to an object since fresh(), in order.
+    std::vector<std::string> posted(const std::string& object) const {
+        std::vector<std::string> bodies;
+        for (const http_request_t& request : received())
+            if (request.method == "POST" && request.target == std::string(prefix) + object)
+                bodies.push_back(request.body);
+        return bodies;
+    }
 
   private:
     explicit fake_controller_t(std::string (*find_url)())
@@ -59,17 +67,16 @@ class fake_controller_t {
     }
 
     void _serve(const http_request_t& request, http_connection_t& connection) {
-        handler_t handler;
-        {
-            const mutex_lock_t lock(mutex_);
-            const auto found = answers_.find(request.target.substr(std::min(request.target.size(), prefix.size())));
-            if (request.target.starts_with(prefix) && found != answers_.end())
-                handler = found->second;
-        }
-        if (handler)
-            handler(request, connection);
-        else
-            connection.reply(404, "no such object");
+        const std::string object = request.target.substr(std::min(request.target.size(), prefix.size()));
+        for (const std::string& name : {request.method + " " + object, object, std::string()})
+            if (const handler_t handler = _handler(name))
+                return handler(request, connection);
+        connection.reply(404, "no such object");
+    }
+    handler_t _handler(const std::string& name) const {
+        const mutex_lock_t lock(mutex_);
+        const auto found = answers_.find(name);
+        return found == answers_.end() ? handler_t() : found->second;
     }
 
     static constexpr std::string_view prefix = "/api/";

@@ -12,7 +12,7 @@
 
 #include "controller/lib/controller_raw.h"
 #include "controller/lib/controller_url.h"
-#include "lib/json_tools.h"
+#include "tests/lib/error_number.h"
 #include "tests/support/fake_controller.h"
 
 namespace mirador {
@@ -22,10 +22,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 constexpr errnum_t curl_aborted = 42;
-
-errnum_t number(const errdesc_t* e) {
-    return e == nullptr ? 0 : e->number;
-}
 
 class controller : public testing::Test {
   protected:
@@ -77,12 +73,12 @@ TEST_F(controller, AsksForEachObjectAtItsPlace) {
     };
     for (const request_case_t& c : cases) {
         fake_controller_t::fresh(controller_get_url).answer(c.object, "");
-        EXPECT_EQ(number(c.request()), 0) << c.object;  // a reply without a body brings nothing
+        EXPECT_EQ(number_of(c.request()), 0) << c.object;  // a reply without a body brings nothing
         EXPECT_THAT(targets(), ElementsAre("GET /api/" + std::string(c.object)));
 
         fake_.answer(c.object, "{\"x\"");
         const bool is_raw = std::string(c.object) == "node?get_master";
-        EXPECT_EQ(number(c.request()), is_raw ? 0 : ERR_JSON_PARSE_ERROR) << c.object;
+        EXPECT_EQ(number_of(c.request()), is_raw ? 0 : ERR_JSON_PARSE_ERROR) << c.object;
     }
     EXPECT_EQ(hypervisors, nullptr);
 }
@@ -90,25 +86,25 @@ TEST_F(controller, AsksForEachObjectAtItsPlace) {
 TEST_F(controller, FindsOneRecord) {
     fake_.answer("hvconfig", R"([{"hostname":"a"},{"hostname":"b","hv_port":1},{"hostname":"b","hv_port":2}])");
     ks_hypervisor_config_t hvc;
-    ASSERT_EQ(number(controller_get_hypervisor(&hvc, "b")), 0);
+    ASSERT_EQ(number_of(controller_get_hypervisor(&hvc, "b")), 0);
     EXPECT_EQ(hvc.hv_port, 1U);
     const errdesc_t* e = controller_get_hypervisor(&hvc, "c");
-    EXPECT_EQ(number(e), ENOENT);
+    EXPECT_EQ(number_of(e), ENOENT);
     EXPECT_STREQ(e->string, "c: No such file or directory");
 
     fake_.answer("vhost?vm_uuid=u", R"([{"uuid":"first"},{"uuid":"second"}])");
     std::unique_ptr<ks_vm_config_t> vm;
-    ASSERT_EQ(number(controller_get_vm(&vm, "u")), 0);
+    ASSERT_EQ(number_of(controller_get_vm(&vm, "u")), 0);
     EXPECT_EQ(vm->uuid, "first");
     fake_.answer("vhost?vm_uuid=u", "[]");
-    ASSERT_EQ(number(controller_get_vm(&vm, "u")), 0);
+    ASSERT_EQ(number_of(controller_get_vm(&vm, "u")), 0);
     EXPECT_EQ(vm, nullptr);
 }
 
 TEST_F(controller, AsksTheRegistryByPost) {
     fake_.answer("registry", R"({"error_code":0,"result":"value"})");
     std::string value = "before";
-    ASSERT_EQ(number(controller_get_registry_string("a.key", &value, 4)), 0);
+    ASSERT_EQ(number_of(controller_get_registry_string("a.key", &value, 4)), 0);
     EXPECT_EQ(value, "val");
     const http_request_t request = fake_.received().at(0);
     EXPECT_EQ(request.method, "POST");
@@ -116,7 +112,7 @@ TEST_F(controller, AsksTheRegistryByPost) {
     EXPECT_EQ(request.body, R"({ "method_name": "get_value", "method_args": "a.key" })");
 
     fake_.answer("registry", "");
-    EXPECT_EQ(number(controller_get_registry_string("a.key", &value, 4)), 0);
+    EXPECT_EQ(number_of(controller_get_registry_string("a.key", &value, 4)), 0);
     EXPECT_EQ(value, "");
 }
 
@@ -124,7 +120,7 @@ TEST_F(controller, TakesTheMasterOutOfItsQuotes) {
     const auto master = [&](const std::string& body) {
         fake_.answer("node?get_master", body);
         std::string uuid = "before";
-        EXPECT_EQ(number(controller_get_master_uuid(&uuid, 5)), 0);
+        EXPECT_EQ(number_of(controller_get_master_uuid(&uuid, 5)), 0);
         return uuid;
     };
     EXPECT_EQ(master("\"abc\""), "abc");
@@ -161,7 +157,7 @@ TEST_F(controller, EndsAWaitThatIsInterrupted) {
         connection.wait_until_gone();
     });
     std::string gen_id;
-    EXPECT_EQ(number(controller_fs_sync_wait("dsfs", "0-0", 0, &interrupt, &gen_id)), curl_aborted);
+    EXPECT_EQ(number_of(controller_fs_sync_wait("dsfs", "0-0", 0, &interrupt, &gen_id)), curl_aborted);
 }
 
 // A controller that takes requests and never answers, and one that still does. The end is for the whole process, so it
@@ -172,7 +168,7 @@ TEST_F(controller, ThatNeverAnswersDoesNotHoldUpTheEndOfTheProcess) {
     fake_.answer("vhost?vm_uuid=u", R"([{"uuid":"first"}])");
     const auto outcome = [] {
         ks_hypervisor_config_t hvc;
-        return number(controller_get_hypervisor(&hvc, "h"));
+        return number_of(controller_get_hypervisor(&hvc, "h"));
     };
     const auto end = [&] {
         _controller_raw_shutdown_limit = 1;
@@ -181,17 +177,17 @@ TEST_F(controller, ThatNeverAnswersDoesNotHoldUpTheEndOfTheProcess) {
         poll(nullptr, 0, 500);  // it is under way
         controller_raw_begin_shutdown();
         std::unique_ptr<ks_vm_config_t> vm;
-        if (number(controller_get_vm(&vm, "u")) != 0)
+        if (number_of(controller_get_vm(&vm, "u")) != 0)
             return 1;
         if (outcome() != 28)
             return 2;
         request.join();
-        if (early != 42 || number(controller_get_vm(&vm, "u")) != 0)
+        if (early != 42 || number_of(controller_get_vm(&vm, "u")) != 0)
             return 3;
         for (int i = 0; i < 3; i++)
             if (outcome() != 28)
                 return 4;
-        return outcome() == 42 && number(controller_get_vm(&vm, "u")) == 42 ? 0 : 5;
+        return outcome() == 42 && number_of(controller_get_vm(&vm, "u")) == 42 ? 0 : 5;
     };
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(exit(end()), testing::ExitedWithCode(0), "");
@@ -201,28 +197,11 @@ TEST_F(controller, RefusesAUrlThatIsTooLong) {
     const std::string fits(1023 - controller_get_url().size() - std::string("/api/vhost?vm_uuid=").size(), 'u');
     fake_.answer("vhost?vm_uuid=" + fits, "[]");
     std::unique_ptr<ks_vm_config_t> vm;
-    EXPECT_EQ(number(controller_get_vm(&vm, fits)), 0);
+    EXPECT_EQ(number_of(controller_get_vm(&vm, fits)), 0);
     const errdesc_t* e = controller_get_vm(&vm, fits + "u");
-    EXPECT_EQ(number(e), ENAMETOOLONG);
+    EXPECT_EQ(number_of(e), ENAMETOOLONG);
     EXPECT_THAT(e->string, HasSubstr("URL refused, longer than 1023 characters: http://localhost:"));
     EXPECT_EQ(targets().size(), 1U);
-}
-
-TEST_F(controller, PostsJson) {
-    fake_.answer("event", "reply");
-    const json_ptr body(json_object_new_object());
-    json_add_string_field(body.get(), "uuid", "1");
-    std::string got;
-    const auto callback = [&](const std::string& reply) {
-        got = reply;
-        return errdesc_set(ERR_UNMATCHED);
-    };
-    EXPECT_EQ(number(controller_raw_do_post_json(controller_get_url() + "/", "event", body.get(), callback)),
-              ERR_UNMATCHED);
-    EXPECT_EQ(got, "reply");
-    EXPECT_EQ(number(controller_post_json("event", body.get())), 0);
-    EXPECT_THAT(targets(), ElementsAre("POST /api/event", "POST /api/event"));
-    EXPECT_EQ(number(controller_post_json("gone", body.get())), EAGAIN);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <limits>
 
 #include "controller/lib/json_records.h"
+#include "tests/lib/error_number.h"
 
 namespace mirador {
 namespace {
@@ -29,35 +30,20 @@ ks_vdisk_t disk_of(const std::string& members) {
     return list_pop(list).value_or(ks_vdisk_t());
 }
 
+// The members that no test of the inventory sends.
 TEST(json_parse_vm, TakesEachFieldFromItsMember) {
     const ks_vm_config_t vm =
-        vm_of(R"({"hv_hostname":"h","name":"n","uuid":"u","folder":"f","snap_suffix":"ss","vmx_path":"a.b/x.vmtx",)"
-              R"("snapshot_directory":"sd","datastore_name":"dn","datastore_path":"dp","datastore_uuid":"du",)"
-              R"("datacenter":"dc","vm_folder":"vf","host_system":"hs","resource_pool":"rp","last_discover_time":1,)"
-              R"("controller_export_enabled":0,"export_enabled":0,"discover_enabled":2,"alerts_enabled":0,)"
-              R"("quiesce_enabled":"1","use_cbt":1,"cbt_reset_pending":1,"cbt_reset_time":2,"cbt_reset_time_prev":3,)"
-              R"("snap_exists":4,"error":"e"})");
-    EXPECT_EQ(vm.hv_hostname, "h");
-    EXPECT_EQ(vm.vm_name, "n");
-    EXPECT_EQ(vm.uuid, "u");
-    EXPECT_EQ(vm.fldr_name, "f");
-    EXPECT_EQ(vm.snap_suffix, "ss");
-    EXPECT_EQ(vm.vmx_path, "a.b/x.vmtx");
+        vm_of(R"({"snapshot_directory":"sd","datastore_path":"dp","datastore_uuid":"du","datacenter":"dc",)"
+              R"("vm_folder":"vf","vmx_path":"a.b/x.vmtx","controller_export_enabled":0,"export_enabled":0,)"
+              R"("discover_enabled":2,"alerts_enabled":0,"quiesce_enabled":"1","error":"e"})");
     EXPECT_EQ(vm.snapshot_directory, "sd");
-    EXPECT_EQ(vm.datastore_name, "dn");
     EXPECT_EQ(vm.datastore_path, "dp");
     EXPECT_EQ(vm.datastore_uuid, "du");
     EXPECT_EQ(vm.datacenter, "dc");
     EXPECT_EQ(vm.vm_folder, "vf");
-    EXPECT_EQ(vm.host_system, "hs");
-    EXPECT_EQ(vm.resource_pool, "rp");
-    EXPECT_EQ(vm.last_discover_time, 1U);
     EXPECT_TRUE(vm.is_template);
     EXPECT_FALSE(vm.controller_export_enabled || vm.export_enabled || vm.alerts_enabled);
-    EXPECT_TRUE(vm.discover_enabled && vm.quiesce_enabled && vm.use_cbt && vm.cbt_reset_pending);
-    EXPECT_EQ(vm.cbt_reset_time, 2U);
-    EXPECT_EQ(vm.cbt_reset_time_prev, 3U);
-    EXPECT_EQ(vm.snap_exists, 4);
+    EXPECT_TRUE(vm.discover_enabled && vm.quiesce_enabled);
     EXPECT_EQ(vm.error, "e");
 }
 
@@ -68,8 +54,6 @@ TEST(json_parse_vm, GivesWhatWasNotSentItsDefault) {
         EXPECT_EQ(vm.last_discover_time, 0xffffffffU);
         EXPECT_TRUE(vm.controller_export_enabled && vm.export_enabled && vm.discover_enabled && vm.alerts_enabled);
         EXPECT_FALSE(vm.is_template || vm.quiesce_enabled || vm.use_cbt || vm.cbt_reset_pending);
-        EXPECT_EQ(vm.cbt_reset_time, 0U);
-        EXPECT_EQ(vm.cbt_reset_time_prev, 0U);
         EXPECT_EQ(vm.snap_exists, -1);
     }
     EXPECT_FALSE(vm_of(R"({"use_cbt":2,"cbt_reset_pending":-1})").use_cbt);
@@ -101,26 +85,14 @@ TEST(json_parse_vdisk, ClampsThePercentage) {
 }
 
 TEST(json_parse_vdisk, TakesEachFieldFromItsMember) {
-    const ks_vdisk_t disk = disk_of(
-        R"("vhost_uuid":"u","changeid":"c","changeid_prev":"cp","changeid_incr":"ci","changeid_base":"cb",)"
-        R"("cbt_reset_time_vdisk":9,"flat_file_size":"1099511627776","base_ascii_path":"ba","base_extent_path":"be",)"
-        R"("base_ascii_size":1,"base_extent_size":"2","head_ascii_path":"ha","head_extent_path":"he",)"
-        R"("head_ascii_size":3,"head_extent_size":4,"independent":1,"thin_provisioned":2)");
-    EXPECT_EQ(disk.vhost_uuid, "u");
-    EXPECT_EQ(disk.changeid, "c");
-    EXPECT_EQ(disk.changeid_prev, "cp");
-    EXPECT_EQ(disk.changeid_incr, "ci");
-    EXPECT_EQ(disk.changeid_base, "cb");
-    EXPECT_EQ(disk.cbt_reset_time_vdisk, 9U);
-    EXPECT_EQ(disk.flat_file_size, 1099511627776U);
-    EXPECT_EQ(disk.base_ascii_path, "ba");
-    EXPECT_EQ(disk.base_extent_path, "be");
+    const ks_vdisk_t disk =
+        disk_of(R"("base_ascii_size":1,"base_extent_size":"2","head_ascii_size":3,"head_extent_size":4,)"
+                R"("flat_file_size":"1099511627776","independent":1,"thin_provisioned":2)");
     EXPECT_EQ(disk.base_ascii_size, 1U);
     EXPECT_EQ(disk.base_extent_size, 2U);
-    EXPECT_EQ(disk.head_ascii_path, "ha");
-    EXPECT_EQ(disk.head_extent_path, "he");
     EXPECT_EQ(disk.head_ascii_size, 3U);
     EXPECT_EQ(disk.head_extent_size, 4U);
+    EXPECT_EQ(disk.flat_file_size, 1099511627776U);
     EXPECT_TRUE(disk.independent);
     EXPECT_FALSE(disk.thinprovisioned);
 
@@ -182,14 +154,11 @@ TEST(json_parse, TellsWhatIsNoReply) {
                  {[&] { return json_parse_vdisk(text, true, &disks); }},
              }) {
             const errdesc_t* e = parse();
-            ASSERT_NE(e, nullptr) << text;
-            EXPECT_EQ(e->number, ERR_JSON_PARSE_ERROR);
+            ASSERT_EQ(number_of(e), ERR_JSON_PARSE_ERROR) << text;
             EXPECT_THAT(e->string, StartsWith(reply.error));
         }
     }
     list_t<ks_vm_folder_t> folders;
-    EXPECT_THAT(json_parse_folders("x", &folders)->string, StartsWith("Couldn't parse json_string"));
-    EXPECT_THAT(json_parse_folders("1", &folders)->string, StartsWith("Unknown json_type"));
     EXPECT_EQ(json_parse_folders("", &folders)->number, ERR_INVALID_ARG);
     EXPECT_EQ(json_parse_folders("[]", nullptr)->number, ERR_INVALID_ARG);
     EXPECT_EQ(json_parse_folders("[]", &folders), nullptr);
@@ -210,8 +179,7 @@ TEST(json_parse_registry_value, TellsMissingFromUnknown) {
           {R"({"error_code":0,"result":""})", ERR_JSON_MISSING_FIELD, "Missing result in json string"}}) {
         std::string value = "before";
         const errdesc_t* e = json_parse_registry_value(text, "some.key", &value, 10);
-        ASSERT_NE(e, nullptr) << text;
-        EXPECT_EQ(e->number, number) << text;
+        ASSERT_EQ(number_of(e), number) << text;
         EXPECT_THAT(e->string, StartsWith(error));
         EXPECT_EQ(value, "before");
     }

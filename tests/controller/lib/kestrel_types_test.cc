@@ -4,10 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <functional>
-#include <vector>
-
 #include "controller/lib/json_records.h"
 
 namespace mirador {
@@ -33,39 +29,24 @@ ks_vm_config_t full_vm() {
 
 TEST(ks_vm_config_diff, SeesWhatConcernsTheExport) {
     const ks_vm_config_t vm = full_vm();
-    const std::vector<std::function<void(ks_vm_config_t&)>> changes = {
-        [](ks_vm_config_t& v) { v.hv_hostname = "x"; },
-        [](ks_vm_config_t& v) { v.vm_name = "x"; },
-        [](ks_vm_config_t& v) { v.uuid = "x"; },
-        [](ks_vm_config_t& v) { v.fldr_name = "x"; },
-        [](ks_vm_config_t& v) { v.vmx_path = "x"; },
-        [](ks_vm_config_t& v) { v.datastore_path = "x"; },
-        [](ks_vm_config_t& v) { v.datastore_uuid = "x"; },
-        [](ks_vm_config_t& v) { v.datastore_name = "x"; },
-        [](ks_vm_config_t& v) { v.host_system = "x"; },
-        [](ks_vm_config_t& v) { v.resource_pool = "x"; },
-        [](ks_vm_config_t& v) { v.datacenter = "x"; },
-        [](ks_vm_config_t& v) { v.vm_folder = "x"; },
-        [](ks_vm_config_t& v) { v.error = "x"; },
-        [](ks_vm_config_t& v) { v.snapshot_directory = ""; },
-        [](ks_vm_config_t& v) { v.is_template = true; },
-        [](ks_vm_config_t& v) { v.controller_export_enabled = true; },
-        [](ks_vm_config_t& v) { v.discover_enabled = true; },
-        [](ks_vm_config_t& v) { v.alerts_enabled = true; },
-        [](ks_vm_config_t& v) { v.quiesce_enabled = true; },
-        [](ks_vm_config_t& v) { v.use_cbt = true; },
-        [](ks_vm_config_t& v) { v.cbt_reset_pending = true; },
-        [](ks_vm_config_t& v) { v.cbt_reset_time = 1; },
-        [](ks_vm_config_t& v) { v.cbt_reset_time_prev = 1; },
-        [](ks_vm_config_t& v) { v.last_discover_time = 1; },
-        [](ks_vm_config_t& v) { v.snap_exists = -1; },
-    };
-    for (std::size_t i = 0; i < changes.size(); i++) {
+    const auto expect_seen = [&vm](const auto& change) {
         ks_vm_config_t other = vm;
-        changes[i](other);
-        EXPECT_TRUE(ks_vm_config_diff(&vm, &other)) << i;
-        EXPECT_TRUE(ks_vm_config_diff(&other, &vm)) << i;
-    }
+        change(other);
+        EXPECT_TRUE(ks_vm_config_diff(&vm, &other));
+        EXPECT_TRUE(ks_vm_config_diff(&other, &vm));
+    };
+    using vm_t = ks_vm_config_t;
+    for (const auto text : {&vm_t::hv_hostname, &vm_t::vm_name, &vm_t::uuid, &vm_t::fldr_name, &vm_t::vmx_path,
+                            &vm_t::datastore_path, &vm_t::datastore_uuid, &vm_t::datastore_name, &vm_t::host_system,
+                            &vm_t::resource_pool, &vm_t::datacenter, &vm_t::vm_folder, &vm_t::error})
+        expect_seen([text](vm_t& other) { other.*text = "x"; });
+    for (const auto flag : {&vm_t::is_template, &vm_t::controller_export_enabled, &vm_t::discover_enabled,
+                            &vm_t::alerts_enabled, &vm_t::quiesce_enabled, &vm_t::use_cbt, &vm_t::cbt_reset_pending})
+        expect_seen([flag](vm_t& other) { other.*flag = true; });
+    for (const auto time : {&vm_t::cbt_reset_time, &vm_t::cbt_reset_time_prev, &vm_t::last_discover_time})
+        expect_seen([time](vm_t& other) { other.*time = 1; });
+    expect_seen([](vm_t& other) { other.snapshot_directory = ""; });
+    expect_seen([](vm_t& other) { other.snap_exists = -1; });
 }
 
 TEST(ks_vm_config_diff, PassesOverTheRest) {
