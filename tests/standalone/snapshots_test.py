@@ -74,43 +74,6 @@ class MachineCase(TemporaryCase):
         for path in machine.family().links:
             check_links(machine.chain(path))
 
-
-class Contents(MachineCase):
-    def test_snapshots_come_and_go_in_any_order(self):
-        before, vmx_before = self.files(), pathlib.Path(self.vmx).read_bytes()
-        held = {}
-        for number in range(12):
-            self.run_guest(number, 10)
-            held[f"s{number:02}"] = self.contents()
-            self.create(f"s{number:02}")
-        self.run_guest(99, 10)
-        live = self.contents()
-        self.assertEqual(len({content["scsi0:0"] for content in [*held.values(), live]}), 13)
-        order = list(held)
-        random.Random(7).shuffle(order)
-        for name in order:
-            for other, content in held.items():
-                for node in ("scsi0:0", "scsi0:1"):
-                    self.assertEqual(self.frozen(other)[node], content[node], other)
-            self.check_chains()
-            self.assertEqual(snapshots.remove(self.vmx, name), 1)
-            del held[name]
-            self.assertEqual(sorted(found.name for found in snapshots.list(self.vmx)), sorted(held))
-            self.assertEqual(self.contents(), live)
-        self.assertEqual(self.files(), sorted([*before, "vm.vmsd"]))
-        self.assertEqual(pathlib.Path(self.vmx).read_bytes(), vmx_before)
-
-    def delta(self, home, name, grain):
-        """A delta that the VM has already."""
-        cowd.make_empty(str(home / f"{name}-000001-delta.vmdk"), SECTORS, grain)
-        (home / f"{name}-000001.vmdk").write_bytes(
-            descriptors.delta_text(SECTORS, 0x1234abcd, 0x0a0b0c0d, f"{name}.vmdk", f"{name}-000001-delta.vmdk"))
-
-
-class Interrupted(MachineCase):
-    """A task is killed at each of its steps, the VM goes on writing, and the next task makes good what was left."""
-    sectors = 301
-
     def killed_at(self, step, task):
         """Runs a task in a process that is killed as soon as that many steps are done; whether it came so far."""
         child = os.fork()
@@ -147,6 +110,43 @@ class Interrupted(MachineCase):
             if not was_killed:
                 return step
             step += 1
+
+
+class Contents(MachineCase):
+    def test_snapshots_come_and_go_in_any_order(self):
+        before, vmx_before = self.files(), pathlib.Path(self.vmx).read_bytes()
+        held = {}
+        for number in range(12):
+            self.run_guest(number, 10)
+            held[f"s{number:02}"] = self.contents()
+            self.create(f"s{number:02}")
+        self.run_guest(99, 10)
+        live = self.contents()
+        self.assertEqual(len({content["scsi0:0"] for content in [*held.values(), live]}), 13)
+        order = list(held)
+        random.Random(7).shuffle(order)
+        for name in order:
+            for other, content in held.items():
+                for node in ("scsi0:0", "scsi0:1"):
+                    self.assertEqual(self.frozen(other)[node], content[node], other)
+            self.check_chains()
+            self.assertEqual(snapshots.remove(self.vmx, name), 1)
+            del held[name]
+            self.assertEqual(sorted(found.name for found in snapshots.list(self.vmx)), sorted(held))
+            self.assertEqual(self.contents(), live)
+        self.assertEqual(self.files(), sorted([*before, "vm.vmsd"]))
+        self.assertEqual(pathlib.Path(self.vmx).read_bytes(), vmx_before)
+
+    def delta(self, home, name, grain):
+        """A delta that the VM has already."""
+        cowd.make_empty(str(home / f"{name}-000001-delta.vmdk"), SECTORS, grain)
+        (home / f"{name}-000001.vmdk").write_bytes(
+            descriptors.delta_text(SECTORS, 0x1234abcd, 0x0a0b0c0d, f"{name}.vmdk", f"{name}-000001-delta.vmdk"))
+
+
+class Interrupted(MachineCase):
+    """A task is killed at each of its steps, the VM goes on writing, and the next task makes good what was left."""
+    sectors = 301
 
     def test_create(self):
         for below in ([], [THEIRS]):
