@@ -55,7 +55,6 @@ class Sessions(DaemonCase):
         after = census.take()
         device = device_of(path)
         loop_name = path.with_name(path.stem + ".vmdk-cbt-losetup")
-        self.assertEqual(os.stat(loop_name).st_size, disk.size)
         second, by_loop_name = self.open(path), self.open(loop_name)
         self.assertEqual(census.take(), after)
         self.assertEqual(after.mappings - before.mappings, {os.path.basename(device)})
