@@ -1,12 +1,14 @@
 """What the agent does with files on its hypervisor's datastores.
 
 Nothing is replaced unless that is asked for, a datastore itself is never touched, a directory is only removed or
-replaced when it is empty. A copy gets its name when it is whole. Files of a VM that a snapshot task works on stay as
-they are: the call is refused as the task of another.
+replaced when it is empty. A copy gets its name when it is whole; what an agent leaves that dies before, the next copy
+into that directory removes. Files of a VM that a snapshot task works on stay as they are: the call is refused as the
+task of another.
 """
 
 import contextlib
 import errno
+import fcntl
 import os
 import secrets
 import stat
@@ -104,9 +106,8 @@ class Files:
         status = os.fstat(file)
         with opened(target.parent) as there, told(target):
             _check_target(target, there, status, overwrite)
-            aside = f"{UNFINISHED}{os.getpid()}-{secrets.token_hex(4)}"
-            made = os.open(aside, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC, 0o600,
-                           dir_fd=there)
+            _remove_left_copies(there)
+            aside, made = _begin_copy(there)
             try:
                 _copy_data(source, file, made, status.st_size)
                 _dress(made, status, moves)
@@ -187,6 +188,33 @@ def _check_target(target: StorePath, there: int, source: os.stat_result, overwri
             raise OSError(errno.EEXIST, os.strerror(errno.EEXIST))
         if stat.S_ISDIR(status.st_mode) and not stat.S_ISDIR(source.st_mode):
             raise OSError(errno.EISDIR, os.strerror(errno.EISDIR))
+
+
+def _begin_copy(directory: int) -> tuple[str, int]:
+    """Name and descriptor of a new file. Its lock, where there are locks, tells that somebody works on it."""
+    while True:
+        name = f"{UNFINISHED}{os.getpid()}-{secrets.token_hex(4)}"
+        made = os.open(name, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC, 0o600,
+                       dir_fd=directory)
+        with contextlib.suppress(OSError):
+            fcntl.flock(made, fcntl.LOCK_EX)
+        if os.fstat(made).st_nlink > 0:
+            return name, made
+        os.close(made)  # somebody has taken it for one that was left
+
+
+def _remove_left_copies(directory: int) -> None:
+    for name in filter(lambda name: name.startswith(UNFINISHED), os.listdir(directory)):
+        with contextlib.suppress(OSError):
+            if not stat.S_ISREG(os.stat(name, dir_fd=directory, follow_symlinks=False).st_mode):
+                continue
+            left = os.open(name, os.O_WRONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_NOCTTY | os.O_CLOEXEC,
+                           dir_fd=directory)
+            try:
+                fcntl.flock(left, fcntl.LOCK_EX | fcntl.LOCK_NB)
+                os.unlink(name, dir_fd=directory)
+            finally:
+                os.close(left)
 
 
 def _copy_data(source: StorePath, file: int, made: int, size: int) -> None:
