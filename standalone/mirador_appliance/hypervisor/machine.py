@@ -128,11 +128,6 @@ class Machine:
         candidates = [self.locate(name, directory) for directory in self._directories]
         return next((path for path in candidates if os.path.isfile(path)), candidates[-1])
 
-    def name_of(self, path: str) -> str:
-        """What configuration and database call a disk."""
-        name = os.path.basename(path)
-        return name if self.find(name) == path else self._names.hypervisor_path(path)
-
     def hint_to(self, path: str, child: str) -> str:
         """What the descriptor `child` calls its parent `path`."""
         if os.path.dirname(path) == os.path.dirname(child):
