@@ -47,13 +47,8 @@ class Ends(LoadCase):
         """Files stay mapped here until the daemon ends."""
 
     def start(self, **points):
-        if self.daemon.is_running() and points:
-            self.end()
-        if not self.daemon.is_running():
-            self.daemon.environment["MIRADOR_FAULT_POINTS"] = ",".join(f"{name}={act}" for name, act in points.items())
-            self.daemon.start()
+        super().start(**points)
         for vm in self.vms.values():
-            self.wait_exported(vm)
             for disk in DISKS:
                 wait_until(self.changed(vm, disk).exists, f"{vm.name}, {disk}: its changes are exported", BOUND)
 

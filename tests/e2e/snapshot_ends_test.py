@@ -120,16 +120,6 @@ class Ends(SnapshotCase):
             self.wait_told(vm, None)
         self.assertEqual(self.end(), {})
 
-    def start(self, **points: str):
-        """Starts the daemon if it does not run, or with fault points in any case."""
-        if self.daemon.is_running() and points:
-            self.daemon.stop()
-        if not self.daemon.is_running():
-            self.daemon.environment["MIRADOR_FAULT_POINTS"] = ",".join(f"{name}={act}" for name, act in points.items())
-            self.daemon.start()
-        for vm in self.vms.values():
-            self.wait_exported(vm)
-
     def end(self):
         """Ends the daemon in order. Its snapshots that are left: those it has ordered to go go within moments."""
         self.daemon.stop()
