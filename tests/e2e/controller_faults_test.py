@@ -148,18 +148,6 @@ class ControllerFaults(InventoryCase):
         self.wait_alert("datastore", self.a.name, None)
         self.wait_tree(vms)
 
-    # The daemon's own end
-
-    def test_ends_in_a_cycle(self):
-        self.appliance.set_faults({"object": "vhost", "hang": 60})
-        start = self.appliance.count()
-        self.bump()
-        self.wait_request(start, "hvconfig")
-        self.daemon.stop()
-        self.assertFalse(SHADOW.exists())
-        self.appliance.set_faults()
-        self.daemon.start()
-
 
 if __name__ == "__main__":
     place.main()

@@ -87,7 +87,6 @@ class Fileops(unittest.TestCase):
         self.assertEqual((self.other.directory / "copy").read_bytes(), data)
         self.does("cp", "--force", self.store.link(self.vm.vmx), f"{b} copy")
         self.assertEqual((self.other.directory / "copy").read_bytes(), self.vm.vmx.read_bytes())
-        self.refuses("Invalid cross-device link", "mv", f"{a} two", f"{b} two")
         for path in (f"{b} copy", f"{a} two", f"{a} one"):
             self.does("rm", path)
         self.assertEqual(os.listdir(self.other.directory), [])
@@ -98,9 +97,8 @@ class Fileops(unittest.TestCase):
         before = self.vm.flat().read_bytes()
         for words, text in (
                 (("cp", f"{a} out/precious", f"{a} stolen"), "symbolic link"),
-                (("rm", f"{a} web"), "Directory not empty"), (("cp", vmx, f"{a} web/disk-flat.vmdk"), "File exists"),
+                (("cp", vmx, f"{a} web/disk-flat.vmdk"), "File exists"),
                 (("rm", str(self.outside / "precious")), "on no datastore"),
-                (("rm", "--datacenter", "ha-datacenter", str(self.outside / "precious")), "no path on a datastore"),
                 (("ls", f"[{self.foreign.name}]"), "on no datastore"),
                 (("ls", "--datacenter", "elsewhere", a), "there is no datacenter")):
             self.refuses(text, *words)
@@ -128,12 +126,6 @@ class Fileops(unittest.TestCase):
                     self.assertNotIn(password.encode(), pathlib.Path(f"/proc/{pid}/{name}").read_bytes())
             asking.terminate()
             asking.wait(timeout=30)
-
-    def test_output_that_cannot_be_written(self):
-        with open("/dev/full", "w") as full:
-            done = subprocess.run([program("mirador-fileops"), HOST, "df"], stdin=subprocess.DEVNULL, stdout=full,
-                                  stderr=subprocess.PIPE, text=True, check=False, timeout=60)
-        self.assertEqual((done.returncode, done.stderr), (1, "mirador-fileops: standard output: Input/output error\n"))
 
     def test_without_a_controller(self):
         self.appliance.stop()
