@@ -70,7 +70,7 @@ class Backups(SnapshotCase):
             self.assertEqual(self.look(vm), before)
 
     def look(self, vm):
-        """What a backup must leave as it is: snapshots, the lock, and files but for the one that tells that the VM runs."""
+        """What a backup must leave as it is: snapshots, lock, and files but for the one that tells that the VM runs."""
         found = [{**snapshot, "age": 0} for snapshot in self.appliance.snapshots(vm.uuid)]
         files = {name: data for name, data in snapshots.files(vm).items() if not name.endswith(".run.lck")}
         return files, found, self.is_locked(vm)

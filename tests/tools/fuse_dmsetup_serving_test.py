@@ -76,8 +76,8 @@ class Serving(unittest.TestCase):
         return f"/dev/mapper/{name}"
 
     def make_patchwork(self, sectors):
-        """Targets of one to 300 sectors over both disks and zeros, often right behind the place before, so that neighbours
-        join; returns the bytes that must come out."""
+        """Targets of one to 300 sectors over both disks and zeros, often right behind the place before, so that
+        neighbours join; returns the bytes that must come out."""
         chance, lines, expected, start, offset, length = random.Random(7), [], b"", 0, 0, 0
         while start < sectors:
             follows, length = offset + length, min(chance.randint(1, 300), sectors - start)
