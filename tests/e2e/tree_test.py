@@ -176,6 +176,16 @@ class Tree(DaemonCase):
         self.assertIsNone(first_difference(again, restored, skip=range(1024, 1536)))
         self.assertEqual(again.read_bytes()[1024:1028], b"KVDH")
 
+    def test_no_room_for_a_header(self):
+        full = WORK / "full.img"
+        full.write_bytes(self.image.read_bytes())
+        with open(full, "r+b") as file:
+            file.seek(SECTOR)
+            file.write(b"x" * 16 * SECTOR)
+        path = self.daemon.export_disk(base_disk(self.store, "full", full))
+        self.assertIsNone(first_difference(path, full))
+        self.assertIn("info: no free sector available in /full/disk-flat.vmdk", self.daemon.log())
+
 
 if __name__ == "__main__":
     place.main()
