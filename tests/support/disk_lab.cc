@@ -26,27 +26,27 @@ void disk_lab_t::run(const std::string& command) const {
     EXPECT_EQ(status, 0) << command << "\n" << read_file(log);
 }
 
-void disk_lab_t::make_noise(const std::string& name, std::size_t bytes) {
-    std::string noise(bytes, '\0');
+void disk_lab_t::write_noise(const std::string& name, const std::string& format, const pieces_t& pieces) {
+    std::string noise(noise_bytes, '\0');
     std::ranges::generate(noise, [this] { return static_cast<char>(random_()); });
-    write_file(path(name), noise);
+    write_file(path("noise"), noise);
+    std::string command = "qemu-io -t unsafe -f " + format;
+    for (const auto& [start, length] : pieces)
+        command += cor_format(" -c 'write -s noise %ju %ju'", std::uintmax_t{start * sector_bytes},
+                              std::uintmax_t{length * sector_bytes});
+    run(command + " " + name);
 }
 
 void disk_lab_t::make_raw(const std::string& name, std::uint64_t sectors) {
-    make_noise("noise", noise_bytes);
     write_file(path(name), "");
     std::filesystem::resize_file(path(name), sectors * sector_bytes);
-    std::string command = "qemu-io -t unsafe -f raw";
-    const auto add = [&](std::uint64_t start, std::uint64_t length) {
-        command += cor_format(" -c 'write -s noise %ju %ju'", std::uintmax_t{start * sector_bytes},
-                              std::uintmax_t{length * sector_bytes});
-    };
+    pieces_t pieces;
     for (int i = 0; i < raw_pieces; ++i) {
         const std::uint64_t start = random(sectors);
-        add(start, std::min(1 + random(2 * longest_write), sectors - start));
+        pieces.emplace_back(start, std::min(1 + random(2 * longest_write), sectors - start));
     }
-    add(sectors - 1, 1);
-    run(command + " " + name);
+    pieces.emplace_back(sectors - 1, 1);
+    write_noise(name, "raw", pieces);
 }
 
 void disk_lab_t::make_base(const std::string& name, const std::string& subformat, const std::string& raw) const {
@@ -58,21 +58,16 @@ void disk_lab_t::make_delta(const std::string& name, const std::string& subforma
 }
 
 void disk_lab_t::scatter_writes(const std::string& name, std::uint64_t sectors, int count, const std::string& format) {
-    make_noise("noise", noise_bytes);
-    std::string command = "qemu-io -t unsafe -f " + format;
-    const auto add = [&](std::uint64_t start, std::uint64_t length) {
-        command += cor_format(" -c 'write -s noise %ju %ju'", std::uintmax_t{start * sector_bytes},
-                              std::uintmax_t{length * sector_bytes});
-    };
+    pieces_t pieces;
     for (int i = 0; i < count; ++i) {
         const std::uint64_t start = random(sectors);
         const std::uint64_t length = std::min(1 + random(longest_write), sectors - start);
-        add(start, length);
+        pieces.emplace_back(start, length);
         if (random(2) == 0 && start + length < sectors)
-            add(start + length, std::min<std::uint64_t>(1 + random(longest_write), sectors - start - length));
+            pieces.emplace_back(start + length, std::min(1 + random(longest_write), sectors - start - length));
     }
-    add(sectors - 1, 1);
-    run(command + " " + name);
+    pieces.emplace_back(sectors - 1, 1);
+    write_noise(name, format, pieces);
 }
 
 void disk_lab_t::to_raw(const std::string& name, const std::string& raw) const {

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <random>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "tests/lib/temp_dir.h"
 
@@ -43,7 +45,9 @@ class disk_lab_t {
     }
 
   private:
-    void make_noise(const std::string& name, std::size_t bytes);
+    using pieces_t = std::vector<std::pair<std::uint64_t, std::uint64_t>>;  // start and length, in sectors
+
+    void write_noise(const std::string& name, const std::string& format, const pieces_t& pieces);
 
     temp_dir_t dir_;
     std::mt19937_64 random_;

@@ -11,6 +11,7 @@
 #include <set>
 #include <thread>
 
+#include "tests/lib/error_number.h"
 #include "tests/lib/temp_dir.h"
 #include "tests/support/record_bytes.h"
 
@@ -19,15 +20,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::EndsWith;
-using testing::HasSubstr;
 using testing::StartsWith;
 
 constexpr std::uint64_t ours = 7;
 constexpr std::uint64_t theirs = 8;
-
-errnum_t number_of(const errdesc_t* e) {
-    return e == nullptr ? 0 : e->number;
-}
 
 class cor_namespace_test : public testing::Test {
   protected:
@@ -169,51 +165,6 @@ TEST_F(cor_namespace_test, PruningRemovesWhatAnUpdateDidNotRefresh) {
     write_file(root + "/d/garbage", "");
     EXPECT_EQ(number_of(cns_prune(ns.get(), "/", ours, 5, true)), 126);
     EXPECT_EQ(number_of(cns_prune(ns.get(), "/missing", ours, 5, true)), ENOENT);
-}
-
-TEST_F(cor_namespace_test, FailedWritesLeaveTheOldHeader) {
-    create("/f", ours, 1, 7 * block);
-    fs::create_directory(root + "/blocked");
-    const errdesc_t* e = cns_create_node(ns.get(), "/blocked", {.permissions = 0644});
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, EISDIR);
-    EXPECT_THAT(std::string(e->string), StartsWith("rename " + root + "/blocked.tmp"));
-    EXPECT_THAT(std::string(e->string), EndsWith(" to " + root + "/blocked failed"));
-    e = cns_create_node(ns.get(), "/missing/f", {.permissions = 0644});
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(std::string(e->string), root + "/missing/f.tmpXXXXXX: No such file or directory");
-    EXPECT_EQ(number_of(cns_create_node(ns.get(), "/" + std::string(255, 'n'), {})), ENAMETOOLONG);
-    EXPECT_EQ(list("/"), (std::set<std::string>{".", "..", "f", "blocked"}));
-    EXPECT_GE(used(), recount());
-    ASSERT_EQ(cns_unlink(ns.get(), "/f"), nullptr);
-}
-
-TEST_F(cor_namespace_test, ChecksTurnDownEveryKindOfGarbage) {
-    create("/f", ours, 1, block);
-    const std::string good = read_file(root + "/f");
-    struct {
-        std::size_t offset;
-        std::size_t width;
-        std::uint64_t value;
-        const char* fault;
-    } const cases[] = {
-        {0, 4, 1, "wrong magic"},
-        {8, 4, 1, "wrong magic"},
-        {4, 4, 0, "unknown version"},
-        {12, 4, 2, "unknown version"},
-        {20, 4, 3953, "application header of 3953 bytes"},
-        {84, 8, ~0ULL, "negative size -1"},
-        {96, 8, 1000, "1000 blocks"},
-    };
-    EXPECT_EQ(cns_check_header(record_bytes_t(4096).text(0, good).as<cns_stub_header_t>(), "f"), nullptr);
-    for (const auto& c : cases) {
-        const record_bytes_t bytes = record_bytes_t(4096).text(0, good).number(c.offset, c.width, c.value);
-        const errdesc_t* e = cns_check_header(bytes.as<cns_stub_header_t>(), "f");
-        ASSERT_NE(e, nullptr) << c.fault;
-        EXPECT_EQ(e->number, EINVAL);
-        EXPECT_THAT(std::string(e->string), StartsWith("Node header refused, "));
-        EXPECT_THAT(std::string(e->string), HasSubstr(c.fault));
-    }
 }
 
 TEST_F(cor_namespace_test, UsersOfOneNodeMeetWholeHeadersAndARightCount) {

@@ -55,17 +55,6 @@ TEST(vdsk_header_build, RecordHasTheLayout) {
     EXPECT_EQ(bytes_of(*vdsk_header_build(input())), golden_bytes().bytes());
 }
 
-TEST(vdsk_header_build, ChangeIdNeedsTracking) {
-    vdsk_header_input_t in = input();
-    in.change_tracking = false;
-    in.thin_provisioned = false;
-    in.extent_count = 1;
-    const auto h = vdsk_header_build(in);
-    EXPECT_EQ(h->attributes, COR_VDSK_PERSISTENT);
-    EXPECT_EQ(h->change_id, cor_uuid_t{});
-    EXPECT_EQ(cor_vdsk_change_suffix(*h), 0U);
-}
-
 TEST(vdsk_header_build, PathGivesDatastoreAndDirectory) {
     const char* const id = "4f5e6d7c-8b9a-0b1c-2d3e-001122334455";
     const char* const none = "00000000-0000-0000-0000-000000000000";

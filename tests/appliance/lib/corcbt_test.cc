@@ -27,29 +27,6 @@ record_bytes_t corcbt_bytes() {
     return bytes;
 }
 
-TEST(corcbt, CompanionsStandBesideTheirDisk) {
-    struct {
-        const char* flat;
-        const char* corcbt;  // null: there can be none
-    } const cases[] = {
-        {"/s/esx1/vm/web-flat.vmdk", "/s/esx1/vm/web-corcbt.vmdk"},
-        {"/s/esx1/vm/web(1)-rdm.vmdk", "/s/esx1/vm/web(1)-corcbt.vmdk"},
-        {"/s/x-flat.vmdk/a-flat-flat.vmdk", "/s/x-flat.vmdk/a-flat-corcbt.vmdk"},
-        {"/s/x-flat.vmdk/web.vmdk", nullptr},
-        {"/s/esx1/vm/web-flat.vmdk.bak", nullptr},
-        {"", nullptr},
-    };
-    for (const auto& c : cases) {
-        std::string path;
-        const errdesc_t* e = flat_to_corcbt(c.flat, &path);
-        ASSERT_EQ(e == nullptr, c.corcbt != nullptr) << c.flat;
-        if (e == nullptr)
-            EXPECT_EQ(path, c.corcbt);
-        else
-            EXPECT_EQ(e->number, ERR_INVALID_ARG);
-    }
-}
-
 TEST(corcbt, ExtentsThatCannotBeMappedAreRefused) {
     constexpr std::int64_t disk = 1 << 20;
     constexpr std::int64_t far = INT64_MAX / 512 * 512;

@@ -20,6 +20,7 @@
 #include "appliance/lib/registry.h"
 #include "lib/clock.h"
 #include "lib/tool_paths.h"
+#include "tests/lib/error_number.h"
 #include "tests/lib/temp_dir.h"
 #include "tests/support/inuse_model.h"
 
@@ -174,8 +175,7 @@ TEST_F(cordev_io, FreeSectorsCostNoReadOfTheDeviceAndFailuresComeFromTheOthers) 
     std::size_t read = 1;
     std::size_t skipped = 1;
     const errdesc_t* e = optimize_byte_read(*pdev, buf.data(), buf.size(), 8 * sector, &read, &skipped);
-    ASSERT_NE(e, nullptr) << "a device that ends too early";
-    EXPECT_EQ(e->number, EIO);
+    ASSERT_EQ(number_of(e), EIO) << "a device that ends too early";
     EXPECT_THAT(e->string, HasSubstr(dir_ / "extent"));
     EXPECT_EQ(read + skipped, 0U);
 
@@ -192,8 +192,7 @@ TEST_F(cordev_io, BitmapThatCannotBeReadFailsTheRead) {
     std::size_t read = 1;
     std::size_t skipped = 1;
     const errdesc_t* e = optimize_byte_read(*pdev, buf.data(), buf.size(), 8 * sector, &read, &skipped);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, EIO);
+    ASSERT_EQ(number_of(e), EIO);
     EXPECT_STREQ(e->string,
                  "optimize_byte_read : pread size 7 bytes, start 1, inuse_bitmap of /mapping returned 4 nbytes "
                  "(errno = 0)\n");

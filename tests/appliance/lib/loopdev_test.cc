@@ -16,6 +16,7 @@
 #include "lib/cor_string.h"
 #include "lib/file_io.h"
 #include "lib/tool_paths.h"
+#include "tests/lib/error_number.h"
 #include "tests/lib/in_child.h"
 #include "tests/lib/temp_dir.h"
 #include "tests/support/loop_guard.h"
@@ -114,8 +115,7 @@ TEST_F(loopdev, RacersGetADeviceEach) {
 TEST_F(loopdev, Failures) {
     std::string device = "unchanged";
     errdesc_t* e = vdsk_assign_next_loop_dev(dir_ / "missing", true, 1, &device);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, ENOENT);
+    ASSERT_EQ(number_of(e), ENOENT);
     EXPECT_THAT(e->string, StartsWith(dir_ / "missing"));
 
     // Descriptors run out: no device may be left behind.
@@ -124,7 +124,7 @@ TEST_F(loopdev, Failures) {
         while (open("/dev/null", O_RDONLY) >= 0)
             continue;
         e = vdsk_assign_next_loop_dev_fd(fd.get(), file_, true, 1, &device);
-        return e == nullptr ? 0 : e->number;
+        return number_of(e);
     });
     EXPECT_EQ(status, EMFILE);
     EXPECT_EQ(device, "unchanged");
@@ -133,9 +133,7 @@ TEST_F(loopdev, Failures) {
     tool_paths().loop_prefix = dir_ / "node";
     for (int i = 0; i < 256; ++i)
         write_file(cor_format("%s%d", (dir_ / "node").c_str(), i), "");
-    e = vdsk_assign_next_loop_dev(file_, true, 1, &device);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, ENOTTY);
+    EXPECT_EQ(number_of(vdsk_assign_next_loop_dev(file_, true, 1, &device)), ENOTTY);
     EXPECT_EQ(device, "unchanged");
 }
 

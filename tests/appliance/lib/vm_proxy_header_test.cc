@@ -11,6 +11,7 @@
 #include <limits>
 
 #include "lib/file_io.h"
+#include "tests/lib/error_number.h"
 #include "tests/lib/temp_dir.h"
 #include "tests/support/record_bytes.h"
 
@@ -66,10 +67,6 @@ vm_proxy_header_t golden_header() {
     return h;
 }
 
-TEST(statb, StatusComesBackFromTheRecord) {
-    EXPECT_EQ(bytes_of(cor_statb_to_stat(cor_statb_from_stat(golden_stat()))), bytes_of(golden_stat()));
-}
-
 TEST(statb, ValuesBeyondTheRecordBecomeTheNearest) {
     struct stat st = {};
     st.st_nlink = 1ULL << 40;
@@ -87,9 +84,6 @@ TEST(vm_proxy_header, FilesHoldTheLayout) {
     ASSERT_EQ(vm_proxy_write_header(golden_header(), path), nullptr);
     EXPECT_EQ(read_file(path), golden_bytes().bytes());
 
-    std::unique_ptr<vm_proxy_header_t> read;
-    ASSERT_EQ(vm_proxy_read_header(path, &read), nullptr);
-    EXPECT_EQ(bytes_of(*read), golden_bytes().bytes());
     std::unique_ptr<vm_proxy_header_t> checked;
     ASSERT_EQ(vm_proxy_read_header_checked(path, &checked), nullptr);
     EXPECT_EQ(bytes_of(*checked), golden_bytes().bytes());
@@ -117,19 +111,12 @@ TEST(vm_proxy_header, FailedWritesLeaveNothingBeside) {
     const std::string blocked = dir / "directory";
     std::filesystem::create_directory(blocked);
     const errdesc_t* e = vm_proxy_write_header(golden_header(), blocked);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, EISDIR);
+    ASSERT_EQ(number_of(e), EISDIR);
     EXPECT_EQ(std::string(e->string), "rename " + blocked + ".tmp to " + blocked + " failed");
     EXPECT_FALSE(std::filesystem::exists(blocked + ".tmp"));
 
-    e = vm_proxy_write_header(golden_header(), dir / "absent/disk");
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, ENOENT);
-
     std::filesystem::create_symlink("/dev/full", dir / "disk.tmp");
-    e = vm_proxy_write_header(golden_header(), dir / "disk");
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, ELOOP);
+    EXPECT_EQ(number_of(vm_proxy_write_header(golden_header(), dir / "disk")), ELOOP);
     EXPECT_FALSE(std::filesystem::is_symlink(dir / "disk.tmp"));
     EXPECT_FALSE(std::filesystem::exists(dir / "disk"));
 }
@@ -138,7 +125,6 @@ TEST(vm_proxy_header, UnreadableFilesAreErrors) {
     const temp_dir_t dir;
     const std::string fifo = dir / "fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const std::string missing = dir / "missing";
     const std::string folder = dir / "";
     const std::string shorter = write_file(dir / "short", golden_bytes().bytes().substr(0, 959));
     struct {
@@ -146,7 +132,6 @@ TEST(vm_proxy_header, UnreadableFilesAreErrors) {
         errnum_t number;
         std::string text;
     } const cases[] = {
-        {missing, ENOENT, missing + ": No such file or directory"},
         {folder, EISDIR, "vm_read_proxy_header(" + folder + "): read error Is a directory"},
         {fifo, ESPIPE, "vm_read_proxy_header(" + fifo + "): read error Illegal seek"},
         {shorter, 126, "vm_read_proxy_header(" + shorter + "): short read 959"},
@@ -154,8 +139,7 @@ TEST(vm_proxy_header, UnreadableFilesAreErrors) {
     for (const auto& c : cases) {
         std::unique_ptr<vm_proxy_header_t> out;
         const errdesc_t* e = vm_proxy_read_header(c.path, &out);
-        ASSERT_NE(e, nullptr) << c.path;
-        EXPECT_EQ(e->number, c.number);
+        ASSERT_EQ(number_of(e), c.number) << c.path;
         EXPECT_EQ(e->string, c.text);
         EXPECT_EQ(out, nullptr);
     }
@@ -180,8 +164,7 @@ TEST(vm_proxy_header, GarbageIsTurnedDownWithFileAndFault) {
         const std::string path = write_file(dir / "header", c.bytes.bytes());
         std::unique_ptr<vm_proxy_header_t> out;
         const errdesc_t* e = vm_proxy_read_header_checked(path, &out);
-        ASSERT_NE(e, nullptr) << c.fault;
-        EXPECT_EQ(e->number, EINVAL);
+        ASSERT_EQ(number_of(e), EINVAL) << c.fault;
         EXPECT_THAT(std::string(e->string), StartsWith("Proxy header refused, "));
         EXPECT_THAT(std::string(e->string), EndsWith(": " + path));
         EXPECT_THAT(std::string(e->string), HasSubstr(c.fault));

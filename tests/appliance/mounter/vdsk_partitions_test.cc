@@ -14,6 +14,7 @@
 #include "appliance/mounter/lvm_label.h"
 #include "lib/cor_string.h"
 #include "lib/file_io.h"
+#include "tests/lib/error_number.h"
 #include "tests/support/disk_lab.h"
 #include "tests/support/loop_guard.h"
 #include "tests/support/sparse_writer.h"
@@ -66,9 +67,7 @@ TEST_F(vdsk_partitions, NoneWithoutAKnownTable) {
     EXPECT_THAT(partitions_of(write_file(lab_.path("tiny"), "x")), IsEmpty());
     EXPECT_THAT(partitions_of(write_file(lab_.path("nothing"), "")), IsEmpty());
     std::vector<vdsk_partition_t> partitions;
-    const errdesc_t* e = vdsk_get_partitions(lab_.path("missing"), &partitions);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, ENOENT);
+    EXPECT_EQ(number_of(vdsk_get_partitions(lab_.path("missing"), &partitions)), ENOENT);
     EXPECT_EQ(vdsk_get_partitions("/", &partitions)->number, EISDIR);
 }
 

@@ -17,6 +17,7 @@
 #include "appliance/mounter/vmdkmount.h"
 #include "lib/clock.h"
 #include "lib/tool_paths.h"
+#include "tests/lib/error_number.h"
 #include "tests/lib/in_child.h"
 #include "tests/support/disk_lab.h"
 #include "tests/support/dm_table.h"
@@ -36,14 +37,13 @@ using testing::StartsWith;
 constexpr std::uint64_t sectors = 70000;
 constexpr unsigned clock_factor = 50;  // each run of a tool costs up to a second of waiting
 
-// Appends its arguments to "calls", copies a table that it is to load to "table" and, if it is one of several, to one
-// with the last part of the device's name behind it; fails where a file says so, with such an ending or without.
+// Appends its arguments to "calls" and copies a table that it is to load to "table"; fails where a file says so, for
+// all devices or, of those that are joined, for the one with the ending given.
 constexpr const char* fake_dmsetup =
     "echo \"$@\" >> \"$(dirname $0)/calls\"\n"
     "part=${2##*-}; [ $part != ${2#vdsk-*-*-*-} ] && part=joining\n"
     "[ -e \"$(dirname $0)/fail-$1\" ] || [ -e \"$(dirname $0)/fail-$1-$part\" ] && exit 5\n"
-    "[ $1 != create ] || { cp $3 $(dirname $0)/table; cp $3 $(dirname $0)/table-$part; }\n"
-    "[ $1 != create ] || stat -c %a $3 > $(dirname $0)/mode\n";
+    "[ $1 != create ] || { cp $3 $(dirname $0)/table; stat -c %a $3 > $(dirname $0)/mode; }\n";
 
 std::size_t open_descriptors() {
     return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
@@ -87,14 +87,6 @@ class vdsk : public testing::Test {
         EXPECT_TRUE(std::filesystem::is_empty(tmp_));
         return e == nullptr ? std::pair<errnum_t, std::string>()
                             : std::pair<errnum_t, std::string>(e->number, e->string);
-    }
-
-    // The table that dmsetup was given, parsed.
-    std::vector<dm_line_t> loaded_table(const std::string& name) {
-        std::vector<dm_line_t> table;
-        std::string fault;
-        EXPECT_TRUE(parse_dm_table(read_file(lab_.path(name)), &table, &fault)) << fault;
-        return table;
     }
 
     fast_clock_t clock_{clock_factor};
@@ -179,48 +171,13 @@ struct few_lines_t {
     const std::uint64_t usual = vdsk_mapping_lines;
 };
 
-TEST_F(vdsk, TableTooLongForOneDeviceIsJoinedFromSeveral) {
-    std::unique_ptr<vdskdesc_t> disk;
-    ASSERT_EQ(vdsk_setup(lab_.path("head.vmdk"), &disk), nullptr);
-    const std::vector<dm_line_t> whole = loaded_table("table");
-    disk.reset();
-
-    const few_lines_t few(3);
-    ASSERT_GT(whole.size(), 2 * vdsk_mapping_lines);
-    ASSERT_EQ(vdsk_setup(lab_.path("head.vmdk"), &disk), nullptr);
-    EXPECT_EQ(disk->devicemapper_path, lab_.path("mapper/") + disk->dm_name);
-    ASSERT_EQ(disk->dm_pieces.size(), (whole.size() + 2) / 3);
-    EXPECT_TRUE(std::filesystem::is_empty(tmp_));
-
-    // What the joining lines and the parts say together is the whole table, but for the loop devices' numbers.
-    const std::vector<dm_line_t> joining = loaded_table("table-joining");
-    ASSERT_EQ(joining.size(), disk->dm_pieces.size());
-    std::size_t line = 0;
-    for (std::size_t part = 0; part < joining.size(); ++part) {
-        EXPECT_EQ(joining[part].device, disk->devicemapper_path + "-" + std::to_string(part));
-        EXPECT_EQ(joining[part].offset, 0U);
-        std::uint64_t size = 0;
-        for (const dm_line_t& found : loaded_table("table-" + std::to_string(part))) {
-            ASSERT_LT(line, whole.size());
-            const dm_line_t& wanted = whole[line++];
-            EXPECT_EQ(joining[part].start + found.start, wanted.start);
-            EXPECT_EQ(std::pair(found.length, found.offset), std::pair(wanted.length, wanted.offset));
-            EXPECT_EQ(found.device.empty(), wanted.device.empty());
-            size += found.length;
-        }
-        EXPECT_EQ(joining[part].length, size);
-    }
-    EXPECT_EQ(line, whole.size());
-}
-
 TEST_F(vdsk, JoinedDevicesAreRemovedInReverseWhereverLoadingFails) {
     const few_lines_t few(3);
     for (const std::string part : {"0", "2", "joining", "none"}) {
         write_file(lab_.path("fail-create-" + part), "");
         std::filesystem::remove(lab_.path("calls"));
         std::unique_ptr<vdskdesc_t> disk;
-        errdesc_t* e = vdsk_setup(lab_.path("head.vmdk"), &disk);
-        EXPECT_EQ(e == nullptr ? 0 : e->number, part == "none" ? 0 : 5) << part;
+        EXPECT_EQ(number_of(vdsk_setup(lab_.path("head.vmdk"), &disk)), part == "none" ? 0 : 5) << part;
         disk.reset();
         EXPECT_THAT(loop_guard_t::bound_below(directory_), IsEmpty());
         EXPECT_TRUE(std::filesystem::is_empty(tmp_));
@@ -261,8 +218,7 @@ TEST_F(vdsk, RunningOutOfDescriptors) {
             const rlimit nofile{limit, limit};
             setrlimit(RLIMIT_NOFILE, &nofile);
             std::unique_ptr<vdskdesc_t> disk;
-            errdesc_t* e = vdsk_setup(lab_.path("head.vmdk"), &disk);
-            return e == nullptr ? 0 : e->number;
+            return number_of(vdsk_setup(lab_.path("head.vmdk"), &disk));
         });
         complete = status == 0;
         EXPECT_TRUE(complete || status == EMFILE) << status << " with " << limit;
@@ -278,8 +234,7 @@ TEST_F(vdsk, TableThatCannotBeWrittenFailsTheSetUpOnly) {
         const rlimit nothing{100, 100};
         std::unique_ptr<vdskdesc_t> disk;
         setrlimit(RLIMIT_FSIZE, &nothing);
-        errdesc_t* e = vdsk_setup(lab_.path("head.vmdk"), &disk);
-        return e == nullptr ? 0 : e->number;
+        return number_of(vdsk_setup(lab_.path("head.vmdk"), &disk));
     });
     EXPECT_EQ(status, EFBIG);
     EXPECT_THAT(loop_guard_t::bound_below(directory_), IsEmpty());

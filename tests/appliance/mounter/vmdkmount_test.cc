@@ -206,27 +206,6 @@ class emission : public testing::Test {
     vdsk_stats_t stats_;
 };
 
-TEST_F(emission, TopmostDiskThatHoldsAGrainSuppliesIt) {
-    flat_disk("base");
-    sparse_image_t middle(capacity, grain, entries);
-    sparse_image_t child(capacity, grain, entries);
-    for (const std::uint32_t i : {4U, 5U, 6U})
-        middle.allocate(i);
-    for (const std::uint32_t i : {0U, 1U, 2U, 3U, 5U, 16U})
-        child.allocate(i);
-    const std::uint32_t m = middle.first_grain_sector() + 4;
-    const std::uint32_t c = child.first_grain_sector() + 4;
-    sparse_disk("middle", middle, "base.vmdk");
-    sparse_disk("child", child, "middle.vmdk");
-    EXPECT_THAT(
-        table_of("child"),
-        ElementsAre(line(0, 4 * grain, "child", c), line(4 * grain, grain, "middle", m),
-                    line(5 * grain, grain, "child", c + 4 * grain), line(6 * grain, grain, "middle", m + 2 * grain),
-                    line(7 * grain, grain, "base", 7 * grain), line(8 * grain, 8 * grain, "base", 8 * grain),
-                    line(16 * grain, 5, "child", c + 5 * grain)));
-    EXPECT_EQ(stats_.child_sectors, 5 * grain + 5);
-}
-
 TEST_F(emission, RunsEndWhereGrainsAreNotAdjacentAndAtTheEndOfATable) {
     flat_disk("base");
     sparse_image_t child(capacity, grain, entries);
@@ -240,22 +219,6 @@ TEST_F(emission, RunsEndWhereGrainsAreNotAdjacentAndAtTheEndOfATable) {
         ElementsAre(line(0, 2 * grain, "child", c), line(2 * grain, grain, "child", c + 3 * grain),
                     line(3 * grain, grain, "child", c + 2 * grain), line(4 * grain, 4 * grain, "child", c + 4 * grain),
                     line(8 * grain, 8 * grain, "child", c + 8 * grain), line(16 * grain, 5, "base", 16 * grain)));
-}
-
-TEST_F(emission, GrainsThatNoDiskHoldsAreZeros) {
-    sparse_image_t base(capacity, grain, entries);
-    base.allocate(1);
-    base.directory[1] = 0;
-    sparse_image_t child(capacity, grain, entries);
-    child.allocate(3);
-    sparse_disk("base", base);
-    sparse_disk("child", child, "base.vmdk");
-    const auto hole = [](std::uint64_t start, std::uint64_t length) { return dm_line_t{start, length, "", 0}; };
-    EXPECT_THAT(table_of("child"),
-                ElementsAre(hole(0, grain), line(grain, grain, "base", base.grains[1]), hole(2 * grain, grain),
-                            line(3 * grain, grain, "child", child.grains[3]), hole(4 * grain, 4 * grain),
-                            hole(8 * grain, 8 * grain), hole(16 * grain, 5)));
-    EXPECT_EQ(stats_.zero_sectors, 14 * grain + 5);
 }
 
 TEST_F(emission, FlatExtentsBeginWhereTheirLineSays) {
