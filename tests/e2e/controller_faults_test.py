@@ -51,20 +51,13 @@ class ControllerFaults(InventoryCase):
         self.appliance.command("vm", "a-0", "use_cbt", str(int(on)))
         self.wait_tree({**by_group(HOST_A, [*self.on_a[1:], self.template]), **by_group(HOST_B, self.on_b),
                         f"{HOST_A}/a-0": self.on_a[0].entries(companions=on)})
-        self.assert_template_is_right()
+        self.assertIsNone(first_difference(EXPORT / HOST_A / "template" / "disk-flat.vmdk", self.template.flat()))
         wait_equal(self.open_files, self.open_at_rest, "no file is kept open")
         wait_until(lambda: self.connections() <= AT_REST, "no connection is kept")
-
-    def assert_template_is_right(self):
-        self.wait_tree(by_group(HOST_A, [self.template]))
-        self.assertIsNone(first_difference(EXPORT / HOST_A / "template" / "disk-flat.vmdk", self.template.flat()))
 
     def bump(self, *vms):
         """Has the controller announce a new generation, in which these VMs have changed."""
         self.appliance.command("refresh", *(vms or ["a-1"]))
-
-    def wait_request(self, start, name):
-        wait_until(lambda: self.requests(start, name), f"{name} is asked for")
 
     # Answers
 
@@ -75,7 +68,7 @@ class ControllerFaults(InventoryCase):
                     start = self.appliance.count()
                     self.appliance.set_faults(*({"object": each, **fault} for each in objects))
                     self.bump("b-0", "b-1")
-                    self.wait_request(start, "hvconfig")
+                    wait_until(lambda start=start: self.requests(start, "hvconfig"), "a cycle begins")
                     self.assertTrue(self.daemon.is_running())
 
     def test_one_hypervisor_fails(self):
