@@ -15,6 +15,7 @@
 #include "controller/lib/controller_url.h"
 #include "lib/clock.h"
 #include "lib/error_hash.h"
+#include "tests/lib/error_number.h"
 #include "tests/support/fake_controller.h"
 #include "tests/support/loop_guard.h"
 
@@ -106,10 +107,7 @@ class cbt_open_test : public shadow_fixture_t {
 
     // The posts to an object since the last call.
     std::vector<std::string> posted(const std::string& object) {
-        std::vector<std::string> bodies;
-        for (const http_request_t& request : controller_.received())
-            if (request.method == "POST" && request.target == "/api/" + object)
-                bodies.push_back(request.body);
+        std::vector<std::string> bodies = controller_.posted(object);
         std::size_t& seen = seen_[object];
         bodies.erase(bodies.begin(), bodies.begin() + static_cast<std::ptrdiff_t>(std::exchange(seen, bodies.size())));
         return bodies;
@@ -273,7 +271,7 @@ TEST_F(cbt_open_test, FailureOfAnyStepLeavesNothing) {
         error_hash_save(path_, nullptr);
         std::unique_ptr<fuse_fh_t> fh = open(path_);
         const errdesc_t* e = error_hash_get(path_);
-        EXPECT_EQ(e == nullptr ? 0 : e->number, c.number) << (e == nullptr ? "" : e->string);
+        EXPECT_EQ(number_of(e), c.number) << (e == nullptr ? "" : e->string);
         EXPECT_THAT(e == nullptr ? "" : e->string, HasSubstr(c.text));
         for (const char* object : {"event", "vmconfig", "vdisk"})
             EXPECT_EQ(posted(object).empty(), std::string(c.posted) != object) << object;

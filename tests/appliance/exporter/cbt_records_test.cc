@@ -16,6 +16,7 @@
 #include "lib/cor_string.h"
 #include "lib/tool_paths.h"
 #include "tests/appliance/exporter/inventory_lab.h"
+#include "tests/lib/error_number.h"
 
 namespace mirador {
 namespace {
@@ -185,7 +186,7 @@ class cbt_base_test : public cbt_records_test {
         std::string changeid = "earlier";
         const errdesc_t* e = get_cbt_changeid(cookie, &changeid);
         EXPECT_TRUE(std::filesystem::is_empty(tool_paths().tmp_dir));
-        return cor_format("%d %s", e == nullptr ? 0 : e->number, changeid.c_str());
+        return cor_format("%d %s", number_of(e), changeid.c_str());
     }
 
     lab_vm_t vm_;

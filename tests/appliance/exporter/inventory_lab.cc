@@ -13,46 +13,10 @@
 #include "lib/cor_string.h"
 #include "lib/json_tools.h"
 #include "lib/tool_paths.h"
-#include "tests/support/http_server.h"
 #include "vmware/lib/vmdk/datastore_path.h"
 
 namespace mirador {
 namespace {
-
-struct reply_t {
-    std::string body;
-    int status = 200;
-};
-
-struct post_t {
-    std::string object;
-    std::string body;
-};
-
-// The controller of all tests: the client finds its address once.
-struct controller_t {
-    mutable mutex_t mutex;
-    std::map<std::string, reply_t> replies GUARDED_BY(mutex);
-    std::vector<post_t> posts GUARDED_BY(mutex);
-    http_server_t server{[this](const http_request_t& request, http_connection_t& connection) {
-        const mutex_lock_t lock(mutex);
-        const std::string object = request.target.substr(std::string("/api/").size());
-        if (request.method == "POST") {
-            posts.push_back({object, request.body});
-            const auto found = replies.find("POST " + object);
-            connection.reply(found == replies.end() ? 200 : found->second.status, "{}");
-        } else if (const auto found = replies.find(object); found != replies.end()) {
-            connection.reply(found->second.status, found->second.body);
-        } else {
-            connection.reply(200, "[]");
-        }
-    }};
-};
-
-controller_t& controller() {
-    static controller_t the_controller;
-    return the_controller;
-}
 
 std::string text_field(const std::string& body, const char* name) {
     const json_ptr object(json_tokener_parse(body.c_str()));
@@ -83,12 +47,8 @@ inventory_lab_t::inventory_lab_t() {
     std::filesystem::create_directories(datastore_);
     datastore_mount_points = {dir_ / "volumes"};
     tool_paths().cache_dir = dir_ / "cache";
-    tool_paths().brand_reader =
-        write_script(dir_ / "brand", cor_format("echo %d; echo 0\n", controller().server.port()));
     cnt_thr_set_up(shadow_, false);
-    const mutex_lock_t lock(controller().mutex);
-    controller().replies.clear();
-    controller().posts.clear();
+    answer("", "[]");
 }
 
 inventory_lab_t::~inventory_lab_t() {
@@ -189,11 +149,6 @@ void inventory_lab_t::list(const std::vector<lab_vm_t>& vms) {
     answer("hvconfig", "[" + hvconfig + "]");
 }
 
-void inventory_lab_t::answer(const std::string& object, const std::string& body, int status) {
-    const mutex_lock_t lock(controller().mutex);
-    controller().replies[object] = {body, status};
-}
-
 ks_vm_config_t inventory_lab_t::config(const lab_vm_t& vm) const {
     list_t<ks_vm_config_t> list;
     int added = 0;
@@ -207,15 +162,6 @@ ks_hypervisor_config_t inventory_lab_t::host(const lab_vm_t& vm) {
     hvc.hostname = vm.host;
     hvc.hv_type = "ESXi";
     return hvc;
-}
-
-std::vector<std::string> inventory_lab_t::posted(const std::string& object) const {
-    std::vector<std::string> bodies;
-    const mutex_lock_t lock(controller().mutex);
-    for (const post_t& post : controller().posts)
-        if (post.object == object)
-            bodies.push_back(post.body);
-    return bodies;
 }
 
 std::vector<std::string> inventory_lab_t::alerts() {

@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-// A small world for tests of the inventory: a controller that answers over HTTP what the test tells it and keeps what
-// it is sent, a datastore with VMs on it, a shadow tree, a cache. One controller serves all tests of a program.
+// A small world for tests of the inventory: a controller that answers what the test tells it and keeps what it is
+// sent, a datastore with VMs on it, a shadow tree, a cache.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 
-#include <map>
 #include <string>
 #include <vector>
 
+#include "controller/lib/controller_url.h"
 #include "controller/lib/kestrel_types.h"
-#include "lib/thread_annotations.h"
 #include "tests/lib/temp_dir.h"
+#include "tests/support/fake_controller.h"
 
 namespace mirador {
 
@@ -56,20 +56,22 @@ class inventory_lab_t : public testing::Test {
     void make_disk(const lab_disk_t& disk) const;
     // Has the controller list these VMs, under the hypervisors that they name and alone, and their disks.
     void list(const std::vector<lab_vm_t>& vms);
-    // Has the controller answer a GET of "/api/<object>" with a body, or with a status alone; "POST <object>": posts.
-    void answer(const std::string& object, const std::string& body, int status = 200);
+    // As the fake controller does.
+    void answer(const std::string& object, const std::string& body, int status = 200) {
+        controller_.answer(object, body, status);
+    }
+    std::vector<std::string> posted(const std::string& object) const { return controller_.posted(object); }
 
     ks_vm_config_t config(const lab_vm_t& vm) const;
     static ks_hypervisor_config_t host(const lab_vm_t& vm);
 
-    // The bodies that were posted to an object, in order.
-    std::vector<std::string> posted(const std::string& object) const;
     // "<action> <alert id> <object id>" of each alert request since the last call.
     std::vector<std::string> alerts();
 
     // Names in a directory of the shadow tree, sorted; "-" when there is none.
     std::string names(const std::string& dir) const;
 
+    fake_controller_t& controller_ = fake_controller_t::fresh(controller_get_url);
     temp_dir_t dir_;
     const std::string shadow_ = dir_ / "shadow";
     const std::string datastore_ = dir_ / "volumes/ds1";

@@ -5,9 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "appliance/exporter/controller_thr.h"
@@ -15,15 +13,13 @@
 #include "appliance/exporter/vm_proxy_evict.h"
 #include "appliance/exporter/vm_proxy_touch.h"
 #include "appliance/lib/registry.h"
+#include "tests/lib/temp_dir.h"
 
 namespace mirador {
 
 class shadow_fixture_t : public testing::Test {
   protected:
     shadow_fixture_t() {
-        std::string pattern = "/tmp/mirador-test-XXXXXX";
-        root_ = mkdtemp(pattern.data());
-        shadow_ = root_ + "/shadow";
         std::filesystem::create_directories(shadow_);
         cnt_thr_set_up(shadow_, false);
         fake_vdsk_reset();
@@ -33,7 +29,6 @@ class shadow_fixture_t : public testing::Test {
     ~shadow_fixture_t() override {
         vm_proxy_release_all();
         EXPECT_EQ(fake_vdsk().alive, 0);
-        std::filesystem::remove_all(root_);
     }
 
     static constexpr std::size_t disk_size = 1 << 20;
@@ -41,8 +36,7 @@ class shadow_fixture_t : public testing::Test {
     std::string make_file(const std::string& name, const std::string& content) const {
         const std::string path = root_ + "/" + name;
         std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-        std::ofstream(path, std::ios::binary) << content;
-        return path;
+        return write_file(path, content);
     }
 
     // Puts an exported file into the shadow tree and returns its exported path.
@@ -67,8 +61,9 @@ class shadow_fixture_t : public testing::Test {
 
     std::string shadow_path(const std::string& path) const { return shadow_ + path; }
 
-    std::string root_;
-    std::string shadow_;
+    const temp_dir_t dir_;
+    const std::string root_ = dir_.path();
+    const std::string shadow_ = root_ + "/shadow";
 };
 
 }  // namespace mirador

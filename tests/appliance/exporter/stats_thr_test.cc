@@ -146,18 +146,6 @@ TEST_F(stats_thr, PostsWhatWasReadEveryFifteenSeconds) {
     }
 }
 
-TEST_F(stats_thr, StreamsOfOnePathAreCountedApartAndBytesOfFirstReadsAreInTheTotalsAlone) {
-    stats_thr_lock();
-    stats_thr_start();
-    stats_thr_update_stats("/a", 10, 0, true);
-    stats_thr_update_stats("/a", 1, 2, false);
-    stats_thr_update_stats("/a", 100, 5, true);
-    stats_thr_update_stats("/a", -3, 0, true);
-    stats_thr_unlock();
-    EXPECT_EQ(post(),
-              counters("/a", "2", start_time, 107, 5, 97, 5) + "; " + counters("/a", "", start_time, 1, 2, 0, 0));
-}
-
 TEST_F(stats_thr, FailedPostIsMadeUpForAndReadsBesideAPostAreKept) {
     stats_thr_lock();
     stats_thr_start();
@@ -194,26 +182,6 @@ TEST_F(stats_thr, ClosedFileIsPostedUntilThatSucceedsAndThenForgotten) {
     stats_thr_update_stats("/b", 5, 0, false);  // opened again: a new count
     gate_.answer(200);
     EXPECT_EQ(post(), a + "; " + counters("/b", "", now, 5, 0, 0, 0));
-}
-
-TEST_F(stats_thr, FileThatIsReadWhileItsLastPostIsUnderWayStays) {
-    stats_thr_lock();
-    stats_thr_start();
-    stats_thr_update_stats("/again", 100, 0, false);
-    stats_thr_update_stats("/late", 100, 0, false);
-    stats_thr_close_stats("/again", false);
-    stats_thr_close_stats("/late", false);
-    stats_thr_unlock();
-    EXPECT_EQ(gate_.next().text, counters("/again", "", std::nullopt, 100, 0, 0, 0) + "; " +
-                                     counters("/late", "", std::nullopt, 100, 0, 0, 0));
-    const auto now = static_cast<int>(clock_now());
-    stats_thr_update_stats("/again", 1, 0, false);
-    stats_thr_update_stats("/late", 2, 0, false);
-    stats_thr_close_stats("/late", false);
-    gate_.answer(200);
-    EXPECT_EQ(post(),
-              counters("/again", "", now, 101, 0, 1, 0) + "; " + counters("/late", "", std::nullopt, 102, 0, 2, 0));
-    EXPECT_EQ(post(), counters("/again", "", now, 101, 0, 0, 0));
 }
 
 TEST_F(stats_thr, FiguresGoAtOnceInOrderAndAgainAfterAFailure) {

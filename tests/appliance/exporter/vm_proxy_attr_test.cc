@@ -89,21 +89,6 @@ TEST_F(vm_proxy_attr, TouchWritesOnlyWhatChanges) {
     EXPECT_EQ(get_fs_blocks_used(), blocks);
 }
 
-TEST_F(vm_proxy_attr, ExtendedAttributes) {
-    const std::string disk = expose_disk("a-flat.vmdk");
-    const std::string vmx = expose("a.vmx", VM_PROXY_HEADER_VMX, make_file("a.vmx", "v"));
-    EXPECT_EQ(xattr(disk, "devicemapper_path"), "") << "never opened";
-    std::unique_ptr<fuse_fh_t> fh;
-    ASSERT_EQ(vm_proxy_open(disk, shadow_path(disk), &fh), nullptr);
-    EXPECT_EQ(xattr(disk, "devicemapper_path"), fake_vdsk().device + nul);
-    EXPECT_EQ(xattr(disk, "vm_uuid"), "564d7a1b-2c3d-4e5f-6071-8293a4b5c6d7" + nul);
-    EXPECT_EQ(xattr(vmx, "devicemapper_path"), "");
-    EXPECT_EQ(xattr("/none", "vm_uuid"), "!2");
-    EXPECT_EQ(xattr(disk, "smartread_lvm_enabled"), "0" + nul);
-    EXPECT_EQ(xattr(disk, "user.anything"), "");
-    EXPECT_EQ(vm_proxy_release(disk, std::move(fh)), nullptr);
-}
-
 TEST_F(vm_proxy_attr, ErrorOfAPathIsReadAndReset) {
     EXPECT_EQ(xattr("/e-flat.vmdk", "user.err_num"), "0" + nul);
     EXPECT_EQ(xattr("/e-flat.vmdk", "user.err_string"), nul);

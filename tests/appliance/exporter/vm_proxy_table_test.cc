@@ -16,6 +16,7 @@
 #include "appliance/exporter/vm_proxy_read.h"
 #include "lib/clock.h"
 #include "lib/error_hash.h"
+#include "tests/lib/error_number.h"
 
 namespace mirador {
 namespace {
@@ -49,10 +50,7 @@ class vm_proxy_table : public shadow_fixture_t {
         const mutex_lock_t lock(cookie.mutex);
         return cookie.ref;
     }
-    static errnum_t saved_number(const std::string& path) {
-        const errdesc_t* e = error_hash_get(path);
-        return e == nullptr ? 0 : e->number;
-    }
+    static errnum_t saved_number(const std::string& path) { return number_of(error_hash_get(path)); }
 };
 
 TEST_F(vm_proxy_table, OpensOfOnePathShareOneSetUpAndItsCookieOutlivesThem) {
@@ -151,9 +149,7 @@ TEST_F(vm_proxy_table, FailedOpenIsSavedForItsPathAndLeavesNothing) {
     const std::string disk = expose_disk("a-flat.vmdk");
     fake_vdsk().failures = {EIO};
     fh_ptr fh;
-    const errdesc_t* e = vm_proxy_open(disk, shadow_path(disk), &fh);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, ENOENT);
+    EXPECT_EQ(number_of(vm_proxy_open(disk, shadow_path(disk), &fh)), ENOENT);
     EXPECT_EQ(saved_number(disk), EIO);
     EXPECT_TRUE(cached().empty());
 

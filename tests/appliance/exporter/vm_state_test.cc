@@ -12,6 +12,7 @@
 #include "appliance/lib/registry.h"
 #include "lib/clock.h"
 #include "tests/appliance/exporter/inventory_lab.h"
+#include "tests/lib/error_number.h"
 
 namespace mirador {
 namespace {
@@ -26,7 +27,7 @@ class vm_state_test : public inventory_lab_t {
     errnum_t take(const lab_vm_t& vm, std::uint64_t gen, bool* updated) {
         const errdesc_t* e = vm_state_update(config(vm), host(vm), shadow_, gen, updated);
         text_ = e == nullptr ? "" : e->string;
-        return e == nullptr ? 0 : e->number;
+        return number_of(e);
     }
     errnum_t take(const lab_vm_t& vm, std::uint64_t gen = 1) {
         bool updated = false;
@@ -140,9 +141,7 @@ TEST_F(vm_state_test, WaitsUntilTheControllerSeesTheSnapshots) {
     manual_clock_t clock(1000);
     const std::string path = shadow_ + "/esx1/vm";
     EXPECT_EQ(vm_wait_snapshot(path + "x", 1, 300, nullptr)->number, EINVAL);
-    const errdesc_t* e = vm_wait_snapshot(path, 1, 300, nullptr);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, ETIME);
+    EXPECT_EQ(number_of(vm_wait_snapshot(path, 1, 300, nullptr)), ETIME);
     EXPECT_EQ(clock.slept(), 300);
     EXPECT_EQ(vm_wait_snapshot(path, 0, 0, nullptr), nullptr);  // none known: -1
     vm.snap_exists = 2;

