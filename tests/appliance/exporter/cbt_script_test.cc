@@ -13,6 +13,7 @@
 #include "appliance/lib/registry.h"
 #include "controller/lib/controller_url.h"
 #include "lib/clock.h"
+#include "tests/lib/error_number.h"
 #include "tests/support/fake_controller.h"
 
 namespace mirador {
@@ -41,10 +42,13 @@ class cbt_script_test : public testing::Test {
         tool_paths().cbt_getblocklist = write_script(dir_ / "script", "cd " + dir_.path() + "\n" + body + "\n");
     }
 
+    // Runs the script; the results of the run before are gone.
     errnum_t run() {
+        if (!results_path_.empty())
+            cbt_remove_work_file(results_path_);
         const errdesc_t* e = cbt_get_block_list(request_, &results_path_);
         error_text_ = e == nullptr ? "" : e->string;
-        return e == nullptr ? 0 : e->number;
+        return number_of(e);
     }
 
     const temp_dir_t dir_;
@@ -104,7 +108,6 @@ TEST_F(cbt_script_test, ChangesAreAskedForSinceTheLastUsableChangeId) {
         vdisk.changeid_incr = c.incr;
         vdisk.changeid_base = c.base;
         ASSERT_EQ(run(), 0) << error_text_;
-        cbt_remove_work_file(results_path_);
         const std::string arguments = read_file(dir_ / "arguments");
         const std::size_t at = arguments.find("|--changeid_incr");
         EXPECT_EQ(at == std::string::npos ? "" : arguments.substr(at), c.expected);
@@ -117,14 +120,11 @@ TEST_F(cbt_script_test, OnlyTheScriptSaysThatThereIsNoChangeIdOrThatTrackingMust
         EXPECT_EQ(run(), code);
         EXPECT_THAT(error_text_, HasSubstr("--password ****** "));
         EXPECT_THAT(error_text_, Not(HasSubstr("pass word")));
-        cbt_remove_work_file(results_path_);
     }
     say("kill -9 $$");
     EXPECT_EQ(run(), EINVAL);
-    cbt_remove_work_file(results_path_);
     write_file(tool_paths().cbt_getblocklist, "");
     EXPECT_EQ(run(), ERR_IO) << "nothing that can be run";
-    cbt_remove_work_file(results_path_);
     controller_.answer("hvconfig", "", 400);  // the HTTP client's 5
     EXPECT_EQ(run(), ERR_IO);
     controller_.answer("hvconfig", "[]");
@@ -146,7 +146,6 @@ TEST_F(cbt_script_test, EndsWithItsTimeOrWithTheDaemon) {
         EXPECT_EQ(run(), ETIME);
         EXPECT_GE(clock.slept(), cbt_script_time_limit);
     }
-    cbt_remove_work_file(results_path_);
 
     unlink((dir_ / "pid").c_str());
     errnum_t number = 0;
@@ -157,7 +156,6 @@ TEST_F(cbt_script_test, EndsWithItsTimeOrWithTheDaemon) {
     opener.join();
     EXPECT_EQ(number, ERR_CANCELLED);
     EXPECT_NE(kill(std::stoi(read_file(dir_ / "pid")), 0), 0);
-    cbt_remove_work_file(results_path_);
     EXPECT_EQ(run(), ERR_CANCELLED) << "no new one";
 }
 
