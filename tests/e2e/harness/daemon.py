@@ -157,4 +157,4 @@ def _is_served() -> bool:
 
 def export(entries: Iterable[Entry], root: str = f"{EXPORT}.shadow") -> None:
     """Writes entries into a shadow tree."""
-    run(program("shadow-entry"), root, "--batch", text_input="".join(f"{entry.line()}\n" for entry in entries))
+    run(program("shadow-entry"), root, text_input="".join(f"{entry.line()}\n" for entry in entries))
