@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "appliance/exporter/snapshot_alerts.h"
+#include "appliance/exporter/snapshot_frozen.h"
 #include "appliance/exporter/snapshot_remove.h"
 #include "appliance/exporter/snapshot_space.h"
 #include "appliance/exporter/vm_state.h"
@@ -175,6 +176,7 @@ errdesc_t* make(const snapshot_request_t& request, snapshot_state_t* state) {
     RETURN_IF_ERROR(take_snapshot(state, state->hypervisor, &attempts, &expected));
     RETURN_IF_ERROR(fault_point("snapshot.created"));
     RETURN_IF_ERROR(follow_snapshot(*state, expected, &attempts, request.goes_on));
+    state->database = snapshot_database_of(*state->vm_shadow_path);
     return fault_point("snapshot.followed");
 }
 

@@ -36,6 +36,7 @@ struct snapshot_state_t {
     bool quiesce = false;
     bool snapshot_created = false;      // the hypervisor has it, or may have it: it must be removed
     ks_hypervisor_config_t hypervisor;  // as last known, for a removal while the controller is away
+    std::string database;               // the VM's, of its snapshots, as it can be read
 
     // Under the thread's mutex.
     std::int64_t ref = 0;        // users; never negative

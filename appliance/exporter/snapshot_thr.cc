@@ -12,6 +12,7 @@
 #include <thread>
 #include <utility>
 
+#include "appliance/exporter/snapshot_frozen.h"
 #include "appliance/exporter/snapshot_make.h"
 #include "appliance/exporter/snapshot_remove.h"
 #include "appliance/exporter/snapshot_scrub.h"
@@ -355,6 +356,11 @@ errdesc_t* snapshot_use_t::take(const std::string& path, const std::string& file
 
 bool snapshot_use_t::is_gone() const {
     return snapshot_is_gone(header_.hv_name, header_.vm_uuid);
+}
+
+errdesc_t* snapshot_use_t::check_frozen(const std::string& vmdk_path) const {
+    const snapshot_state_ptr state = snapshot_state_find(snapshot_thr_state().list, header_.hv_name, header_.vm_uuid);
+    return state == nullptr ? nullptr : snapshot_check_frozen(state->database, state->snapshotname, vmdk_path);
 }
 
 snapshot_use_t::~snapshot_use_t() {

@@ -72,6 +72,9 @@ class snapshot_use_t {
     // snapshot_is_gone() of the VM.
     bool is_gone() const;
 
+    // snapshot_check_frozen() of a disk of the VM.
+    [[nodiscard]] errdesc_t* check_frozen(const std::string& vmdk_path) const;
+
   private:
     snapshot_use_t(std::string path, std::string shadow_path, const vm_proxy_header_t& header)
         : path_(std::move(path)), shadow_path_(std::move(shadow_path)), header_(header) {}

@@ -81,6 +81,9 @@ errdesc_t* first_open(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
     ts_printf("vm_proxy_open_vmdk_flat: opening %s on %s (%s)\n", cookie.header.path, cookie.virtual_machine.c_str(),
               cookie.header.hv_name);
     RETURN_IF_ERROR(set_up_chain(cookie));
+    // Now that its files are open: whatever is put in their place later does not matter.
+    if (cookie.snapshot != nullptr)
+        RETURN_IF_ERROR(cookie.snapshot->check_frozen(cookie.header.path));
     RETURN_IF_ERROR(find_volumes(*cookie.vdskdesc));
     cookie.devicemapper_path = cookie.vdskdesc->devicemapper_path;
     cor_assert(!cookie.devicemapper_path.empty());

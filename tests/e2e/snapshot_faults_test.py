@@ -14,11 +14,13 @@ from typing import Any
 from harness import place, snapshots
 from harness.compare import Reader
 from harness.disks import MIB
-from harness.machines import Machine
-from harness.snapshot_case import BOUND, EIO, SnapshotCase, slug
+from harness.machines import Machine, machine
+from harness.snapshot_case import BOUND, EIO, SnapshotCase, next_seed, slug
 from harness.snapshots import Rule
-from harness.tools import wait_until
+from harness.tools import saved_error, wait_until
+from mirador_appliance.hypervisor import snapshots as hypervisor
 
+USERS_OWN = "before the update"
 WORKERS = 6  # faults that are tried at a time
 
 BUSY = errno.EALREADY  # another task is in progress
@@ -141,9 +143,15 @@ class Others(SnapshotCase):
         return ["first", "second"]
 
     @classmethod
+    def make_machines(cls):
+        arguments = super().make_machines()
+        cls.vms["users"] = machine(cls.store, "users", disks=("disk.vmdk", "other.vmdk"))
+        return arguments
+
+    @classmethod
     def prepare(cls):
         super().prepare()
-        cls.first, cls.second = cls.vms.values()
+        cls.first, cls.second, cls.users = cls.vms.values()
 
     def setUp(self):
         for vm in self.vms.values():
@@ -195,6 +203,40 @@ class Others(SnapshotCase):
         self.wait_clean(self.second, contents)
         self.appliance.start()
         self.assert_is_well(self.second)
+
+    def test_controller_goes_while_a_frozen_delta_loses_its_name(self):
+        """Removing a user's snapshot merges the frozen deltas into the bases; its next one gives a delta that the guest
+        writes to the name that the controller told last."""
+        vm, vmx = self.users, str(self.users.vmx)
+        snapshots.make(vm, USERS_OWN, time.time())
+        frozen = snapshots.contents(vm)
+        with Reader(self.exported(vm), direct=True) as reader:
+            self.assertTrue(reader.read(0, 2 * MIB) == frozen["scsi0:0"])
+            self.appliance.kill()
+            hypervisor.remove(vmx, USERS_OWN)
+            self.assertFalse((vm.directory / "other-000001.vmdk").exists())
+            snapshots.make(vm, USERS_OWN, time.time())
+            self.assertTrue((vm.directory / "other-000001.vmdk").exists())
+            snapshots.write_as_guest(vm, next_seed())
+            with self.assertRaises(OSError):
+                Reader(self.exported(vm, "other")).__exit__()
+            number, text = saved_error(self.exported(vm, "other"))
+            self.assertEqual(number, errno.EAGAIN, text)
+            self.assertIn("not frozen by the snapshot", text)
+            self.assertTrue(reader.read(0, 2 * MIB) == frozen["scsi0:0"])
+            self.appliance.start()
+            wait_until(lambda: self.can_be_opened(vm, "other"), "the controller has told where the frozen disks are", BOUND)
+            with Reader(self.exported(vm, "other"), direct=True) as other:
+                self.assertTrue(other.read(0, 2 * MIB) == frozen["scsi0:1"])
+        hypervisor.remove(vmx, USERS_OWN)
+        self.wait_clean(vm, snapshots.contents(vm))
+
+    def can_be_opened(self, vm: Machine, disk: str) -> bool:
+        try:
+            Reader(self.exported(vm, disk)).__exit__()
+        except OSError:
+            return False
+        return True
 
 
 if __name__ == "__main__":

@@ -11,7 +11,7 @@ from harness import snapshots
 from work import Worker
 
 _USERS_OWN = "before the update"
-_TOLD = "No such file or directory|Resource temporarily unavailable|already in progress|task is in progress"
+_TOLD = "No such file or directory|not frozen by the snapshot|Resource temporarily unavailable|already in progress|task is in progress"
 
 
 class Guests(Worker):
