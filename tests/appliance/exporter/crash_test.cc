@@ -3,19 +3,17 @@
 #include "appliance/exporter/crash.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "appliance/lib/registry.h"
 #include "lib/clock.h"
 #include "lib/tool_paths.h"
+#include "tests/lib/temp_dir.h"
 
 namespace mirador {
 namespace {
@@ -24,9 +22,7 @@ namespace fs = std::filesystem;
 
 class crash : public testing::Test {
   protected:
-    crash() : saved_(tool_paths()) {
-        std::string pattern = "/tmp/mirador-crash-XXXXXX";
-        root_ = mkdtemp(pattern.data());
+    crash() {
         for (const char* name : {"tmp", "dev", "cache", "connections/77"})
             fs::create_directories(root_ + "/" + name);
         tool_paths_t& tools = tool_paths();
@@ -43,18 +39,13 @@ class crash : public testing::Test {
     ~crash() override {
         tool_paths() = saved_;
         get_reg_settings()->cbt_debug_enabled = false;
-        fs::remove_all(root_);
     }
 
     std::string write(const std::string& name, const std::string& content) const {
-        std::ofstream(root_ + "/" + name) << content;
-        return root_ + "/" + name;
+        return write_file(root_ + "/" + name, content);
     }
     std::string recording_tool(const std::string& name) const {
-        const std::string path =
-            write(name, "#!/bin/sh\necho \"$(basename $0) $*\" >>" + root_ + "/calls\n[ \"$2\" != fails ]\n");
-        chmod(path.c_str(), 0755);
-        return path;
+        return write_script(root_ + "/" + name, "echo \"$(basename $0) $*\" >>" + root_ + "/calls\n");
     }
     std::vector<std::string> calls() const {
         std::ifstream file(root_ + "/calls");
@@ -63,10 +54,7 @@ class crash : public testing::Test {
             lines.push_back(line);
         return lines;
     }
-    std::string written_to_abort_77() const {
-        std::ifstream file(root_ + "/connections/77/abort");
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
+    std::string written_to_abort_77() const { return read_file(root_ + "/connections/77/abort"); }
     std::vector<std::string> work_files() const {
         std::vector<std::string> names;
         for (const auto& entry : fs::directory_iterator(root_ + "/tmp"))
@@ -76,8 +64,9 @@ class crash : public testing::Test {
     }
 
     fast_clock_t clock_{100};  // each tool is waited for in steps of a second
-    tool_paths_t saved_;
-    std::string root_;
+    const tool_paths_t saved_ = tool_paths();
+    const temp_dir_t dir_;
+    const std::string root_ = dir_.path();
 };
 
 TEST_F(crash, ClearsEverythingInItsOrder) {

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <regex>
 
+#include "tests/lib/error_number.h"
 #include "tests/lib/temp_dir.h"
 
 namespace mirador {
@@ -30,7 +31,7 @@ TEST(snapshot_state, NamesAreMadeOfVendorAndUuidAndSuffix) {
     for (const auto& c : cases) {
         std::string name;
         const errdesc_t* e = snapshot_name_make(c.vendor, c.uuid, c.suffix, &name);
-        EXPECT_EQ(e == nullptr ? 0 : e->number, c.number);
+        EXPECT_EQ(number_of(e), c.number);
         if (c.expected != nullptr) {
             EXPECT_EQ(e == nullptr ? name : e->string, c.expected);
         }
@@ -75,8 +76,7 @@ TEST(snapshot_state, LockIsSeenByOthersUntilItIsGivenBack) {
     ASSERT_EQ(snapshot_state_lock(dir / "disk-flat.vmdk", &first, true), nullptr);
     ASSERT_EQ(snapshot_state_lock(dir / "disk-flat.vmdk", &second, true), nullptr);
     const errdesc_t* e = snapshot_state_lock(dir / "disk-flat.vmdk", &exclusive, false);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, EAGAIN);
+    ASSERT_EQ(number_of(e), EAGAIN);
     EXPECT_TRUE(std::string(e->string).starts_with(dir / ".corvantis.lck"));
     EXPECT_FALSE(exclusive);
     first.reset();
@@ -84,9 +84,7 @@ TEST(snapshot_state, LockIsSeenByOthersUntilItIsGivenBack) {
     second.reset();
     EXPECT_FALSE(snapshot_state_is_locked(dir.path()));
     EXPECT_EQ(snapshot_state_lock(dir / "disk-flat.vmdk", &exclusive, false), nullptr);
-    e = snapshot_state_lock(dir / "none/disk-flat.vmdk", &first, true);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, ENOENT);
+    EXPECT_EQ(number_of(snapshot_state_lock(dir / "none/disk-flat.vmdk", &first, true)), ENOENT);
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include "controller/lib/json_fields.h"
 #include "lib/cor_string.h"
 #include "lib/log.h"
+#include "tests/lib/error_number.h"
 #include "tests/support/fake_controller.h"
 
 namespace mirador {
@@ -24,27 +25,39 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
-// In the order in which they are asked for, with values that change nothing in a new record.
-const std::vector<std::pair<std::string, std::string>> defaults = {
-    {"controller.uuid", "appliance"},
-    {"smartread.enabled", "1"},
-    {"smartread.lvm.enabled", "0"},
-    {"directio.enabled", "0"},
-    {"export.cache.ttl", "120"},
-    {"export.ondemand.enabled", "0"},
-    {"export.vm_uuid.enabled", "0"},
-    {"appliance.debug.level", "0"},
-    {"appliance.cbt.debug", "0"},
-    {"recover.automount.enabled", "0"},
-    {"appliance.cbt.percent", "0"},
-    {"vendor.id", "Vendor"},
-    {"feature.read_ahead.size", "1048576"},
-    {"snapshot.max_idle", "300"},
-    {"snapshot.max_life", "172800"},
-    {"snapshot.retry_limit", "12"},
-    {"snapshot.blocking_removal", "1"},
-    {"nfc.session.reserved", "0"},
-    {"export.max_session", "50"},
+template <auto member>
+std::string stored(const reg_settings_t& settings) {
+    return std::to_string((settings.*member).get());
+}
+
+struct setting_t {
+    const char* key;
+    const char* usual;  // changes nothing in a new record
+    const char* other;
+    std::string (*shown)(const reg_settings_t&);  // null: a name
+};
+
+// In the order in which they are asked for.
+const setting_t all_settings[] = {
+    {"controller.uuid", "appliance", "other", nullptr},
+    {"smartread.enabled", "1", "0", stored<&reg_settings_t::smartread_optimize>},
+    {"smartread.lvm.enabled", "0", "yes", stored<&reg_settings_t::smartread_lvm_enabled>},
+    {"directio.enabled", "0", "1", stored<&reg_settings_t::directio>},
+    {"export.cache.ttl", "120", "11", stored<&reg_settings_t::cache_ttl>},
+    {"export.ondemand.enabled", "0", "1", stored<&reg_settings_t::ondemand_refresh>},
+    {"export.vm_uuid.enabled", "0", "1", stored<&reg_settings_t::export_vm_uuid_enabled>},
+    {"appliance.debug.level", "0", "1", stored<&reg_settings_t::debug_level>},
+    {"appliance.cbt.debug", "0", "1", stored<&reg_settings_t::cbt_debug_enabled>},
+    {"recover.automount.enabled", "0", "1", stored<&reg_settings_t::recover_automount_enabled>},
+    {"appliance.cbt.percent", "0", "12", stored<&reg_settings_t::cbt_percent>},
+    {"vendor.id", "Vendor", "Other", nullptr},
+    {"feature.read_ahead.size", "1048576", "4294967296", stored<&reg_settings_t::readahead_size>},
+    {"snapshot.max_idle", "300", "13", stored<&reg_settings_t::snapshot_max_idle>},
+    {"snapshot.max_life", "172800", "14", stored<&reg_settings_t::snapshot_max_life>},
+    {"snapshot.retry_limit", "12", "15", stored<&reg_settings_t::snapshot_retry_limit>},
+    {"snapshot.blocking_removal", "1", "0", stored<&reg_settings_t::snapshot_blocking_removal>},
+    {"nfc.session.reserved", "0", "16", stored<&reg_settings_t::nfc_session_reserved>},
+    {"export.max_session", "50", "17", stored<&reg_settings_t::max_session>},
 };
 
 class registry_update : public testing::Test {
@@ -63,13 +76,17 @@ class registry_update : public testing::Test {
                 connection.reply(200, cor_format(R"({"error_code":0,"result":"%s"})", found->second.c_str()));
         });
         fake_.answer("node?get_master", "\"master\"");
-        values_.insert(defaults.begin(), defaults.end());
-        EXPECT_EQ(update(), 0);
+        tell_usual_values();
     }
     // The settings are one record for all tests.
     ~registry_update() override {
         values_.clear();
-        values_.insert(defaults.begin(), defaults.end());
+        tell_usual_values();
+    }
+
+    void tell_usual_values() {
+        for (const setting_t& setting : all_settings)
+            values_[setting.key] = setting.usual;
         EXPECT_EQ(update(), 0);
     }
 
@@ -78,7 +95,7 @@ class registry_update : public testing::Test {
         testing::internal::CaptureStdout();
         const errdesc_t* e = registry_settings_update();
         log_ = testing::internal::GetCapturedStdout();
-        return e == nullptr ? 0 : e->number;
+        return number_of(e);
     }
 
     fake_controller_t& fake_ = fake_controller_t::fresh(controller_get_url);
@@ -88,68 +105,35 @@ class registry_update : public testing::Test {
     reg_settings_t& settings_ = *get_reg_settings();
 };
 
-TEST_F(registry_update, AsksForEveryKeyInOrder) {
-    EXPECT_EQ(update(), 0);
+TEST_F(registry_update, AsksInOrderAndStoresAndLogsChanges) {
     std::vector<std::string> keys;
-    for (const auto& [key, value] : defaults)
-        keys.push_back(key);
-    EXPECT_EQ(asked_, keys);
-    EXPECT_THAT(log_, Not(HasSubstr("reg: changing")));  // nothing changed
-    EXPECT_EQ(settings_.names().appliance_uuid, "appliance");
-    EXPECT_EQ(settings_.names().master_uuid, "master");
-    EXPECT_EQ(settings_.names().vendor_id, "Vendor");
-}
-
-TEST_F(registry_update, StoresAndLogsChanges) {
-    values_ = {{"controller.uuid", std::string(70, 'a')},
-               {"smartread.enabled", "0"},
-               {"smartread.lvm.enabled", "yes"},
-               {"directio.enabled", "1"},
-               {"export.cache.ttl", "11"},
-               {"export.ondemand.enabled", "1"},
-               {"export.vm_uuid.enabled", "1"},
-               {"appliance.debug.level", "1"},
-               {"appliance.cbt.debug", "1"},
-               {"recover.automount.enabled", "1"},
-               {"appliance.cbt.percent", "12"},
-               {"vendor.id", "A vendor of a long name"},
-               {"feature.read_ahead.size", "4294967296"},
-               {"snapshot.max_idle", "13"},
-               {"snapshot.max_life", "14"},
-               {"snapshot.retry_limit", "15"},
-               {"snapshot.blocking_removal", "0"},
-               {"nfc.session.reserved", "16"},
-               {"export.max_session", "17"}};
+    for (const setting_t& setting : all_settings) {
+        keys.push_back(setting.key);
+        values_[setting.key] = setting.other;
+    }
+    values_["controller.uuid"] = std::string(70, 'a');
+    values_["vendor.id"] = "A vendor of a long name";
     EXPECT_EQ(update(), 0);
+    EXPECT_EQ(asked_, keys);
     EXPECT_EQ(settings_.names().appliance_uuid, std::string(63, 'a'));
     EXPECT_EQ(settings_.names().vendor_id, "A vendor o");
-    EXPECT_FALSE(settings_.smartread_optimize);
-    EXPECT_TRUE(settings_.smartread_lvm_enabled);
-    EXPECT_TRUE(settings_.directio);
-    EXPECT_EQ(settings_.cache_ttl, 11);
-    EXPECT_TRUE(settings_.ondemand_refresh);
-    EXPECT_TRUE(settings_.export_vm_uuid_enabled);
-    EXPECT_EQ(settings_.debug_level, 1);
+    EXPECT_THAT(log_, AllOf(Not(HasSubstr("uuid from")), Not(HasSubstr("vendor"))));
     EXPECT_EQ(get_debug_level(), 1);
-    EXPECT_TRUE(settings_.cbt_debug_enabled);
-    EXPECT_TRUE(settings_.recover_automount_enabled);
-    EXPECT_EQ(settings_.cbt_percent, 12);
-    EXPECT_EQ(settings_.readahead_size, 4294967296U);
-    EXPECT_EQ(settings_.snapshot_max_idle, 13);
-    EXPECT_EQ(settings_.snapshot_max_life, 14);
-    EXPECT_EQ(settings_.snapshot_retry_limit, 15);
-    EXPECT_FALSE(settings_.snapshot_blocking_removal);
-    EXPECT_EQ(settings_.nfc_session_reserved, 16);
-    EXPECT_EQ(settings_.max_session, 17);
-    EXPECT_THAT(log_, AllOf(HasSubstr(": reg: changing smartread.enabled from 1 to 0\n"),
-                            HasSubstr(": reg: changing export.cache.ttl from 120 to 11\n"),
-                            HasSubstr(": reg: changing appliance.debug.level from 0 to 1\n"),
-                            HasSubstr(": reg: changing feature.read_ahead.size from 1048576 to 4294967296\n"),
-                            HasSubstr(": reg: changing export.max_session from 50 to 17\n"),
-                            Not(HasSubstr("uuid from")), Not(HasSubstr("vendor"))));
+    for (const auto& [key, usual, other, shown] : all_settings) {
+        if (shown == nullptr)
+            continue;
+        const std::string now = std::string(other) == "yes" ? "1" : other;
+        EXPECT_EQ(shown(settings_), now) << key;
+        EXPECT_THAT(log_, HasSubstr(cor_format(": reg: changing %s from %s to %s\n", key, usual, now.c_str())));
+    }
 }
 
-TEST_F(registry_update, EndsAtTheFirstKeyThatIsMissing) {
+TEST_F(registry_update, EndsAtTheFirstKeyThatIsMissingButForTheReadAheadSize) {
+    values_.erase("feature.read_ahead.size");
+    values_["snapshot.max_idle"] = "60";
+    EXPECT_EQ(update(), 0);
+    EXPECT_EQ(settings_.snapshot_max_idle, 60);
+
     values_.erase("directio.enabled");
     values_["smartread.lvm.enabled"] = "1";
     values_["export.cache.ttl"] = "5";
@@ -165,36 +149,23 @@ TEST_F(registry_update, EndsAtTheFirstKeyThatIsMissing) {
     }
 }
 
-TEST_F(registry_update, GoesOnWithoutTheReadAheadSize) {
-    values_.erase("feature.read_ahead.size");
-    values_["snapshot.max_idle"] = "60";
-    EXPECT_EQ(update(), 0);
-    EXPECT_EQ(settings_.readahead_size, 1048576U);
-    EXPECT_EQ(settings_.snapshot_max_idle, 60);
-}
-
 TEST_F(registry_update, TakesWhatIsNoNumberAsZero) {
     values_["export.cache.ttl"] = "soon";
     values_["snapshot.max_life"] = "12 hours";
     values_["snapshot.max_idle"] = "99999999999999999999";
     values_["snapshot.retry_limit"] = "-7";
     values_["smartread.enabled"] = "false";
+    for (const char* key : {"nfc.session.reserved", "export.max_session", "feature.read_ahead.size"})
+        values_[key] = "-3";
     EXPECT_EQ(update(), 0);
+    EXPECT_EQ(settings_.nfc_session_reserved, 0) << "negative counts are passed over";
+    EXPECT_EQ(settings_.max_session, 50);
+    EXPECT_EQ(settings_.readahead_size, 1048576U);
     EXPECT_EQ(settings_.cache_ttl, 0);
     EXPECT_EQ(settings_.snapshot_max_life, 12);
     EXPECT_EQ(settings_.snapshot_max_idle, std::numeric_limits<int>::max());
     EXPECT_EQ(settings_.snapshot_retry_limit, -7);
     EXPECT_TRUE(settings_.smartread_optimize);
-}
-
-TEST_F(registry_update, PassesOverNegativeCounts) {
-    for (const char* key : {"nfc.session.reserved", "export.max_session", "feature.read_ahead.size"})
-        values_[key] = "-3";
-    EXPECT_EQ(update(), 0);
-    EXPECT_EQ(settings_.nfc_session_reserved, 0);
-    EXPECT_EQ(settings_.max_session, 50);
-    EXPECT_EQ(settings_.readahead_size, 1048576U);
-    EXPECT_THAT(log_, Not(HasSubstr("reg: changing")));
 }
 
 TEST_F(registry_update, IsItsOwnMasterWhereNoneIsTold) {
