@@ -14,6 +14,7 @@
 #include "appliance/exporter/vm_proxy_attr.h"
 #include "appliance/exporter/vm_proxy_evict.h"
 #include "tests/appliance/exporter/snapshot_lab.h"
+#include "tests/lib/error_number.h"
 
 namespace mirador {
 namespace {
@@ -51,9 +52,27 @@ class snapshot_thr : public snapshot_lab_t {
             });
         return use;
     }
+    // Asks for a use that must be refused; the error's number.
+    errnum_t refused(const char* hv_name = "esx1") {
+        std::unique_ptr<vm_proxy_header_t> header;
+        EXPECT_EQ(vm_proxy_read_header_checked(shadow_ + disk_path(), &header), nullptr);
+        std::strcpy(header->hv_name, hv_name);
+        use_ptr use;
+        const errdesc_t* e =
+            snapshot_use_t::take(disk_path(), shadow_ + disk_path(), header.get(), &vmname_, &ctime_, &use);
+        EXPECT_EQ(use, nullptr);
+        return number_of(e);
+    }
     bool has_snapshot() const { return snapshot_existed("esx1", vm_.uuid); }
     std::vector<std::string> creation() const {
         return {request("remove_snapshot", "1"), request("create_top_snapshot", "0"), request("create_snapshot", "0")};
+    }
+    // The old snapshot is removed before the next one is made.
+    void expect_made_anew() {
+        const use_ptr use = take();
+        std::vector<std::string> expected = creation();
+        expected.insert(expected.begin(), request("remove_snapshot", "1"));
+        EXPECT_THAT(asked(), ElementsAreArray(expected));
     }
     // While the clock stands the thread makes one pass after the other.
     static bool passes_until(const std::function<bool()>& has_come) {
@@ -137,9 +156,7 @@ TEST_F(snapshot_thr, ThreadRemovesWhatIsLeftAndWhatIsNoLongerUsed) {
     }
     agent_.answer_once("list_snapshot", data({listed(name)}));
     removals.push_back(request("remove_snapshot", "1"));
-    std::unique_ptr<vm_proxy_header_t> header;
-    ASSERT_EQ(vm_proxy_read_header_checked(shadow_ + disk_path(), &header), nullptr);
-    EXPECT_NE(snapshot_use_t::take(disk_path(), shadow_ + disk_path(), header.get(), &vmname_, &ctime_, &use), nullptr);
+    EXPECT_NE(refused(), 0);
     EXPECT_TRUE(passes_until_removed(removals)) << "the next look comes at once";
     (void)asked();
     EXPECT_TRUE(passes_until_asked(leftover_request)) << "the hypervisor may make it late";
@@ -201,20 +218,11 @@ TEST_F(snapshot_thr, UsersOfAVmShareOneSnapshot) {
 // A host and what manages it list the same VM: the snapshot is read, or removed, through one of them at a time.
 TEST_F(snapshot_thr, VmThatIsReadThroughOneHypervisorIsLeftAloneThroughAnother) {
     const use_ptr use = take();
-    std::unique_ptr<vm_proxy_header_t> header;
-    ASSERT_EQ(vm_proxy_read_header_checked(shadow_ + disk_path(), &header), nullptr);
-    std::strcpy(header->hv_name, "manager");
     (void)asked();
     testing::internal::CaptureStdout();
-    use_ptr other;
-    const errdesc_t* e =
-        snapshot_use_t::take(disk_path(), shadow_ + disk_path(), header.get(), &vmname_, &ctime_, &other);
+    EXPECT_EQ(refused("manager"), EBUSY);
     EXPECT_THAT(logged(), ElementsAre(AllOf(HasSubstr("path = " + disk_path()), HasSubstr(", create, not found"))));
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, EBUSY);
-    e = snapshot_scrub_ex("manager", vm_.uuid, name);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, EBUSY);
+    EXPECT_EQ(number_of(snapshot_scrub_ex("manager", vm_.uuid, name)), EBUSY);
     EXPECT_THAT(asked(), IsEmpty());
 }
 
@@ -222,20 +230,11 @@ TEST_F(snapshot_thr, SnapshotThatSomebodyElseRemovedIsReadByNobodyNew) {
     use_ptr first = take();
     EXPECT_FALSE(first->is_gone());
     show(0);
-    std::unique_ptr<vm_proxy_header_t> header;
-    ASSERT_EQ(vm_proxy_read_header_checked(shadow_ + disk_path(), &header), nullptr);
-    use_ptr second;
-    const errdesc_t* e =
-        snapshot_use_t::take(disk_path(), shadow_ + disk_path(), header.get(), &vmname_, &ctime_, &second);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->number, ESTALE);
+    EXPECT_EQ(refused(), ESTALE);
     EXPECT_TRUE(first->is_gone());
     first.reset();
     (void)asked();
-    second = take();
-    std::vector<std::string> expected = {request("remove_snapshot", "1")};
-    std::ranges::copy(creation(), std::back_inserter(expected));
-    EXPECT_THAT(asked(), ElementsAreArray(expected));
+    expect_made_anew();
 }
 
 TEST_F(snapshot_thr, SnapshotOfAVmThatMovedIsLookedForWhereItIsListed) {
@@ -257,18 +256,12 @@ TEST_F(snapshot_thr, SnapshotWhoseRemovalFailedIsReadByNobody) {
     agent_.answer_error("remove_snapshot", EIO, "acts, and loses the answer");
     snapshot_state_shutdown();
     ASSERT_TRUE(has_snapshot());
-    std::unique_ptr<vm_proxy_header_t> header;
-    ASSERT_EQ(vm_proxy_read_header_checked(shadow_ + disk_path(), &header), nullptr);
-    use_ptr use;
-    EXPECT_NE(snapshot_use_t::take(disk_path(), shadow_ + disk_path(), header.get(), &vmname_, &ctime_, &use), nullptr);
+    EXPECT_NE(refused(), 0);
 
     agent_.answer_data("remove_snapshot", "0");
     show(0);
     (void)asked();
-    use = take();
-    std::vector<std::string> expected = creation();
-    expected.insert(expected.begin(), request("remove_snapshot", "1"));
-    EXPECT_THAT(asked(), ElementsAreArray(expected));
+    expect_made_anew();
 }
 
 TEST_F(snapshot_thr, CommandRemovesOneByName) {
