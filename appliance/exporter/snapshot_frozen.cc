@@ -16,19 +16,19 @@ std::string file_name(const std::string& path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-// The file names of the disks that the snapshots of a name froze; none when that is not to be had.
-std::vector<std::string> frozen_files(const std::string& database, const std::string& snapshot_name) {
+// The snapshots of a name; nothing when the database cannot be read.
+std::optional<std::vector<vmsdsnapshot_t>> listed(const std::string& database, const std::string& snapshot_name) {
     const errdesc_keeper_t keeper;
-    std::vector<std::string> files;
     vmsddesc_t vmsd;
-    if (vmsd_open(database, &vmsd) != nullptr)
-        return files;
-    for (const vmsdsnapshot_t& snapshot : vmsd.snapshot)
-        if (snapshot.displayname == snapshot_name)
-            for (const vmsddisk_t& disk : snapshot.disk)
-                if (disk.filename)
-                    files.push_back(file_name(*disk.filename));
-    return files;
+    if (database.empty() || vmsd_open(database, &vmsd) != nullptr)
+        return std::nullopt;
+    std::erase_if(vmsd.snapshot, [&](const vmsdsnapshot_t& one) { return one.displayname != snapshot_name; });
+    return std::move(vmsd.snapshot);
+}
+
+bool froze(const vmsdsnapshot_t& snapshot, const std::string& file) {
+    return std::ranges::any_of(
+        snapshot.disk, [&](const vmsddisk_t& disk) { return disk.filename && file_name(*disk.filename) == file; });
 }
 
 }  // namespace
@@ -42,12 +42,20 @@ std::string snapshot_database_of(const std::string& vm_shadow_path) {
     return std::filesystem::path(vm.paths.vmx_ds_path).replace_extension(".vmsd");
 }
 
-errdesc_t* snapshot_check_frozen(const std::string& database, const std::string& snapshot_name,
-                                 const std::string& vmdk_path) {
-    const std::vector<std::string> files = frozen_files(database, snapshot_name);
-    if (files.empty() || std::ranges::find(files, file_name(vmdk_path)) != files.end())
+std::optional<bool> snapshot_is_listed(const std::string& database, const std::string& snapshot_name) {
+    const auto snapshots = listed(database, snapshot_name);
+    return snapshots ? std::optional(!snapshots->empty()) : std::nullopt;
+}
+
+errdesc_t* snapshot_check_frozen(const snapshot_state_t& state, const std::string& vmdk_path) {
+    if (!state.was_listed)
         return nullptr;
-    return errdesc_set_fmt(EAGAIN, "%s: not frozen by the snapshot '%s'", vmdk_path.c_str(), snapshot_name.c_str());
+    const auto snapshots = listed(state.database, state.snapshotname);
+    const std::string file = file_name(vmdk_path);
+    if (!snapshots || std::ranges::any_of(*snapshots, [&](const auto& snapshot) { return froze(snapshot, file); }))
+        return nullptr;
+    return errdesc_set_fmt(EAGAIN, "%s: not frozen by the snapshot '%s'", vmdk_path.c_str(),
+                           state.snapshotname.c_str());
 }
 
 }  // namespace mirador

@@ -6,8 +6,10 @@
 // that the VM writes to.
 #pragma once
 
+#include <optional>
 #include <string>
 
+#include "appliance/exporter/snapshot_state.h"
 #include "lib/errdesc.h"
 
 namespace mirador {
@@ -16,9 +18,11 @@ namespace mirador {
 // of the VM's record, for a moment.
 std::string snapshot_database_of(const std::string& vm_shadow_path);
 
-// EAGAIN for a disk, `vmdk_path` being its descriptor, that is none of those which the snapshot `snapshot_name` froze.
-// Where the database or the snapshot in it cannot be found, nothing is known against the disk.
-[[nodiscard]] errdesc_t* snapshot_check_frozen(const std::string& database, const std::string& snapshot_name,
-                                               const std::string& vmdk_path);
+// Whether the database lists a snapshot of that name; nothing when it cannot be read.
+std::optional<bool> snapshot_is_listed(const std::string& database, const std::string& snapshot_name);
+
+// EAGAIN for a disk, `vmdk_path` being its descriptor, that is none of those which the snapshot froze. Nothing is known
+// against a disk while the database cannot be read, and where it never listed the snapshot.
+[[nodiscard]] errdesc_t* snapshot_check_frozen(const snapshot_state_t& state, const std::string& vmdk_path);
 
 }  // namespace mirador

@@ -177,6 +177,7 @@ errdesc_t* make(const snapshot_request_t& request, snapshot_state_t* state) {
     RETURN_IF_ERROR(fault_point("snapshot.created"));
     RETURN_IF_ERROR(follow_snapshot(*state, expected, &attempts, request.goes_on));
     state->database = snapshot_database_of(*state->vm_shadow_path);
+    state->was_listed = snapshot_is_listed(state->database, state->snapshotname).value_or(false);
     return fault_point("snapshot.followed");
 }
 

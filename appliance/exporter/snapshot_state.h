@@ -37,12 +37,18 @@ struct snapshot_state_t {
     bool snapshot_created = false;      // the hypervisor has it, or may have it: it must be removed
     ks_hypervisor_config_t hypervisor;  // as last known, for a removal while the controller is away
     std::string database;               // the VM's, of its snapshots, as it can be read
+    bool was_listed = false;            // there, once the snapshot was made
 
     // Under the thread's mutex.
     std::int64_t ref = 0;        // users; never negative
     std::time_t atime = 0;       // last change of `ref`
     unique_fd lockfd;            // holds the lock on the VM's lock file
     bool removal_begun = false;  // the snapshot may be gone, whatever was answered: nobody reads from it any more
+
+    // Of the snapshot thread alone: when the database was first found without the snapshot; 0: it lists it.
+    std::time_t missed_since = 0;
+
+    std::atomic<bool> is_lost = false;  // somebody else has removed it; reading from it fails from then on
 
     bool is_leftover() const { return !vm_shadow_path; }
 };

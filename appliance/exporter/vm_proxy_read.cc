@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "appliance/exporter/snapshot_thr.h"
 #include "appliance/exporter/stats_thr.h"
 #include "appliance/lib/registry.h"
 #include "lib/cor_assert.h"
@@ -77,6 +78,8 @@ errdesc_t* vm_proxy_read(char* buf, std::size_t size, off_t offset, const fuse_f
         return errdesc_set(ESTALE);
     cor_assert(fh->magic == fuse_fh_t::magic_value);
     cor_assert(fh->version == fuse_fh_t::version_value);
+    if (fh->snapshot != nullptr)
+        RETURN_IF_ERROR(fh->snapshot->check_not_lost());
     const bool digest = get_reg_settings()->debug_level > digest_debug_level;
     if (digest)
         std::memset(buf, 0, size);

@@ -15,9 +15,9 @@ from harness import place, snapshots
 from harness.compare import Reader
 from harness.disks import MIB
 from harness.machines import Machine, machine
-from harness.snapshot_case import BOUND, EIO, SnapshotCase, next_seed, slug
+from harness.snapshot_case import BOUND, EIO, OWN, SnapshotCase, next_seed, slug
 from harness.snapshots import Rule
-from harness.tools import saved_error, wait_until
+from harness.tools import saved_error, wait_equal, wait_until
 from mirador_appliance.hypervisor import snapshots as hypervisor
 
 USERS_OWN = "before the update"
@@ -230,6 +230,30 @@ class Others(SnapshotCase):
                 self.assertTrue(other.read(0, 2 * MIB) == frozen["scsi0:1"])
         hypervisor.remove(vmx, USERS_OWN)
         self.wait_clean(vm, snapshots.contents(vm))
+
+    def test_reading_ends_when_somebody_removes_the_snapshot(self):
+        """From then on the guest's writes go into what was frozen."""
+        for others in ([], [USERS_OWN]):
+            with self.subTest(others), Reader(self.exported(self.users), direct=True) as reader:
+                self.assertEqual(len(reader.read(0, MIB)), MIB)
+                for name in others:
+                    snapshots.make(self.users, name, time.time())
+                hypervisor.remove(str(self.users.vmx), OWN)
+                wait_equal(lambda: self.error_of_read(reader), errno.ESTALE, "reading fails", BOUND)
+                self.assertRegex(saved_error(self.exported(self.users))[1], "no longer there")
+                self.assertFalse(self.can_be_opened(self.users, "other"))
+            for name in others:
+                hypervisor.remove(str(self.users.vmx), name)
+            wait_until(lambda: self.can_be_opened(self.users, "other"), "there is a new snapshot", BOUND)
+            self.wait_clean(self.users, snapshots.contents(self.users))
+
+    @staticmethod
+    def error_of_read(reader: Reader) -> int:
+        try:
+            reader.read(0, 4096)
+        except OSError as error:
+            return error.errno
+        return 0
 
     def can_be_opened(self, vm: Machine, disk: str) -> bool:
         try:
