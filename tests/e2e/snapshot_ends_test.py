@@ -241,7 +241,9 @@ class Ends(SnapshotCase):
         self.start()
         self.daemon.environment.update(self.environment)
         wait_until(lambda: OWN in snapshots.names(self.idle), "the agent goes on", BOUND)
+        is_removed = self.faults.next_call(self.idle, "remove_snapshot", "ended")
         self.wait_clean(self.idle, contents)
+        wait_until(is_removed, "the agent has answered", BOUND)  # it would have a quarter of a second at the end
         self.daemon.stop()
 
 
