@@ -33,7 +33,7 @@ The main process is called "run-controller", the one that watches the datastores
 
 _TEST_ABOUT = """--faults FILE is a JSON array of rules, read again whenever it changes. A rule names an "object"
 ("vhost", "*" for all) and may hold "method", "query" (a part of it), "times"; what it does: "delay" and "hang"
-(seconds), "status", "location", "body", "repeat", "chunked", "cut" (bytes sent before the connection is closed)."""
+(seconds), "status", "body", "chunked", "cut" (bytes sent before the connection is closed)."""
 
 
 class _Parser(argparse.ArgumentParser):

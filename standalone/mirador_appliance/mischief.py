@@ -10,9 +10,7 @@ rule that fits a request acts on it. A rule's members, all but "object" optional
     delay    seconds to wait first
     hang     seconds to wait before the connection is closed without an answer; the request has no effect
     status   HTTP status to answer with; the request has no effect
-    location value of a Location header, for a status that redirects
     body     text to answer with instead, as it stands; the request has no effect
-    repeat   how many times the body is sent one behind the other
     chunked  1 to send the answer in small chunks, without its length
     cut      how many bytes of the answer's body are sent before the connection is closed
 """
@@ -36,9 +34,7 @@ class Rule:
     delay: float = 0
     hang: float | None = None
     status: int | None = None
-    location: str | None = None
     body: str | None = None
-    repeat: int = 1
     chunked: int = 0
     cut: int | None = None
 

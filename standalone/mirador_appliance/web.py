@@ -181,7 +181,7 @@ class _Handler(http.server.BaseHTTPRequestHandler):
             self.server.ending.wait(rule.hang)
             return 0, b""
         text = rule.body if rule.body is not None else json.dumps({"error": "on demand"})
-        return rule.status or 200, text.encode("utf-8", "surrogateescape") * rule.repeat
+        return rule.status or 200, text.encode("utf-8", "surrogateescape")
 
     def _result(self, name: str, query: str, body: bytes) -> tuple[int, bytes]:
         if not self._is_host_own() or self.command == "POST" and self.headers.get("Origin") is not None:
@@ -232,8 +232,6 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         head = [f"HTTP/1.1 {status} {reason_phrase}", f"Content-Type: {kind}",
                 "Transfer-Encoding: chunked" if chunked else f"Content-Length: {len(answer)}", "Connection: close",
                 *more]
-        if rule is not None and rule.location:
-            head.append(f"Location: {rule.location}")
         data = _in_chunks(answer) if chunked else answer
         if rule is not None and rule.cut is not None:
             data = data[:rule.cut]
