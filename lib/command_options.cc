@@ -8,11 +8,13 @@
 namespace mirador {
 namespace {
 
-constexpr int first_index = 256;  // what getopt_long returns for the first long option: no letter's number
+constexpr int a_word = 1;         // what getopt_long returns for what is no option
+constexpr int first_index = 256;  // and for the first long option: no letter's number
 
-// The options in getopt_long's terms. A leading colon tells a missing value from an unknown option.
+// The options in getopt_long's terms. The leading characters: words come in their order, whatever the environment says,
+// and a missing value is told from an unknown option.
 struct getopt_rules_t {
-    std::string letters = ":";
+    std::string letters = "-:";
     std::vector<option> names;
 };
 
@@ -38,7 +40,7 @@ const command_option_t* find_option(const std::vector<command_option_t>& options
 }
 
 std::string unknown_option(const char* word) {
-    const bool is_letter = optopt > 0 && optopt < first_index;
+    const bool is_letter = optopt != 0 && optopt < first_index;
     return "unknown option \"" + (is_letter ? "-" + std::string(1, static_cast<char>(optopt)) : word) + "\"";
 }
 
@@ -62,6 +64,10 @@ bool command_options_parse(const std::vector<std::string>& args, const std::vect
     opterr = 0;
     int number = 0;
     while ((number = getopt_long(argc, argv.data(), rules.letters.c_str(), rules.names.data(), nullptr)) != -1) {
+        if (number == a_word) {
+            words->emplace_back(optarg);
+            continue;
+        }
         const command_option_t* known = find_option(options, number == ':' ? optopt : number);
         if (known == nullptr) {
             *fault = unknown_option(argv[static_cast<std::size_t>(optind) - 1]);
@@ -72,7 +78,7 @@ bool command_options_parse(const std::vector<std::string>& args, const std::vect
             return false;
         }
     }
-    words->assign(argv.begin() + optind, argv.end() - 1);
+    words->insert(words->end(), argv.begin() + optind, argv.end() - 1);
     return true;
 }
 

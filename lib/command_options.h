@@ -19,7 +19,7 @@ struct command_option_t {
 // An option that is there or not.
 command_option_t command_flag(const char* name, char letter, bool* flag);
 
-// Takes the options of a command line without the program's name, and leaves what is none in *words. False, with a text
+// Takes the options of a command line without the program's name, and adds what is none to *words. False, with a text
 // for the user in *fault, when an option is unknown, or its value is missing or not taken. Not for two threads at once.
 [[nodiscard]] bool command_options_parse(const std::vector<std::string>& args,
                                          const std::vector<command_option_t>& options, std::vector<std::string>* words,

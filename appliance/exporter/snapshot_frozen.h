@@ -6,8 +6,9 @@
 // that the VM writes to.
 #pragma once
 
-#include <optional>
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "appliance/exporter/snapshot_state.h"
 #include "lib/errdesc.h"
@@ -15,14 +16,21 @@
 namespace mirador {
 
 // Where the snapshot database of a shadow directory's VM can be read; empty while there is no such VM. Takes the lock
-// of the VM's record, for a moment.
+// of the VM's record, for a moment, and looks at the datastore.
 std::string snapshot_database_of(const std::string& vm_shadow_path);
 
-// Whether the database lists a snapshot of that name; nothing when it cannot be read.
-std::optional<bool> snapshot_is_listed(const std::string& database, const std::string& snapshot_name);
+// What the database calls the snapshots of a name; nothing when it cannot be read.
+std::vector<std::uint64_t> snapshot_uids(const std::string& database, const std::string& snapshot_name);
 
 // EAGAIN for a disk, `vmdk_path` being its descriptor, that is none of those which the snapshot froze. Nothing is known
-// against a disk while the database cannot be read, and where it never listed the snapshot.
+// against a disk where the database cannot be read, or not whole.
 [[nodiscard]] errdesc_t* snapshot_check_frozen(const snapshot_state_t& state, const std::string& vmdk_path);
+
+// ESTALE once the database has been without the snapshot for a while: somebody else has removed it, and what it froze
+// changes. Of the readers that call this, one every 15 seconds looks into the database. Takes no lock.
+[[nodiscard]] errdesc_t* snapshot_check_not_lost(snapshot_state_t* state);
+
+// The ESTALE of a snapshot that somebody else has removed.
+[[nodiscard]] errdesc_t* snapshot_no_longer_there(const snapshot_state_t& state);
 
 }  // namespace mirador

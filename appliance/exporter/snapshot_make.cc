@@ -161,6 +161,14 @@ errdesc_t* fill_state(const snapshot_request_t& request, snapshot_state_t* state
     return snapshot_name_make(vendor_id, request.caller_uuid, vmc->snap_suffix, &state->snapshotname);
 }
 
+// How the snapshot is found among the VM's from now on.
+void know_in_database(snapshot_state_t* state) {
+    state->database = snapshot_database_of(*state->vm_shadow_path);
+    state->uids = snapshot_uids(state->database, state->snapshotname);
+    if (state->uids.empty())
+        ts_printf("%s does not list the snapshot '%s'\n", state->database.c_str(), state->snapshotname.c_str());
+}
+
 errdesc_t* make(const snapshot_request_t& request, snapshot_state_t* state) {
     attempts_t attempts(request.goes_on);
     int expected = 0;
@@ -176,8 +184,7 @@ errdesc_t* make(const snapshot_request_t& request, snapshot_state_t* state) {
     RETURN_IF_ERROR(take_snapshot(state, state->hypervisor, &attempts, &expected));
     RETURN_IF_ERROR(fault_point("snapshot.created"));
     RETURN_IF_ERROR(follow_snapshot(*state, expected, &attempts, request.goes_on));
-    state->database = snapshot_database_of(*state->vm_shadow_path);
-    state->was_listed = snapshot_is_listed(state->database, state->snapshotname).value_or(false);
+    know_in_database(state);
     return fault_point("snapshot.followed");
 }
 

@@ -37,7 +37,7 @@ struct snapshot_state_t {
     bool snapshot_created = false;      // the hypervisor has it, or may have it: it must be removed
     ks_hypervisor_config_t hypervisor;  // as last known, for a removal while the controller is away
     std::string database;               // the VM's, of its snapshots, as it can be read
-    bool was_listed = false;            // there, once the snapshot was made
+    std::vector<std::uint64_t> uids;    // what the snapshot is called there; none: it does not tell
 
     // Under the thread's mutex.
     std::int64_t ref = 0;        // users; never negative
@@ -45,10 +45,11 @@ struct snapshot_state_t {
     unique_fd lockfd;            // holds the lock on the VM's lock file
     bool removal_begun = false;  // the snapshot may be gone, whatever was answered: nobody reads from it any more
 
-    // Of the snapshot thread alone: when the database was first found without the snapshot; 0: it lists it.
-    std::time_t missed_since = 0;
-
-    std::atomic<bool> is_lost = false;  // somebody else has removed it; reading from it fails from then on
+    // Of whoever reads from the snapshot: when to look for it in the database, since when it is missing there (0: it is
+    // there), and whether somebody else has removed it. Reading fails from then on.
+    std::atomic<std::time_t> next_look = 0;
+    std::atomic<std::time_t> missed_since = 0;
+    std::atomic<bool> is_lost = false;
 
     bool is_leftover() const { return !vm_shadow_path; }
 };

@@ -11,7 +11,6 @@
 #include <mutex>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "appliance/exporter/snapshot_frozen.h"
 #include "appliance/exporter/snapshot_make.h"
@@ -35,7 +34,6 @@ namespace {
 constexpr unsigned pass_interval = 15;        // seconds
 constexpr std::time_t scrub_interval = 3600;  // seconds
 constexpr std::time_t suspicion = 300;
-constexpr std::time_t least_absence = 10;  // seconds
 
 enum snapshot_thr_state_t : std::uint32_t {
     SNAPSHOT_THR_UNKNOWN = 0,
@@ -98,43 +96,8 @@ void scrub(snapshot_thr_t* thr, std::time_t now) REQUIRES(thr->mutex) {
         thr->snapshot_next_scrub = now + scrub_interval;
 }
 
-errdesc_t* no_longer_there(const snapshot_state_t& state) {
-    return errdesc_set_fmt(ESTALE, "Snapshot '%s' of %s is no longer there", state.snapshotname.c_str(),
-                           state.vmname.c_str());
-}
-
-// Looks for the snapshot in the VM's database. It is lost when two looks some time apart don't find it: while a host
-// writes the database anew, it may be empty for a moment.
-void look_for(snapshot_state_t* state, std::time_t now) {
-    if (!state->was_listed || state->is_lost ||
-        snapshot_is_listed(state->database, state->snapshotname).value_or(true)) {
-        state->missed_since = 0;
-        return;
-    }
-    if (state->missed_since == 0 || was_set_back(now, state->missed_since, 0))
-        state->missed_since = now;
-    if (now - state->missed_since < least_absence)
-        return;
-    _errdesc_log(no_longer_there(*state), ERRDESC_ERROR);
-    state->is_lost = true;
-}
-
-// Those that are read from, for who looks at them without the thread's mutex.
-std::vector<snapshot_state_ptr> used_snapshots(const snapshot_list_t& list) {
-    std::vector<snapshot_state_ptr> used;
-    list_iter(list, [&](const snapshot_state_ptr& state) {
-        if (state->ref > 0)
-            used.push_back(state);
-        return true;
-    });
-    return used;
-}
-
 void pass(snapshot_thr_t* thr) REQUIRES(thr->mutex) {
-    const std::vector<snapshot_state_ptr> used = used_snapshots(thr->list);
     thr->mutex.unlock();
-    for (const snapshot_state_ptr& state : used)
-        look_for(state.get(), clock_now());
     errdesc_t* e = vm_proxy_evict(get_reg_settings()->snapshot_max_idle == 0);
     if (e != nullptr && e->number != EMFILE)  // nothing idle is what mostly comes
         _errdesc_log(e, ERRDESC_WARNING);
@@ -285,7 +248,7 @@ errdesc_t* find_or_make(snapshot_thr_t* thr, const snapshot_request_t& request, 
     RETURN_IF_ERROR(refuse_if_used_elsewhere(*thr, request));
     RETURN_IF_ERROR(drop_unusable(thr, state));
     if (*state != nullptr && is_gone(**state))
-        return no_longer_there(**state);
+        return snapshot_no_longer_there(**state);
     return *state != nullptr ? nullptr : make_state(thr, request, state);
 }
 
@@ -402,7 +365,7 @@ errdesc_t* snapshot_use_t::check_frozen(const std::string& vmdk_path) const {
 }
 
 errdesc_t* snapshot_use_t::check_not_lost() const {
-    return state_ != nullptr && state_->is_lost.load(std::memory_order_relaxed) ? no_longer_there(*state_) : nullptr;
+    return state_ == nullptr ? nullptr : snapshot_check_not_lost(state_.get());
 }
 
 snapshot_use_t::~snapshot_use_t() {

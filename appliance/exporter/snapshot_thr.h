@@ -77,19 +77,18 @@ class snapshot_use_t {
     // snapshot_check_frozen() of a disk of the VM.
     [[nodiscard]] errdesc_t* check_frozen(const std::string& vmdk_path) const;
 
-    // ESTALE once the VM's database of snapshots has been without the snapshot for a while: somebody else has removed
-    // it, and what is below changes. Takes no lock.
+    // snapshot_check_not_lost().
     [[nodiscard]] errdesc_t* check_not_lost() const;
 
   private:
     snapshot_use_t(std::string path, std::string shadow_path, const vm_proxy_header_t& header,
-                   std::shared_ptr<const snapshot_state_t> state)
+                   std::shared_ptr<snapshot_state_t> state)
         : path_(std::move(path)), shadow_path_(std::move(shadow_path)), header_(header), state_(std::move(state)) {}
 
     std::string path_;
     std::string shadow_path_;
     vm_proxy_header_t header_;
-    std::shared_ptr<const snapshot_state_t> state_;  // null for a VM that cannot be snapshotted
+    std::shared_ptr<snapshot_state_t> state_;  // null for a VM that cannot be snapshotted
 };
 
 }  // namespace mirador

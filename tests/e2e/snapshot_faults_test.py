@@ -21,6 +21,7 @@ from harness.tools import saved_error, wait_equal, wait_until
 from mirador_appliance.hypervisor import snapshots as hypervisor
 
 USERS_OWN = "before the update"
+OTHER = "other #1"  # a disk whose name is spelled in another way in the VM's files
 WORKERS = 6  # faults that are tried at a time
 
 BUSY = errno.EALREADY  # another task is in progress
@@ -145,7 +146,7 @@ class Others(SnapshotCase):
     @classmethod
     def make_machines(cls):
         arguments = super().make_machines()
-        cls.vms["users"] = machine(cls.store, "users", disks=("disk.vmdk", "other.vmdk"))
+        cls.vms["users"] = machine(cls.store, "users", disks=("disk.vmdk", f"{OTHER}.vmdk"))
         return arguments
 
     @classmethod
@@ -214,19 +215,19 @@ class Others(SnapshotCase):
             self.assertTrue(reader.read(0, 2 * MIB) == frozen["scsi0:0"])
             self.appliance.kill()
             hypervisor.remove(vmx, USERS_OWN)
-            self.assertFalse((vm.directory / "other-000001.vmdk").exists())
+            self.assertFalse((vm.directory / f"{OTHER}-000001.vmdk").exists())
             snapshots.make(vm, USERS_OWN, time.time())
-            self.assertTrue((vm.directory / "other-000001.vmdk").exists())
+            self.assertTrue((vm.directory / f"{OTHER}-000001.vmdk").exists())
             snapshots.write_as_guest(vm, next_seed())
             with self.assertRaises(OSError):
-                Reader(self.exported(vm, "other")).__exit__()
-            number, text = saved_error(self.exported(vm, "other"))
+                Reader(self.exported(vm, OTHER)).__exit__()
+            number, text = saved_error(self.exported(vm, OTHER))
             self.assertEqual(number, errno.EAGAIN, text)
             self.assertIn("not frozen by the snapshot", text)
             self.assertTrue(reader.read(0, 2 * MIB) == frozen["scsi0:0"])
             self.appliance.start()
-            wait_until(lambda: self.can_be_opened(vm, "other"), "the controller has told where the frozen disks are", BOUND)
-            with Reader(self.exported(vm, "other"), direct=True) as other:
+            wait_until(lambda: self.can_be_opened(vm, OTHER), "the controller has told where the frozen disks are", BOUND)
+            with Reader(self.exported(vm, OTHER), direct=True) as other:
                 self.assertTrue(other.read(0, 2 * MIB) == frozen["scsi0:1"])
         hypervisor.remove(vmx, USERS_OWN)
         self.wait_clean(vm, snapshots.contents(vm))
@@ -241,10 +242,10 @@ class Others(SnapshotCase):
                 hypervisor.remove(str(self.users.vmx), OWN)
                 wait_equal(lambda: self.error_of_read(reader), errno.ESTALE, "reading fails", BOUND)
                 self.assertRegex(saved_error(self.exported(self.users))[1], "no longer there")
-                self.assertFalse(self.can_be_opened(self.users, "other"))
+                self.assertFalse(self.can_be_opened(self.users, OTHER))
             for name in others:
                 hypervisor.remove(str(self.users.vmx), name)
-            wait_until(lambda: self.can_be_opened(self.users, "other"), "there is a new snapshot", BOUND)
+            wait_until(lambda: self.can_be_opened(self.users, OTHER), "there is a new snapshot", BOUND)
             self.wait_clean(self.users, snapshots.contents(self.users))
 
     @staticmethod

@@ -104,7 +104,9 @@ class ControllerFaults(Worker):
 
     def _wait_whole(self) -> None:
         """A list of hypervisors that cannot be had takes all of them away until there is a new generation; VMs that have a
-        snapshot come back when it is gone."""
+        snapshot come back when it is gone. What was told of a VM wrongly may come out later: it is told anew of all."""
+        for vm in self.stage.read + self.stage.tracked:
+            self.stage.appliance.command("refresh", vm.uuid)
         missing: list[str] = []
         def is_whole() -> bool:
             expected, found = self.stage.expected_tree(), tree()

@@ -43,7 +43,7 @@ class Machine:
         lines = [f'displayName = "{_escaped(vm.name)}"', 'guestOS = "other"', f'uuid.bios = "{_spaced(vm.uuid)}"',
                  'scsi0.present = "TRUE"']
         for unit, disk in enumerate(vm.disks):
-            lines += [f'scsi0:{unit}.present = "TRUE"', f'scsi0:{unit}.fileName = "{disk}"']
+            lines += [f'scsi0:{unit}.present = "TRUE"', f'scsi0:{unit}.fileName = "{_escaped(disk)}"']
             if mode := (modes or {}).get(disk):
                 lines.append(f'scsi0:{unit}.mode = "{mode}"')
         aside = vm.vmx.with_suffix(".new")
@@ -83,7 +83,7 @@ def _make_disk(descriptor: pathlib.Path) -> None:
 
 def _escaped(text: str) -> str:
     """A value of a configuration file, where quotes and some more are spelled by their code."""
-    return "".join(f"|{ord(character):02X}" if character in '|"' else character for character in text)
+    return "".join(f"|{ord(character):02X}" if character in '|"#' else character for character in text)
 
 
 def _spaced(uuid: str) -> str:
