@@ -27,7 +27,8 @@ std::vector<std::uint64_t> snapshot_uids(const std::string& database, const std:
 [[nodiscard]] errdesc_t* snapshot_check_frozen(const snapshot_state_t& state, const std::string& vmdk_path);
 
 // ESTALE once the database has been without the snapshot for a while: somebody else has removed it, and what it froze
-// changes. Of the readers that call this, one every 15 seconds looks into the database. Takes no lock.
+// changes. Of the readers that call this, one every 15 seconds looks into the database, and waits for the datastore as
+// its read does. Takes no lock.
 [[nodiscard]] errdesc_t* snapshot_check_not_lost(snapshot_state_t* state);
 
 // The ESTALE of a snapshot that somebody else has removed.

@@ -50,8 +50,9 @@ bool snapshot_state_hurries();
 // Whether the VM has a snapshot of this run or one left over. Takes the list's own mutex, for moments.
 bool snapshot_existed(const std::string& hv_name, const std::string& vm_uuid);
 
-// Whether it had one that the controller shows no more: somebody else has removed it, and the VM writes to what it
-// froze. Takes the locks of the lists and of the VM's record, each for moments; not the thread's mutex.
+// Whether it had one that the controller shows no more, or that a reader looked for in vain: somebody else has removed
+// it, and the VM writes to what it froze. Takes the locks of the lists and of the VM's record, each for moments; not
+// the thread's mutex. Who is the last user of a VM's record that was retired meanwhile takes its directory away, too.
 bool snapshot_is_gone(const std::string& hv_name, const std::string& vm_uuid);
 
 // Removes a named snapshot of a VM on request. Errors: EBUSY while disks of the VM are open, through any hypervisor;
