@@ -4,81 +4,102 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <optional>
+#include <system_error>
 
 #include "appliance/exporter/vm_state.h"
 #include "lib/clock.h"
+#include "vmware/lib/vmdk/datastore_path.h"
+#include "vmware/lib/vmdk/vmdk_open.h"
 #include "vmware/lib/vmsd/vmsd.h"
 #include "vmware/lib/vmx/vmx_scan.h"
 
 namespace mirador {
 namespace {
 
-constexpr std::time_t look_interval = 15;  // seconds
-constexpr std::time_t least_absence = 10;
+constexpr std::time_t look_interval = 5;  // seconds
+constexpr int absence = 10;  // seconds without the snapshot; a host that writes the database anew needs less
 
 using snapshots_t = std::vector<vmsdsnapshot_t>;
 
-// The snapshots that the database lists; nothing when it cannot be read.
-std::optional<snapshots_t> read_database(const std::string& database) {
-    const errdesc_keeper_t keeper;
+snapshot_number_t number_of(const vmsdsnapshot_t& snapshot) {
+    return {snapshot.uid, snapshot.createtimehigh, snapshot.createtimelow};
+}
+
+// The snapshots that the database lists.
+errdesc_t* read_database(const std::string& database, snapshots_t* snapshots) {
     vmsddesc_t vmsd;
-    if (database.empty() || vmsd_open(database, &vmsd) != nullptr)
-        return std::nullopt;
+    RETURN_IF_ERROR(vmsd_open(database, &vmsd));
     std::erase_if(vmsd.snapshot, [](const auto& one) { return one.magic != vmsdsnapshot_t::magic_value; });
-    return std::move(vmsd.snapshot);
+    *snapshots = std::move(vmsd.snapshot);
+    return nullptr;
 }
 
-// Those among them that are this snapshot.
-std::optional<snapshots_t> find_own(const snapshot_state_t& state) {
-    auto snapshots = read_database(state.database);
-    if (snapshots)
-        std::erase_if(*snapshots,
-                      [&](const auto& one) { return std::ranges::find(state.uids, one.uid) == state.uids.end(); });
-    return snapshots;
+// The one among them that is this snapshot; *own is empty while there is none.
+errdesc_t* look_for(snapshot_state_t* state, std::optional<vmsdsnapshot_t>* own) {
+    snapshots_t snapshots;
+    errdesc_t* e = read_database(state->database, &snapshots);
+    const auto found = std::ranges::find(snapshots, *state->number, number_of);
+    const bool is_there = found != snapshots.end();
+    *own = is_there ? std::optional(std::move(*found)) : std::nullopt;
+    state->is_missing = e == nullptr && !is_there;
+    return e;
 }
 
-// A path's last components, as many as `other` has but two at most.
-std::string tail(const std::string& path, const std::string& other) {
-    const std::filesystem::path whole(path);
-    const bool with_directory = other.find('/') != std::string::npos;
-    return with_directory ? whole.parent_path().filename() / whole.filename() : whole.filename();
+// The same, but waits for a snapshot that is missing: while a host writes the database anew, it may be empty for a
+// moment. One that does not come back is lost.
+errdesc_t* find_own(snapshot_state_t* state, std::optional<vmsdsnapshot_t>* own) {
+    RETURN_IF_ERROR(look_for(state, own));
+    for (int waited = 0; !*own && waited < absence; waited++) {
+        clock_sleep(1);
+        RETURN_IF_ERROR(look_for(state, own));
+    }
+    if (!*own && !state->is_lost.exchange(true))
+        _errdesc_log(snapshot_no_longer_there(*state), ERRDESC_ERROR);
+    return nullptr;
+}
+
+// Whether the database's name for a disk leads to `vmdk_path`. One that leads nowhere from here, as it may be the
+// host's own name for another datastore, is held against its last component alone.
+bool leads_to(const std::string& name, const std::string& database, const std::string& vmdk_path) {
+    const errdesc_keeper_t keeper;
+    std::error_code failed;
+    std::string path;
+    if (get_preferred_datastore_path(vmdk_get_path(name, vmdk_get_dir(database)), &path) == nullptr &&
+        std::filesystem::exists(path, failed))
+        return std::filesystem::equivalent(path, vmdk_path, failed) || failed;
+    return std::filesystem::path(name).filename() == std::filesystem::path(vmdk_path).filename();
 }
 
 // Whether the snapshot froze the disk, or its record does not tell of every disk by a name that can be compared.
-bool may_have_frozen(const vmsdsnapshot_t& snapshot, const std::string& vmdk_path) {
+bool may_have_frozen(const vmsdsnapshot_t& snapshot, const std::string& database, const std::string& vmdk_path) {
     const auto is_it = [&](const vmsddisk_t& disk) {
         const std::string name = vmx_unescape(disk.filename.value_or(""));
         const bool is_plain = std::ranges::all_of(name, [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-        return name.empty() || !is_plain || tail(name, name) == tail(vmdk_path, name);
+        return name.empty() || !is_plain || leads_to(name, database, vmdk_path);
     };
     return snapshot.disk.empty() || std::ranges::any_of(snapshot.disk, is_it);
 }
 
-bool may_have_frozen(const std::optional<snapshots_t>& own, const std::string& vmdk_path) {
-    return !own || std::ranges::any_of(*own, [&](const auto& one) { return may_have_frozen(one, vmdk_path); });
-}
-
-// Whether this reader is the one to look.
-bool claims_look(snapshot_state_t* state, std::time_t now) {
-    std::time_t due = state->next_look.load(std::memory_order_relaxed);
+// Whether this reader is the one to look. No other does until it is back, however long its datastore hangs.
+bool claims_look(snapshot_state_t* state) {
+    const std::time_t now = clock_now();
+    const std::time_t due = state->next_look;
     const bool is_early = now < due && due - now <= look_interval;  // the clock may have been set back
-    return !is_early && state->next_look.compare_exchange_strong(due, now + look_interval);
+    return !is_early && !state->is_looked_for.exchange(true);
 }
 
-// The snapshot is lost when two looks some time apart don't find it: while a host writes the database anew, it may be
-// empty for a moment.
-void look_for(snapshot_state_t* state, std::time_t now) {
-    const auto own = find_own(*state);
-    const std::time_t since = state->missed_since;
-    if (!own || !own->empty()) {
-        state->missed_since = 0;
-    } else if (since == 0 || since > now) {
-        state->missed_since = now;
-    } else if (now - since >= least_absence) {
-        _errdesc_log(snapshot_no_longer_there(*state), ERRDESC_ERROR);
-        state->is_lost = true;
-    }
+void look(snapshot_state_t* state) {
+    const errdesc_keeper_t keeper;
+    std::optional<vmsdsnapshot_t> own;
+    (void)find_own(state, &own);  // nothing is known while the database cannot be read
+    state->next_look = clock_now() + look_interval;
+    state->is_looked_for = false;
+}
+
+// Who reads while the snapshot is missing waits for what comes out.
+void wait_while_missing(const snapshot_state_t& state) {
+    for (int waited = 0; state.is_missing && !state.is_lost && waited < absence; waited++)
+        clock_sleep(1);
 }
 
 }  // namespace
@@ -97,34 +118,42 @@ std::string snapshot_database_of(const std::string& vm_shadow_path) {
     return std::filesystem::path(paths.vmx_ds_path).replace_extension(".vmsd");
 }
 
-std::vector<std::uint64_t> snapshot_uids(const std::string& database, const std::string& snapshot_name) {
-    std::vector<std::uint64_t> uids;
-    for (const vmsdsnapshot_t& one : read_database(database).value_or(snapshots_t{}))
-        if (one.displayname && vmx_unescape(*one.displayname) == snapshot_name)
-            uids.push_back(one.uid);
-    return uids;
+std::optional<snapshot_number_t> snapshot_number_in(const std::string& database, const std::string& snapshot_name) {
+    const errdesc_keeper_t keeper;
+    snapshots_t snapshots;
+    if (database.empty() || read_database(database, &snapshots) != nullptr)
+        return std::nullopt;
+    std::erase_if(snapshots, [&](const vmsdsnapshot_t& one) {
+        return vmx_unescape(one.displayname.value_or("")) != snapshot_name;
+    });
+    const auto newest = std::ranges::max_element(snapshots, {}, &vmsdsnapshot_t::uid);
+    return newest == snapshots.end() ? std::nullopt : std::optional(number_of(*newest));
 }
 
-errdesc_t* snapshot_check_frozen(const snapshot_state_t& state, const std::string& vmdk_path) {
-    constexpr unsigned pause = 1;  // seconds; long enough for a host to write the database anew
-    if (state.uids.empty())
+errdesc_t* snapshot_check_frozen(snapshot_state_t* state, const std::string& vmdk_path) {
+    std::optional<vmsdsnapshot_t> own;
+    if (!state->number)
         return nullptr;
-    auto own = find_own(state);
-    if (own && own->empty()) {
-        clock_sleep(pause);
-        own = find_own(state);
+    if (errdesc_t* e = find_own(state, &own)) {
+        if (e->number == EMFILE || e->number == ENFILE || e->number == ENOMEM)
+            return e;
+        _errdesc_log(e, ERRDESC_WARNING);
+        return nullptr;
     }
-    if (may_have_frozen(own, vmdk_path))
+    if (!own)
+        return snapshot_no_longer_there(*state);
+    if (may_have_frozen(*own, state->database, vmdk_path))
         return nullptr;
     return errdesc_set_fmt(EAGAIN, "%s: not frozen by the snapshot '%s'", vmdk_path.c_str(),
-                           state.snapshotname.c_str());
+                           state->snapshotname.c_str());
 }
 
 errdesc_t* snapshot_check_not_lost(snapshot_state_t* state) {
-    if (!state->uids.empty() && !state->is_lost) {
-        const std::time_t now = clock_now();
-        if (claims_look(state, now))
-            look_for(state, now);
+    if (state->number && !state->is_lost) {
+        if (claims_look(state))
+            look(state);
+        else
+            wait_while_missing(*state);
     }
     return state->is_lost ? snapshot_no_longer_there(*state) : nullptr;
 }

@@ -6,9 +6,8 @@
 // that the VM writes to.
 #pragma once
 
-#include <cstdint>
+#include <optional>
 #include <string>
-#include <vector>
 
 #include "appliance/exporter/snapshot_state.h"
 #include "lib/errdesc.h"
@@ -19,16 +18,17 @@ namespace mirador {
 // of the VM's record, for a moment, and looks at the datastore.
 std::string snapshot_database_of(const std::string& vm_shadow_path);
 
-// What the database calls the snapshots of a name; nothing when it cannot be read.
-std::vector<std::uint64_t> snapshot_uids(const std::string& database, const std::string& snapshot_name);
+// The number of the newest snapshot of a name in the database; none when it lists no such snapshot or cannot be read.
+std::optional<snapshot_number_t> snapshot_number_in(const std::string& database, const std::string& snapshot_name);
 
-// EAGAIN for a disk, `vmdk_path` being its descriptor, that is none of those which the snapshot froze. Nothing is known
-// against a disk where the database cannot be read, or not whole.
-[[nodiscard]] errdesc_t* snapshot_check_frozen(const snapshot_state_t& state, const std::string& vmdk_path);
+// Whether a disk, `vmdk_path` being its descriptor, is one that the snapshot froze. Nothing is known against a disk
+// where the database cannot be read, or not whole. Errors: EAGAIN for one that was not frozen; ESTALE for a snapshot
+// that is lost (below), after a wait of 10 seconds; EMFILE, ENFILE, ENOMEM.
+[[nodiscard]] errdesc_t* snapshot_check_frozen(snapshot_state_t* state, const std::string& vmdk_path);
 
-// ESTALE once the database has been without the snapshot for a while: somebody else has removed it, and what it froze
-// changes. Of the readers that call this, one every 15 seconds looks into the database, and waits for the datastore as
-// its read does. Takes no lock.
+// ESTALE once the database has been without the snapshot for 10 seconds: somebody else has removed it, and what it
+// froze changes. Of the readers that call this, one every 5 seconds looks into the database, and waits as long as its
+// datastore does; while the snapshot is missing, all wait to see whether it comes back. Takes no lock.
 [[nodiscard]] errdesc_t* snapshot_check_not_lost(snapshot_state_t* state);
 
 // The ESTALE of a snapshot that somebody else has removed.

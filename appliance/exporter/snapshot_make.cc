@@ -164,8 +164,8 @@ errdesc_t* fill_state(const snapshot_request_t& request, snapshot_state_t* state
 // How the snapshot is found among the VM's from now on.
 void know_in_database(snapshot_state_t* state) {
     state->database = snapshot_database_of(*state->vm_shadow_path);
-    state->uids = snapshot_uids(state->database, state->snapshotname);
-    if (state->uids.empty())
+    state->number = snapshot_number_in(state->database, state->snapshotname);
+    if (!state->number)
         ts_printf("%s does not list the snapshot '%s'\n", state->database.c_str(), state->snapshotname.c_str());
 }
 

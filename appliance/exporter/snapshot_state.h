@@ -20,6 +20,15 @@
 
 namespace mirador {
 
+// What tells a snapshot from every other of its VM: a host may begin to count at 1 again when none is left.
+struct snapshot_number_t {
+    std::uint64_t uid = 0;
+    std::uint32_t createtimehigh = 0;
+    std::uint32_t createtimelow = 0;
+
+    bool operator==(const snapshot_number_t&) const = default;
+};
+
 struct snapshot_state_t {
     static constexpr std::uint32_t magic_value = 0xbbbbccbb;
     static constexpr std::uint32_t version_value = 1;
@@ -34,10 +43,10 @@ struct snapshot_state_t {
     std::optional<std::string> vm_shadow_path;  // absent for one that an earlier run left behind
     std::time_t ctime = 0;                      // when the snapshot was made
     bool quiesce = false;
-    bool snapshot_created = false;      // the hypervisor has it, or may have it: it must be removed
-    ks_hypervisor_config_t hypervisor;  // as last known, for a removal while the controller is away
-    std::string database;               // the VM's, of its snapshots, as it can be read
-    std::vector<std::uint64_t> uids;    // what the snapshot is called there; none: it does not tell
+    bool snapshot_created = false;            // the hypervisor has it, or may have it: it must be removed
+    ks_hypervisor_config_t hypervisor;        // as last known, for a removal while the controller is away
+    std::string database;                     // the VM's, of its snapshots, as it can be read
+    std::optional<snapshot_number_t> number;  // the snapshot's there; none: it does not tell
 
     // Under the thread's mutex.
     std::int64_t ref = 0;        // users; never negative
@@ -45,10 +54,11 @@ struct snapshot_state_t {
     unique_fd lockfd;            // holds the lock on the VM's lock file
     bool removal_begun = false;  // the snapshot may be gone, whatever was answered: nobody reads from it any more
 
-    // Of whoever reads from the snapshot: when to look for it in the database, since when it is missing there (0: it is
-    // there), and whether somebody else has removed it. Reading fails from then on.
+    // Of whoever reads from the snapshot: when to look for it in the database, whether somebody does, whether it was
+    // missing there just now, and whether somebody else has removed it. Reading fails from then on.
     std::atomic<std::time_t> next_look = 0;
-    std::atomic<std::time_t> missed_since = 0;
+    std::atomic<bool> is_looked_for = false;
+    std::atomic<bool> is_missing = false;
     std::atomic<bool> is_lost = false;
 
     bool is_leftover() const { return !vm_shadow_path; }

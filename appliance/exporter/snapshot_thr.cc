@@ -361,7 +361,7 @@ bool snapshot_use_t::is_gone() const {
 }
 
 errdesc_t* snapshot_use_t::check_frozen(const std::string& vmdk_path) const {
-    return state_ == nullptr ? nullptr : snapshot_check_frozen(*state_, vmdk_path);
+    return state_ == nullptr ? nullptr : snapshot_check_frozen(state_.get(), vmdk_path);
 }
 
 errdesc_t* snapshot_use_t::check_not_lost() const {

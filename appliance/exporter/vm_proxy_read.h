@@ -12,10 +12,11 @@
 namespace mirador {
 
 // Reads up to `size` bytes at `offset` (bytes) into `buf`; *bytes_read never exceeds `size` and is less only at the end
-// of the file, or of the overlay where that is all that can be had. Waits for nobody; any number of threads may read
-// one handle. Where the handle has a device reader and the settings allow it, a disk is read without what its guest
-// does not use. Bytes of a disk that were read and skipped are counted (stats_thr.h), by the device reader in whole
-// sectors. Errors: ESTALE (116) for a null handle; the source's number with what the datastore side publishes for the
+// of the file, or of the overlay where that is all that can be had. Takes no lock, and waits for nobody but to see
+// whether the snapshot is still there (snapshot_frozen.h); any number of threads may read one handle. Where the handle
+// has a device reader and the settings allow it, a disk is read without what its guest does not use. Bytes of a disk
+// that were read and skipped are counted (stats_thr.h), by the device reader in whole sectors. Errors: ESTALE (116) for
+// a null handle and for a snapshot that is lost; the source's number with what the datastore side publishes for the
 // handle's extended-error path. A failure that the overlay covers from the read's first byte on is no error.
 [[nodiscard]] errdesc_t* vm_proxy_read(char* buf, std::size_t size, off_t offset, const fuse_fh_t* fh,
                                        std::size_t* bytes_read);
