@@ -20,6 +20,7 @@ class AlertBook:
         self._node = node_uuid
         self._alerts: dict[AlertKey, dict[str, Any]] = {}
         self._own: dict[tuple[str, str], dict[str, str]] = {}  # alert_id and owner -> object -> message
+        self._earlier: set[AlertKey] | None = None  # raised by a daemon before the one that begins
         for record in store.alerts():
             key = self._key(record)
             if record.get("own"):
@@ -38,6 +39,8 @@ class AlertBook:
     def post(self, posted: dict[str, Any], own: int = 0) -> bool:
         """Raises an alert or renews it. Whether it says something new."""
         key = self._key(posted)
+        if self._earlier is not None:
+            self._earlier.discard(key)
         old = self._alerts.get(key, {})
         now = int(time.time())
         record = {"alert_time": now, **{member: posted[member] for member in _POSTED if member in posted}}
@@ -54,6 +57,19 @@ class AlertBook:
             return False
         self._store.remove_alert(key)
         return True
+
+    def daemon_begins(self) -> None:
+        """What an earlier daemon raised, the one that begins doesn't know, and would never clear."""
+        if self._earlier is None:
+            self._earlier = {key for key, record in self._alerts.items() if not record["own"] and key[2] == self._node}
+
+    def daemon_has_followed(self) -> list[AlertKey]:
+        """It has looked at everything: drops what it has not raised again. The alerts dropped."""
+        dropped = [key for key in self._earlier or () if self._alerts.pop(key, None)]
+        self._earlier = None
+        for key in dropped:
+            self._store.remove_alert(key)
+        return dropped
 
     def keep_own(self, alert_id: str, owner: str, texts: dict[str, str], hypervisor: str, vm_name: str) -> list[str]:
         """Lets exactly the alerts `texts` (object -> message) stand of those that the appliance raises as `alert_id`

@@ -259,12 +259,20 @@ class Controller:
             if self._alerts.clear(posted):
                 self._say(f"alert {posted.get('alert_id')} cleared for {posted.get('object_id')}")
 
+    def daemon_begins(self) -> None:
+        """A daemon asks for its first inventory."""
+        with self._lock:
+            self._alerts.daemon_begins()
+
     def take_statistics(self, report: list[dict[str, Any]]) -> None:
         with self._lock:
             self._statistics.take(report)
 
     def taken_over(self, token: str) -> None:
         """The daemon has taken over the inventory of a generation."""
+        with self._lock:
+            for alert_id, object_id, _ in self._alerts.daemon_has_followed():
+                self._say(f"alert {alert_id} cleared for {object_id}")
         self._store.set_meta("taken_over", token)
         self._taken_over = token
         self.generation.taken_over(token)

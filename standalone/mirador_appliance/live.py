@@ -47,12 +47,13 @@ class Live:
         self._since = clock()
         self._lock = threading.Lock()
         self._reads = Reads()
-        self.presence = Presence(clock, self._forget_reads)
+        self.presence = Presence(clock, self._daemon_begins)
         self._made: tuple[float, dict[str, Any], list[Row]] | None = None
         self._rows = VmRows()
         self._told = 0.0
 
-    def _forget_reads(self) -> None:
+    def _daemon_begins(self) -> None:
+        self._controller.daemon_begins()
         with self._lock:
             self._note_quiet()
             self._reads.forget()

@@ -219,6 +219,21 @@ class Posted(ControllerCase):
         self.assertEqual(self.standing(), [("snapshot_create", "esx:vm", "other", 1)])
         self.assertEqual(len(self.store.alerts()), 1)
 
+    def test_alerts_of_an_earlier_daemon_go_when_the_new_one_has_not_raised_them(self):
+        for name in ("again", "gone"):
+            self.controller.post_alert(self.alert(object_id=name))
+        self.controller.post_alert(self.alert(node_uuid="other"))
+        self.controller.taken_over("1-1")  # by the daemon that raised them
+        self.assertEqual(len(self.standing()), 3)
+        self.controller.daemon_begins()
+        self.controller.post_alert(self.alert(object_id="again"))
+        self.controller.post_alert(self.alert(object_id="new"))
+        self.controller.daemon_begins()  # it asks once more
+        self.controller.taken_over("1-2")
+        self.assertEqual({(alert[1], alert[2] == "other") for alert in self.standing()},
+                         {("again", False), ("new", False), ("esx:vm", True)})
+        self.assertEqual(len(self.store.alerts()), 3)
+
 
 if __name__ == "__main__":
     unittest.main()
