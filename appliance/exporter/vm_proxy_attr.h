@@ -7,6 +7,7 @@
 //   smartread_lvm_enabled   "1" or "0": the setting
 //   user.err_num            number of the error saved for the path, "0" when none is
 //   user.err_string         its text, empty when none is
+//   snapshot_scrub:NAME     of a VM's directory: reading it is the order to remove the snapshot; "number:text"
 // Writing "user.err_reset" forgets the path's error. Any other name reads as an empty value and is accepted when
 // written. The error rows take no lock but the error memory's; nothing here waits for the table lock.
 #pragma once

@@ -60,7 +60,11 @@ class Session:
             descriptor = os.open(aside, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC, 0o600)
             with os.fdopen(descriptor, "wb") as file:
                 file.write(pack(content) + b"\n")
-            os.rename(aside, path)
+            try:
+                os.rename(aside, path)
+            except OSError:  # a directory stands there
+                os.unlink(aside)
+                raise
             self._file = path
         except OSError as error:
             print(f"{path}: {reason(error)}", file=sys.stderr)
