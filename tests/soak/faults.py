@@ -1,9 +1,11 @@
 """Faults of agents, of the block-list script and of the controller; the controller's death."""
 
+import contextlib
 import errno
 
 from harness import snapshots
 from harness.inventory import tree
+from harness.tools import Failed
 
 from excuses import ALL
 from model import Wrong
@@ -107,6 +109,9 @@ class ControllerFaults(Worker):
         snapshot come back when it is gone. What was told of a VM wrongly may come out later: it is told anew of all."""
         for vm in self.stage.read + self.stage.tracked:
             self.stage.appliance.command("refresh", vm.uuid)
+        for vm in self.stage.roaming:
+            with contextlib.suppress(Failed):  # it may be away
+                self.stage.appliance.command("refresh", vm.uuid)
         missing: list[str] = []
         def is_whole() -> bool:
             expected, found = self.stage.expected_tree(), tree()
