@@ -112,6 +112,28 @@ class Serving(unittest.TestCase):
         with concurrent.futures.ThreadPoolExecutor(32) as readers:
             self.assertEqual(list(readers.map(read_at_random, range(32))), [None] * 32)
 
+    def test_piece_that_cannot_be_read_is_an_error(self):
+        """Not the device's end, which it would be to who gets less than he asked for."""
+        whole, broken = self.disks
+        size, at = 2 * MIB, MIB - SECTOR
+        lines = [f"{start} {count} linear {disk.loop} {start}\n" for start, count, disk in (
+            (0, at // SECTOR, whole), (at // SECTOR, 1, broken), (MIB // SECTOR, MIB // SECTOR, whole))]
+        dmsetup("create", "one", table="".join(lines))
+        os.truncate(broken.path, MIB // 2)
+        subprocess.run(["losetup", "-c", broken.loop], check=True)
+
+        def read(file, start, end):
+            while start < end:
+                got = os.pread(file.fileno(), end - start, start)
+                self.assertTrue(got, f"it ends at {start}")
+                start += len(got)
+
+        with open("/dev/mapper/one", "rb", buffering=0) as file:
+            for start, end in ((at - 2 * SECTOR, MIB), (MIB - 65536, MIB + 65536), (0, size)):
+                self.assertRaises(OSError, read, file, start, end)
+            self.assertEqual(os.fstat(file.fileno()).st_size, size)
+            self.assertEqual(os.pread(file.fileno(), 65536, MIB), whole.data[MIB:MIB + 65536])
+
     def test_mappings_over_mappings(self):
         expected = self.make_patchwork(40000)
         half = len(expected) // SECTOR // 2

@@ -16,10 +16,13 @@
 #include <cstring>
 #include <fstream>
 #include <future>
+#include <memory>
+#include <numeric>
 #include <thread>
 #include <vector>
 
 #include "lib/cor_string.h"
+#include "lib/file_io.h"
 #include "lib/tool_paths.h"
 
 namespace mirador {
@@ -48,10 +51,6 @@ struct stat attributes(mapper_inode_t inode, std::uint64_t size) {
     st.st_size = static_cast<off_t>(size);
     st.st_blocks = static_cast<blkcnt_t>(size / sector_size);
     return st;
-}
-
-void op_init(void*, fuse_conn_info* connection) {
-    connection->want |= connection->capable & (FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
 }
 
 // Names are looked up each time: a removed device's name may come back as another device.
@@ -93,28 +92,21 @@ void op_release(fuse_req_t request, fuse_ino_t inode, fuse_file_info*) {
     fuse_reply_err(request, 0);
 }
 
-// Zeros for any number of pieces: no target is read in larger portions than the kernel asks for.
-void* zeros() {
-    static std::array<char, 1 << 20> bytes = {};
-    return bytes.data();
-}
-
-// The pieces as libfuse wants them: descriptors to splice from and memory. It lives in *room.
-fuse_bufvec* as_bufvec(const std::vector<dm_piece_t>& pieces, std::vector<char>* room) {
-    room->resize(sizeof(fuse_bufvec) + pieces.size() * sizeof(fuse_buf));
-    auto* vector = reinterpret_cast<fuse_bufvec*>(room->data());
-    vector->count = pieces.size();
-    fuse_buf* buf = vector->buf;
+// Reads the pieces one behind the other, all or none: the kernel takes a short reply for the device's end, and the
+// device for as long as that from then on. 0, or errno.
+int read_pieces(const std::vector<dm_piece_t>& pieces, char* bytes) {
     for (const dm_piece_t& piece : pieces) {
-        constexpr int from_device = FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK | FUSE_BUF_FD_RETRY;
-        buf->size = piece.size;
-        buf->flags = static_cast<fuse_buf_flags>(piece.device == nullptr ? 0 : from_device);
-        buf->mem = piece.device == nullptr ? zeros() : nullptr;
-        buf->fd = piece.device == nullptr ? -1 : piece.device->fd.get();
-        buf->pos = static_cast<off_t>(piece.offset);
-        ++buf;
+        std::size_t done = piece.size;
+        if (piece.device == nullptr)
+            std::memset(bytes, 0, piece.size);
+        else if (const errdesc_t* e =
+                     cor_pread(piece.device->fd.get(), bytes, piece.size, static_cast<off_t>(piece.offset), &done))
+            return e->number;
+        if (done < piece.size)
+            return EIO;
+        bytes += piece.size;
     }
-    return vector;
+    return 0;
 }
 
 void op_read(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offset, fuse_file_info*) {
@@ -123,12 +115,15 @@ void op_read(fuse_req_t request, fuse_ino_t inode, size_t size, off_t offset, fu
         fuse_reply_err(request, EIO);
         return;
     }
-    std::vector<char> room;
-    const auto pieces = table->map(static_cast<std::uint64_t>(offset), std::min<std::size_t>(size, 1 << 20));
-    if (pieces.empty())
-        fuse_reply_buf(request, nullptr, 0);
+    const auto pieces = table->map(static_cast<std::uint64_t>(offset), size);
+    const auto length = std::accumulate(pieces.begin(), pieces.end(), std::size_t{0},
+                                        [](std::size_t sum, const dm_piece_t& piece) { return sum + piece.size; });
+    const auto bytes = std::make_unique_for_overwrite<char[]>(length);
+    const int number = read_pieces(pieces, bytes.get());
+    if (number != 0)
+        fuse_reply_err(request, number);
     else
-        fuse_reply_data(request, as_bufvec(pieces, &room), FUSE_BUF_SPLICE_MOVE);
+        fuse_reply_buf(request, bytes.get(), length);
 }
 
 void op_readdir(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info*) {
@@ -181,7 +176,6 @@ void forget_cached(fuse_chan* channel, const mapper_entry_t& entry) {
 
 fuse_lowlevel_ops operations() {
     fuse_lowlevel_ops ops = {};
-    ops.init = op_init;
     ops.lookup = op_lookup;
     ops.getattr = op_getattr;
     ops.open = op_open;
