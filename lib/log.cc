@@ -6,8 +6,10 @@
 #include <array>
 #include <atomic>
 #include <ctime>
+#include <string>
 
 #include "lib/cor_assert.h"
+#include "lib/cor_string.h"
 #include "lib/thread_annotations.h"
 
 namespace mirador {
@@ -34,11 +36,10 @@ void ts_vfprintf(std::FILE* stream, const char* format, std::va_list args) {
     cor_assert(localtime_r(&now.tv_sec, &local) != nullptr);
     std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &local);
 
+    const std::string line =
+        cor_format("%s.%06ld: ", text.data(), static_cast<long>(now.tv_usec)) + cor_vformat(format, args);
     const mutex_lock_t lock(_ts_printf_mutex);
-    flockfile(stream);  // error descriptors print to the same stream without the mutex
-    std::fprintf(stream, "%s.%06ld: ", text.data(), static_cast<long>(now.tv_usec));
-    std::vfprintf(stream, format, args);
-    funlockfile(stream);
+    std::fwrite(line.data(), 1, line.size(), stream);  // at once: others write to the same file
 }
 
 void ts_fprintf(std::FILE* stream, const char* format, ...) {

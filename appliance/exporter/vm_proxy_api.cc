@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "appliance/exporter/vm_proxy_api.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -95,6 +97,10 @@ std::unique_ptr<fuse_fh_t> fuse_fh_new(unique_fd fd, const cookie_ptr& shared, c
     fh->pdev = cookie.pdev;
     fh->optimize = fh->pdev != nullptr;
     fh->attributes = vm_proxy_header_attr(cookie.header, cookie.path);
+    fh->type = cookie.header.type;
+    fh->vm_uuid = cookie.header.vm_uuid;
+    fh->is_template = cookie.header.can_snapshot == 0;
+    fh->device_size = is_disk(cookie) ? lseek(fh->fd.get(), 0, SEEK_END) : -1;
     fh->cookie = shared;
     return fh;
 }
@@ -105,8 +111,8 @@ bool is_same_file(const cor_statb_t& one, const cor_statb_t& other) {
 
 // Whether the path belongs to another VM by now, or leads to another file. A disk of a VM that can be snapshotted is
 // served from its snapshot, whatever becomes of the VM's own files meanwhile, and so is what changed on a disk; but it
-// must be as long as is told.
-bool leads_elsewhere(const vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
+// must be as long as is told. What was opened of a template has no snapshot, which it needs once it is a VM.
+bool leads_elsewhere(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
     const errdesc_keeper_t keep;
     std::unique_ptr<vm_proxy_header_t> now;
     if (vm_proxy_read_header_checked(cookie.shadow_path, &now) != nullptr)
@@ -114,6 +120,10 @@ bool leads_elsewhere(const vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
     const vm_proxy_header_t& then = cookie.header;
     if (now->type != then.type || std::strcmp(now->vm_uuid, then.vm_uuid) != 0)
         return true;
+    if (then.can_snapshot == 0 && now->can_snapshot != 0) {
+        cookie.is_vms = true;
+        return true;
+    }
     if (then.type == VM_PROXY_HEADER_VMDK_CORCBT)
         return now->statb.size != then.statb.size;
     if (then.type == VM_PROXY_HEADER_VMDK_FLAT && then.can_snapshot != 0)
@@ -143,6 +153,8 @@ errdesc_t* give_up(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
     const bool stays = cookie.ref > 0 && cookie.header.type == VM_PROXY_HEADER_VMDK_FLAT;
     if (stays && has_lost_snapshot(cookie))
         return errdesc_set_fmt(ESTALE, "%s: the snapshot that it is read from is no longer there", cookie.path.c_str());
+    if (stays && cookie.is_vms)
+        return errdesc_set_fmt(EBUSY, "%s: it is still open as a template's disk", cookie.path.c_str());
     if (stays)
         return errdesc_set_fmt(EBUSY, "%s: another disk is still open under this path", cookie.path.c_str());
     discard(cookie);

@@ -57,10 +57,15 @@ errdesc_t* cookie_value(const std::string& path, const std::string& shadow_path,
     return nullptr;
 }
 
-// The error saved for a path or, if it is a loop-file name, for its export name; null if there is none.
-const errdesc_t* saved_error(const std::string& path) {
+// The name under which a path's errors are saved: the export name of a loop-file name.
+std::string error_path(const std::string& path) {
     std::string export_path;
-    return error_hash_get(losetup_file_to_export(path, &export_path) == nullptr ? export_path : path);
+    return losetup_file_to_export(path, &export_path) == nullptr ? export_path : path;
+}
+
+// The error saved for a path; null if there is none.
+const errdesc_t* saved_error(const std::string& path) {
+    return error_hash_get(error_path(path));
 }
 
 bool is_command(const std::string& name) {
@@ -107,6 +112,25 @@ void add_own(const std::string& path, struct stat* stbuf) {
     stbuf->st_blksize = preferred_block_size;
 }
 
+// The attributes of a path; *header is its header, null for a directory.
+errdesc_t* look_up(const std::string& path, const std::string& shadow_path, bool update, struct stat* stbuf,
+                   std::unique_ptr<vm_proxy_header_t>* header) {
+    std::string found = shadow_path;
+    RETURN_IF_ERROR(stat_shadow(path, &found, stbuf));
+    if (!S_ISDIR(stbuf->st_mode)) {
+        if (update)
+            refresh_vm_of(found);
+        RETURN_IF_ERROR(vm_proxy_read_header_checked(found, header));
+        *stbuf = vm_proxy_header_attr(**header, path);
+    } else {
+        show_shadow_root(stbuf);
+        add_own(path, stbuf);
+    }
+    if (get_reg_settings()->debug_level > check_debug_level)
+        cns_check_statb(path, "vm_proxy_getattr", *stbuf, false);
+    return nullptr;
+}
+
 }  // namespace
 
 struct stat vm_proxy_header_attr(const vm_proxy_header_t& header, const std::string& path) {
@@ -118,28 +142,19 @@ struct stat vm_proxy_header_attr(const vm_proxy_header_t& header, const std::str
 }
 
 errdesc_t* vm_proxy_getattr(const std::string& path, const std::string& shadow_path, bool update, struct stat* stbuf) {
-    std::string found = shadow_path;
-    RETURN_IF_ERROR(stat_shadow(path, &found, stbuf));
-    if (!S_ISDIR(stbuf->st_mode)) {
-        if (update)
-            refresh_vm_of(found);
-        std::unique_ptr<vm_proxy_header_t> header;
-        RETURN_IF_ERROR(vm_proxy_read_header_checked(found, &header));
-        *stbuf = vm_proxy_header_attr(*header, path);
-    } else {
-        show_shadow_root(stbuf);
-        add_own(path, stbuf);
-    }
-    if (get_reg_settings()->debug_level > check_debug_level)
-        cns_check_statb(path, "vm_proxy_getattr", *stbuf, false);
-    return nullptr;
+    std::unique_ptr<vm_proxy_header_t> header;
+    return look_up(path, shadow_path, update, stbuf, &header);
 }
 
 void vm_proxy_fgetattr(const fuse_fh_t& fh, const std::string& path, const std::string& shadow_path,
                        struct stat* stbuf) {
     const errdesc_keeper_t keeper;
-    if (vm_proxy_getattr(path, shadow_path, true, stbuf) != nullptr)
+    std::unique_ptr<vm_proxy_header_t> header;
+    if (look_up(path, shadow_path, true, stbuf, &header) != nullptr || header == nullptr || header->type != fh.type ||
+        fh.vm_uuid != header->vm_uuid)
         *stbuf = fh.attributes;
+    else if (fh.is_template && header->can_snapshot != 0)
+        fh.cookie->is_vms = true;
 }
 
 errdesc_t* vm_proxy_getxattr(const std::string& path, const std::string& shadow_path, const std::string& name,
@@ -164,7 +179,7 @@ errdesc_t* vm_proxy_getxattr(const std::string& path, const std::string& shadow_
 
 errdesc_t* vm_proxy_setxattr(const std::string& path, const std::string& name) {
     if (name == "user.err_reset")
-        error_hash_save(path, nullptr);
+        error_hash_save(error_path(path), nullptr);
     return nullptr;
 }
 

@@ -30,6 +30,12 @@ errdesc_t* read_device(char* buf, std::size_t size, off_t offset, const fuse_fh_
     return nullptr;
 }
 
+// A device has all its bytes. Where it comes to its end before, what lies there cannot be read.
+bool ends_early(const fuse_fh_t& fh, std::size_t size, off_t offset, std::size_t delivered) {
+    const std::int64_t left = std::max<std::int64_t>(0, fh.device_size - offset);
+    return delivered < std::min(size, static_cast<std::size_t>(left));
+}
+
 // The underlying bytes. Error: the source's number, with the text that is published for the source.
 errdesc_t* read_source(char* buf, std::size_t size, off_t offset, const fuse_fh_t& fh, read_counts_t* counts) {
     if (fh.optimize && size > 0 && get_reg_settings()->smartread_optimize)
@@ -37,6 +43,8 @@ errdesc_t* read_source(char* buf, std::size_t size, off_t offset, const fuse_fh_
     errdesc_t* e = cor_pread(fh.fd.get(), buf, size, offset, &counts->delivered);
     if (e != nullptr)
         return errdesc_set_extended_err(e->number, fh.extended_error_path);
+    if (ends_early(fh, size, offset, counts->delivered))
+        return errdesc_set_extended_err(EIO, fh.extended_error_path);
     counts->read = counts->delivered;
     return nullptr;
 }
@@ -78,6 +86,9 @@ errdesc_t* vm_proxy_read(char* buf, std::size_t size, off_t offset, const fuse_f
         return errdesc_set(ESTALE);
     cor_assert(fh->magic == fuse_fh_t::magic_value);
     cor_assert(fh->version == fuse_fh_t::version_value);
+    if (fh->cookie->is_vms)
+        return errdesc_set_fmt(ESTALE, "%s: opened as a template's disk, which is a virtual machine's by now",
+                               fh->path.c_str());
     if (fh->snapshot != nullptr)
         RETURN_IF_ERROR(fh->snapshot->check_not_lost());
     const bool digest = get_reg_settings()->debug_level > digest_debug_level;

@@ -82,6 +82,8 @@ struct vm_proxy_cookie_t {
     cor_dev_ptr pdev GUARDED_BY(mutex);  // reads only what the guest uses; null: there is no telling what that is
     vm_proxy_header_t header GUARDED_BY(mutex) = {};
     bool detached GUARDED_BY(mutex) = false;  // has left the table
+    // A template's disk, read without a snapshot, is a VM's by now, which writes to it. Once set, it stays.
+    std::atomic<bool> is_vms = false;
 
     // Publishes type, VM and device for attribute queries.
     void publish_info() REQUIRES(mutex) EXCLUDES(info_mutex);
@@ -117,6 +119,11 @@ struct fuse_fh_t {
     // one to the flat disk.
     bool direct_io = false;
     struct stat attributes {};  // as they were when it was opened
+    std::uint32_t type = 0;     // vm_proxy_header_type_t
+    std::string vm_uuid;        // whose file it is
+    bool is_template = false;   // which is read without a snapshot
+    // Bytes of the device behind `fd`, before whose end no read comes out short; -1: a file, which may become shorter.
+    std::int64_t device_size = -1;
     cookie_ptr cookie;
 };
 

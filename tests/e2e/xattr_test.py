@@ -85,7 +85,7 @@ class Attributes(SnapshotCase):
             self.assertEqual(getfattr(path, "user.err_string"), f"{text}\0")
         self.assertNotIn(loop_file.name, os.listdir(flat.parent))
         self.assertEqual(saved_error(other), (0, ""))
-        run("setfattr", "-n", "user.err_reset", "-v", "", flat)
+        run("setfattr", "-n", "user.err_reset", "-v", "", loop_file)
         self.assertEqual(getfattr(flat, "user.err_num"), "0\0")
         self.assertEqual(getfattr(flat, "user.err_string"), "\0")
 

@@ -89,6 +89,24 @@ TEST_F(vm_proxy_read_test, FailureOfTheSourceShowsUnlessTheOverlayCoversTheStart
     EXPECT_EQ(vm_proxy_read(&byte, 1, 0, nullptr, &got)->number, ESTALE);
 }
 
+// A mapping that cannot read a piece of itself may give what comes before it.
+TEST_F(vm_proxy_read_test, DeviceThatEndsEarlyIsAnError) {
+    const std::string disk = expose_disk("a-flat.vmdk");
+    std::unique_ptr<fuse_fh_t> fh;
+    ASSERT_EQ(vm_proxy_open(disk, shadow_path(disk), &fh), nullptr);
+    std::string buf(8192, '?');
+    std::size_t got = 0;
+    const auto end = static_cast<off_t>(disk_size);
+    EXPECT_EQ(number_of(vm_proxy_read(buf.data(), buf.size(), end - 4096, fh.get(), &got)), 0);
+    EXPECT_EQ(got, 4096U);
+    std::filesystem::resize_file(fake_vdsk().device, disk_size - 6144);
+    EXPECT_EQ(number_of(vm_proxy_read(buf.data(), buf.size(), end - 8192, fh.get(), &got)), EIO);
+    EXPECT_EQ(number_of(vm_proxy_read(buf.data(), buf.size(), end - 4096, fh.get(), &got)), EIO);
+    EXPECT_EQ(number_of(vm_proxy_read(buf.data(), buf.size(), end, fh.get(), &got)), 0);
+    EXPECT_EQ(got, 0U);
+    EXPECT_EQ(vm_proxy_release(disk, std::move(fh)), nullptr);
+}
+
 // A disk of which every third sector is in use, with the bitmap that says so.
 class smart_read_test : public vm_proxy_read_test {
   protected:

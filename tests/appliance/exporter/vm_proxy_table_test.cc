@@ -4,6 +4,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -91,6 +92,42 @@ TEST_F(vm_proxy_table, PathThatLeadsElsewhereIsOpenedAnew) {
     release(open(disk));
     EXPECT_EQ(fake_vdsk().set_ups.size(), 3U);
     EXPECT_EQ(cached(), (std::vector<std::string>{vmx, disk}));
+}
+
+// A template is read without a snapshot. What is written to it once it is a VM must not come into a copy.
+TEST_F(vm_proxy_table, TemplateThatBecomesAVmIsReadNoMoreAsOne) {
+    const auto expose_as = [&](bool is_template) {
+        return expose("a-flat.vmdk", VM_PROXY_HEADER_VMDK_FLAT, fake_vdsk().device, "hv1", is_template);
+    };
+    const auto read = [](const fh_ptr& fh) {
+        std::array<char, 512> buf{};
+        std::size_t got = 0;
+        return number_of(vm_proxy_read(buf.data(), buf.size(), 0, fh.get(), &got));
+    };
+    const std::string disk = expose_as(true);
+    fh_ptr early = open(disk);
+    expose_as(false);
+    EXPECT_EQ(read(early), 0);
+    struct stat st {};
+    vm_proxy_fgetattr(*early, disk, shadow_path(disk), &st);  // as the kernel asks before it reads
+    EXPECT_EQ(read(early), ESTALE);
+    EXPECT_EQ(open(disk), nullptr);
+    EXPECT_EQ(saved_number(disk), EBUSY);
+    release(std::move(early));
+    EXPECT_EQ(open(disk), nullptr) << "a snapshot is asked for, which nobody here makes";
+    EXPECT_NE(saved_number(disk), EBUSY);
+    expose_as(true);
+    release(open(disk));
+}
+
+TEST_F(vm_proxy_table, OpenFileKeepsItsSizeUnderAnothersPath) {
+    const std::string disk = expose_disk("a-flat.vmdk");
+    fh_ptr fh = open(disk);
+    expose("a-flat.vmdk", VM_PROXY_HEADER_VMX, make_file("small", "small"));
+    struct stat st {};
+    vm_proxy_fgetattr(*fh, disk, shadow_path(disk), &st);
+    EXPECT_EQ(st.st_size, static_cast<off_t>(disk_size));
+    release(std::move(fh));
 }
 
 TEST_F(vm_proxy_table, FullTableGivesUpItsLongestUnusedCookieAtOnce) {
