@@ -3,9 +3,12 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 
 #include "lib/file_io.h"
 
@@ -14,6 +17,17 @@ namespace {
 
 errdesc_t* refuse(const std::string& path, const char* kind, const char* fault) {
     return errdesc_set_fmt(EINVAL, "%s refused, %s: %s", kind, fault, path.c_str());
+}
+
+errdesc_t* write_aside(const unique_fd& fd, const std::string& path, const std::string& text, mode_t mode,
+                       const struct stat& original) {
+    std::size_t done = 0;
+    if (errdesc_t* e = cor_pwrite(fd.get(), text.data(), text.size(), 0, &done))
+        return errdesc_set_str(e->number, path);
+    const timespec times[] = {original.st_atim, original.st_mtim};
+    if (fchmod(fd.get(), mode) != 0 || futimens(fd.get(), times) != 0)
+        return errdesc_set_str(errno, path);
+    return nullptr;
 }
 
 }  // namespace
@@ -41,6 +55,20 @@ errdesc_t* read_text_file(const std::string& path, const char* kind, std::size_t
         return errdesc_set_str(e->number, path);
     text->resize(done);
     return nullptr;
+}
+
+errdesc_t* replace_text_file(const std::string& path, const std::string& text, mode_t mode,
+                             const struct stat& original) {
+    std::string aside = path + ".XXXXXX";
+    const unique_fd fd(mkostemp(aside.data(), O_CLOEXEC));
+    if (!fd)
+        return errdesc_set_str(errno, path);
+    errdesc_t* e = write_aside(fd, path, text, mode, original);
+    if (e == nullptr && std::rename(aside.c_str(), path.c_str()) != 0)
+        e = errdesc_set_str(errno, path);
+    if (e != nullptr)
+        (void)unlink(aside.c_str());
+    return e;
 }
 
 }  // namespace mirador

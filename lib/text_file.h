@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reading a small text file that somebody else may have written.
+// Small text files: reading one that somebody else may have written, replacing one of our own.
 #pragma once
+
+#include <sys/stat.h>
 
 #include <cstddef>
 #include <functional>
@@ -19,5 +21,11 @@ using opened_file_check_t = std::function<errdesc_t*(int fd)>;
 // those of `check`, where there is one.
 [[nodiscard]] errdesc_t* read_text_file(const std::string& path, const char* kind, std::size_t max_size,
                                         std::string* text, const opened_file_check_t& check = nullptr);
+
+// Puts a file with `text` in the place of `path`, which has the permissions `mode` and the access and modification
+// times of `original`. It is written under another name, so nobody sees half of it, and several may do so at once.
+// Errors: errno with the path, and nothing is left of the attempt.
+[[nodiscard]] errdesc_t* replace_text_file(const std::string& path, const std::string& text, mode_t mode,
+                                           const struct stat& original);
 
 }  // namespace mirador

@@ -4,11 +4,9 @@
 #include <fcntl.h>
 #include <regex.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <limits>
 #include <string_view>
 
@@ -16,6 +14,7 @@
 #include "lib/cor_string.h"
 #include "lib/file_io.h"
 #include "lib/file_tree.h"
+#include "lib/text_file.h"
 #include "vmware/lib/vmdk/datastore_containment.h"
 #include "vmware/lib/vmdk/vmdk_chain.h"
 #include "vmware/lib/vmdk/vmdk_open.h"
@@ -36,15 +35,14 @@ errdesc_t* not_a_text(const std::string& path) {
 }
 
 // A descriptor's text, without the zeros that some programs fill its file up with.
-errdesc_t* read_text(const std::string& path, std::string* text) {
+errdesc_t* read_text(const std::string& path, std::string* text, struct stat* st) {
     const unique_fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    struct stat st {};
-    if (!fd || fstat(fd.get(), &st) != 0)
+    if (!fd || fstat(fd.get(), st) != 0)
         return errdesc_set_str(errno, path);
     RETURN_IF_ERROR(datastore_check_opened(path, fd.get(), path));
-    if (!S_ISREG(st.st_mode) || static_cast<std::uint64_t>(st.st_size) > vmdk_max_text)
+    if (!S_ISREG(st->st_mode) || static_cast<std::uint64_t>(st->st_size) > vmdk_max_text)
         return not_a_text(path);
-    text->resize(static_cast<std::size_t>(st.st_size));
+    text->resize(static_cast<std::size_t>(st->st_size));
     std::size_t done = 0;
     if (errdesc_t* e = cor_pread(fd.get(), text->data(), text->size(), 0, &done))
         return errdesc_set_str(e->number, path);
@@ -60,26 +58,6 @@ void replace_name(std::string* text, const std::string& old_name, const std::str
         text->replace(at, old_quoted.size(), new_quoted);
         at += new_quoted.size();
     }
-}
-
-errdesc_t* write_text(const std::string& path, const std::string& text) {
-    const unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, copy_mode));
-    if (!fd)
-        return errdesc_set_str(errno, path);
-    std::size_t done = 0;
-    if (errdesc_t* e = cor_pwrite(fd.get(), text.data(), text.size(), 0, &done))
-        return errdesc_set_str(e->number, path);
-    return nullptr;
-}
-
-errdesc_t* write_and_rename(const std::string& path, const std::string& text) {
-    const std::string aside = path + ".tmp";
-    errdesc_t* e = write_text(aside, text);
-    if (e == nullptr && std::rename(aside.c_str(), path.c_str()) != 0)
-        e = errdesc_set_str(errno, path);
-    if (e != nullptr)
-        unlink(aside.c_str());
-    return e;
 }
 
 // A disk name taken apart by the pattern of counters and kinds in front of ".vmdk".
@@ -154,12 +132,13 @@ errdesc_t* vmdk_get_extentname(const std::string& path, std::string* extentname)
 errdesc_t* vmdk_copy_descfiles(const std::string& path, const std::string& copy_path, const std::string& old_extentname,
                                const std::string& new_extentname, std::int64_t* size) {
     std::string text;
-    RETURN_IF_ERROR(read_text(path, &text));
+    struct stat original {};
+    RETURN_IF_ERROR(read_text(path, &text, &original));
     replace_name(&text, old_extentname, new_extentname);
     const std::string directory = vmdk_get_dir(copy_path);
     if (mkdirp(directory, copy_dir_mode) != 0)
         return errdesc_set_fmt(errno, "Cannot make directory %s", directory.c_str());
-    RETURN_IF_ERROR(write_and_rename(copy_path, text));
+    RETURN_IF_ERROR(replace_text_file(copy_path, text, copy_mode, original));
     *size = static_cast<std::int64_t>(text.size());
     return nullptr;
 }

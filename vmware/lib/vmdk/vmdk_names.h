@@ -18,9 +18,9 @@ namespace mirador {
 [[nodiscard]] errdesc_t* vmdk_get_extentname(const std::string& path, std::string* extentname);
 
 // Copies the descriptor text `path` to `copy_path`, making the directory and replacing the file name `old_extentname`
-// by `new_extentname`, and stores the copy's size in bytes in *size. The copy is written under "<copy_path>.tmp" and
-// renamed, so nobody sees half of it. Errors: EINVAL when `path` is no plain descriptor text; errno with the path;
-// errno with "Cannot make directory %s".
+// by `new_extentname`, and stores the copy's size in bytes in *size. The copy has the original's access and
+// modification times, and nobody sees half of it. Errors: EINVAL when `path` is no plain descriptor text; errno with
+// the path; errno with "Cannot make directory %s".
 [[nodiscard]] errdesc_t* vmdk_copy_descfiles(const std::string& path, const std::string& copy_path,
                                              const std::string& old_extentname, const std::string& new_extentname,
                                              std::int64_t* size);

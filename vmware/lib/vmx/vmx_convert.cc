@@ -1,17 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "vmware/lib/vmx/vmx_convert.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <filesystem>
 #include <map>
 
-#include "lib/file_io.h"
 #include "lib/file_tree.h"
 #include "vmware/lib/vmx/vmx.h"
 #include "vmware/lib/vmx/vmx_encoding.h"
@@ -86,32 +82,6 @@ std::string changed(const std::string& text, std::vector<change_t> changes) {
     return result.append(text, done);
 }
 
-errdesc_t* write_copy(const std::string& path, const std::string& text, const struct stat& original) {
-    const unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!fd)
-        return errdesc_set_str(errno, path);
-    std::size_t done = 0;
-    if (errdesc_t* e = cor_pwrite(fd.get(), text.data(), text.size(), 0, &done))
-        return errdesc_set_str(e->number, path);
-    const timespec times[] = {original.st_atim, original.st_mtim};
-    if (fchmod(fd.get(), original.st_mode & permissions) != 0 || futimens(fd.get(), times) != 0)
-        return errdesc_set_str(errno, path);
-    return nullptr;
-}
-
-errdesc_t* write_and_rename(const std::string& path, const std::string& text, const struct stat& original) {
-    const std::string directory = std::filesystem::path(path).parent_path();
-    if (!directory.empty() && mkdirp(directory, copy_dir_mode) != 0)
-        return errdesc_set_fmt(errno, "Cannot make directory %s", directory.c_str());
-    const std::string aside = path + ".tmp";
-    errdesc_t* e = write_copy(aside, text, original);
-    if (e == nullptr && std::rename(aside.c_str(), path.c_str()) != 0)
-        e = errdesc_set_str(errno, path);
-    if (e != nullptr)
-        unlink(aside.c_str());
-    return e;
-}
-
 }  // namespace
 
 errdesc_t* vmx_convert_text(const vmxdesc_t& desc, const std::string& text, const vmx_conversion_t& conversion,
@@ -133,7 +103,10 @@ errdesc_t* vmx_copy_convert(const std::string& path, const std::string& copy_pat
     RETURN_IF_ERROR(vmx_parse_text(path, text, &desc));
     std::string converted;
     RETURN_IF_ERROR(vmx_convert_text(desc, text, conversion, &converted));
-    return write_and_rename(copy_path, converted, original);
+    const std::string directory = std::filesystem::path(copy_path).parent_path();
+    if (!directory.empty() && mkdirp(directory, copy_dir_mode) != 0)
+        return errdesc_set_fmt(errno, "Cannot make directory %s", directory.c_str());
+    return replace_text_file(copy_path, converted, original.st_mode & permissions, original);
 }
 
 }  // namespace mirador

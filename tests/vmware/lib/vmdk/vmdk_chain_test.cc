@@ -153,12 +153,14 @@ TEST_F(vmdk_chain, CopyOfADescriptorNamesTheNewExtent) {
     const std::string path = write("disk");
     const std::string copy = dir_ / "cache/vm/disk(1).vmdk";
     std::int64_t size = 0;
+    const auto old = std::filesystem::last_write_time(path) - std::chrono::hours(24);
+    std::filesystem::last_write_time(path, old);
     ASSERT_EQ(vmdk_copy_descfiles(path, copy, "disk-flat.vmdk", "disk(1)-flat.vmdk", &size), nullptr);
     std::string expected = read_file(path);
     expected.insert(expected.find("disk-flat") + 4, "(1)");
     EXPECT_EQ(read_file(copy), expected);
     EXPECT_EQ(size, static_cast<std::int64_t>(expected.size()));
-    EXPECT_FALSE(std::filesystem::exists(copy + ".tmp"));
+    EXPECT_EQ(std::filesystem::last_write_time(copy), old);
 
     write_file(dir_ / "filled up.vmdk", read_file(path) + std::string(512, '\0'));
     ASSERT_EQ(vmdk_copy_descfiles(dir_ / "filled up.vmdk", copy, "disk-flat.vmdk", "disk(1)-flat.vmdk", &size),

@@ -122,13 +122,13 @@ TEST_F(vmx_convert_test, TheCopyAppearsWholeOrNotAtAll) {
     EXPECT_EQ(st.st_mtim.tv_sec, 1'000'000'002);
     EXPECT_EQ(st.st_mtim.tv_nsec, 7);
     EXPECT_EQ(st.st_mode & 07777U, 0755U);
-    EXPECT_FALSE(std::filesystem::exists(copy_ + ".tmp"));
 
-    // A failure leaves the copy of before.
-    ASSERT_TRUE(std::filesystem::create_directory(copy_ + ".tmp"));
-    const errdesc_t* e = vmx_copy_convert(vmx_, copy_, {{"vm-000001.vmdk", "new.vmdk"}});
-    ASSERT_EQ(number_of(e), EISDIR);
-    EXPECT_EQ(read_file(copy_), "scsi0:0.fileName = \"vm.vmdk\"\n");
+    // A failure leaves nothing beside the copy of before.
+    const std::string directory = root_ / "taken";
+    ASSERT_TRUE(std::filesystem::create_directories(directory + "/copy"));
+    ASSERT_EQ(number_of(vmx_copy_convert(vmx_, directory + "/copy", {})), EISDIR);
+    const std::filesystem::directory_iterator beside(directory);
+    EXPECT_EQ(std::distance(begin(beside), end(beside)), 1);
     const auto refuse = [](int fd) { return fd < 0 ? nullptr : errdesc_set(EPERM); };
     EXPECT_EQ(vmx_copy_convert(vmx_, copy_, {}, refuse)->number, EPERM);
     EXPECT_EQ(read_file(copy_), "scsi0:0.fileName = \"vm.vmdk\"\n");
