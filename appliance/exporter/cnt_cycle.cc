@@ -65,7 +65,10 @@ bool is_exported(const ks_vm_config_t& vmc) {
     return vmc.export_enabled && vmc.controller_export_enabled && ks_is_set(vmc.vm_name);
 }
 
+// Those of a VM without a uuid cannot be told from another's.
 void clear_alerts(const ks_vm_config_t& vmc) {
+    if (!ks_is_set(vmc.uuid))
+        return;
     if (errdesc_t* e = managed_alert_clear_vm(ks_text(vmc.uuid), get_reg_settings()->names().appliance_uuid))
         _errdesc_log(e, ERRDESC_INFO);
 }

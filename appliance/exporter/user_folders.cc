@@ -116,6 +116,10 @@ void user_folders_t::process_user_defined_folders(const std::string& root,
     }
     for (const ks_vm_folder_t& folder : *cur_fldr_list_)
         process_folder(root, folder);
+    std::string path;
+    for (const ks_vm_folder_t& folder : *cur_fldr_list_)  // a move may have failed, or have taken another's place
+        if (folder_path(root, folder, &path))
+            make_folder(path);
 }
 
 // Whether a folder of this cycle has the name: the directory is its own then, whoever had it before.

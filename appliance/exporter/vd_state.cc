@@ -85,6 +85,8 @@ errdesc_t* take_paths(const ks_vdisk_t& vdisk, const vd_update_t& update, vd_loo
     for (const std::string* path : {&look->current_vd_fpath, &look->current_extent_fpath, &look->root_extent_fpath})
         if (!is_on_datastore(*path))  // what a descriptor elsewhere names would not be checked
             return errdesc_set_fmt(EINVAL, "Disk refused, outside every datastore: %s", path->c_str());
+    if (look->current_vd_fpath.size() >= sizeof(vm_proxy_header_t::path))
+        return errdesc_set_str(ENAMETOOLONG, look->current_vd_fpath);
     return nullptr;
 }
 
@@ -125,6 +127,12 @@ errdesc_t* vd_create(const vd_look_t& look, const vd_update_t& update, std::uniq
     return nullptr;
 }
 
+bool has_reserved(const vd_update_t& update, const vd_state_t& state) {
+    return std::ranges::any_of(update.reserved, [&](const std::string& name) {
+        return name == state.new_vd_name || name == state.new_extent_name;
+    });
+}
+
 bool has_name(const vd_state_t& state, const std::string& name) {
     return state.new_vd_name == name || state.new_extent_name == name;
 }
@@ -137,7 +145,7 @@ errdesc_t* vd_resolve_conflict(vd_list_t* vd_list, const vd_update_t& update, vd
                (has_name(other, state->new_vd_name) || has_name(other, state->new_extent_name)) &&
                (other.gen == update.gen || other.new_vd_name != state->new_vd_name);
     };
-    while (find(vd_list, stands_in_the_way) != nullptr) {
+    while (has_reserved(update, *state) || find(vd_list, stands_in_the_way) != nullptr) {
         RETURN_IF_ERROR(vmdk_rename(&state->new_vd_name));
         RETURN_IF_ERROR(vmdk_rename(&state->new_extent_name));
         RETURN_IF_ERROR(shadow_check_name(state->new_vd_name, "Disk name"));
@@ -164,13 +172,29 @@ errdesc_t* take_names(vd_list_t* vd_list, const vd_update_t& update, const vd_st
     return nullptr;
 }
 
+// Where the disk's changed-block entry stands; false when its name allows none.
+bool corcbt_path(const vd_state_t& state, std::string* path) {
+    errdesc_t* e = flat_to_corcbt(state.extent_shadow_path, path);
+    if (e != nullptr && get_reg_settings()->cbt_debug_enabled)
+        _errdesc_log(e, ERRDESC_ERROR);
+    return e == nullptr;
+}
+
+void unlink_corcbt(const vd_state_t& state) {
+    std::string path;
+    if (corcbt_path(state, &path) && access(path.c_str(), F_OK) == 0)
+        log_failure(vd_unlink(path));
+}
+
 // Puts the state into the list, in the place of the one that had its name. That stays until here: a disk whose refresh
 // fails keeps its names, and its entries go with it one day.
 void replace(vd_list_t* vd_list, std::unique_ptr<vd_state_t> state) {
     const vd_state_t* predecessor =
         find(vd_list, [&](const vd_state_t& other) { return other.vd_shadow_path == state->vd_shadow_path; });
-    if (predecessor != nullptr && predecessor->extent_shadow_path != state->extent_shadow_path)
+    if (predecessor != nullptr && predecessor->extent_shadow_path != state->extent_shadow_path) {
         log_failure(vd_unlink(predecessor->extent_shadow_path));  // nobody else's: names are told apart
+        unlink_corcbt(*predecessor);
+    }
     const char* change = predecessor == nullptr ? "added" : "updated";
     if (predecessor == nullptr || predecessor->current_vd_path != state->current_vd_path)
         ts_printf("vd_update: %s %s to %s\n", change, state->vd_shadow_path.c_str(),
@@ -220,14 +244,6 @@ errdesc_t* judge(errdesc_t* e) {
         return e;
     _errdesc_log(e, ERRDESC_ERROR);
     return nullptr;
-}
-
-// Where the disk's changed-block entry stands; false when its name allows none.
-bool corcbt_path(const vd_state_t& state, std::string* path) {
-    errdesc_t* e = flat_to_corcbt(state.extent_shadow_path, path);
-    if (e != nullptr && get_reg_settings()->cbt_debug_enabled)
-        _errdesc_log(e, ERRDESC_ERROR);
-    return e == nullptr;
 }
 
 bool debugs_cbt() {
@@ -335,9 +351,7 @@ void unlink_disk(const vd_state_t& state, bool keeps_copy) {
 
 void vd_unlink_all(const vd_state_t& state) {
     unlink_disk(state, false);
-    std::string path;
-    if (corcbt_path(state, &path) && access(path.c_str(), F_OK) == 0)
-        log_failure(vd_unlink(path));
+    unlink_corcbt(state);
 }
 
 }  // namespace
@@ -350,6 +364,11 @@ void vd_touch_gen(const ks_vdisk_list_t& vmc_vdisk_list, vd_list_t* vd_list, std
         state->gen = gen;
         ts_dprintf(touch_level, "touched %s to %jd\n", state->new_vd_name.c_str(), static_cast<std::intmax_t>(gen));
     }
+}
+
+void vd_reserve(const ks_vdisk_t& vdisk, vd_update_t* update) {
+    for (const ks_string_t* path : {&vdisk.base_ascii_path, &vdisk.base_extent_path})
+        update->reserved.emplace_back(last_component(ks_text(*path)));
 }
 
 const vd_state_t* vd_find(vd_list_t* vd_list, const ks_vdisk_t& vdisk) {
@@ -369,6 +388,7 @@ errdesc_t* vd_update(vd_list_t* vd_list, const ks_vdisk_t& vdisk, const vd_updat
     vd_look_t look;
     RETURN_IF_ERROR(take_paths(vdisk, update, &look));
     vd_state_t* state = find_root(vd_list, look.root_vd_fpath);
+    const bool is_new = state == nullptr;
     bool need_refresh = false;
     RETURN_IF_ERROR(vd_need_refresh(state, update.keep_mtime, &look, &need_refresh));
     std::unique_ptr<vd_state_t> fresh;
@@ -380,12 +400,14 @@ errdesc_t* vd_update(vd_list_t* vd_list, const ks_vdisk_t& vdisk, const vd_updat
     if (state->renamed && fresh != nullptr)
         RETURN_IF_ERROR(vmdk_copy_descfiles(state->root_vd_fpath, state->cached_vd_fpath, state->old_extent_name,
                                             state->new_extent_name, &state->vd_size));
-    RETURN_IF_ERROR(touch_disk(state, update));
-    RETURN_IF_ERROR(update_corcbt(*state, update));
+    errdesc_t* e = touch_disk(state, update);
+    if (e == nullptr)
+        e = update_corcbt(*state, update);
+    const errdesc_keeper_t keeper;
     *vd_state_out = state;
-    if (fresh != nullptr)
+    if (fresh != nullptr && (e == nullptr || is_new))
         replace(vd_list, std::move(fresh));
-    return nullptr;
+    return e;
 }
 
 void vd_stop_old(vd_list_t* vd_list, std::uint64_t gen) {

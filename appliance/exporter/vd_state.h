@@ -59,11 +59,12 @@ struct vd_update_t {
     std::string hv_name;
     bool is_template = false;
     bool use_cbt = false;
-    bool cbt_reset_pending = false;         // tracking has started anew since the last update
-    std::uint32_t cbt_reset_time = 0;       // when, seconds since the epoch; 0: not known
-    std::uint32_t cbt_reset_time_prev = 0;  // and the time before
-    bool force = false;                     // look again though nothing seems to have changed
-    bool keep_mtime = false;                // what changed is only a snapshot: clients go on seeing the old times
+    bool cbt_reset_pending = false;          // tracking has started anew since the last update
+    std::uint32_t cbt_reset_time = 0;        // when, seconds since the epoch; 0: not known
+    std::uint32_t cbt_reset_time_prev = 0;   // and the time before
+    std::vector<std::string> reserved = {};  // of disks that come first but could not be looked at; see vd_reserve
+    bool force = false;                      // look again though nothing seems to have changed
+    bool keep_mtime = false;                 // what changed is only a snapshot: clients go on seeing the old times
 };
 
 // Marks the disks that the controller still lists with the stamp, so that they survive an update in which their own
@@ -73,9 +74,14 @@ void vd_touch_gen(const ks_vdisk_list_t& vmc_vdisk_list, vd_list_t* vd_list, std
 // Refreshes one disk and points *vd_state_out at its state, which stays the list's. `vdisk` must have a head descriptor
 // (asserted). Errors: EINVAL with the record's fault, for one that lacks a path or leads outside the datastores; errno
 // with the path of a file that cannot be reached; EINVAL for names that cannot be told apart; what vmdk_copy_descfiles
-// and vm_proxy_touch report.
+// and vm_proxy_touch report. A disk that is new is the list's from then on although an entry of it could not be
+// written.
 [[nodiscard]] errdesc_t* vd_update(vd_list_t* vd_list, const ks_vdisk_t& vdisk, const vd_update_t& update,
                                    const vd_state_t** vd_state_out);
+
+// Keeps the names of a disk that could not be looked at, and was not before either, for it: another disk of its name
+// that comes later in the list gets the other name as ever.
+void vd_reserve(const ks_vdisk_t& vdisk, vd_update_t* update);
 
 // A listed disk as the last update left it; null when there is none.
 const vd_state_t* vd_find(vd_list_t* vd_list, const ks_vdisk_t& vdisk);

@@ -64,6 +64,8 @@ errdesc_t* fill_header(const vm_proxy_touch_t& touch, vm_proxy_header_t* header)
     struct stat st {};
     if (stat(touch.stat_path.c_str(), &st) != 0)
         return errdesc_set_extended_err(errno, touch.stat_path);
+    if (!S_ISREG(st.st_mode))  // clients would wait for a FIFO
+        return errdesc_set_fmt(EINVAL, "%s: not a regular file", touch.stat_path.c_str());
     header->statb = cor_statb_from_stat(st);
     if (touch.type == VM_PROXY_HEADER_VMDK_FLAT)
         set_flat_size(touch, header);

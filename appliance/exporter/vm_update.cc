@@ -113,14 +113,23 @@ errdesc_t* update_exported_disk(vm_state_t* vm, attempt_t* attempt, const ks_vdi
     attempt->remove_old_disks = false;
     if (const vd_state_t* kept = vd_find(&vm->vd_list, vdisk))
         add_conversion(attempt, kept->root_vd_fpath, kept->new_vd_name, kept->root_vd_fpath);
+    else
+        vd_reserve(vdisk, &attempt->update);
     return nullptr;
+}
+
+// Whether the VM has an independent disk of the name, which need not be the only one of it.
+bool has_independent(const attempt_t& attempt, const ks_string_t& name) {
+    return std::ranges::any_of(attempt.vdisks,
+                               [&](const ks_vdisk_t& vdisk) { return vdisk.independent && vdisk.name == name; });
 }
 
 errdesc_t* update_disk(vm_state_t* vm, attempt_t* attempt, const ks_vdisk_t& vdisk) REQUIRES(vm->mutex) {
     if (!ks_is_set(vdisk.head_ascii_path))
         return errdesc_set_fmt(ENOENT, "Missing virtual disk head delta information in %s %s",
                                ks_text(attempt->vmc.vm_name).c_str(), ks_text(vdisk.name).c_str());
-    post_independent_disk_alert(attempt->vmc, ks_text(vdisk.name), vdisk.independent);
+    if (vdisk.independent || !has_independent(*attempt, vdisk.name))
+        post_independent_disk_alert(attempt->vmc, ks_text(vdisk.name), vdisk.independent);
     return vdisk.independent ? nullptr : update_exported_disk(vm, attempt, vdisk);
 }
 

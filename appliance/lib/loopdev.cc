@@ -117,7 +117,7 @@ errdesc_t* vdsk_assign_next_loop_dev_fd(int fd, const std::string& path, bool re
 }
 
 errdesc_t* vdsk_assign_next_loop_dev(const std::string& path, bool readonly, int timeout_s, std::string* loopdev) {
-    const unique_fd fd(open(path.c_str(), (readonly ? O_RDONLY : O_RDWR) | O_CLOEXEC));
+    const unique_fd fd(open(path.c_str(), (readonly ? O_RDONLY : O_RDWR) | O_NONBLOCK | O_CLOEXEC));
     if (!fd)
         return errdesc_set_str(errno, path);
     return vdsk_assign_next_loop_dev_fd(fd.get(), path, readonly, timeout_s, loopdev);

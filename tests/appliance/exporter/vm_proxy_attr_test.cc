@@ -65,6 +65,8 @@ TEST_F(vm_proxy_attr, TouchKeepsSizeRulesAndTheCountOfBlocks) {
     touch.vm_uuid.clear();
     touch.stat_path = root_ + "/none";
     EXPECT_EQ(vm_proxy_touch(shadow_path("/none"), touch)->number, ENOENT);
+    ASSERT_EQ(mkfifo(touch.stat_path.c_str(), 0600), 0);
+    EXPECT_EQ(vm_proxy_touch(shadow_path("/none"), touch)->number, EINVAL);
 }
 
 TEST_F(vm_proxy_attr, TouchWritesOnlyWhatChanges) {

@@ -122,6 +122,20 @@ TEST_F(vm_update_test, DisksOfOneNameStandSideBySide) {
     EXPECT_EQ(names("esx1/vm"), "disk(1)-flat.vmdk disk(1).vmdk vm.cfg vm.vmx");
 }
 
+TEST_F(vm_update_test, FirstDiskOfANameGetsItThoughItIsHadLater) {
+    lab_vm_t vm;
+    vm.disks = {{.dir = "vm"}, {.dir = "other"}};
+    make_files(vm);
+    std::filesystem::rename(datastore_ + "/vm/disk.vmdk", datastore_ + "/vm/away");
+    take(vm);
+    ASSERT_EQ(update(vm), 0);
+    EXPECT_EQ(names("esx1/vm"), "disk(1)-flat.vmdk disk(1).vmdk vm.cfg vm.vmx");
+    std::filesystem::rename(datastore_ + "/vm/away", datastore_ + "/vm/disk.vmdk");
+    ASSERT_EQ(update(vm, true), 0);
+    EXPECT_EQ(header("esx1/vm/disk-flat.vmdk").path, datastore_ + "/vm/disk.vmdk");
+    EXPECT_EQ(header("esx1/vm/disk(1)-flat.vmdk").path, datastore_ + "/other/disk.vmdk");
+}
+
 TEST_F(vm_update_test, DescriptorUnderANewNameOutlivesTheVmsFormerPlace) {
     lab_vm_t vm;
     vm.disks = {{.dir = "vm"}, {.dir = "other"}};
@@ -198,6 +212,14 @@ TEST_F(vm_update_test, DiskThatCannotBeHadDoesNotTakeOthersAlong) {
     expose(vm);
     EXPECT_EQ(names("esx1/vm"), "a-flat.vmdk a.vmdk b-flat.vmdk b.vmdk vm.cfg vm.vmx");
     EXPECT_THAT(alerts(), Contains("alert_post independent_disk 564d0001:c.vmdk"));
+    vm.disks.push_back({.name = "c.vmdk", .dir = "other"});
+    make_disk(vm.disks.back());
+    take(vm, 2);
+    ASSERT_EQ(update(vm, true), 0);
+    EXPECT_THAT(alerts(), Not(Contains("alert_clear independent_disk 564d0001:c.vmdk"))) << "there is another c.vmdk";
+    vm.disks.pop_back();
+    take(vm, 2);
+    ASSERT_EQ(update(vm, true), 0);
 
     std::filesystem::remove(datastore_ + "/vm/a.vmdk");  // on the move: its entries stay
     ASSERT_EQ(update(vm, true), 0);
