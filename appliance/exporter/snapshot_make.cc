@@ -95,14 +95,13 @@ errdesc_t* count_vendors(const snapshot_state_t& state, const ks_hypervisor_conf
 errdesc_t* settle(const snapshot_state_t& state, const ks_hypervisor_config_t& hvc,
                   const std::function<bool()>& goes_on, int* before) {
     const std::string& path = *state.vm_shadow_path;
-    const std::time_t start = clock_now();
     int existing = 0;
     RETURN_IF_ERROR(vm_count_snapshots(path, before));
     if (*before == 0)
         return nullptr;
     RETURN_IF_ERROR(count_vendors(state, hvc, &existing));
-    while (*before > existing) {
-        if (clock_now() - start >= snapshot_patience || !goes_on())
+    for (std::time_t waited = 0; *before > existing; waited++) {
+        if (waited >= snapshot_patience || !goes_on())
             return errdesc_set_fmt(ETIME, "%s has %d snapshots, and still shows %d", path.c_str(), existing, *before);
         clock_sleep(1);
         RETURN_IF_ERROR(vm_count_snapshots(path, before));

@@ -103,6 +103,28 @@ std::vector<snapshot_state_ptr> choose(snapshot_list_t* list, const snapshot_rem
     return chosen;
 }
 
+// Whether the VM is no longer where its snapshot was taken, as the controller says. Should it come back, or stand
+// elsewhere with the snapshot, the search for old ones finds that.
+bool has_left(const snapshot_state_t& state) {
+    const errdesc_keeper_t keeper;
+    std::unique_ptr<ks_vm_config_t> vmc;
+    if (errdesc_t* e = controller_get_vm(&vmc, state.vmuuid)) {
+        _errdesc_log(e, ERRDESC_WARNING);
+        return false;
+    }
+    return vmc == nullptr || ks_text(vmc->hv_hostname) != state.hvname;
+}
+
+// Gives up a snapshot whose VM its hypervisor does not know any more, if that is so.
+bool is_given_up(const snapshot_state_t& state, const errdesc_t& e) {
+    if (e.number != EINVAL || !has_left(state))
+        return false;
+    ts_printf("WARNING: snapshot %s is given up: %s is no longer on %s\n", state.snapshotname.c_str(),
+              state.vmname.c_str(), state.hvname.c_str());
+    raise_snapshot_alert(state.hvname, state.vmname, nullptr, SNAPSHOT_REMOVE);
+    return true;
+}
+
 // Tries until the snapshot is gone or there is no sense in going on. Whether it is gone.
 bool try_to_destroy(snapshot_state_t* state, const snapshot_removal_t& removal) {
     const int limit = get_reg_settings()->snapshot_retry_limit;
@@ -111,6 +133,8 @@ bool try_to_destroy(snapshot_state_t* state, const snapshot_removal_t& removal) 
         if (e == nullptr)
             return true;
         _errdesc_log(e, ERRDESC_INFO);
+        if (!removal.is_last && is_given_up(*state, *e))
+            return true;
         if (attempt >= limit)
             ts_printf("ERROR: failed to remove snapshot %s on %s (attempted for %d times)\n",
                       state->snapshotname.c_str(), state->vmname.c_str(), limit);
@@ -138,6 +162,18 @@ errdesc_t* snapshot_state_destroy(snapshot_state_t* state, bool blocking, bool a
         remember(*state, e);
     state->lockfd.reset();
     return e;
+}
+
+errdesc_t* snapshot_state_destroy_waiting(snapshot_state_t* state, const std::function<bool()>& goes_on) {
+    const int limit = get_reg_settings()->snapshot_retry_limit;
+    for (int attempt = 1;; attempt++) {
+        errdesc_t* e = snapshot_state_destroy(state, true, true, goes_on);
+        if (e == nullptr || e->number != EALREADY || attempt >= limit)
+            return e;
+        const errdesc_keeper_t keeper;
+        if (!snapshot_pause(retry_pause, goes_on))
+            return e;
+    }
 }
 
 void snapshot_state_remove_old(snapshot_list_t* list, const snapshot_removal_t& removal) {

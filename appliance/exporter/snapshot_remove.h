@@ -21,6 +21,10 @@ bool snapshot_pause(unsigned seconds, const std::function<bool()>& goes_on);
 [[nodiscard]] errdesc_t* snapshot_state_destroy(snapshot_state_t* state, bool blocking, bool alert,
                                                 const std::function<bool()>& goes_on);
 
+// The same, blocking and told to the controller; while another task holds the VM, up to `snapshot_retry_limit` times,
+// 15 seconds apart.
+[[nodiscard]] errdesc_t* snapshot_state_destroy_waiting(snapshot_state_t* state, const std::function<bool()>& goes_on);
+
 // Which states go, and how.
 struct snapshot_removal_t {
     std::time_t now = 0;       // those unused for `snapshot_max_idle` seconds at this time
@@ -31,8 +35,9 @@ struct snapshot_removal_t {
 };
 
 // Destroys the states that are due and takes them out of the list; one that cannot be removed stays. Attempts go on for
-// `snapshot_retry_limit` times, 15 seconds apart. Before the last time a state waits while its VM is read through
-// another hypervisor. The caller holds the mutex that guards the states.
+// `snapshot_retry_limit` times, 15 seconds apart. One that the agent turns down with EINVAL is given up when the
+// controller has the VM no longer, or on another hypervisor. Before the last time a state waits while its VM is read
+// through another hypervisor. The caller holds the mutex that guards the states.
 void snapshot_state_remove_old(snapshot_list_t* list, const snapshot_removal_t& removal);
 
 }  // namespace mirador

@@ -28,10 +28,12 @@ errdesc_t* check_identity() {
     return snapshot_name_make(names().vendor_id, names().master_uuid, std::nullopt, &unused);
 }
 
-bool controller_knows(const snapshotdesc_t& desc) {
+// Whether the controller has the snapshot's VM. *saw_all becomes false where it does not tell.
+bool controller_knows(const snapshotdesc_t& desc, bool* saw_all) {
     std::unique_ptr<ks_vm_config_t> vmc;
     if (errdesc_t* e = controller_get_vm(&vmc, desc.vmuuid)) {
         _errdesc_log(e, ERRDESC_WARNING);
+        *saw_all = false;
         return false;
     }
     return vmc != nullptr;
@@ -105,11 +107,12 @@ void report_old(const std::string& hv_name, const snapshotdesc_t& desc, std::tim
 }
 
 void scrub_one(snapshot_list_t* list, const ks_hypervisor_config_t& hvc, const snapshotdesc_t& desc, std::time_t now) {
+    bool is_told = true;
     const std::string hv_name = ks_text(hvc.hostname);
     if (!snapshot_name_is_vendors(desc.snapshotname, names().vendor_id))
         return;
     const bool ours = snapshot_name_is_ours(desc.snapshotname, names().vendor_id, names().master_uuid);
-    if (ours && !is_held(*list, hv_name, desc) && controller_knows(desc))
+    if (ours && !is_held(*list, hv_name, desc) && controller_knows(desc, &is_told))
         snapshot_state_leftover_removal(list, hvc, desc);
     else if (desc.ctime < now - get_reg_settings()->snapshot_max_life)
         report_old(hv_name, desc, now);
@@ -121,11 +124,12 @@ errdesc_t* snapshot_state_find_leftover(snapshot_list_t* list, bool* saw_all) {
     *saw_all = false;
     RETURN_IF_ERROR(check_identity());
     const std::string pattern = snapshot_name_pattern(names().vendor_id, names().master_uuid);
-    return for_each_snapshot(pattern, saw_all, [list](const ks_hypervisor_config_t& hvc, const snapshotdesc_t& desc) {
-        if (snapshot_name_is_ours(desc.snapshotname, names().vendor_id, names().master_uuid) &&
-            !is_held(*list, ks_text(hvc.hostname), desc) && controller_knows(desc))
-            snapshot_state_leftover_removal(list, hvc, desc);
-    });
+    return for_each_snapshot(pattern, saw_all,
+                             [list, saw_all](const ks_hypervisor_config_t& hvc, const snapshotdesc_t& desc) {
+                                 if (snapshot_name_is_ours(desc.snapshotname, names().vendor_id, names().master_uuid) &&
+                                     !is_held(*list, ks_text(hvc.hostname), desc) && controller_knows(desc, saw_all))
+                                     snapshot_state_leftover_removal(list, hvc, desc);
+                             });
 }
 
 errdesc_t* snapshot_scrub(snapshot_list_t* list, std::time_t now, bool* had_identity) {

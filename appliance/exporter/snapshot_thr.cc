@@ -166,7 +166,7 @@ bool is_unusable(const snapshot_state_t& state) {
 errdesc_t* drop_unusable(snapshot_thr_t* thr, snapshot_state_ptr* state) REQUIRES(thr->mutex) {
     while (*state != nullptr && is_unusable(**state)) {
         snapshot_state_distrust_elsewhere(thr->list, (*state)->hvname, (*state)->vmuuid);
-        RETURN_IF_ERROR(snapshot_state_destroy(state->get(), true, true, goes_on));
+        RETURN_IF_ERROR(snapshot_state_destroy_waiting(state->get(), goes_on));
         cor_assert(list_delete(thr->list, *state));
         *state = snapshot_state_find(thr->list, (*state)->hvname, (*state)->vmuuid);
     }

@@ -370,8 +370,8 @@ errdesc_t* vm_count_snapshots_anywhere(const std::string& vm_shadow_path, const 
 
 errdesc_t* vm_wait_snapshot(const std::string& vm_shadow_path, int snapshot_expected, std::time_t timeout,
                             const std::function<bool()>& goes_on) {
-    const std::time_t start = clock_now();
-    for (;;) {
+    // Counted in what was slept: the clock may be set meanwhile.
+    for (std::time_t waited = 0;; waited += snapshot_poll) {
         int found = 0;
         RETURN_IF_ERROR(vm_count_snapshots(vm_shadow_path, &found));
         if (snapshot_expected == 0 ? found == 0 : found >= snapshot_expected)
@@ -382,7 +382,7 @@ errdesc_t* vm_wait_snapshot(const std::string& vm_shadow_path, int snapshot_expe
         if (goes_on && !goes_on())
             return errdesc_set_fmt(ERR_CANCELLED, "The wait for %d snapshots on %s is given up", snapshot_expected,
                                    vm_shadow_path.c_str());
-        if (clock_now() - start >= timeout)
+        if (waited >= timeout)
             return errdesc_set_fmt(ETIME, "Cannot find %d snapshots on %s in %jd seconds, only found %d snapshots",
                                    snapshot_expected, vm_shadow_path.c_str(), static_cast<std::intmax_t>(timeout),
                                    found);

@@ -320,5 +320,30 @@ TEST_F(snapshot_make, RemovalThatFailsIsTriedAgainAndRemembered) {
     }
 }
 
+TEST_F(snapshot_make, RemovalBeforeAnOpenWaitsForAnotherTask) {
+    const snapshot_state_ptr state = made();
+    const std::time_t before = clock_->slept();
+    agent_.answer_once("remove_snapshot", scripted_agent_t::error_reply(EALREADY, "another task"));
+    EXPECT_EQ(snapshot_state_destroy_waiting(state.get(), [] { return true; }), nullptr);
+    EXPECT_EQ(asked().size(), 2U);
+    EXPECT_EQ(clock_->slept() - before, 15);
+    list_delete(list_, state);
+}
+
+TEST_F(snapshot_make, SnapshotOfAVmThatHasLeftIsGivenUp) {
+    for (const char* elsewhere : {"[]", R"([{"hv_hostname": "esx2"}])"}) {
+        const snapshot_state_ptr state = made();
+        agent_.answer_error("remove_snapshot", EINVAL, "no such virtual machine");
+        answer("vhost?vm_uuid=" + vm_.uuid, "", 500);
+        remove_old(start + 10'000);
+        EXPECT_EQ(list_count(list_), 1) << "the controller does not tell";
+        answer("vhost?vm_uuid=" + vm_.uuid, elsewhere);
+        remove_old(start + 10'000);
+        EXPECT_TRUE(list_empty(list_)) << elsewhere;
+        agent_.answer_data("remove_snapshot", "0");
+        show(0);
+    }
+}
+
 }  // namespace
 }  // namespace mirador
