@@ -16,6 +16,7 @@
 #include "appliance/lib/devmap.h"
 #include "appliance/lib/loopdev.h"
 #include "appliance/lib/registry.h"
+#include "appliance/mounter/vmdkmount.h"
 #include "controller/lib/controller.h"
 #include "lib/fault_point.h"
 #include "lib/log.h"
@@ -53,6 +54,7 @@ errdesc_t* find_flat_disk(cbt_setup_t* setup) {
         RETURN_IF_ERROR(corcbt_to_export_file(setup->path, ending, &setup->export_flat));
         if (stat(setup->export_flat.c_str(), &st) == 0) {
             setup->flat_size = st.st_size;
+            setup->flat_ending = ending;
             return nullptr;
         }
     }
@@ -87,11 +89,22 @@ errdesc_t* read_header_anew(cbt_setup_t* setup) {
     return nullptr;
 }
 
+// The disk may have grown before the snapshot froze it. The next open finds it as large as it is.
+errdesc_t* check_flat_size(const cbt_setup_t& setup) {
+    std::unique_ptr<vm_proxy_header_t> flat;
+    const std::string flat_shadow = setup.shadow_path.substr(0, setup.shadow_path.rfind('-')) + setup.flat_ending;
+    RETURN_IF_ERROR(vm_proxy_read_header_checked(flat_shadow, &flat));
+    if (flat->statb.size != setup.flat_size)
+        return errdesc_set_fmt(EAGAIN, "%s: its size has changed", setup.export_flat.c_str());
+    return nullptr;
+}
+
 errdesc_t* open_chain(const std::string& path, vdskdesc_t* vdskdesc) {
     vmdkdesc_t& disk = vdskdesc->vmdkdesc;
     RETURN_IF_ERROR(vmdk_open_checked(path, descriptor_role_t::head, &disk));
     RETURN_IF_ERROR(vmdk_get_ancestors(&disk, 0, &disk.vmdk_ancestor_array));
     RETURN_IF_ERROR(vmdk_check_chain(&disk));
+    vmdk_emit_dm_table_free(&disk);
     vdskdesc->vdsk_extent_path = vmdk_extent_path(disk, 0);
     return nullptr;
 }
@@ -102,6 +115,7 @@ errdesc_t* open_corcbt_setup(cbt_setup_t* setup) {
     RETURN_IF_ERROR(bind_flat_disk(setup));
     RETURN_IF_ERROR(fault_point("cbt.bound"));
     RETURN_IF_ERROR(read_header_anew(setup));
+    RETURN_IF_ERROR(check_flat_size(*setup));
     dm_mk_unique_name("cbt", &setup->dm_name);
     RETURN_IF_ERROR(open_chain(setup->header.path, &setup->device->vdskdesc));
     return get_cbt_vdisk(setup->header.vm_uuid, setup->disk_name, &setup->vdisk);

@@ -37,6 +37,7 @@ struct world_t {
     std::string results = "changeid: a/2\nlength: 65536\nstart: 0\nlength: 4096\nstart: 1048576\n";
     std::string dmsetup = "exit 0";  // behind the loading
     std::int64_t promised = mib;
+    std::int64_t frozen_size = 4 * mib;  // the disk's
     bool has_flat = true;
 };
 
@@ -95,6 +96,9 @@ class cbt_open_test : public shadow_fixture_t {
         touch.size = world.promised;
         std::filesystem::create_directories(shadow_ + "/vm");
         EXPECT_EQ(vm_proxy_touch(shadow_ + path_, touch), nullptr);
+        touch.type = VM_PROXY_HEADER_VMDK_FLAT;
+        touch.size = world.frozen_size;
+        EXPECT_EQ(vm_proxy_touch(shadow_ + "/vm/a-flat.vmdk", touch), nullptr);
     }
 
     std::unique_ptr<fuse_fh_t> open(const std::string& path) const {
@@ -232,6 +236,8 @@ TEST_F(cbt_open_test, FailureOfAnyStepLeavesNothing) {
          ""},
         {"untracked VM", [](world_t* w) { w->vm = R"([{"uuid": "564d", "name": "vm", "use_cbt": 0}])"; }, EINVAL,
          "Changed Block Tracking disabled, invalid path /vm/a-corcbt.vmdk", ""},
+        {"disk that has grown", [](world_t* w) { w->frozen_size = 5 * mib; }, EAGAIN,
+         "a-flat.vmdk: its size has changed", ""},
         {"no disk", [](world_t* w) { w->has_flat = false; }, ENOENT, "a-rdm.vmdk", ""},
         {"tracking must start anew", [](world_t* w) { w->script = "exit 8"; }, 8, "script", "event"},
         {"script fails", [](world_t* w) { w->script = "exit 3"; }, 3, "script", ""},
