@@ -92,7 +92,7 @@ int read_some(jrpc_handle_t& handle) REQUIRES(handle.mutex) {
         got = read(handle.read_fd.get(), chunk.data(), chunk.size());
     while (got < 0 && errno == EINTR);
     if (got <= 0)
-        return handle.read_error = got < 0 ? errno : EPIPE;
+        return got < 0 ? handle.read_error = errno : EPIPE;
     handle.unread.append(chunk.data(), static_cast<std::size_t>(got));
     return 0;
 }

@@ -21,7 +21,6 @@
 #include "appliance/lib/registry.h"
 #include "appliance/lib/vm_proxy_header.h"
 #include "controller/lib/controller.h"
-#include "controller/lib/controller_raw.h"
 #include "lib/clock.h"
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
@@ -56,7 +55,6 @@ constexpr const char* wait_target = "dsfs";
 constexpr const char* set_target = "vmfs";
 constexpr unsigned error_pause = 1;  // seconds
 constexpr unsigned absent_pause = 15;
-constexpr unsigned stop_patience = 10;     // for what is asked of the controller while the thread ends
 constexpr std::time_t absent_grace = 120;  // since the thread's start, before an absent controller is worth a warning
 
 // What the thread keeps from one cycle to the next.
@@ -157,39 +155,6 @@ void cnt_thr() {
     ts_printf("cnt_thr: stopping\n");
 }
 
-// Gives the controller up when the work that it lives beside lasts too long.
-class patience_t {
-  public:
-    patience_t() : thr_([this] { run_out(); }) {}
-    ~patience_t() {
-        {
-            const mutex_lock_t lock(mutex_);
-            done_ = true;
-            cond_.notify_all();
-        }
-        thr_.join();
-    }
-    patience_t(const patience_t&) = delete;
-    patience_t& operator=(const patience_t&) = delete;
-
-  private:
-    void run_out() {
-        const std::time_t end = clock_now() + stop_patience;
-        const mutex_lock_t lock(mutex_);
-        while (!done_ && clock_now() < end)
-            clock_wait(cond_, mutex_, stop_patience);
-        if (done_)
-            return;
-        ts_printf("cnt_thr_stop: the controller does not answer, what it was asked is given up\n");
-        controller_raw_give_up();
-    }
-
-    mutex_t mutex_;
-    std::condition_variable_any cond_;
-    bool done_ GUARDED_BY(mutex_) = false;
-    std::thread thr_;
-};
-
 int count_blocks_iter(const char* path, const struct stat*, int type, FTW*) {
     if (type != FTW_F)
         return 0;
@@ -241,11 +206,8 @@ void cnt_thr_stop() {
         std::this_thread::yield();
     state.state = CNT_STATE_STOPPING;
     state.interrupt = 1;
-    {
-        const patience_t patience;
-        state.thr.join();
-        runtime_alerts_stop();
-    }
+    state.thr.join();
+    runtime_alerts_stop();
     state.state = CNT_STATE_STOPPED;
     ts_printf("cnt_thr_stop\n");
 }

@@ -20,8 +20,8 @@ constexpr std::size_t value_size = 256;  // terminator included
 constexpr const char* default_vendor_id = "Corvantis";
 
 // A reply without a body brings no text; taken for one it would read as 0.
-errdesc_t* get_text(const char* key, std::string* text) {
-    RETURN_IF_ERROR(controller_get_registry_string(key, text, value_size));
+errdesc_t* get_text(const char* key, std::string* text, std::size_t size = value_size) {
+    RETURN_IF_ERROR(controller_get_registry_string(key, text, size));
     return text->empty() ? errdesc_set_fmt(ERR_JSON_MISSING_FIELD, "Missing %s in json string", "result") : nullptr;
 }
 
@@ -99,8 +99,7 @@ errdesc_t* update_readahead(reg_settings_t* settings) {
 // A controller that tells no master is the master itself.
 errdesc_t* update_uuids(reg_settings_t* settings) {
     reg_names_t names = settings->names();
-    RETURN_IF_ERROR(
-        controller_get_registry_string("controller.uuid", &names.appliance_uuid, reg_names_t::uuid_length + 1));
+    RETURN_IF_ERROR(get_text("controller.uuid", &names.appliance_uuid, reg_names_t::uuid_length + 1));
     const errdesc_t* e = controller_get_master_uuid(&names.master_uuid, reg_names_t::uuid_length + 1);
     if (e != nullptr || names.master_uuid.empty())
         names.master_uuid = names.appliance_uuid;

@@ -142,10 +142,12 @@ TEST_F(registry_update, EndsAtTheFirstKeyThatIsMissingButForTheReadAheadSize) {
     EXPECT_TRUE(settings_.smartread_lvm_enabled);
     EXPECT_EQ(settings_.cache_ttl, 120);
 
-    for (const char* nothing : {"", "<no body>"}) {
-        values_["directio.enabled"] = nothing;
-        EXPECT_EQ(update(), ERR_JSON_MISSING_FIELD);
-        EXPECT_EQ(asked_.back(), "directio.enabled");
+    for (const char* key : {"directio.enabled", "controller.uuid"}) {
+        for (const char* nothing : {"", "<no body>"}) {
+            values_[key] = nothing;
+            EXPECT_EQ(update(), ERR_JSON_MISSING_FIELD);
+            EXPECT_EQ(asked_.back(), key);
+        }
     }
 }
 

@@ -125,7 +125,7 @@ TEST_F(controller, TakesTheMasterOutOfItsQuotes) {
     };
     EXPECT_EQ(master("\"abc\""), "abc");
     EXPECT_EQ(master("\"abcdef\""), "abcd");
-    for (const char* empty : {"", "\"", "\"\""})
+    for (const char* empty : {"", "\"", "\"\"", "null", "<html>none</html>"})
         EXPECT_EQ(master(empty), "");
 }
 
