@@ -69,7 +69,9 @@ void crash_recover_umount(const std::string& mountpoint, const std::string& tmpf
         const std::string_view directory = entry.mnt_dir;
         if (directory.find("/mnt") != std::string_view::npos)
             log_failure(spawn_tool({tool_paths().umount, "-fl", entry.mnt_dir}), ERRDESC_ERROR);
-        else if (directory.starts_with(tmpfs_path))  // first: by default it begins with the mount point
+        else if (directory == mountpoint)
+            *fuse_mounted = true;
+        else if (directory.starts_with(tmpfs_path))  // by default it begins with the mount point
             *tmpfs_mounted = true;
         else if (directory.starts_with(mountpoint))
             *fuse_mounted = true;

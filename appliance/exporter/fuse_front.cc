@@ -260,8 +260,12 @@ int mirador_open(const char* path, fuse_file_info* fi) {
 // The kernel takes a short reply for the file's end, and the file for as long as that.
 int mirador_read(const char* path, char* buf, std::size_t size, off_t offset, fuse_file_info* fi) {
     std::size_t bytes_read = 0;
-    errdesc_t* e = vm_proxy_read_whole(buf, size, offset, open_files_t::get(fi->fh), &bytes_read);
-    return e == nullptr ? static_cast<int>(bytes_read) : reply_alert(path_of(path, fi).c_str(), e);
+    const fuse_fh_t* fh = open_files_t::get(fi->fh);
+    errdesc_t* e = vm_proxy_read_whole(buf, size, offset, fh, &bytes_read);
+    if (e == nullptr)
+        return static_cast<int>(bytes_read);
+    // An error under a loop-file name is the disk's.
+    return reply_alert(fh != nullptr && fh->cbt_losetup ? fh->path.c_str() : path_of(path, fi).c_str(), e);
 }
 
 int mirador_statfs(const char* path, struct statvfs* st) {
@@ -343,22 +347,17 @@ class ending_watch_t {
   public:
     ending_watch_t(fuse* handle, int connection, const std::function<void()>& on_ending)
         : thr_([this, handle, connection, &on_ending] { watch(handle, connection, on_ending); }) {}
-    ~ending_watch_t() { join(); }
-    ending_watch_t(const ending_watch_t&) = delete;
-    ending_watch_t& operator=(const ending_watch_t&) = delete;
-
-    // To be called when the loop has ended. Whether the connection had to be ended for that.
-    bool join() {
+    // When the loop has ended.
+    ~ending_watch_t() {
         {
             const mutex_lock_t lock(mutex_);
             done_ = true;
             cond_.notify_all();
         }
-        if (thr_.joinable())
-            thr_.join();
-        const mutex_lock_t lock(mutex_);
-        return aborted_;
+        thr_.join();
     }
+    ending_watch_t(const ending_watch_t&) = delete;
+    ending_watch_t& operator=(const ending_watch_t&) = delete;
 
   private:
     void watch(fuse* handle, int connection, const std::function<void()>& on_ending) {
@@ -374,29 +373,27 @@ class ending_watch_t {
         ts_printf("Requests are still on their way: ending FUSE connection %d\n", connection);
         if (errdesc_t* e = fuse_connection_end(connection, fs_options().proxy_mount_point))
             _errdesc_log(e, ERRDESC_ERROR);
-        else
-            aborted_ = true;
     }
 
     mutex_t mutex_;
     std::condition_variable_any cond_;
     bool done_ GUARDED_BY(mutex_) = false;
-    bool aborted_ GUARDED_BY(mutex_) = false;
     std::thread thr_;
 };
 
-// Serves until the file system ends; whether its connection had to be ended for that.
-bool run_loop(fuse* handle, bool multithreaded, int connection, const std::function<void()>& on_ending) {
+// Serves until the file system ends.
+void run_loop(fuse* handle, bool multithreaded, int connection, const std::function<void()>& on_ending) {
     ending_watch_t watch(handle, connection, on_ending);
     if (multithreaded)
         fuse_loop_mt(handle);
     else
         fuse_loop(handle);
-    return watch.join();
 }
 
-// FUSE takes a mount whose connection was ended for one that is gone.
-void unmount_dead(const char* mount_point) {
+// FUSE takes a mount whose connection was ended, be it by the daemon or by somebody else, for one that is gone.
+void unmount_dead(const char* mount_point, int connection) {
+    if (connection < 0 || fuse_connection_of(mount_point) != connection)
+        return;
     if (errdesc_t* e = spawn_tool({tool_paths().umount, "-fl", mount_point}))
         _errdesc_log(e, ERRDESC_ERROR);
 }
@@ -436,13 +433,12 @@ bool fuse_serve(fuse_args* args, const std::function<void()>& on_serving, const 
     const int connection = fuse_connection_of(mountpoint);
     allow_corcbt_opens(multithreaded != 0);
     on_serving();
-    const bool aborted = run_loop(handle, multithreaded != 0, connection, on_ending);
+    run_loop(handle, multithreaded != 0, connection, on_ending);
     // FUSE's teardown takes its signal handlers away, and who asks once more for the end must not cut it short: disks
     // are taken apart and snapshots removed yet.
     block_signals();
     fuse_teardown(handle, mountpoint);
-    if (aborted)
-        unmount_dead(fs_options().proxy_mount_point);
+    unmount_dead(fs_options().proxy_mount_point, connection);
     open_files().release_all();
     return true;
 }

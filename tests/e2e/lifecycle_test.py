@@ -136,6 +136,17 @@ class Lifecycle(unittest.TestCase):
         self.assertTrue((logs / "mirador").exists())
         self.assertFalse(os.path.exists(SHADOW))
 
+    def test_leaves_no_dead_mount_where_its_connection_was_ended(self):
+        """umount -f ends the connection, then finds the mount busy."""
+        daemon = self.start()
+        held = os.open(daemon.export_disk(self.disk), os.O_RDONLY)
+        done = subprocess.run(["umount", "-f", EXPORT], capture_output=True, timeout=60, check=False)
+        self.assertIn(b"busy", done.stderr)
+        daemon.wait()
+        self.assertIsNone(mount_kind(EXPORT))
+        with contextlib.suppress(OSError):
+            os.close(held)
+
     def test_directory_of_the_users_own(self):
         """What -D names is used as it stands, counted, and left alone."""
         own = WORK / "own"

@@ -15,7 +15,7 @@ _LITERALS = r'((?:"(?:[^"\\]|\\.)*"\s*)+)'
 _RAISED = re.compile(r"errdesc_set(?:_str|_fmt)?\s*\((?:[^()\"]|\([^()]*\))*?,\s*" + _LITERALS)
 _KEPT = re.compile(r"constexpr const char\* \w+(?:failure|response) = " + _LITERALS)  # errors told in several places
 _TOLD = re.compile(r'(?:fprintf\(\s*stderr,|printf\()\s*"((?:[^"\\]|\\.)*(?:returned an error|provided|Invalid arg[^"]*|'
-                   r'supported\.|option: %s|mount point[^"]*|cannot mount[^"]*))\\n"')
+                   r'supported\.|option: %s|mount point[^"]*|cannot mount[^"]*|Error reading[^"]*))\\n"')
 _ALERT = re.compile(r'(?:alert_id = |_alert = |alert_(?:post|clear)\(|wording_t \w+ = \{"[^"]*", )"(\w+)"')
 _OWN_ALERT = re.compile(r'keep_own\("(\w+)"|\("(\w+)", of_\w+\)')  # of the embedded appliance
 _LOGGED = re.compile(r"\bts_printf\(\s*" + _LITERALS)

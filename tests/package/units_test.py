@@ -79,6 +79,9 @@ class Units(unittest.TestCase):
             self.assertEqual(show(unit, "ActiveState", "UnitFileState"), ["inactive", "disabled"])
             run("systemctl", "preset", unit)
             self.assertEqual(show(unit, "UnitFileState"), "disabled")
+        run("systemctl", "start", DAEMON, fails=True)  # without a controller it would ask none until it is killed
+        self.assertIn("does not tell the controller's port", run("journalctl", "--no-pager", "-u", DAEMON))
+        run("systemctl", "stop", DAEMON)
 
     def start(self):
         make_machine()

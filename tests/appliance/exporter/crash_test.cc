@@ -99,6 +99,15 @@ TEST_F(crash, ClearsEverythingInItsOrder) {
     EXPECT_EQ(written_to_abort_77(), "1\n");
 }
 
+TEST_F(crash, FindsAMountPointWhoseNameBeginsLikeTheShadowTrees) {
+    bool fuse_mounted = false;
+    bool tmpfs_mounted = false;
+    write("mtab", "mirador /a/xy fuse.mirador rw 0 0\n");
+    crash_recover_umount("/a/xy", "/a/x", &fuse_mounted, &tmpfs_mounted);
+    EXPECT_TRUE(fuse_mounted);
+    EXPECT_FALSE(tmpfs_mounted);
+}
+
 TEST_F(crash, FindsTheConnectionOfAMountPointWithBlanks) {
     write("mountinfo",
           "20 1 0:78 / /x rw - fuse.other a rw\n21 1 0:77 / /x\\040y\\134z rw - fuse.mirador mirador rw\n");
