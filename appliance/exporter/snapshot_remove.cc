@@ -112,7 +112,7 @@ bool has_left(const snapshot_state_t& state) {
         _errdesc_log(e, ERRDESC_WARNING);
         return false;
     }
-    return vmc == nullptr || ks_text(vmc->hv_hostname) != state.hvname;
+    return vmc == nullptr || (ks_is_set(vmc->hv_hostname) && *vmc->hv_hostname != state.hvname);
 }
 
 // Gives up a snapshot whose VM its hypervisor does not know any more, if that is so.

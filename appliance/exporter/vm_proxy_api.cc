@@ -82,6 +82,10 @@ void open_pdev(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
         header.can_optimize = 0;
 }
 
+bool is_template_disk(const vm_proxy_header_t& header) {
+    return header.type == VM_PROXY_HEADER_VMDK_FLAT && header.can_snapshot == 0;
+}
+
 std::unique_ptr<fuse_fh_t> fuse_fh_new(unique_fd fd, const cookie_ptr& shared, const vm_proxy_cookie_t& cookie)
     REQUIRES(cookie.mutex) {
     auto fh = std::make_unique<fuse_fh_t>();
@@ -99,7 +103,7 @@ std::unique_ptr<fuse_fh_t> fuse_fh_new(unique_fd fd, const cookie_ptr& shared, c
     fh->attributes = vm_proxy_header_attr(cookie.header, cookie.path);
     fh->type = cookie.header.type;
     fh->vm_uuid = cookie.header.vm_uuid;
-    fh->is_template = cookie.header.can_snapshot == 0;
+    fh->is_template_disk = is_template_disk(cookie.header);
     fh->device_size = is_disk(cookie) ? lseek(fh->fd.get(), 0, SEEK_END) : -1;
     fh->cookie = shared;
     return fh;
@@ -120,7 +124,7 @@ bool leads_elsewhere(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
     const vm_proxy_header_t& then = cookie.header;
     if (now->type != then.type || std::strcmp(now->vm_uuid, then.vm_uuid) != 0)
         return true;
-    if (then.can_snapshot == 0 && now->can_snapshot != 0) {
+    if (is_template_disk(then) && now->can_snapshot != 0) {
         cookie.is_vms = true;
         return true;
     }

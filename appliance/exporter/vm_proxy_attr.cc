@@ -153,7 +153,7 @@ void vm_proxy_fgetattr(const fuse_fh_t& fh, const std::string& path, const std::
     if (look_up(path, shadow_path, true, stbuf, &header) != nullptr || header == nullptr || header->type != fh.type ||
         fh.vm_uuid != header->vm_uuid)
         *stbuf = fh.attributes;
-    else if (fh.is_template && header->can_snapshot != 0)
+    else if (fh.is_template_disk && header->can_snapshot != 0)
         fh.cookie->is_vms = true;
 }
 
