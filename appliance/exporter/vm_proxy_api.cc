@@ -121,7 +121,7 @@ bool leads_elsewhere(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
     std::unique_ptr<vm_proxy_header_t> now;
     if (vm_proxy_read_header_checked(cookie.shadow_path, &now) != nullptr)
         return false;
-    const vm_proxy_header_t& then = cookie.header;
+    const vm_proxy_header_t then = cookie.header;
     if (now->type != then.type || std::strcmp(now->vm_uuid, then.vm_uuid) != 0)
         return true;
     if (is_template_disk(then) && now->can_snapshot != 0) {
