@@ -64,6 +64,8 @@ struct vm_proxy_cookie_t {
 
     // Own synchronisation.
     std::atomic<std::uint64_t> external_read_bytes = 0;  // bytes served to clients since the cookie was made
+    // A template's disk, read without a snapshot, is a VM's by now, which writes to it. Once set, it stays.
+    std::atomic<bool> is_vms = false;
 
     mutex_t mutex;
 
@@ -82,8 +84,6 @@ struct vm_proxy_cookie_t {
     cor_dev_ptr pdev GUARDED_BY(mutex);  // reads only what the guest uses; null: there is no telling what that is
     vm_proxy_header_t header GUARDED_BY(mutex) = {};
     bool detached GUARDED_BY(mutex) = false;  // has left the table
-    // A template's disk, read without a snapshot, is a VM's by now, which writes to it. Once set, it stays.
-    std::atomic<bool> is_vms = false;
 
     // Publishes type, VM and device for attribute queries.
     void publish_info() REQUIRES(mutex) EXCLUDES(info_mutex);
