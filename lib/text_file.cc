@@ -9,11 +9,15 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 
 #include "lib/file_io.h"
+#include "lib/file_tree.h"
 
 namespace mirador {
 namespace {
+
+constexpr mode_t directory_mode = 0755;
 
 errdesc_t* refuse(const std::string& path, const char* kind, const char* fault) {
     return errdesc_set_fmt(EINVAL, "%s refused, %s: %s", kind, fault, path.c_str());
@@ -59,6 +63,9 @@ errdesc_t* read_text_file(const std::string& path, const char* kind, std::size_t
 
 errdesc_t* replace_text_file(const std::string& path, const std::string& text, mode_t mode,
                              const struct stat& original) {
+    const std::string directory = std::filesystem::path(path).parent_path();
+    if (!directory.empty() && mkdirp(directory, directory_mode) != 0)
+        return errdesc_set_fmt(errno, "Cannot make directory %s", directory.c_str());
     std::string aside = path + ".XXXXXX";
     const unique_fd fd(mkostemp(aside.data(), O_CLOEXEC));
     if (!fd)

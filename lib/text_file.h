@@ -23,8 +23,9 @@ using opened_file_check_t = std::function<errdesc_t*(int fd)>;
                                         std::string* text, const opened_file_check_t& check = nullptr);
 
 // Puts a file with `text` in the place of `path`, which has the permissions `mode` and the access and modification
-// times of `original`. It is written under another name, so nobody sees half of it, and several may do so at once.
-// Errors: errno with the path, and nothing is left of the attempt.
+// times of `original`, and makes its directory. It is written under another name, so nobody sees half of it, and
+// several may do so at once. Errors: errno with the path or with "Cannot make directory %s", and nothing is left of the
+// attempt.
 [[nodiscard]] errdesc_t* replace_text_file(const std::string& path, const std::string& text, mode_t mode,
                                            const struct stat& original);
 

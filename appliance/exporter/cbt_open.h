@@ -22,7 +22,8 @@ namespace mirador {
 // Errors: EINVAL for a VM that is unknown or not tracked; those of the flat disk's open; of the block-list script, of
 // its results (cbt_script.h, cbt_results.h, cbt_check_extents); ERR_UNMATCHED for an unexpected change id; EFBIG when
 // more has changed than the file promises to hold, whose record then promises more to the next open; those of files,
-// loop devices and mapping; ERR_NOT_SUPPORTED while opens are not allowed; ERR_CANCELLED at the daemon's end.
+// loop devices and mapping; EAGAIN for a disk that has grown meanwhile; ERR_NOT_SUPPORTED while opens are not allowed;
+// ERR_CANCELLED at the daemon's end.
 [[nodiscard]] errdesc_t* vm_proxy_open_corcbt_file(vm_proxy_cookie_t& cookie, unique_fd* fd) REQUIRES(cookie.mutex);
 
 // Changed-block files need a second thread to serve their own reads. They are allowed at first.

@@ -54,7 +54,6 @@ errdesc_t* find_flat_disk(cbt_setup_t* setup) {
         RETURN_IF_ERROR(corcbt_to_export_file(setup->path, ending, &setup->export_flat));
         if (stat(setup->export_flat.c_str(), &st) == 0) {
             setup->flat_size = st.st_size;
-            setup->flat_ending = ending;
             return nullptr;
         }
     }
@@ -92,7 +91,8 @@ errdesc_t* read_header_anew(cbt_setup_t* setup) {
 // The disk may have grown before the snapshot froze it. The next open finds it as large as it is.
 errdesc_t* check_flat_size(const cbt_setup_t& setup) {
     std::unique_ptr<vm_proxy_header_t> flat;
-    const std::string flat_shadow = setup.shadow_path.substr(0, setup.shadow_path.rfind('-')) + setup.flat_ending;
+    const std::string flat_shadow = setup.shadow_path.substr(0, setup.shadow_path.rfind('-')) +
+                                    setup.export_flat.substr(setup.export_flat.rfind('-'));
     RETURN_IF_ERROR(vm_proxy_read_header_checked(flat_shadow, &flat));
     if (flat->statb.size != setup.flat_size)
         return errdesc_set_fmt(EAGAIN, "%s: its size has changed", setup.export_flat.c_str());

@@ -26,7 +26,6 @@ struct cbt_setup_t {
     std::string disk_name;       // the changed-block file's, by which the controller knows its record
 
     std::string export_flat;  // the disk's path below the export root
-    std::string flat_ending;  // of its name, where the changed-block file has "-corcbt.vmdk"
     std::int64_t flat_size = 0;
     std::string dm_name;
     std::unique_ptr<ks_vm_config_t> vm;

@@ -17,8 +17,9 @@ namespace mirador {
 inline constexpr const char* old_snapshot_alert = "old_snapshot";
 
 // Enters a record without users for each snapshot of this appliance that the hypervisors have; of VMs that the
-// controller knows only. A hypervisor that cannot be asked is skipped and logged; *saw_all tells that there was none.
-// Errors: ERR_NOT_AVAILABLE without identity; the controller's, when the hypervisors cannot be had.
+// controller knows only. A hypervisor that cannot be asked, and a VM of which the controller does not tell, is skipped
+// and logged; *saw_all tells that there was none. Errors: ERR_NOT_AVAILABLE without identity; the controller's, when
+// the hypervisors cannot be had.
 [[nodiscard]] errdesc_t* snapshot_state_find_leftover(snapshot_list_t* list, bool* saw_all);
 
 // Looks at all snapshots of this vendor: enters those of this appliance that the list lacks as above, raises an alert

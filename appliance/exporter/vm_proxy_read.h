@@ -16,8 +16,9 @@ namespace mirador {
 // whether the snapshot is still there (snapshot_frozen.h); any number of threads may read one handle. Where the handle
 // has a device reader and the settings allow it, a disk is read without what its guest does not use. Bytes of a disk
 // that were read and skipped are counted (stats_thr.h), by the device reader in whole sectors. Errors: ESTALE (116) for
-// a null handle and for a snapshot that is lost; the source's number with what the datastore side publishes for the
-// handle's extended-error path. A failure that the overlay covers from the read's first byte on is no error.
+// a null handle, for a snapshot that is lost and for a template's disk that is a VM's by now; EIO for a device that
+// gives less than it has; the source's number with what the datastore side publishes for the handle's extended-error
+// path. A failure that the overlay covers from the read's first byte on is no error.
 [[nodiscard]] errdesc_t* vm_proxy_read(char* buf, std::size_t size, off_t offset, const fuse_fh_t* fh,
                                        std::size_t* bytes_read);
 

@@ -8,7 +8,6 @@
 #include <sys/sysmacros.h>
 #include <sys/vfs.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>

@@ -13,7 +13,6 @@
 #include "lib/cor_assert.h"
 #include "lib/cor_string.h"
 #include "lib/file_io.h"
-#include "lib/file_tree.h"
 #include "lib/text_file.h"
 #include "vmware/lib/vmdk/datastore_containment.h"
 #include "vmware/lib/vmdk/vmdk_chain.h"
@@ -23,7 +22,6 @@
 namespace mirador {
 namespace {
 
-constexpr mode_t copy_dir_mode = 0755;
 constexpr mode_t copy_mode = 0644;
 
 errdesc_t* unreadable(const errdesc_t* e, const std::string& path) {
@@ -135,9 +133,6 @@ errdesc_t* vmdk_copy_descfiles(const std::string& path, const std::string& copy_
     struct stat original {};
     RETURN_IF_ERROR(read_text(path, &text, &original));
     replace_name(&text, old_extentname, new_extentname);
-    const std::string directory = vmdk_get_dir(copy_path);
-    if (mkdirp(directory, copy_dir_mode) != 0)
-        return errdesc_set_fmt(errno, "Cannot make directory %s", directory.c_str());
     RETURN_IF_ERROR(replace_text_file(copy_path, text, copy_mode, original));
     *size = static_cast<std::int64_t>(text.size());
     return nullptr;

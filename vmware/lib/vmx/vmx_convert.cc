@@ -5,10 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <filesystem>
 #include <map>
 
-#include "lib/file_tree.h"
 #include "vmware/lib/vmx/vmx.h"
 #include "vmware/lib/vmx/vmx_encoding.h"
 #include "vmware/lib/vmx/vmx_match.h"
@@ -17,7 +15,6 @@
 namespace mirador {
 namespace {
 
-constexpr mode_t copy_dir_mode = 0755;
 constexpr mode_t permissions = 0777;
 
 using places_t = std::vector<vmx_setting_t>;
@@ -103,9 +100,6 @@ errdesc_t* vmx_copy_convert(const std::string& path, const std::string& copy_pat
     RETURN_IF_ERROR(vmx_parse_text(path, text, &desc));
     std::string converted;
     RETURN_IF_ERROR(vmx_convert_text(desc, text, conversion, &converted));
-    const std::string directory = std::filesystem::path(copy_path).parent_path();
-    if (!directory.empty() && mkdirp(directory, copy_dir_mode) != 0)
-        return errdesc_set_fmt(errno, "Cannot make directory %s", directory.c_str());
     return replace_text_file(copy_path, converted, original.st_mode & permissions, original);
 }
 

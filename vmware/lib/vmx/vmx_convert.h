@@ -29,9 +29,8 @@ using vmx_conversion_t = std::vector<std::pair<std::string, std::string>>;
 
 // Copies the VMX file `path` to `copy_path`, making its directory, converted by vmx_convert_text.
 //
-// The copy is written under "<copy_path>.tmp" and renamed, so nobody sees half of it; it gets the original's
-// permissions and access and modification times. Errors: those of vmx_open, `check` and vmx_convert_text; errno with
-// the path or with "Cannot make directory %s".
+// Nobody sees half of the copy; it gets the original's permissions and access and modification times. Errors: those of
+// vmx_open, `check` and vmx_convert_text; errno with the path or with "Cannot make directory %s".
 [[nodiscard]] errdesc_t* vmx_copy_convert(const std::string& path, const std::string& copy_path,
                                           const vmx_conversion_t& conversion,
                                           const opened_file_check_t& check = nullptr);
