@@ -4,6 +4,7 @@ losetup and dmsetup act on the sandbox's own devices only, exportfs on nothing. 
 behind the program's name and returns the exit status.
 """
 
+import errno
 import getopt
 import json
 import os
@@ -42,7 +43,7 @@ def losetup(arguments):
     names = {option.lstrip("-") for option, _ in options}
     owner = loops.load_state()
     owner.note(kernel.mounts())
-    devices = [word for _, word in options] + words
+    devices = [word for _, word in options if word] + words
     for device in filter(_is_loop, devices):
         if _is_foreign(owner, device):
             return _refuse("losetup", device)
@@ -50,6 +51,8 @@ def losetup(arguments):
         return _losetup_detach_all(owner)
     if names & {"f", "find"}:
         return _losetup_find(arguments)
+    if names & {"d", "detach"} and all(map(_is_loop, devices)):
+        return _losetup_detach(owner, devices)
     if any(map(_is_loop, devices)) or names & {"d", "detach", "h", "help", "V", "version"}:
         return _run("losetup", arguments).returncode
     return _losetup_list(owner, arguments, bool(names & {"J", "json"}))
@@ -68,11 +71,20 @@ def _is_foreign(owner, device):
     return loops.backing_file(number) is not None and not owner.owns(number)
 
 
-def _losetup_detach_all(owner):
+def _losetup_detach(owner, devices):
+    """A free device is left alone: by the time that losetup came to it, another sandbox might have taken it."""
     status = 0
-    for number in filter(owner.owns, loops.nodes()):
-        status |= _run("losetup", ["-d", f"/dev/loop{number}"]).returncode
+    for device in devices:
+        if owner.owns(_number(device)):
+            status |= _run("losetup", ["-d", device]).returncode
+        else:
+            print(f"losetup: {device}: detach failed: {os.strerror(errno.ENXIO)}", file=sys.stderr)
+            status = 1
     return status
+
+
+def _losetup_detach_all(owner):
+    return _losetup_detach(owner, [f"/dev/loop{number}" for number in filter(owner.owns, loops.nodes())])
 
 
 def _losetup_find(arguments):

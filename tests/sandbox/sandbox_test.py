@@ -17,6 +17,7 @@ SANDBOX = str(HERE.parent.parent / "script" / "sandbox")
 PRIVATE = ["/export", "/export.shadow", "/vmfs", "/vmfs.direct", "/usr/local/corvantis", "/var/corvantis",
            "/inuse_bitmap"]
 BIND_TMP_FILE = "truncate -s 1M /tmp/disk; losetup -f --show -r /tmp/disk"
+FREE = "/dev/loop1000001"  # nobody has so many
 
 
 def sandbox(script, *options, env=None, **more):
@@ -137,6 +138,11 @@ class Covers(unittest.TestCase):
         self.assertEqual(done.returncode, 0, done.stderr)
         self.assertEqual(done.stdout.count("(/tmp/disk)"), 3, done.stdout)
         self.assertEqual(done.stdout.count('"/tmp/disk"'), 1, done.stdout)
+
+    def test_losetup_leaves_a_free_device_to_whoever_takes_it(self):
+        """It may be another sandbox's by the time that losetup comes to it."""
+        done = sandbox(f"mount --bind /bin/true /run/sandbox/real/losetup; mknod {FREE} b 7 1000001; losetup -d {FREE}")
+        self.assertEqual((done.returncode, done.stderr), (1, f"losetup: {FREE}: detach failed: No such device or address\n"))
 
     def test_device_of_an_unmounted_file_system_is_its_own(self):
         done = sandbox("mkdir /mnt/d; mount -t tmpfs x /mnt/d; truncate -s 1M /mnt/d/f; d=$(losetup -f --show /mnt/d/f);"

@@ -6,6 +6,7 @@ import pathlib
 from collections.abc import Iterable, Iterator
 
 from .disks import KIB, MIB
+from .tools import saved_error
 
 SIZES = (1, 511, 512, 513, 4096, 65537, 128 * KIB, MIB)
 
@@ -14,7 +15,11 @@ class Reader:
     """Reads at any offset, through the page cache or, with `direct`, as single requests to the daemon."""
 
     def __init__(self, path: os.PathLike, direct: bool = False):
-        self._fd = os.open(path, os.O_RDONLY | (os.O_DIRECT if direct else 0))
+        try:
+            self._fd = os.open(path, os.O_RDONLY | (os.O_DIRECT if direct else 0))
+        except OSError as error:
+            error.add_note(f"what the daemon tells: {saved_error(path)}")
+            raise
         self._buffer = mmap.mmap(-1, 2 * MIB) if direct else None
 
     def __enter__(self) -> "Reader":
