@@ -132,7 +132,7 @@ std::string path_of(const char* path, const fuse_file_info* fi) {
     return fh == nullptr ? "-" : fh->path;
 }
 
-// What the kernel asks before each read through its page cache.
+// What the kernel asks at the end of a file that is read through its page cache.
 int mirador_fgetattr(const char* path, struct stat* st, fuse_file_info* fi) {
     const fuse_fh_t& fh = *open_files_t::get(fi->fh);
     ts_dprintf(call_level, "mirador_fgetattr(path %s, st_data %p)\n", path_of(path, fi).c_str(), as_pointer(st));

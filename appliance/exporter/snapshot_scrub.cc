@@ -28,12 +28,13 @@ errdesc_t* check_identity() {
     return snapshot_name_make(names().vendor_id, names().master_uuid, std::nullopt, &unused);
 }
 
-// Whether the controller has the snapshot's VM. *saw_all becomes false where it does not tell.
+// Whether the controller has the snapshot's VM. *saw_all, if given, becomes false where it does not tell.
 bool controller_knows(const snapshotdesc_t& desc, bool* saw_all) {
     std::unique_ptr<ks_vm_config_t> vmc;
     if (errdesc_t* e = controller_get_vm(&vmc, desc.vmuuid)) {
         _errdesc_log(e, ERRDESC_WARNING);
-        *saw_all = false;
+        if (saw_all != nullptr)
+            *saw_all = false;
         return false;
     }
     return vmc != nullptr;
@@ -107,12 +108,11 @@ void report_old(const std::string& hv_name, const snapshotdesc_t& desc, std::tim
 }
 
 void scrub_one(snapshot_list_t* list, const ks_hypervisor_config_t& hvc, const snapshotdesc_t& desc, std::time_t now) {
-    bool is_told = true;
     const std::string hv_name = ks_text(hvc.hostname);
     if (!snapshot_name_is_vendors(desc.snapshotname, names().vendor_id))
         return;
     const bool ours = snapshot_name_is_ours(desc.snapshotname, names().vendor_id, names().master_uuid);
-    if (ours && !is_held(*list, hv_name, desc) && controller_knows(desc, &is_told))
+    if (ours && !is_held(*list, hv_name, desc) && controller_knows(desc, nullptr))
         snapshot_state_leftover_removal(list, hvc, desc);
     else if (desc.ctime < now - get_reg_settings()->snapshot_max_life)
         report_old(hv_name, desc, now);

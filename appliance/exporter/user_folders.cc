@@ -45,13 +45,11 @@ void add_folder(const std::string& root, const ks_vm_folder_t& folder) {
     make_folder(path);
 }
 
-// Makes the directory if it is missing: there may have been no room for it, or a hypervisor of its name took it along.
 void keep_folder(const std::string& root, const ks_vm_folder_t& folder) {
     std::string path;
     if (!folder_path(root, folder, &path))
         return;
     ts_dprintf(folder_level, "process_folders_iter: existing folder %s\n", path.c_str());
-    make_folder(path);
 }
 
 // Moves a folder that holds no VMs.
@@ -65,6 +63,18 @@ bool move_folder(const std::string& root, const ks_vm_folder_t& old_folder, cons
     _errdesc_log(errdesc_set_fmt(errno, "Failed to rename folder %s to %s", old_path.c_str(), path.c_str()),
                  ERRDESC_INFO);
     return false;
+}
+
+// Makes the directories that are missing: there may have been no room for one, a hypervisor of its name took it along,
+// or a move has failed or taken another's place.
+void make_missing(const std::string& root, const std::vector<ks_vm_folder_t>& folders) {
+    std::string path;
+    for (const ks_vm_folder_t& folder : folders) {
+        const errdesc_keeper_t keeper;
+        if (ks_vm_folder_check(folder) == nullptr &&
+            shadow_group_path(root, ks_text(folder.fldr_name), "Folder name", &path) == nullptr)
+            make_folder(path);
+    }
 }
 
 // Whether VMs are exported in the folder's directory, whatever the controller counts: a hypervisor may have its name.
@@ -116,10 +126,7 @@ void user_folders_t::process_user_defined_folders(const std::string& root,
     }
     for (const ks_vm_folder_t& folder : *cur_fldr_list_)
         process_folder(root, folder);
-    std::string path;
-    for (const ks_vm_folder_t& folder : *cur_fldr_list_)  // a move may have failed, or have taken another's place
-        if (folder_path(root, folder, &path))
-            make_folder(path);
+    make_missing(root, *cur_fldr_list_);
 }
 
 // Whether a folder of this cycle has the name: the directory is its own then, whoever had it before.

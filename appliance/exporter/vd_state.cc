@@ -85,8 +85,9 @@ errdesc_t* take_paths(const ks_vdisk_t& vdisk, const vd_update_t& update, vd_loo
     for (const std::string* path : {&look->current_vd_fpath, &look->current_extent_fpath, &look->root_extent_fpath})
         if (!is_on_datastore(*path))  // what a descriptor elsewhere names would not be checked
             return errdesc_set_fmt(EINVAL, "Disk refused, outside every datastore: %s", path->c_str());
-    if (look->current_vd_fpath.size() >= sizeof(vm_proxy_header_t::path))
-        return errdesc_set_str(ENAMETOOLONG, look->current_vd_fpath);
+    for (const std::string* path : {&look->current_vd_fpath, &look->root_vd_fpath})
+        if (path->size() >= sizeof(vm_proxy_header_t::path))
+            return errdesc_set_str(ENAMETOOLONG, *path);
     return nullptr;
 }
 
@@ -193,7 +194,10 @@ void replace(vd_list_t* vd_list, std::unique_ptr<vd_state_t> state) {
         find(vd_list, [&](const vd_state_t& other) { return other.vd_shadow_path == state->vd_shadow_path; });
     if (predecessor != nullptr && predecessor->extent_shadow_path != state->extent_shadow_path) {
         log_failure(vd_unlink(predecessor->extent_shadow_path));  // nobody else's: names are told apart
-        unlink_corcbt(*predecessor);
+        std::string before;
+        std::string now;
+        if (corcbt_path(*predecessor, &before) && !(corcbt_path(*state, &now) && now == before))
+            unlink_corcbt(*predecessor);
     }
     const char* change = predecessor == nullptr ? "added" : "updated";
     if (predecessor == nullptr || predecessor->current_vd_path != state->current_vd_path)
@@ -404,7 +408,8 @@ errdesc_t* vd_update(vd_list_t* vd_list, const ks_vdisk_t& vdisk, const vd_updat
     if (e == nullptr)
         e = update_corcbt(*state, update);
     const errdesc_keeper_t keeper;
-    *vd_state_out = state;
+    if (e == nullptr)
+        *vd_state_out = state;
     if (fresh != nullptr && (e == nullptr || is_new))
         replace(vd_list, std::move(fresh));
     return e;

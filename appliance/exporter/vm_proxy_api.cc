@@ -103,7 +103,8 @@ std::unique_ptr<fuse_fh_t> fuse_fh_new(unique_fd fd, const cookie_ptr& shared, c
     fh->attributes = vm_proxy_header_attr(cookie.header, cookie.path);
     fh->type = cookie.header.type;
     fh->vm_uuid = cookie.header.vm_uuid;
-    fh->is_template_disk = is_template_disk(cookie.header);
+    if (is_template_disk(cookie.header))
+        fh->template_shadow_path = cookie.shadow_path;
     fh->device_size = is_disk(cookie) ? lseek(fh->fd.get(), 0, SEEK_END) : -1;
     fh->cookie = shared;
     return fh;
@@ -119,6 +120,8 @@ bool is_same_file(const cor_statb_t& one, const cor_statb_t& other) {
 bool leads_elsewhere(vm_proxy_cookie_t& cookie) REQUIRES(cookie.mutex) {
     const errdesc_keeper_t keep;
     std::unique_ptr<vm_proxy_header_t> now;
+    if (cookie.is_vms)
+        return true;
     if (vm_proxy_read_header_checked(cookie.shadow_path, &now) != nullptr)
         return false;
     const vm_proxy_header_t then = cookie.header;

@@ -153,8 +153,6 @@ void vm_proxy_fgetattr(const fuse_fh_t& fh, const std::string& path, const std::
     if (look_up(path, shadow_path, true, stbuf, &header) != nullptr || header == nullptr || header->type != fh.type ||
         fh.vm_uuid != header->vm_uuid)
         *stbuf = fh.attributes;
-    else if (fh.is_template_disk && header->can_snapshot != 0)
-        fh.cookie->is_vms = true;
 }
 
 errdesc_t* vm_proxy_getxattr(const std::string& path, const std::string& shadow_path, const std::string& name,

@@ -31,8 +31,7 @@ namespace mirador {
 
 // The same for a file that is open. Once its path does not lead to it any more, as its VM has left the tree or another
 // one has taken its place, it keeps the attributes that it had when it was opened: its bytes are still served, and a
-// reader who got an error, or another's size, here would not get them all. Marks the cookie of a template's disk that
-// is a VM's by now.
+// reader who got an error, or another's size, here would not get them all.
 void vm_proxy_fgetattr(const fuse_fh_t& fh, const std::string& path, const std::string& shadow_path,
                        struct stat* stbuf);
 

@@ -36,6 +36,18 @@ bool ends_early(const fuse_fh_t& fh, std::size_t size, off_t offset, std::size_t
     return delivered < std::min(size, static_cast<std::size_t>(left));
 }
 
+// Whether a template's disk is a VM's by now, which may have written what was just read of it.
+bool is_vms_by_now(const fuse_fh_t& fh) {
+    if (fh.template_shadow_path.empty() || fh.cookie->is_vms)
+        return fh.cookie->is_vms;
+    const errdesc_keeper_t keeper;
+    std::unique_ptr<vm_proxy_header_t> now;
+    if (vm_proxy_read_header_checked(fh.template_shadow_path, &now) == nullptr && now->type == fh.type &&
+        fh.vm_uuid == now->vm_uuid && now->can_snapshot != 0)
+        fh.cookie->is_vms = true;
+    return fh.cookie->is_vms;
+}
+
 // The underlying bytes. Error: the source's number, with the text that is published for the source.
 errdesc_t* read_source(char* buf, std::size_t size, off_t offset, const fuse_fh_t& fh, read_counts_t* counts) {
     if (fh.optimize && size > 0 && get_reg_settings()->smartread_optimize)
@@ -86,9 +98,6 @@ errdesc_t* vm_proxy_read(char* buf, std::size_t size, off_t offset, const fuse_f
         return errdesc_set(ESTALE);
     cor_assert(fh->magic == fuse_fh_t::magic_value);
     cor_assert(fh->version == fuse_fh_t::version_value);
-    if (fh->cookie->is_vms)
-        return errdesc_set_fmt(ESTALE, "%s: opened as a template's disk, which is a virtual machine's by now",
-                               fh->path.c_str());
     if (fh->snapshot != nullptr)
         RETURN_IF_ERROR(fh->snapshot->check_not_lost());
     const bool digest = get_reg_settings()->debug_level > digest_debug_level;
@@ -97,6 +106,9 @@ errdesc_t* vm_proxy_read(char* buf, std::size_t size, off_t offset, const fuse_f
 
     read_counts_t counts;
     errdesc_t* e = read_source(buf, size, offset, *fh, &counts);
+    if (is_vms_by_now(*fh))
+        return errdesc_set_fmt(ESTALE, "%s: opened as a template's disk, which is a virtual machine's by now",
+                               fh->path.c_str());
     const std::size_t from_source = counts.delivered;
     apply_overlay(buf, size, offset, fh->buffered_data, &counts.delivered, &e);
     counts.read += counts.delivered - from_source;

@@ -118,10 +118,10 @@ struct fuse_fh_t {
     // changed-block file, the kernel's own requests are limited in number, and each would wait for another of them, the
     // one to the flat disk.
     bool direct_io = false;
-    struct stat attributes {};      // as they were when it was opened
-    std::uint32_t type = 0;         // vm_proxy_header_type_t
-    std::string vm_uuid;            // whose file it is
-    bool is_template_disk = false;  // which is read without a snapshot
+    struct stat attributes {};         // as they were when it was opened
+    std::uint32_t type = 0;            // vm_proxy_header_type_t
+    std::string vm_uuid;               // whose file it is
+    std::string template_shadow_path;  // given for a template's disk, which is read without a snapshot
     // Bytes of the device behind `fd`, before whose end no read comes out short; -1: a file, which may become shorter.
     std::int64_t device_size = -1;
     cookie_ptr cookie;

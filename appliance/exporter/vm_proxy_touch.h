@@ -32,8 +32,7 @@ struct vm_proxy_touch_t {
 // Writes the header of `shadow_path`, unless it stands there already. `touch` must pass vm_proxy_touch_check
 // (asserted). A flat disk whose extent file, not a delta, is larger than its descriptor says (logged, 27) reports the
 // real size and is not read through the optimised path. Errors: what is published for `stat_path`, else errno with it;
-// EINVAL when it is no regular file;
-// vm_proxy_write_header's.
+// EINVAL when it is no regular file; vm_proxy_write_header's.
 [[nodiscard]] errdesc_t* vm_proxy_touch(const std::string& shadow_path, const vm_proxy_touch_t& touch);
 
 }  // namespace mirador

@@ -54,7 +54,8 @@ errdesc_t* controller_get_master_uuid(std::string* uuid, std::size_t size) {
     cor_assert(uuid != nullptr);
     cor_assert(size > 0);
     uuid->clear();
-    return controller_raw_do_get(controller_get_url(), "node?get_master", [&](const std::string& body) {
+    return controller_raw_do_get(controller_get_url(), "node?get_master", [&](std::string body) {
+        body.erase(body.find_last_not_of(" \t\r\n") + 1);
         const bool is_quoted = body.size() >= 2 && body.front() == '"' && body.back() == '"';
         if (is_quoted)
             *uuid = body.substr(1, std::min(body.size() - 2, size - 1));

@@ -106,13 +106,14 @@ TEST_F(vm_proxy_table, TemplateThatBecomesAVmIsReadNoMoreAsOne) {
     };
     const std::string disk = expose_as(true);
     fh_ptr early = open(disk);
-    expose_as(false);
     EXPECT_EQ(read(early), 0);
-    struct stat st {};
-    vm_proxy_fgetattr(*early, disk, shadow_path(disk), &st);  // as the kernel asks before it reads
+    expose_as(false);
+    EXPECT_EQ(read(early), ESTALE);
+    expose_as(true);
     EXPECT_EQ(read(early), ESTALE);
     EXPECT_EQ(open(disk), nullptr);
     EXPECT_EQ(saved_number(disk), EBUSY);
+    expose_as(false);
     release(std::move(early));
     EXPECT_EQ(open(disk), nullptr) << "a snapshot is asked for, which nobody here makes";
     EXPECT_NE(saved_number(disk), EBUSY);

@@ -123,7 +123,8 @@ TEST_F(controller, TakesTheMasterOutOfItsQuotes) {
         EXPECT_EQ(number_of(controller_get_master_uuid(&uuid, 5)), 0);
         return uuid;
     };
-    EXPECT_EQ(master("\"abc\""), "abc");
+    for (const char* body : {"\"abc\"", "\"abc\"\n"})
+        EXPECT_EQ(master(body), "abc");
     EXPECT_EQ(master("\"abcdef\""), "abcd");
     for (const char* empty : {"", "\"", "\"\"", "null", "<html>none</html>"})
         EXPECT_EQ(master(empty), "");
