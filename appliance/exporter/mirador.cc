@@ -79,7 +79,7 @@ bool can_mount() {
     const char* mount_point = fs_options().proxy_mount_point;
     struct statx st {};
     const bool stat_failed = statx(AT_FDCWD, mount_point, AT_STATX_DONT_SYNC, STATX_TYPE, &st) != 0;
-    if (stat_failed && errno != ENOTCONN) {
+    if (stat_failed && errno != ENOTCONN && errno != ECONNABORTED) {
         std::fprintf(stderr, "mirador: %s: %s\n", mount_point, errnum_text(errno).c_str());
         return false;
     }

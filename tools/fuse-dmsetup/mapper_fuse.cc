@@ -215,7 +215,10 @@ void mapper_fuse_stop() {
 void mapper_fuse_detach_dead() {
     const std::string& directory = tool_paths().mapper_dir;
     struct statfs status = {};
-    while (statfs(directory.c_str(), &status) != 0 && errno == ENOTCONN)
+    const auto is_dead = [](int number) {  // the latter when it died while it was asked
+        return number == ENOTCONN || number == ECONNABORTED;
+    };
+    while (statfs(directory.c_str(), &status) != 0 && is_dead(errno))
         if (umount2(directory.c_str(), MNT_DETACH) != 0)
             return;
 }
