@@ -35,7 +35,7 @@ class Answers(CbtCase):
     @classmethod
     def prepare(cls):
         super().prepare()
-        cls.note(cls.vms["long"], "bare", corcbt_size_percentage=100)
+        cls.appliance.note(cls.vms["long"].uuid, "bare", corcbt_size_percentage=100)
 
     def fault(self, vm, **rule):
         self.faults.set(vm.name, {"method": SCRIPT, **rule})
@@ -70,7 +70,7 @@ class Answers(CbtCase):
         self.write(vm)
         self.incremental(vm, base)
         with self.subTest("no change id, where one is known that changes count from"):
-            self.note(vm, "disk", changeid_incr=self.known(vm, "disk")["changeid"])
+            self.appliance.note(vm.uuid, "disk", changeid_incr=self.known(vm, "disk")["changeid"])
             self.fault(vm, error=5)
             number, _ = self.open_changed_fails(vm)
             self.assertEqual(number, 5)

@@ -50,7 +50,7 @@ class Rounds(CbtCase):
             self.write(vm)
             for disk in DISKS:
                 ids = self.known(vm, disk)
-                self.note(vm, disk, changeid_incr=ids.get("changeid", ids["changeid_base"]))
+                self.appliance.note(vm.uuid, disk, changeid_incr=ids.get("changeid", ids["changeid_base"]))
             images = self.incremental(vm, images, name=f"step-{number}")
             for disk in DISKS:
                 wait_equal(lambda disk=disk: "changeid_incr" in self.known(vm, disk), False, "it is forgotten", BOUND)
@@ -92,7 +92,7 @@ class Promises(CbtCase):
         for disk in DISKS:
             number, text = self.open_changed_fails(vm, disk)
             self.assertEqual(number, 27, text)
-            self.assertGreater(self.record(vm, disk)["corcbt_size_percentage"], 1)
+            self.assertGreater(self.appliance.record(vm.uuid, disk)["corcbt_size_percentage"], 1)
         self.wait_quiet(vm)
         wait_until(lambda: self.changed(vm, "disk").stat().st_size > size, "it promises more", BOUND)
         self.incremental(vm, base)

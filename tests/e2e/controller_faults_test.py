@@ -17,14 +17,6 @@ HOST_A, HOST_B = "esx-a.example", "esx-b.example"
 
 AT_REST = 8  # connections that the daemon has at most while it waits, and two pipes for the agent of each hypervisor
 
-# What the inventory is answered with; each kind is a unit test's, too.
-GARBAGE = {
-    "not JSON": {"body": "<html>502 Bad Gateway</html>"},
-    "array of anything": {"body": '[null, 7, "x", [], {}, {"name": 7, "uuid": [], "hostname": {}}]'},
-    "cut reply": {"cut": 3},
-    "server error": {"status": 500},
-}
-
 
 class ControllerFaults(InventoryCase):
     options = ("-O", "size=512k,nr_inodes=1000,mode=0755")
@@ -60,16 +52,6 @@ class ControllerFaults(InventoryCase):
         self.appliance.command("refresh", *(vms or ["a-1"]))
 
     # Answers
-
-    def test_garbage_in_a_cycle(self):
-        for name, fault in GARBAGE.items():
-            for objects in (["folder", "vhost", "vdisk"], ["hvconfig"]):
-                with self.subTest(name, objects=objects):
-                    start = self.appliance.count()
-                    self.appliance.set_faults(*({"object": each, **fault} for each in objects))
-                    self.bump("b-0", "b-1")
-                    wait_until(lambda start=start: self.requests(start, "hvconfig"), "a cycle begins")
-                    self.assertTrue(self.daemon.is_running())
 
     def test_one_hypervisor_fails(self):
         """What another hypervisor has is none the worse for it."""

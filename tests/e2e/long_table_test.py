@@ -73,7 +73,7 @@ class LongTable(unittest.TestCase):
         self.assertEqual(wrong_reads(second.export_disk(self.disk), self.truth, [(0, MIB)]), [])
         self.assertEqual(len(census.mappings()), parts + 1)
         second.stop()
-        self.assertEqual(census.take().beyond(before), {})
+        self.assertEqual(census.left(before), {})
 
 
 if __name__ == "__main__":

@@ -23,7 +23,7 @@ class Strangers(SnapshotCase):
 
     @classmethod
     def vm_names(cls):
-        return ["left", "left-twice", "left-among-others", "unused", "mixed",
+        return ["left", "left-twice", "left-among-others", "mixed",
                 *(f"of-{slug(what)}" for what in snapshots.strangers(OWN_UUID))]
 
     @classmethod
@@ -79,15 +79,6 @@ class Strangers(SnapshotCase):
         wait_equal(lambda: snapshots.names(vm), ["on top"], "ours goes", BOUND)
         self.assertTrue(snapshots.contents(vm) == contents)
         self.assertTrue(snapshots.frozen(vm, "on top") == held)
-
-    def test_scrub_command_of_strangers(self):
-        """Whoever names one of the vendor's is obeyed; nobody else's is removed."""
-        vm = self.vms["of-a-user-s"]
-        self.assertRegex(self.scrub(vm, "before the update"), "^1[0-9]{3}:.*was not made by")
-        self.assertIn("before the update", snapshots.names(vm))
-        snapshots.make(self.vms["unused"], name := f"{snapshots.VENDOR}: of another", time.time())
-        self.assertEqual(self.scrub(self.vms["unused"], name), f"0:Snapshot '{name}' has been removed.")
-        self.assertEqual(snapshots.names(self.vms["unused"]), [])
 
 
 MAKING = ("snapshot.locked", "snapshot.orphans_removed", "snapshot.top_created", "snapshot.created", "snapshot.followed")

@@ -236,8 +236,8 @@ class CrashCase(CbtCase):
     def mark(self) -> None:
         """Lets there be something to be reset, and something to be removed, at the next start."""
         for disk in DISKS:
-            self.note(self.beside, disk, changeid_incr=LEFT_ID)
-        self.post("vmconfig", {"uuid": self.beside.uuid, "snap_suffix": SUFFIX})
+            self.appliance.note(self.beside.uuid, disk, changeid_incr=LEFT_ID)
+        self.appliance.post("vmconfig", {"uuid": self.beside.uuid, "snap_suffix": SUFFIX})
         CACHE.mkdir(parents=True, exist_ok=True)
         (CACHE / "left").touch()
         for suffix in WORK_FILES:

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -21,19 +20,11 @@ TEST(errdesc, TextFollowsFromTheNumber) {
         errnum_t number;
         const char* text;
     } const cases[] = {
-        {ERR_OBJ_NOT_FOUND, "not found"},
-        {ERR_REGISTRY_KEY_NOT_FOUND, "registry key not found"},
-        {ENOENT, "No such file or directory"},
-        {131, "State not recoverable"},
-        {0, "unknown error"},
-        {132, "unknown error"},
-        {ERR_BASE, "unknown error"},
-        {ERR_MAX, "unknown error"},
-        {-5, "unknown error"},
+        {0, "unknown error"},        {131, "State not recoverable"},          {132, "unknown error"},
+        {ERR_BASE, "unknown error"}, {ERR_MAX - 1, "registry key not found"}, {ERR_MAX, "unknown error"},
     };
     for (const auto& c : cases)
         EXPECT_STREQ(errdesc_set(c.number)->string, c.text) << c.number;
-    EXPECT_STREQ(errdesc_set_str(ERR_OBJ_NOT_FOUND, "vm1 100%s")->string, "vm1 100%s: not found");
 }
 
 TEST(errdesc, OneDescriptorPerThreadCountsItsErrors) {
@@ -54,14 +45,14 @@ TEST(errdesc, OneDescriptorPerThreadCountsItsErrors) {
 }
 
 TEST(errdesc, KeeperBringsBackTheErrorOnItsWayUp) {
-    const errdesc_t* e = errdesc_set_str(EIO, "disk");
+    const errdesc_t* e = errdesc_set_str(EIO, "100%s");
     const errdesc_t before = *e;
     {
         const errdesc_keeper_t keep;
         errdesc_set_str(ENOENT, "clean-up");
     }
     EXPECT_EQ(e->number, EIO);
-    EXPECT_STREQ(e->string, "disk: Input/output error");
+    EXPECT_STREQ(e->string, "100%s: Input/output error");
     EXPECT_EQ(e->linenumber, before.linenumber);
     EXPECT_EQ(e->sequence, before.sequence + 1);
 }

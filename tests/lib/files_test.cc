@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,15 +17,13 @@ namespace mirador {
 namespace {
 
 using testing::HasSubstr;
-using testing::MatchesRegex;
-using testing::StartsWith;
 
 TEST(file_io, FailedTransferNamesItselfAndLeavesDoneAlone) {
     char byte = 0;
     std::size_t done = 99;
     const errdesc_t* e = cor_pread(-1, &byte, 1, 512, &done);
     EXPECT_EQ(e->number, EBADF);
-    EXPECT_THAT(e->string, MatchesRegex("cor_pread\\(-1, 0x[0-9a-f]+, 1, 512\\) failed"));
+    EXPECT_THAT(e->string, testing::MatchesRegex("cor_pread\\(-1, 0x[0-9a-f]+, 1, 512\\) failed"));
     const unique_fd read_only(open("/dev/null", O_RDONLY));
     e = cor_pwrite(read_only.get(), &byte, 1, 0, &done);
     EXPECT_EQ(e->number, EBADF);
@@ -108,7 +105,7 @@ TEST(file_tree, RmdirrReportsAndLogsTheFirstFailure) {
     // Nobody, root included, unlinks from here.
     e = rmdirr("/proc/self/fdinfo");
     ASSERT_NE(e, nullptr);
-    EXPECT_THAT(e->string, StartsWith("rmdirr(/proc/self/fdinfo): unlink(/proc/self/fdinfo/0) failed: "));
+    EXPECT_THAT(e->string, testing::StartsWith("rmdirr(/proc/self/fdinfo): unlink(/proc/self/fdinfo/0) failed: "));
     EXPECT_TRUE(e->number == EPERM || e->number == EACCES);
 }
 

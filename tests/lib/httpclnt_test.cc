@@ -2,7 +2,6 @@
 #include "lib/httpclnt.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -22,7 +21,6 @@
 namespace mirador {
 namespace {
 
-using testing::HasSubstr;
 using testing::StartsWith;
 
 // libcurl's result codes.
@@ -196,7 +194,7 @@ TEST_P(httpclnt_test, HandleServesOnAfterAnInterruption) {
     flag = 1;
     EXPECT_EQ(httpclnt_interrupt(*hndl, nullptr), nullptr);
     EXPECT_EQ(number_of(httpclnt_get(*hndl, server.url() + "/c", &response)), 0);
-    EXPECT_THAT(response.body, HasSubstr("/c"));
+    EXPECT_THAT(response.body, testing::HasSubstr("/c"));
 }
 
 TEST_P(httpclnt_test, ThreadsShareAHandleOneAtATime) {

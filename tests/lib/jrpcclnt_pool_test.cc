@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "lib/jrpcclnt_pool.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 

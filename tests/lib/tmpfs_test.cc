@@ -2,20 +2,13 @@
 #include "lib/tmpfs.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cerrno>
 
 #include "lib/clock.h"
-#include "lib/file_tree.h"
 #include "lib/tool_paths.h"
-#include "tests/lib/error_number.h"
 #include "tests/lib/temp_dir.h"
 
 namespace mirador {
 namespace {
-
-using testing::StartsWith;
 
 // The programs are scripts that note their arguments; nothing is mounted.
 class tmpfs_test : public testing::Test {
@@ -44,14 +37,6 @@ TEST_F(tmpfs_test, CreateMountsOnANewDirectory) {
     EXPECT_EQ(std::filesystem::status(shadow).permissions(), std::filesystem::perms{0755});
     EXPECT_EQ(tmpfs_create(shadow, "size=1M"), nullptr);
     EXPECT_THAT(calls(), testing::EndsWith("mount -t tmpfs -o size=1M tmpfs " + shadow + "\n"));
-}
-
-TEST_F(tmpfs_test, FailedMountIsReportedAndTheDirectoryGoes) {
-    tool_paths().mount = tool("mount", "exit 32");
-    const errdesc_t* e = tmpfs_create(shadow);
-    ASSERT_EQ(number_of(e), 32);
-    EXPECT_THAT(e->string, StartsWith(tool_paths().mount + " -t tmpfs -o "));
-    EXPECT_FALSE(std::filesystem::exists(shadow));
 }
 
 }  // namespace

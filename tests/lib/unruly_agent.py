@@ -41,10 +41,6 @@ def serve(method, *args):
     elif method == "act_and_die":
         with open(args[0], "w"):
             os._exit(0)
-    elif method == "flood":  # on standard error, without a line end
-        sys.stderr.write("f" * int(args[0]))
-        sys.stderr.flush()
-        reply(None)
     elif method == "big":
         reply(["x" * 90] * (int(args[0]) // 94))
     elif method == "silence":

@@ -2,7 +2,6 @@
 #include "lib/walker.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <csignal>
 #include <filesystem>
@@ -13,8 +12,6 @@
 namespace mirador {
 namespace {
 
-using testing::IsEmpty;
-
 // Starts a walk of every base and waits for all.
 void walk(const std::vector<std::string>& bases, const walker_filter_t& filter, const walker_callback_t& callback) {
     std::vector<std::thread> threads;
@@ -23,7 +20,7 @@ void walk(const std::vector<std::string>& bases, const walker_filter_t& filter, 
         ASSERT_EQ(walker_start({base, filter, callback}, &threads.back()), nullptr);
     }
     walker_wait(&threads);
-    EXPECT_THAT(threads, IsEmpty());
+    EXPECT_THAT(threads, testing::IsEmpty());
 }
 
 // Whether the program's own signals stay away from the calling thread.

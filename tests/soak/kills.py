@@ -14,6 +14,7 @@ from harness import census
 from harness.compare import Reader
 from harness.tools import WORK, program, run, saved_error, wait_equal, wait_until
 
+from leaks import check_reports
 from model import Vm, Wrong, without_header
 from stage import BOUND, OWN, Stage
 from tally import Tally
@@ -34,7 +35,7 @@ _TOO_MUCH = 27  # more has changed than a changed-block file promises
 
 def kill_over_and_over(tally: Tally, reports: pathlib.Path, count: int) -> None:
     stage = Stage(tally, _FACTOR, _SETTINGS, reports, _VMS)
-    killer = Killer(stage, reports)
+    killer = Killer(stage)
     try:
         stage.start()
         stage.rest()
@@ -44,7 +45,7 @@ def kill_over_and_over(tally: Tally, reports: pathlib.Path, count: int) -> None:
             print(f"kill {number + 1} of {count} {tally.line()}; last: {killer.last}", flush=True)
         stage.rest()
         stage.stop()
-        killer.check_reports()
+        check_reports(reports)
     except Exception as fault:  # pylint: disable=broad-exception-caught
         tally.fail(f"after the kill {killer.last}", fault)
         print(stage.daemon.last_lines(), flush=True)
@@ -123,8 +124,8 @@ class Load:
 class Killer:
     """last: what the last kill was like."""
 
-    def __init__(self, stage: Stage, reports: pathlib.Path):
-        self._stage, self._tally, self._reports = stage, stage.tally, reports
+    def __init__(self, stage: Stage):
+        self._stage, self._tally = stage, stage.tally
         self._draw = random.Random(f"{stage.tally.seed} kills")
         self._full: dict[tuple[str, str], pathlib.Path] = {}
         self._cached: set[pathlib.Path] = set()
@@ -190,12 +191,13 @@ class Killer:
         _CACHE.mkdir(parents=True, exist_ok=True)
         (_CACHE / f"left-{number}.tmp").touch()
         vm = self._draw.choice(self._stage.tracked)
-        self._stage.post("vmconfig", {"uuid": vm.uuid, "snap_suffix": "left"})
+        self._stage.appliance.post("vmconfig", {"uuid": vm.uuid, "snap_suffix": "left"})
         for disk in vm.disks:
-            self._stage.note(vm, disk, changeid_incr=self._stage.record(vm, disk)["changeid"])
+            known = self._stage.appliance.record(vm.uuid, disk)
+            self._stage.appliance.note(vm.uuid, disk, changeid_incr=known["changeid"])
 
     def _check_machine(self) -> None:
-        found = census.take().beyond(self._stage.before)
+        found = census.left(self._stage.before)
         kinds = {kind: found.get(kind, []) for kind in ("loops", "mappings", "mounts", "temporary")}
         if kinds != {"loops": [], "mappings": [], "mounts": _MOUNTS, "temporary": []}:
             raise Wrong(f"the machine is not as it should be: {kinds}")
@@ -205,7 +207,7 @@ class Killer:
         def left():
             vms = [found["name"] for found in self._stage.appliance.get("vhost") if found.get("snap_suffix")]
             ids = [(vm.name, disk) for vm in self._stage.tracked for disk in vm.disks
-                   if self._stage.record(vm, disk).get("changeid_incr", "") not in ("", "uninitialized")]
+                   if self._stage.appliance.record(vm.uuid, disk).get("changeid_incr", "") not in ("", "uninitialized")]
             return vms, ids
         wait_equal(left, ([], []), "no suffix and no change id of a dead one's", BOUND)
 
@@ -217,12 +219,6 @@ class Killer:
     @staticmethod
     def _cache() -> set[pathlib.Path]:
         return {path for path in _CACHE.rglob("*") if path.is_file()}
-
-    def check_reports(self) -> None:
-        """Of sanitizers. Wrong."""
-        reports = [path.read_text(errors="replace") for path in self._reports.iterdir()]
-        if reports:
-            raise Wrong("\n".join(reports))
 
     # Backups
 

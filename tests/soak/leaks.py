@@ -31,6 +31,13 @@ class Sample:
                 f"{len(self.files)} other descriptors")
 
 
+def check_reports(reports: pathlib.Path, *said: str) -> None:
+    """Neither a log, of which lines are given, nor a sanitizer tells of a fault. Wrong."""
+    told = [*said, *(path.read_text(errors="replace") for path in reports.iterdir())]
+    if told:
+        raise Wrong("\n".join(["the daemon says:", *told]))
+
+
 class Leaks:
     """margin: bytes that memory may grow by from the end of the warm-up on."""
 
@@ -78,6 +85,4 @@ class Leaks:
         """Nobody reports anything. Wrong."""
         with self._lock:
             said = self._said + [line for line in self._daemon.log().splitlines() if _FAULTS.search(line)]
-        reports = [path.read_text(errors="replace") for path in self._reports.iterdir()]
-        if said or reports:
-            raise Wrong("\n".join(["the daemon says:", *said, *reports]))
+        check_reports(self._reports, *said)

@@ -1,11 +1,9 @@
 """Everything that the soak runs on: datastores with VMs, the embedded appliance, the daemon, and what is known of them."""
 
-import json
 import os
 import pathlib
 import random
 import threading
-import urllib.request
 from typing import Any
 
 from harness import census, snapshots
@@ -82,25 +80,9 @@ class Stage:
         for vm in self.tracked:
             self.appliance.command("cbt", vm.name, "on")
             for disk in vm.disks:
-                self.note(vm, disk, corcbt_size_percentage=100)
+                self.appliance.note(vm.uuid, disk, corcbt_size_percentage=100)
         self.daemon.start()
         self.wait_tree()
-
-    def note(self, vm: Vm, disk: str, **members: Any) -> None:
-        """Changes a record of the controller's as somebody else than the daemon."""
-        self.post("vdisk", {"vhost_uuid": vm.uuid, "name": disk.replace(".vmdk", "-corcbt.vmdk"), **members})
-
-    def post(self, name: str, value: dict[str, Any]) -> None:
-        """Posts to the controller as the daemon does."""
-        request = urllib.request.Request(self.appliance.url_of(name), json.dumps(value).encode())
-        with urllib.request.urlopen(request, timeout=60) as answer:
-            answer.read()
-
-    def record(self, vm: Vm, disk: str) -> dict[str, Any]:
-        """What the controller's record of a changed-block file says."""
-        name = disk.replace(".vmdk", "-corcbt.vmdk")
-        found = self.appliance.get(f"vdisk?vhost_uuid={vm.uuid}&name={name}")
-        return found[0] if found else {}
 
     # What must be there
 

@@ -9,7 +9,7 @@ import select
 import subprocess
 import unittest
 
-from fixture import PROGRAM, Appliance, TemporaryCase, wait_until
+from fixture import PROGRAM, TemporaryCase, wait_until
 from live_rig import PERIOD, LiveRig
 
 MIB = 1 << 20

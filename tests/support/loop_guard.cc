@@ -6,7 +6,9 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include "lib/cor_string.h"
 #include "lib/file_io.h"
@@ -57,6 +59,16 @@ std::vector<std::string> loop_guard_t::bound_below(const std::string& directory)
         const std::string loopdev = cor_format("/dev/loop%d", number);
         if (backing_file(loopdev).starts_with(directory + "/"))
             bound.push_back(loopdev);
+    }
+    return bound;
+}
+
+std::vector<std::string> loop_guard_t::left_below(const std::string& directory) {
+    constexpr int looks = 100;
+    std::vector<std::string> bound = bound_below(directory);
+    for (int look = 1; look < looks && !bound.empty(); ++look) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        bound = bound_below(directory);
     }
     return bound;
 }

@@ -25,6 +25,9 @@ class loop_guard_t {
     // The loop devices bound to a file in `directory`.
     static std::vector<std::string> bound_below(const std::string& directory);
 
+    // Those that are left there: one that another process of the machine looks at just then goes with that look.
+    static std::vector<std::string> left_below(const std::string& directory);
+
   private:
     int first_new_;
 };

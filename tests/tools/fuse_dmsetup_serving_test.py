@@ -201,7 +201,7 @@ class Serving(unittest.TestCase):
         number = os.stat(loop).st_rdev
         line = f"linear {os.major(number)}:{os.minor(number)}"
         table = pathlib.Path("/tmp/table")
-        table.write_text(f"0 8 linear {loop} 16\n8 8 zero\n16 8 {line} 0\n")
+        table.write_text(f"# a comment\n\n0 8 linear {loop} 16\n 8\t8 zero\n16 8 {line} 0")
         dmsetup("create", "one", str(table))
         dmsetup("create", "two", table="0 8 zero\n")
         self.assertEqual(dmsetup("table", "one"), f"0 8 {line} 16\n8 8 zero \n16 8 {line} 0\n")

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -14,7 +13,6 @@ namespace mirador {
 namespace {
 
 using namespace std::string_literals;
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -114,7 +112,7 @@ TEST(inspect, TextIsTheDumpOfTheFormat) {
         EXPECT_EQ(result.status, 0) << result.err;
         EXPECT_EQ(result.err, "");
         EXPECT_THAT(result.out, StartsWith(c.begin));
-        EXPECT_THAT(result.out, EndsWith(c.end));
+        EXPECT_THAT(result.out, testing::EndsWith(c.end));
     }
 }
 

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <filesystem>
 
@@ -12,9 +11,7 @@ namespace mirador {
 namespace {
 
 using namespace std::string_literals;
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 std::string vmx_text(const std::string& name, const std::string& more) {
     return ".encoding = \"windows-1252\"\nuuid.bios = \"56 4d 7a 1b 2c 3d 4e 5f-60 71 82 93 a4 b5 c6 d7\"\n"
@@ -116,11 +113,11 @@ TEST_F(discover_test, EveryVmOnceAndWhatIsBrokenStandsInItsEntry) {
     testing::internal::CaptureStdout();
     const inspected_t result =
         inspect({"discover", "--json", dir_ / "ds1", dir_ / "ds1/b", dir_ / "absent", dir_ / "label"});
-    EXPECT_THAT(testing::internal::GetCapturedStdout(), IsEmpty());  // what is logged is no output
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::IsEmpty());  // what is logged is no output
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err, "mirador-inspect: " + (dir_ / "absent") + ": No such file or directory\n");
     const json_ptr json = parsed(result);
-    EXPECT_THAT(names(json), ElementsAre("b", "", "d", "e", "f", "t", "a"));
+    EXPECT_THAT(names(json), testing::ElementsAre("b", "", "d", "e", "f", "t", "a"));
     EXPECT_THAT(at(json, "/1/err/string"), HasSubstr("no setting in it: " + (dir_ / "ds1/c/c.vmx")));
     EXPECT_EQ(at(json, "/1/size"), "3");
     EXPECT_EQ(at(json, "/1/is_template"), "false");

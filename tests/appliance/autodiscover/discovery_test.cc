@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/wait.h>
-
-#include <cerrno>
 
 #include "appliance/autodiscover/process_check.h"
 #include "appliance/autodiscover/vhost.h"

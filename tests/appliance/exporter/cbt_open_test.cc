@@ -123,7 +123,7 @@ class cbt_open_test : public shadow_fixture_t {
         return names;
     }
     void expect_nothing_left() const {
-        EXPECT_THAT(loop_guard_t::bound_below(root_), IsEmpty());
+        EXPECT_THAT(loop_guard_t::left_below(root_), IsEmpty());
         EXPECT_THAT(names_in(root_ + "/tmp"), IsEmpty());
         EXPECT_THAT(names_in(root_ + "/mapper"), IsEmpty());
     }

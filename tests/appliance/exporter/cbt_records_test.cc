@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The controller's records of changed-block files, and what is decided by them.
 #include <gmock/gmock.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>

@@ -20,7 +20,6 @@ namespace mirador {
 namespace {
 
 using testing::HasSubstr;
-using testing::Not;
 
 class cbt_script_test : public testing::Test {
   protected:
@@ -119,7 +118,7 @@ TEST_F(cbt_script_test, OnlyTheScriptSaysThatThereIsNoChangeIdOrThatTrackingMust
         say("exit " + std::to_string(code));
         EXPECT_EQ(run(), code);
         EXPECT_THAT(error_text_, HasSubstr("--password ****** "));
-        EXPECT_THAT(error_text_, Not(HasSubstr("pass word")));
+        EXPECT_THAT(error_text_, testing::Not(HasSubstr("pass word")));
     }
     say("kill -9 $$");
     EXPECT_EQ(run(), EINVAL);

@@ -79,8 +79,8 @@ void inventory_lab_t::make_files(const lab_vm_t& vm) const {
         vmx += cor_format("scsi0:%zu.present = \"TRUE\"\nscsi0:%zu.fileName = \"%s/%s/%s\"\n", i, i, datastore_.c_str(),
                           disk.dir.c_str(), (disk.head.empty() ? disk.name : disk.head).c_str());
     }
-    std::filesystem::create_directories(std::filesystem::path(datastore_ + "/" + vm.vmx_path).parent_path());
-    write_file(datastore_ + "/" + vm.vmx_path, vmx);
+    std::filesystem::create_directories(datastore_ + "/vm");
+    write_file(datastore_ + "/vm/vm.vmx", vmx);
 }
 
 std::string inventory_lab_t::vm_json(const lab_vm_t& vm) const {
@@ -91,7 +91,7 @@ std::string inventory_lab_t::vm_json(const lab_vm_t& vm) const {
     set(json, "uuid", vm.uuid);
     if (!vm.folder.empty())
         set(json, "folder", vm.folder);
-    set(json, "vmx_path", vm.vmx_path);
+    set(json, "vmx_path", std::string("vm/vm.vmx"));
     set(json, "datastore_name", std::string("ds1"));
     set(json, "host_system", std::string("host"));
     set(json, "resource_pool", std::string("pool"));

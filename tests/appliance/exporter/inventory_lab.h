@@ -31,7 +31,6 @@ struct lab_vm_t {
     std::string uuid = "564d0001";
     std::string folder;
     std::string host = "esx1";
-    std::string vmx_path = "vm/vm.vmx";
     bool use_cbt = false;
     bool cbt_reset_pending = false;
     int cbt_reset_time = 0;

@@ -14,7 +14,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::EndsWith;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 class snapshot_make : public snapshot_lab_t {
@@ -57,14 +56,14 @@ class snapshot_make : public snapshot_lab_t {
 
 TEST_F(snapshot_make, StepsComeInOrderAndTheVmIsLockedAfterwards) {
     vm_.quiesce = true;
-    vm_.suffix = "nightly";
+    vm_.suffix = "nightly-of-the-month";
     show(0);
     testing::internal::CaptureStdout();
     ASSERT_EQ(make(), 0);
-    EXPECT_THAT(logged(), ElementsAre("Creating snapshot V+x: m-1 nightly on vm esx1",
-                                      EndsWith("/vm.vmsd does not list the snapshot 'V+x: m-1 nightly'")));
+    EXPECT_THAT(logged(), ElementsAre("Creating snapshot V+x: m-1 nightly-of-the-month on vm esx1",
+                                      EndsWith("/vm.vmsd does not list the snapshot 'V+x: m-1 nightly-of-the-month'")));
     const auto step = [](const std::string& method, const char* last) {
-        return R"([")" + method + R"(", "vm", "564d0001", "V+x: m-1 nightly", ")" + last + R"("])";
+        return R"([")" + method + R"(", "vm", "564d0001", "V+x: m-1 nightly-of-the-month", ")" + last + R"("])";
     };
     EXPECT_THAT(asked(), ElementsAre(step("remove_snapshot", "1"), step("create_top_snapshot", "1"),
                                      step("create_snapshot", "1")));
@@ -204,8 +203,10 @@ TEST_F(snapshot_make, RefusesWhatItCannotName) {
     EXPECT_EQ(text_,
               "Cannot find VM config for vm_uuid 564d0001 (hv_name esx1, path /esx1/vm/disk-flat.vmdk), the "
               "uuid may be invalid.");
-    get_reg_settings()->publish_names({.appliance_uuid = "node", .master_uuid = "", .vendor_id = "V+x"});
-    EXPECT_EQ(make(), ERR_NOT_AVAILABLE);
+    for (const auto& [master, vendor] : {std::pair{"", "V+x"}, {"m-1", ""}}) {
+        get_reg_settings()->publish_names({.appliance_uuid = "node", .master_uuid = master, .vendor_id = vendor});
+        EXPECT_EQ(make(), ERR_NOT_AVAILABLE);
+    }
     EXPECT_THAT(asked(), IsEmpty());
     EXPECT_FALSE(is_locked());
 }
@@ -308,7 +309,7 @@ TEST_F(snapshot_make, RemovalThatFailsIsTriedAgainAndRemembered) {
         ASSERT_EQ(list_count(list_), 1);
         const errdesc_t* saved = error_hash_get("/esx1/vm");
         ASSERT_EQ(number_of(saved), c.error);
-        EXPECT_THAT(saved->string, HasSubstr("no such luck"));
+        EXPECT_THAT(saved->string, testing::HasSubstr("no such luck"));
         error_hash_save("/esx1/vm", nullptr);
 
         agent_.answer_data("remove_snapshot", "1");

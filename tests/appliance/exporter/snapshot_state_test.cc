@@ -12,32 +12,6 @@
 namespace mirador {
 namespace {
 
-TEST(snapshot_state, NamesAreMadeOfVendorAndUuidAndSuffix) {
-    struct {
-        const char* vendor;
-        const char* uuid;
-        ks_string_t suffix;
-        errnum_t number;
-        const char* expected;  // the name, or the error's text
-    } const cases[] = {
-        {"V", "m", std::nullopt, 0, "V: m"},
-        {"V", "m", "", 0, "V: m"},
-        {"V", "m", "12345678901234567890", 0, "V: m 12345678901234567890"},
-        {"V", "m", "123456789012345678901", EINVAL,
-         "Length of snapshot suffix (123456789012345678901) is larger than 20 characters."},
-        {"", "m", std::nullopt, ERR_NOT_AVAILABLE, nullptr},
-        {"V", "", std::nullopt, ERR_NOT_AVAILABLE, nullptr},
-    };
-    for (const auto& c : cases) {
-        std::string name;
-        const errdesc_t* e = snapshot_name_make(c.vendor, c.uuid, c.suffix, &name);
-        EXPECT_EQ(number_of(e), c.number);
-        if (c.expected != nullptr) {
-            EXPECT_EQ(e == nullptr ? name : e->string, c.expected);
-        }
-    }
-}
-
 TEST(snapshot_state, OnlyExactNamesAreOurs) {
     struct {
         const char* name;

@@ -21,8 +21,6 @@ namespace mirador {
 namespace {
 
 using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
 
 // One posted array as text: "/a vmdk_bytes_read=8192 ...; /b ...". All values must be strings.
 std::string as_text(const std::string& body) {
@@ -247,7 +245,7 @@ TEST_F(stats_thr, StopPostsWhatIsLeftOnce) {
     EXPECT_THAT(last, HasSubstr("/a vmdk_bytes_read=11 vmdk_bytes_skipped=0 delta_bytes_read=10 "));
     const std::string log = testing::internal::GetCapturedStdout();
     EXPECT_THAT(log, testing::ContainsRegex("stats_thr_start\n(.*\n)*.*stats_thr: stopping\n.*stats_thr_stop\n$"));
-    EXPECT_THAT(log, Not(HasSubstr("updating vmstats")));
+    EXPECT_THAT(log, testing::Not(HasSubstr("updating vmstats")));
 
     const std::size_t count = fake_.received().size();
     stats_thr_update_stats("/a", 1, 0, false);  // starts nothing
@@ -264,7 +262,7 @@ TEST_F(stats_thr, StopDoesNotWaitForItsThreadToComeUp) {
         stats_thr_start();
         stats_thr_stop();
     }
-    EXPECT_THAT(fake_.received(), IsEmpty());
+    EXPECT_THAT(fake_.received(), testing::IsEmpty());
 }
 
 }  // namespace

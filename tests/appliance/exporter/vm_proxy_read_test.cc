@@ -19,7 +19,6 @@ namespace mirador {
 namespace {
 
 using testing::HasSubstr;
-using testing::Not;
 
 class vm_proxy_read_test : public shadow_fixture_t {
   protected:
@@ -173,7 +172,7 @@ TEST_F(smart_read_test, HandleKeepsItsReaderWhenItsCookieIsGone) {
     testing::internal::CaptureStdout();
     vm_proxy_release_all();
     EXPECT_EQ(read(*fh, 4096, 8192), model_.read(8192, 4096));
-    EXPECT_THAT(testing::internal::GetCapturedStdout(), Not(HasSubstr("PDEV_STATS")));
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::Not(HasSubstr("PDEV_STATS")));
     testing::internal::CaptureStdout();
     EXPECT_EQ(vm_proxy_release(path_, std::move(fh)), nullptr);
     EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("PDEV_STATS for /device: 1 invocations"));

@@ -54,21 +54,6 @@ class vm_proxy_table : public shadow_fixture_t {
     static errnum_t saved_number(const std::string& path) { return number_of(error_hash_get(path)); }
 };
 
-TEST_F(vm_proxy_table, OpensOfOnePathShareOneSetUpAndItsCookieOutlivesThem) {
-    const std::string disk = expose_disk("a-flat.vmdk");
-    fh_ptr first = open(disk);
-    fh_ptr second = open(disk + "-cbt-losetup");  // the loop-file name of the same disk
-    ASSERT_NE(second, nullptr);
-    EXPECT_EQ(first->cookie, second->cookie);
-    EXPECT_EQ(refs(*first), 2);
-    release(std::move(first));
-    EXPECT_EQ(refs(*second), 1);
-    release(std::move(second));
-    release(open(disk));
-    EXPECT_EQ(fake_vdsk().set_ups.size(), 1U);
-    EXPECT_EQ(cached(), std::vector<std::string>{disk});
-}
-
 TEST_F(vm_proxy_table, PathThatLeadsElsewhereIsOpenedAnew) {
     const std::string vmx = expose("a.vmx", VM_PROXY_HEADER_VMX, make_file("one.vmx", "one"));
     fh_ptr old = open(vmx);

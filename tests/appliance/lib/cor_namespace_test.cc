@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "appliance/lib/cor_namespace.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
@@ -19,8 +17,6 @@ namespace mirador {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::EndsWith;
-using testing::StartsWith;
 
 constexpr std::uint64_t ours = 7;
 constexpr std::uint64_t theirs = 8;
@@ -89,8 +85,8 @@ TEST_F(cor_namespace_test, PathsOutsideAreRefusedAndNothingHappens) {
         std::time_t mtime = 0;
         const errdesc_t* e = cns_check_path(n, path);
         ASSERT_NE(e, nullptr) << path;
-        EXPECT_THAT(std::string(e->string), StartsWith("Namespace path refused, "));
-        EXPECT_THAT(std::string(e->string), EndsWith(std::string(": ") + path));
+        EXPECT_THAT(std::string(e->string), testing::StartsWith("Namespace path refused, "));
+        EXPECT_THAT(std::string(e->string), testing::EndsWith(std::string(": ") + path));
         EXPECT_EQ(number_of(cns_create_node(n, path, {})), EINVAL) << path;
         EXPECT_EQ(number_of(cns_mkdirp(n, std::string(path) + "/", 0, 0755, ours, 1)), EINVAL) << path;
         EXPECT_EQ(number_of(cns_get_attrs(n, path, nullptr, nullptr, 0)), EINVAL) << path;

@@ -2,9 +2,6 @@
 #include "appliance/lib/cor_vdsk_header.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cerrno>
 
 #include "appliance/lib/vdsk_header_build.h"
 #include "tests/support/record_bytes.h"

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -56,7 +55,6 @@ extern "C" int posix_fadvise(int, off_t offset, off_t size, int advice) noexcept
 namespace mirador {
 namespace {
 
-using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
 
@@ -275,7 +273,7 @@ TEST_F(cordev_io, LastOwnerWaitsUntilTheStorageLayerDropsTheDevice) {
         if (c.line == nullptr) {
             EXPECT_THAT(log, testing::Not(HasSubstr("WARNING")));
         } else {
-            EXPECT_THAT(log, AllOf(HasSubstr("WARNING"), HasSubstr(bitmap_), EndsWith(c.line)));
+            EXPECT_THAT(log, testing::AllOf(HasSubstr("WARNING"), HasSubstr(bitmap_), EndsWith(c.line)));
         }
     }
 }

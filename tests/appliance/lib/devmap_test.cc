@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "appliance/lib/devmap.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,30 +9,13 @@
 #include <thread>
 #include <vector>
 
-#include "lib/clock.h"
-#include "lib/tool_paths.h"
 #include "tests/lib/in_child.h"
 #include "tests/lib/temp_dir.h"
 
 namespace mirador {
 namespace {
 
-class devmap : public testing::Test {
-  protected:
-    void SetUp() override {
-        tool_paths().dmsetup =
-            write_script(dir_ / "dmsetup", "echo \"$@\" >> '" + log_ + "'\n[ \"$2\" != bad ] || exit 3\n");
-    }
-    void TearDown() override { tool_paths() = tool_paths_t(); }
-
-    static constexpr unsigned clock_factor = 50;
-
-    fast_clock_t clock_{clock_factor};
-    temp_dir_t dir_;
-    const std::string log_ = dir_ / "calls";
-};
-
-TEST_F(devmap, NamesAreValidAndNeverRepeat) {
+TEST(devmap, NamesAreValidAndNeverRepeat) {
     constexpr std::size_t threads = 4;
     constexpr std::size_t names = 200;
     std::vector<std::string> got(threads * names);
@@ -53,7 +35,8 @@ TEST_F(devmap, NamesAreValidAndNeverRepeat) {
     }
 
     // A child that counts from the same number on, and that could have the parent's process id.
-    const std::string file = dir_ / "name";
+    const temp_dir_t dir;
+    const std::string file = dir / "name";
     in_child([&] {
         std::string name;
         dm_mk_unique_name("vdsk", &name);

@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -90,7 +89,6 @@ TEST_F(loopdev, RacersGetADeviceEach) {
     constexpr std::size_t racers = 8;
     constexpr std::size_t rounds = 4;
     std::vector<std::string> devices(racers * rounds);
-    std::vector<std::string*> slots;
     {
         std::vector<std::jthread> threads;
         for (std::size_t i = 0; i < racers; ++i)

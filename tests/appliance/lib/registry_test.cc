@@ -2,10 +2,8 @@
 #include "appliance/lib/registry.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <atomic>
-#include <cerrno>
 #include <limits>
 #include <map>
 #include <thread>
@@ -21,7 +19,6 @@
 namespace mirador {
 namespace {
 
-using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -117,7 +114,7 @@ TEST_F(registry_update, AsksInOrderAndStoresAndLogsChanges) {
     EXPECT_EQ(asked_, keys);
     EXPECT_EQ(settings_.names().appliance_uuid, std::string(63, 'a'));
     EXPECT_EQ(settings_.names().vendor_id, "A vendor o");
-    EXPECT_THAT(log_, AllOf(Not(HasSubstr("uuid from")), Not(HasSubstr("vendor"))));
+    EXPECT_THAT(log_, testing::AllOf(Not(HasSubstr("uuid from")), Not(HasSubstr("vendor"))));
     EXPECT_EQ(get_debug_level(), 1);
     for (const auto& [key, usual, other, shown] : all_settings) {
         if (shown == nullptr)

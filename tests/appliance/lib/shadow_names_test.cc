@@ -3,15 +3,11 @@
 #include "tests/lib/error_number.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cerrno>
 
 namespace mirador {
 namespace {
-
-using testing::EndsWith;
-using testing::StartsWith;
 
 const std::string zero_byte("a\0b", 3);
 
@@ -54,8 +50,8 @@ TEST(shadow_names, NamesThatReachOutsideAreRefused) {
         const errdesc_t* e = shadow_check_name(c.name, "Folder name");
         EXPECT_EQ(number_of(e), c.number) << c.name;
         if (e != nullptr && c.name != zero_byte) {
-            EXPECT_THAT(std::string(e->string), StartsWith("Folder name refused, "));
-            EXPECT_THAT(std::string(e->string), EndsWith(": " + c.name));
+            EXPECT_THAT(std::string(e->string), testing::StartsWith("Folder name refused, "));
+            EXPECT_THAT(std::string(e->string), testing::EndsWith(": " + c.name));
         }
     }
 }

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -17,10 +16,6 @@
 
 namespace mirador {
 namespace {
-
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::StartsWith;
 
 // A shadow file of a flat disk, field by field where each stands on disk.
 record_bytes_t golden_bytes() {
@@ -165,9 +160,9 @@ TEST(vm_proxy_header, GarbageIsTurnedDownWithFileAndFault) {
         std::unique_ptr<vm_proxy_header_t> out;
         const errdesc_t* e = vm_proxy_read_header_checked(path, &out);
         ASSERT_EQ(number_of(e), EINVAL) << c.fault;
-        EXPECT_THAT(std::string(e->string), StartsWith("Proxy header refused, "));
-        EXPECT_THAT(std::string(e->string), EndsWith(": " + path));
-        EXPECT_THAT(std::string(e->string), HasSubstr(c.fault));
+        EXPECT_THAT(std::string(e->string), testing::StartsWith("Proxy header refused, "));
+        EXPECT_THAT(std::string(e->string), testing::EndsWith(": " + path));
+        EXPECT_THAT(std::string(e->string), testing::HasSubstr(c.fault));
         EXPECT_EQ(out, nullptr);
     }
     for (const vm_proxy_header_type_t type : {VM_PROXY_HEADER_VMDK_FLAT, VM_PROXY_HEADER_CFG})

@@ -2,7 +2,6 @@
 #include "appliance/mounter/vdsk_partitions.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -22,15 +21,14 @@
 namespace mirador {
 namespace {
 
-using testing::AllOf;
 using testing::ElementsAre;
 using testing::Field;
 using testing::IsEmpty;
 
 template <typename size_matcher_t>
 auto partition(int number, std::uint64_t start, size_matcher_t size, const std::string& type) {
-    return AllOf(Field(&vdsk_partition_t::number, number), Field(&vdsk_partition_t::start, start),
-                 Field(&vdsk_partition_t::size, size), Field(&vdsk_partition_t::type, type));
+    return testing::AllOf(Field(&vdsk_partition_t::number, number), Field(&vdsk_partition_t::start, start),
+                          Field(&vdsk_partition_t::size, size), Field(&vdsk_partition_t::type, type));
 }
 
 class vdsk_partitions : public testing::Test {

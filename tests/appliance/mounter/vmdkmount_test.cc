@@ -3,7 +3,6 @@
 #include "appliance/mounter/vmdkmount.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -23,7 +22,6 @@
 namespace mirador {
 namespace {
 
-using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -258,7 +256,7 @@ TEST_F(emission, FlatFilesAreComparedWithTheirSize) {
 TEST_F(emission, TablesAndGrainsBeyondTheFileAreTurnedDown) {
     const auto refused = [&](const sparse_image_t& image, const std::string& fault) {
         sparse_disk("disk", image);
-        EXPECT_THAT(failure_of("disk", EINVAL), AllOf(HasSubstr("disk: "), HasSubstr(fault)));
+        EXPECT_THAT(failure_of("disk", EINVAL), testing::AllOf(HasSubstr("disk: "), HasSubstr(fault)));
     };
     const sparse_image_t sound(capacity, grain, entries);
     sparse_image_t image = sound;

@@ -2,7 +2,6 @@
 #include "controller/lib/json_parse.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <functional>
 #include <limits>
@@ -13,7 +12,6 @@
 namespace mirador {
 namespace {
 
-using testing::HasSubstr;
 using testing::StartsWith;
 
 ks_vm_config_t vm_of(const std::string& text) {
@@ -118,7 +116,7 @@ TEST(json_parse, OneNullHarmsNoOtherRecord) {
     testing::internal::CaptureStdout();
     ASSERT_EQ(json_parse_folders(R"([null,{"name":"a","uuid":"1","numVms":2},null,{},17,{"name":"b"}])", &folders),
               nullptr);
-    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("left out 2 null of 6 elements"));
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::HasSubstr("left out 2 null of 6 elements"));
     ASSERT_EQ(list_count(folders), 2);
     const auto first = list_pop(folders);
     EXPECT_EQ(first->fldr_name, "a");

@@ -2,7 +2,6 @@
 #include "controller/lib/managed_alert.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <vector>
@@ -18,7 +17,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::UnorderedElementsAre;
 
 constexpr const char* node = "node-1";
 
@@ -101,7 +99,7 @@ TEST_F(alerts, GoWithTheirVm) {
     EXPECT_EQ(raise("e", "m", vm_of("1")), 0);  // another VM's now
     sent();
     EXPECT_EQ(number_of(managed_alert_clear_vm("1", node)), 0);
-    EXPECT_THAT(sent(), UnorderedElementsAre("clear kind a", "clear kind b", "clear kind e"));
+    EXPECT_THAT(sent(), testing::UnorderedElementsAre("clear kind a", "clear kind b", "clear kind e"));
     EXPECT_EQ(number_of(managed_alert_clear_vm("1", node)), 0);
     EXPECT_THAT(sent(), IsEmpty());
     EXPECT_EQ(raise("a", "m", vm_of("1")), 0);

@@ -21,6 +21,11 @@ _run_numbers = itertools.count(1)
 Rule = dict[str, Any]
 
 
+def _companion(disk: str) -> str:
+    """The changed-block file of a disk, which is named with or without its ending."""
+    return f"{disk.removesuffix('.vmdk')}-corcbt.vmdk"
+
+
 def free_port() -> int:
     with socket.create_server(("127.0.0.1", 0)) as probe:
         return probe.getsockname()[1]
@@ -102,6 +107,21 @@ class Appliance:
         """Asks the controller as the daemon does."""
         with urllib.request.urlopen(self.url_of(object_and_query), timeout=10) as answer:
             return json.load(answer)
+
+    def post(self, name: str, value: dict[str, Any]) -> None:
+        """Posts to the controller as the daemon does."""
+        request = urllib.request.Request(self.url_of(name), json.dumps(value).encode())
+        with urllib.request.urlopen(request, timeout=60) as answer:
+            answer.read()
+
+    def record(self, uuid: str, disk: str) -> dict[str, Any]:
+        """What the record of the changed-block file of a VM's disk says."""
+        found = self.get(f"vdisk?vhost_uuid={uuid}&name={_companion(disk)}")
+        return found[0] if found else {}
+
+    def note(self, uuid: str, disk: str, **members: Any) -> None:
+        """Changes that record as somebody else than the daemon."""
+        self.post("vdisk", {"vhost_uuid": uuid, "name": _companion(disk), **members})
 
     def url_of(self, object_and_query: str) -> str:
         return f"http://127.0.0.1:{self._port}/api/{object_and_query}"

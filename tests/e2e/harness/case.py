@@ -33,7 +33,7 @@ class DaemonCase(unittest.TestCase):
             raise AssertionError(f"the daemon is gone\n{cls.daemon.last_lines()}")
         wait_until(lambda: cls.daemon.descriptors() == cls._idle, "the daemon's files are closed")
         cls.daemon.stop()
-        left = census.take().beyond(cls._before)
+        left = census.left(cls._before)
         if left:
             raise AssertionError(f"the daemon left behind: {left}\n{cls.daemon.last_lines()}")
 
@@ -52,5 +52,5 @@ class DaemonCase(unittest.TestCase):
         """What is done inside leaves no loop device, mapping, temporary file or open descriptor of the daemon."""
         before, descriptors = census.take(), self.daemon.descriptors()
         yield
-        self.assertEqual(census.take().beyond(before), {})
+        self.assertEqual(census.left(before), {})
         self.assertEqual(self.daemon.descriptors(), descriptors)

@@ -1,8 +1,6 @@
 """The test case whose VMs' changes are tracked: full copies, changed-block files, and what comes of the two."""
 
-import json
 import pathlib
-import urllib.request
 from collections.abc import Callable
 from typing import Any
 
@@ -46,29 +44,14 @@ class CbtCase(SnapshotCase):
         for vm in cls.vms.values():
             cls.appliance.command("cbt", vm.name, "on")
             for disk in DISKS:
-                cls.note(vm, disk, corcbt_size_percentage=cls.percent)
+                cls.appliance.note(vm.uuid, disk, corcbt_size_percentage=cls.percent)
         super().prepare()
 
     # The controller's records
 
-    @classmethod
-    def post(cls, name: str, value: dict[str, Any]) -> None:
-        url = cls.appliance.url_of(name)
-        with urllib.request.urlopen(urllib.request.Request(url, json.dumps(value).encode()), timeout=10) as answer:
-            answer.read()
-
-    @classmethod
-    def note(cls, vm: Machine, disk: str, **members: Any) -> None:
-        """Changes a record as somebody else than the daemon."""
-        cls.post("vdisk", {"vhost_uuid": vm.uuid, "name": f"{disk}-corcbt.vmdk", **members})
-
-    def record(self, vm: Machine, disk: str) -> dict[str, Any]:
-        found = self.appliance.get(f"vdisk?vhost_uuid={vm.uuid}&name={disk}-corcbt.vmdk")
-        return found[0] if found else {}
-
     def known(self, vm: Machine, disk: str) -> dict[str, str]:
         """The change ids of a record that say something."""
-        record = self.record(vm, disk)
+        record = self.appliance.record(vm.uuid, disk)
         return {key: record[key] for key in ("changeid", "changeid_base", "changeid_incr")
                 if record.get(key, VOID) not in (VOID, "")}
 

@@ -3,6 +3,7 @@
 import dataclasses
 import errno
 import os
+import time
 
 from .tools import run
 
@@ -23,6 +24,15 @@ class Census:
         kinds = (field.name for field in dataclasses.fields(self))
         more = {kind: sorted(getattr(self, kind) - getattr(other, kind)) for kind in kinds}
         return {kind: names for kind, names in more.items() if names}
+
+
+def left(before: Census) -> dict[str, list[str]]:
+    """What stands now and did not before. A loop device that another process of the machine looks at just then goes with
+    that look."""
+    deadline = time.monotonic() + 3
+    while list(found := take().beyond(before)) == ["loops"] and time.monotonic() < deadline:
+        time.sleep(0.05)
+    return found
 
 
 def take() -> Census:

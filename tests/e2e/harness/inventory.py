@@ -75,7 +75,7 @@ class InventoryCase(DaemonCase):
         finally:
             if cls.appliance.is_running():
                 cls.appliance.stop()
-        left = census.take().beyond(cls._before)
+        left = census.left(cls._before)
         if left:
             raise AssertionError(f"left behind: {left}\n{cls.daemon.last_lines()}")
 

@@ -4,7 +4,6 @@
 #include "vmware/lib/vmdk/chain_check.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

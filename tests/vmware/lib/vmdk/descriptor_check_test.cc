@@ -2,7 +2,6 @@
 #include "vmware/lib/vmdk/descriptor_check.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cerrno>

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <memory>
 #include <string>

@@ -2,7 +2,6 @@
 #include "vmware/lib/vmdk/vmdk_chain.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -20,7 +19,6 @@ namespace mirador {
 namespace {
 
 using testing::HasSubstr;
-using testing::StartsWith;
 
 class vmdk_chain : public testing::Test {
   protected:
@@ -78,7 +76,7 @@ TEST_F(vmdk_chain, MayHave127Parents) {
     write("disk0");
     for (int i = 1; i <= 128; ++i)
         write(cor_format("disk%d", i), cor_format("disk%d.vmdk", i - 1));
-    EXPECT_THAT(chain_of(dir_ / "disk127.vmdk"), StartsWith("disk127.vmdk disk126.vmdk "));
+    EXPECT_THAT(chain_of(dir_ / "disk127.vmdk"), testing::StartsWith("disk127.vmdk disk126.vmdk "));
     EXPECT_EQ(chain_of(dir_ / "disk128.vmdk"),
               "Length of VMDK ancestors chain for " + (dir_ / "disk0.vmdk") + " has reached the limit (128)");
 }

@@ -2,9 +2,6 @@
 #include "vmware/lib/vmsd/vmsd.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cerrno>
 
 #include "tests/lib/temp_dir.h"
 #include "tests/support/record_bytes.h"

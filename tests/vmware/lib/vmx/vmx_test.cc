@@ -2,7 +2,6 @@
 #include "vmware/lib/vmx/vmx.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -16,7 +15,6 @@ namespace {
 using namespace std::string_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::StartsWith;
 
 vmxdesc_t parsed(const std::string& text, const std::string& path = "/vmfs/volumes/ds/vm/vm.vmx") {
@@ -197,7 +195,7 @@ TEST(vmx, WhatIsNoConfigurationIsRefused) {
         vmxdesc_t desc = parsed("displayName = \"before\"");
         const errdesc_t* e = vmx_open(file, &desc);
         EXPECT_EQ(desc.magic == vmxdesc_t::magic_value, e == nullptr);
-        EXPECT_THAT(desc.displayname, IsEmpty());  // nothing of the description before
+        EXPECT_THAT(desc.displayname, testing::IsEmpty());  // nothing of the description before
         return e == nullptr ? "read" : std::string(e->string);
     };
     for (const std::string& text : {""s, "\n\r\n# nothing\n"s, "\0\0\0\0"s,

@@ -2,9 +2,6 @@
 #include "vmware/lib/webservices/ws_session.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cerrno>
 
 #include "lib/jrpcclnt_pool.h"
 #include "tests/support/scripted_agent.h"
@@ -13,7 +10,6 @@ namespace mirador {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 constexpr const char* start = R"(["start", "--hypervisor", "esx-1", "--portnumber", "443"])";
 constexpr const char* vendor = R"(["set_vendor_id", "Corvantis"])";
@@ -141,7 +137,7 @@ TEST_F(ws_session, RefusesWhatCannotBeConnectedTo) {
         c.spoil(&hvc);
         EXPECT_EQ(called(hvc), c.outcome);
     }
-    EXPECT_THAT(agent_.seen(), IsEmpty());
+    EXPECT_THAT(agent_.seen(), testing::IsEmpty());
     ks_hypervisor_config_t highest = hypervisor();
     highest.hv_port = 65535;
     EXPECT_EQ(called(highest), "ok null");

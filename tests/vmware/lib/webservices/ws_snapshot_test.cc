@@ -2,7 +2,6 @@
 #include "vmware/lib/webservices/ws_snapshot.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "lib/cor_string.h"
 #include "tests/support/scripted_agent.h"
@@ -11,8 +10,6 @@ namespace mirador {
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 const ks_hypervisor_config_t hvc = {
     .hostname = "esx", .login_name = "root", .password = secret_t("secret"), .hv_port = 443};
@@ -86,10 +83,10 @@ TEST_F(ws_snapshot, ListsWhatIsWhole) {
                            {"name":"good","vmname":"v","vmuuid":"u","createTime":1,"quiesced":0}])",
                        &log),
                 ElementsAre("good|v|u|1|0"));
-    EXPECT_THAT(log, HasSubstr("left out 12 of 13 snapshots that the agent lists"));
+    EXPECT_THAT(log, testing::HasSubstr("left out 12 of 13 snapshots that the agent lists"));
 
     for (const char* data : {"[]", "{}", "null", "17", "\"[]\""})
-        EXPECT_THAT(listed(data, &log), IsEmpty()) << data;
+        EXPECT_THAT(listed(data, &log), testing::IsEmpty()) << data;
     EXPECT_EQ(log, "");
 }
 
