@@ -11,11 +11,13 @@ import os
 import re
 import subprocess
 import sys
+import time
 
 from . import kernel, loops
 from .root import REAL_PROGRAMS
 
 _RACES = 32  # other processes of the machine take loop devices at the same time
+_NOTING_SECONDS = 2.0
 
 
 def _run(name, arguments, **options):
@@ -41,8 +43,7 @@ def losetup(arguments):
     except getopt.GetoptError:
         return _run("losetup", arguments).returncode
     names = {option.lstrip("-") for option, _ in options}
-    owner = loops.load_state()
-    owner.note(kernel.mounts())
+    owner = _owner()
     devices = [word for _, word in options if word] + words
     for device in filter(_is_loop, devices):
         if _is_foreign(owner, device):
@@ -56,6 +57,16 @@ def losetup(arguments):
     if any(map(_is_loop, devices)) or names & {"d", "detach", "h", "help", "V", "version"}:
         return _run("losetup", arguments).returncode
     return _losetup_list(owner, arguments, bool(names & {"J", "json"}))
+
+
+def _owner():
+    """The guardian notes a moment later what is unmounted, and which loop devices stay behind."""
+    deadline = time.monotonic() + _NOTING_SECONDS
+    while True:
+        owner = loops.load_state()
+        if not owner.note(kernel.mounts()) or time.monotonic() > deadline:
+            return owner
+        time.sleep(0.01)
 
 
 def _is_loop(word):
