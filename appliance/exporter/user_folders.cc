@@ -22,34 +22,30 @@ namespace {
 constexpr mode_t folder_mode = 0777;
 constexpr int folder_level = 2;  // debug level
 
-// The folder's directory. False, logged, for a name that can be none.
+// The folder's directory. Errors: of a name that can be none.
+errdesc_t* find_folder(const std::string& root, const ks_vm_folder_t& folder, std::string* path) {
+    RETURN_IF_ERROR(ks_vm_folder_check(folder));
+    return shadow_group_path(root, ks_text(folder.fldr_name), "Folder name", path);
+}
+
+// The same; false, logged, for an error.
 bool folder_path(const std::string& root, const ks_vm_folder_t& folder, std::string* path) {
-    errdesc_t* e = ks_vm_folder_check(folder);
-    if (e == nullptr)
-        e = shadow_group_path(root, ks_text(folder.fldr_name), "Folder name", path);
+    errdesc_t* e = find_folder(root, folder, path);
     if (e != nullptr)
         _errdesc_log(e, ERRDESC_INFO);
     return e == nullptr;
 }
 
-void make_folder(const std::string& path) {
-    if (mkdirp(path, folder_mode) != 0)
-        _errdesc_log(errdesc_set_str(errno, path), ERRDESC_INFO);
+void log_added(const std::string& root, const ks_vm_folder_t& folder) {
+    std::string path;
+    if (folder_path(root, folder, &path))
+        ts_printf("process_folders_iter: add folder %s\n", path.c_str());
 }
 
-void add_folder(const std::string& root, const ks_vm_folder_t& folder) {
+void log_kept(const std::string& root, const ks_vm_folder_t& folder) {
     std::string path;
-    if (!folder_path(root, folder, &path))
-        return;
-    ts_printf("process_folders_iter: add folder %s\n", path.c_str());
-    make_folder(path);
-}
-
-void keep_folder(const std::string& root, const ks_vm_folder_t& folder) {
-    std::string path;
-    if (!folder_path(root, folder, &path))
-        return;
-    ts_dprintf(folder_level, "process_folders_iter: existing folder %s\n", path.c_str());
+    if (folder_path(root, folder, &path))
+        ts_dprintf(folder_level, "process_folders_iter: existing folder %s\n", path.c_str());
 }
 
 // Moves a folder that holds no VMs.
@@ -65,15 +61,14 @@ bool move_folder(const std::string& root, const ks_vm_folder_t& old_folder, cons
     return false;
 }
 
-// Makes the directories that are missing: there may have been no room for one, a hypervisor of its name took it along,
-// or a move has failed or taken another's place.
+// Makes the directories that are missing, new ones and others: there may have been no room for one, a hypervisor of its
+// name took it along, or a move has failed or taken another's place.
 void make_missing(const std::string& root, const std::vector<ks_vm_folder_t>& folders) {
     std::string path;
     for (const ks_vm_folder_t& folder : folders) {
-        const errdesc_keeper_t keeper;
-        if (ks_vm_folder_check(folder) == nullptr &&
-            shadow_group_path(root, ks_text(folder.fldr_name), "Folder name", &path) == nullptr)
-            make_folder(path);
+        const errdesc_keeper_t keeper;  // of what was logged already
+        if (find_folder(root, folder, &path) == nullptr && mkdirp(path, folder_mode) != 0)
+            _errdesc_log(errdesc_set_str(errno, path), ERRDESC_INFO);
     }
 }
 
@@ -97,7 +92,7 @@ void user_folders_t::rename_folder(const std::string& root, const ks_vm_folder_t
                    "process_folders_iter: folder (uuid = %s) renamed from %s to %s with %d VMs in it, do nothing on "
                    "the old folder until hv_thr processed it\n",
                    uuid.c_str(), old_name.c_str(), name.c_str(), static_cast<int>(old_folder->numVMs));
-        add_folder(root, folder);
+        log_added(root, folder);
     } else if (move_folder(root, *old_folder, folder)) {
         fldr_list_.erase(old_folder);
     }
@@ -108,9 +103,9 @@ void user_folders_t::process_folder(const std::string& root, const ks_vm_folder_
         return ks_text(other.fldr_uuid) == ks_text(folder.fldr_uuid);
     });
     if (old_folder == fldr_list_.end()) {
-        add_folder(root, folder);
+        log_added(root, folder);
     } else if (ks_text(old_folder->fldr_name) == ks_text(folder.fldr_name)) {
-        keep_folder(root, folder);
+        log_kept(root, folder);
         fldr_list_.erase(old_folder);
     } else {
         rename_folder(root, folder, old_folder);
